@@ -1,0 +1,39 @@
+// The exceptions a render reports.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "tessera_export.h"
+
+namespace TESSERA {
+
+// A task failed to render. Carries the task's name (its name-at-time
+// label), the message and an integer code.
+class TESSERA_API RenderTaskRenderingException : public std::runtime_error {
+public:
+    RenderTaskRenderingException(const std::string& taskName, const std::string& message,
+                                 int code);
+    const std::string& getTaskName() const { return m_taskName; }
+    const std::string& getMessage() const { return m_message; }
+    int getCode() const { return m_code; }
+
+private:
+    std::string m_taskName;
+    std::string m_message;
+    int m_code;
+};
+
+// An IMGLIB operator returned an error status; the message is IMGLIB's.
+class TESSERA_API ImageLibRenderingException : public RenderTaskRenderingException {
+public:
+    using RenderTaskRenderingException::RenderTaskRenderingException;
+};
+
+// The render was cancelled.
+class TESSERA_API RenderCancelledException : public std::runtime_error {
+public:
+    explicit RenderCancelledException(const std::string& message) : std::runtime_error(message) {}
+};
+
+}  // namespace TESSERA

@@ -1,0 +1,75 @@
+// RenderManager: the process-wide render settings and reports.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "tessera_export.h"
+#include "util/taskprofiler.h"
+#include "xml/element.h"
+
+namespace TESSERA {
+
+// A class of static functions: tile size, render threads, image memory and
+// disk budgets, speculative caching, statistics, debug logging and
+// per-thread cancellation.
+class TESSERA_API RenderManager {
+public:
+    // Asked by long operations whether the render they serve should stop.
+    class TESSERA_API CancelChecker {
+    public:
+        virtual ~CancelChecker();
+        // True means "abort".
+        virtual bool shouldAbort();
+    };
+
+    // Both sizes must be at least 1 ("xTileSize >0 && yTileSize > 0").
+    static void setGlobalTileSize(int64_t xTileSize, int64_t yTileSize);
+    static int64_t getGlobalTileWidth();   // default 256
+    static int64_t getGlobalTileHeight();  // default 256
+
+    // Debug lines go to debugStream(): the render log (standard error unless
+    // setRenderLogFile named a file) while debugging is on, else nowhere.
+    static void setRenderDebug(bool debug);
+    static bool getRenderDebug();
+    static void setRenderLogFile(const std::string& path);
+    static std::ostream& debugStream();
+    // Writes one whole line to debugStream() under a lock, so lines written
+    // by render threads do not interleave.
+    static void debugLine(const std::string& line);
+
+    // n is raised to at least 1. getRenderThreads() is 0 until set.
+    static void setRenderThreads(uint64_t n);
+    static uint64_t getRenderThreads();
+
+    static void setSpeculativeCachingEnable(bool enable);  // on by default
+    static bool getSpeculativeCachingEnable();
+    static void clearSpeculativeCache();
+    // "ramCache" with one "cacheRecord" per cached tile image.
+    static Orrery3::XmlIO::v1::ElementPtr GetSpeculativeCacheContents();
+
+    // "statistics" with the blocks "Render Manager", "Image Memory
+    // Management" and "Speculative Cache".
+    static Orrery3::XmlIO::v1::ElementPtr getStatistics();
+    static void resetStatistics();
+    static void printImageMemoryUsage();
+
+    // The calling thread's CancelChecker's answer; false when it has none.
+    static bool CheckAbort();
+    // Registers checker for the calling thread (null removes it).
+    static void SetCancelChecker(CancelChecker* checker);
+
+    // Forgets the tasks filed by cache ID for sharing equal sub-graphs.
+    static void ClearRenderTaskCache();
+
+    // Budgets in megabytes (2^20 bytes).
+    static void SetMaxImageMemory(uint64_t megabytes);
+    static void SetMaxDiskUsage(uint64_t megabytes);
+    static uint64_t GetMaxImageMemory();
+    static int64_t GetMaxDiskUsage();
+
+    static UTIL::TaskProfiler s_renderSystemProfiler;
+};
+
+}  // namespace TESSERA

@@ -1,0 +1,15 @@
+// Tessera: a tile-based image-graph engine. This header includes every
+// public header, and the IMGLIB operators task writers render with.
+#pragma once
+
+#include "cacheidstream.h"
+#include "exceptions.h"
+#include "expressionimage.h"
+#include "imagebuffer.h"
+#include "imglib/channels.h"
+#include "imglib/error.h"
+#include "imglib/pixels.h"
+#include "rendermanager.h"
+#include "rendertask.h"
+#include "tessera_export.h"
+#include "tileid.h"

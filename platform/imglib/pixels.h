@@ -1,0 +1,36 @@
+// IMGLIB basic pixel access and whole-image operators.
+#pragma once
+
+#include <cstdint>
+
+#include "imglib/image.h"
+#include "tessera_export.h"
+
+namespace IMGLIB {
+
+// Reads pixel (x, y) into rgba[0..3]: R, G, B and A where the image holds
+// them; entries for channels it lacks are left as they were.
+TESSERA_API int GetPixel(const Image* image, int64_t x, int64_t y, float rgba[4]);
+// Writes the R, G, B and A channels the image holds from rgba[0..3].
+TESSERA_API int SetPixel(const Image* image, int64_t x, int64_t y, const float rgba[4]);
+// Address of pixel (x, y), which must lie inside the bounds.
+inline float* GetPixelAddress(const Image* image, int64_t x, int64_t y, int64_t pixelBytes) {
+    return reinterpret_cast<float*>(reinterpret_cast<unsigned char*>(image->row(y)) +
+                                    (x - image->x1) * pixelBytes);
+}
+
+// Every pixel: R, G, B, A from rgba, every other channel 0.
+TESSERA_API int Fill(const Image* image, const float rgba[4]);
+// Every channel of every pixel 0.
+TESSERA_API int Clear(const Image* image);
+// Copies src into dst where their bounds overlap. A channel of dst that src
+// lacks becomes 0 there; pixels of dst outside src are left as they were.
+TESSERA_API int CopyInto(const Image* dst, const Image* src);
+// As CopyInto, and every pixel of dst outside src becomes 0.
+TESSERA_API int Copy(const Image* dst, const Image* src);
+// A record for the part [x1, x2) x [y1, y2) of src sharing its pixels; the
+// part must lie inside src.
+TESSERA_API int GetSubImage(const Image* src, int64_t x1, int64_t y1, int64_t x2, int64_t y2,
+                            Image* out);
+
+}  // namespace IMGLIB

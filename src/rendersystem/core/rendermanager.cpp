@@ -1,0 +1,161 @@
+#include "rendermanager.h"
+
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "private/statistics.h"
+#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/images/imageallocator.h"
+#include "rendersystem/images/speculativecache.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/core/rendermanager")
+
+namespace TESSERA {
+namespace {
+
+using Private::ImageAllocator;
+
+std::atomic<int64_t> s_tileWidth{256};
+std::atomic<int64_t> s_tileHeight{256};
+std::atomic<bool> s_renderDebug{false};
+std::atomic<uint64_t> s_renderThreads{0};
+
+// The render log: standard error or a file. Guarded by s_logMutex.
+std::mutex s_logMutex;
+std::unique_ptr<std::ofstream> s_logFile;
+std::ostream* s_log = &std::cerr;
+
+std::ostream& nullStream() {
+    static std::ostream discard(nullptr);
+    return discard;
+}
+
+// Guarded by s_cancelMutex.
+std::mutex s_cancelMutex;
+std::map<std::thread::id, RenderManager::CancelChecker*> s_cancelCheckers;
+
+constexpr int64_t kMegabyte = int64_t(1) << 20;
+
+}  // namespace
+
+UTIL::TaskProfiler RenderManager::s_renderSystemProfiler;
+
+RenderManager::CancelChecker::~CancelChecker() = default;
+bool RenderManager::CancelChecker::shouldAbort() { return false; }
+
+void RenderManager::setGlobalTileSize(int64_t xTileSize, int64_t yTileSize) {
+    UTIL_ASSERT(xTileSize >0 && yTileSize > 0);
+    s_tileWidth.store(xTileSize);
+    s_tileHeight.store(yTileSize);
+}
+
+int64_t RenderManager::getGlobalTileWidth() { return s_tileWidth.load(); }
+int64_t RenderManager::getGlobalTileHeight() { return s_tileHeight.load(); }
+
+void RenderManager::setRenderDebug(bool debug) { s_renderDebug.store(debug); }
+bool RenderManager::getRenderDebug() { return s_renderDebug.load(); }
+
+void RenderManager::setRenderLogFile(const std::string& path) {
+    auto file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc);
+    if (!*file) throw UTIL::ErrorException("setRenderLogFile: cannot open '" + path + "'");
+    std::lock_guard<std::mutex> lock(s_logMutex);
+    s_logFile = std::move(file);
+    s_log = s_logFile.get();
+}
+
+std::ostream& RenderManager::debugStream() {
+    if (!s_renderDebug.load()) return nullStream();
+    std::lock_guard<std::mutex> lock(s_logMutex);
+    return *s_log;
+}
+
+void RenderManager::debugLine(const std::string& line) {
+    if (!s_renderDebug.load()) return;
+    std::lock_guard<std::mutex> lock(s_logMutex);
+    *s_log << line << std::endl;
+}
+
+void RenderManager::setRenderThreads(uint64_t n) { s_renderThreads.store(n < 1 ? 1 : n); }
+uint64_t RenderManager::getRenderThreads() { return s_renderThreads.load(); }
+
+void RenderManager::setSpeculativeCachingEnable(bool enable) {
+    ImageAllocator::instance().speculativeCache().setEnabled(enable);
+}
+
+bool RenderManager::getSpeculativeCachingEnable() {
+    return ImageAllocator::instance().speculativeCache().isEnabled();
+}
+
+void RenderManager::clearSpeculativeCache() {
+    ImageAllocator::instance().speculativeCache().clear();
+}
+
+Orrery3::XmlIO::v1::ElementPtr RenderManager::GetSpeculativeCacheContents() {
+    return ImageAllocator::instance().speculativeCache().getContents();
+}
+
+Orrery3::XmlIO::v1::ElementPtr RenderManager::getStatistics() {
+    Orrery3::XmlIO::v1::ElementPtr root = Orrery3::XmlIO::v1::Element::create("statistics");
+    Orrery3::XmlIO::v1::ElementPtr block = Private::addStatisticsBlock(*root, "Render Manager");
+    Private::addStatisticsEntry(*block, "Render Threads", getRenderThreads());
+    Private::addStatisticsEntry(*block, "Tile Width", getGlobalTileWidth());
+    Private::addStatisticsEntry(*block, "Tile Height", getGlobalTileHeight());
+    Private::addStatisticsEntry(*block, "Speculative Caching Enabled",
+                                getSpeculativeCachingEnable());
+    ImageAllocator::instance().addStatistics(*root, getRenderThreads());
+    return root;
+}
+
+void RenderManager::resetStatistics() {
+    s_renderSystemProfiler.reset();
+    ImageAllocator::instance().resetStatistics();
+}
+
+void RenderManager::printImageMemoryUsage() {
+    ImageAllocator::instance().printMemoryUsage(std::cerr);
+}
+
+bool RenderManager::CheckAbort() {
+    CancelChecker* checker = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(s_cancelMutex);
+        auto it = s_cancelCheckers.find(std::this_thread::get_id());
+        if (it == s_cancelCheckers.end()) return false;
+        checker = it->second;
+    }
+    return checker->shouldAbort();
+}
+
+void RenderManager::SetCancelChecker(CancelChecker* checker) {
+    std::lock_guard<std::mutex> lock(s_cancelMutex);
+    if (checker)
+        s_cancelCheckers[std::this_thread::get_id()] = checker;
+    else
+        s_cancelCheckers.erase(std::this_thread::get_id());
+}
+
+void RenderManager::ClearRenderTaskCache() { Private::RenderTaskCache::instance().clear(); }
+
+void RenderManager::SetMaxImageMemory(uint64_t megabytes) {
+    ImageAllocator::instance().setMaxMemory(static_cast<int64_t>(megabytes) * kMegabyte);
+}
+
+void RenderManager::SetMaxDiskUsage(uint64_t megabytes) {
+    ImageAllocator::instance().setMaxDiskUsage(static_cast<int64_t>(megabytes) * kMegabyte);
+}
+
+uint64_t RenderManager::GetMaxImageMemory() {
+    return static_cast<uint64_t>(ImageAllocator::instance().getMaxMemory()) >> 20;
+}
+
+int64_t RenderManager::GetMaxDiskUsage() {
+    return ImageAllocator::instance().getMaxDiskUsage() / kMegabyte;
+}
+
+}  // namespace TESSERA

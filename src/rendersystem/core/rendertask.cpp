@@ -1,0 +1,219 @@
+#include "rendertask.h"
+
+#include "imglib/pixels.h"
+#include "private/imglibcall.h"
+#include "rendermanager.h"
+#include "rendersystem/core/rendertask_imp.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/core/rendertask")
+
+namespace TESSERA {
+
+std::atomic<uint64_t> RenderTask::s_count{0};
+
+RenderTask::RenderTask(const std::string& name, float time)
+    : m_imp(new Imp(this, name, time)) {
+    ++s_count;
+}
+
+RenderTask::~RenderTask() { --s_count; }
+
+RenderTask::Imp& RenderTask::imp() const {
+    UTIL_ASSERT(m_imp);
+    return *m_imp;
+}
+
+const std::string& RenderTask::getName() const { return imp().m_name; }
+const std::string& RenderTask::getNameAtTime() const { return imp().m_nameAtTime; }
+float RenderTask::getTime() const { return imp().m_time; }
+
+void RenderTask::setCaching(bool caching) { imp().m_caching = caching; }
+bool RenderTask::getCaching() { return imp().m_caching; }
+void RenderTask::setDiskCacheEnabled(bool enabled) { imp().m_diskCacheEnabled = enabled; }
+void RenderTask::setSampleRate(float x, float y) { imp().setSampleRate(x, y); }
+void RenderTask::setProbabilityBeingEdited(float p) { imp().m_probabilityBeingEdited = p; }
+float RenderTask::getProbabilityIsNeeded() const { return imp().m_probabilityIsNeeded; }
+
+void RenderTask::getOutputDescription(uint64_t* channels, UTIL::Region* region) {
+    imp().ensureOutputDescription();
+    if (channels) *channels = m_imp->m_definedOutputChannels;
+    if (region) *region = m_imp->m_definedOutputDataRegion;
+}
+
+const std::string& RenderTask::getCacheID() {
+    imp().ensureOutputDescription();
+    return m_imp->m_compressedCacheID;
+}
+
+const Imath::Color4<float>& RenderTask::getBackgroundColor() {
+    imp().ensureOutputDescription();
+    return m_imp->m_backgroundColor;
+}
+
+void RenderTask::getAllInputRenderTasks(std::vector<TaskPtr>&) { imp(); }
+
+void RenderTask::outputCachingInfo(std::ostream& os) const {
+    imp();
+    os << "Not Implemented Yet " << std::endl;
+}
+
+size_t RenderTask::convertToTileIDs(const UTIL::Rect& rect, std::vector<TileID>& out) const {
+    return TileID::convertToTileIDs(rect, out, getTileWidth(), getTileHeight());
+}
+
+size_t RenderTask::convertToTileIDs(const UTIL::Region& region, std::vector<TileID>& out) const {
+    return TileID::convertToTileIDs(region, out, getTileWidth(), getTileHeight());
+}
+
+void RenderTask::setRenderFullFrame(bool fullFrame, bool wrapInputImagesIfBackground) {
+    imp();
+    m_renderFullFrame = fullFrame;
+    m_wrapInputImagesIfBackground = wrapInputImagesIfBackground;
+}
+
+bool RenderTask::isRenderTiled() {
+    imp();
+    return !m_renderFullFrame;
+}
+
+void RenderTask::setWrapInputImagesIfBackground(bool wrap) {
+    imp();
+    m_wrapInputImagesIfBackground = wrap;
+}
+
+int64_t RenderTask::getFinalRenderTaskID() { return imp().m_finalRenderTaskID; }
+
+size_t RenderTask::registerInputTask(TaskPtr input) { return imp().registerInputTask(input); }
+size_t RenderTask::getInputTaskCount() const { return imp().getInputTaskCount(); }
+
+void RenderTask::addInputRequest(size_t input, uint64_t channels) {
+    imp().addInputRequest(input, channels, IMGLIB::EXTEND_BACKGROUND, false, UTIL::Rect());
+}
+
+void RenderTask::addInputRequest(size_t input, uint64_t channels, IMGLIB::ExtendMethod method,
+                                 bool extendWithOverscan, const UTIL::Rect& displayRect) {
+    imp().addInputRequest(input, channels, method, extendWithOverscan, displayRect);
+}
+
+uint64_t RenderTask::getDefinedInputChannels(size_t input) {
+    return imp().getDefinedInputChannels(input);
+}
+
+const UTIL::Region& RenderTask::getDefinedInputDataRegion(size_t input) {
+    return imp().getDefinedInputDataRegion(input);
+}
+
+const Imath::Color4<float>& RenderTask::getInputBackgroundColor(size_t input) {
+    return imp().getInputBackgroundColor(input);
+}
+
+const std::string& RenderTask::getInputCacheID(size_t input) {
+    return imp().getInputCacheID(input);
+}
+
+void RenderTask::ignoreInputCacheID(size_t input) { imp().ignoreInputCacheID(input); }
+
+uint64_t RenderTask::getRequiredOutputChannels() const { return imp().m_requiredOutputChannels; }
+
+uint64_t RenderTask::getRequiredInputChannels(int64_t input) const {
+    return imp().getRequiredInputChannels(input);
+}
+
+const UTIL::Region& RenderTask::getDefinedOutputDataRegion() const {
+    return imp().m_definedOutputDataRegion;
+}
+
+int RenderTask::getTileWidth() const {
+    return m_renderFullFrame ? TileID::INFINITE_SIZE
+                             : static_cast<int>(RenderManager::getGlobalTileWidth());
+}
+
+int RenderTask::getTileHeight() const {
+    return m_renderFullFrame ? TileID::INFINITE_SIZE
+                             : static_cast<int>(RenderManager::getGlobalTileHeight());
+}
+
+void RenderTask::setRenderLocalLocking(bool localLocking) { m_renderLocalLocking = localLocking; }
+
+Imath::Color4<float> RenderTask::computeBackgroundColor() {
+    if (getInputTaskCount() == 0) return Imath::Color4<float>(0, 0, 0, 0);
+    return getInputBackgroundColor(0);
+}
+
+void RenderTask::renderRect(const IMGLIB::Image*, std::vector<ImageBuffer>&) {
+    UTIL_ASSERT(!"This RenderTask does not support delayed locking.");
+}
+
+void RenderTask::renderRect(const IMGLIB::Image*, const std::vector<const IMGLIB::Image*>&) {
+    UTIL_ASSERT(!"This RenderTask does not support immediate locking.");
+}
+
+void RenderTask::resetFullFrameState() {
+    std::lock_guard<std::mutex> lock(m_fullFrameLock);
+    m_requiredOutputRect = UTIL::Rect();
+    m_requiredInputRects.clear();
+    m_outputBuffer.setNull();
+}
+
+void RenderTask::computeRequiredInputRects(const UTIL::Rect& outputRect,
+                                           std::vector<UTIL::Rect>& inputRects) {
+    if (!m_renderFullFrame) {
+        computeRequiredInputRectangles(outputRect, inputRects);
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_fullFrameLock);
+    UTIL_ASSERT(m_requiredOutputRect.isNull());
+    m_requiredOutputRect = outputRect;
+    computeRequiredInputRectangles(outputRect, inputRects);
+    m_requiredInputRects = inputRects;
+}
+
+void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs) {
+    if (!m_renderFullFrame) {
+        callRenderRect(output, inputs);
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_fullFrameLock);
+    const UTIL::Rect outputImageRect(output->x1, output->y1, output->x2, output->y2);
+    if (m_outputBuffer.isNull()) {
+        if (m_wrapInputImagesIfBackground) {
+            for (size_t i = 0; i < inputs.size() && i < m_requiredInputRects.size(); ++i) {
+                if (!inputs[i].isNull()) continue;
+                const Private::InputRequest* request = m_imp->getInputRequest(i);
+                const uint64_t channels =
+                    request ? request->channels : getDefinedInputChannels(i);
+                inputs[i] = ImageBuffer(channels, m_requiredInputRects[i],
+                                        "BufferTaskBackgroungImage_" + std::to_string(i));
+                ImageBuffer_LockScoper fillLock(inputs[i]);
+                const Imath::Color4<float>& bg = getInputBackgroundColor(i);
+                const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
+                Private::checkImglib(IMGLIB::Fill(inputs[i].getImage(), rgba), getNameAtTime());
+            }
+        }
+        if (outputImageRect == m_requiredOutputRect) {
+            callRenderRect(output, inputs);
+            return;
+        }
+        m_outputBuffer = ImageBuffer(output->channels, m_requiredOutputRect, "BufferTaskImage");
+        ImageBuffer_LockScoper renderLock(m_outputBuffer);
+        callRenderRect(m_outputBuffer.getImage(), inputs);
+    }
+    UTIL_ASSERT(m_outputBuffer.getBounds().contains(outputImageRect));
+    ImageBuffer_LockScoper copyLock(m_outputBuffer);
+    Private::checkImglib(IMGLIB::CopyInto(output, m_outputBuffer.getImage()), getNameAtTime());
+}
+
+void RenderTask::callRenderRect(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs) {
+    if (m_renderLocalLocking) {
+        renderRect(output, inputs);
+        return;
+    }
+    ImageBuffer_MultiLockScoper locks;
+    std::vector<const IMGLIB::Image*> images;
+    images.reserve(inputs.size());
+    for (ImageBuffer& input : inputs) images.push_back(locks.push(input));
+    renderRect(output, images);
+}
+
+}  // namespace TESSERA

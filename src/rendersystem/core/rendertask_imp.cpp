@@ -1,0 +1,135 @@
+#include "rendersystem/core/rendertask_imp.h"
+
+#include <iostream>
+#include <sstream>
+
+#include "imglib/channels.h"
+#include "rendermanager.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/core/rendertask_imp")
+
+namespace TESSERA {
+
+RenderTask::Imp::Imp(RenderTask* parentTask, const std::string& name, float time)
+    : m_parentTask(parentTask), m_name(name), m_time(time) {
+    UTIL_ASSERT(m_parentTask);
+    std::ostringstream label;
+    label << name << '@' << time;
+    m_nameAtTime = label.str();
+}
+
+size_t RenderTask::Imp::registerInputTask(TaskPtr inputTask) {
+    UTIL_ASSERT(inputTask);
+    UTIL_ASSERT(inputTask->m_imp);
+    UTIL_ASSERT(m_renderStage == RENDERSTAGE_Init);
+    // Equal sub-graphs become one task: the input is replaced by the task
+    // already filed under its cache ID.
+    m_inputTasks.push_back(Private::RenderTaskCache::instance().findOrInsert(inputTask));
+    m_inputRequests.emplace_back();
+    return m_inputTasks.size() - 1;
+}
+
+void RenderTask::Imp::addInputRequest(size_t inputID, uint64_t channels,
+                                      IMGLIB::ExtendMethod method, bool extendWithOverscan,
+                                      const UTIL::Rect& inputDisplayRect) {
+    if (RenderManager::getRenderDebug()) {
+        std::ostringstream line;
+        line << m_nameAtTime << " Request: " << inputID
+             << " Channels: " << IMGLIB::GetChannelMaskName(channels)
+             << " ExtendMethod: " << static_cast<int>(method)
+             << " ExtendWithOverscan: " << extendWithOverscan << " Rect: " << inputDisplayRect;
+        RenderManager::debugLine(line.str());
+    }
+    UTIL_ASSERT_TEXT(inputID < m_inputRequests.size(),
+                     "inputID >= 0 && inputID < m_inputRequests.size()");
+    if (m_inputRequests[inputID]) {
+        std::cerr << "Render task already registered at inputID " << inputID
+                  << " of renderTask " << m_nameAtTime << std::endl;
+        UTIL_ASSERT_TEXT(!m_inputRequests[inputID], "m_inputRequests.is_null(inputID)");
+    }
+    if (method != IMGLIB::EXTEND_BACKGROUND) UTIL_ASSERT(!inputDisplayRect.isNull());
+
+    Imp& input = *m_inputTasks[inputID]->m_imp;
+    channels = IMGLIB::ValidateChannelMask(channels);
+    auto request = std::make_unique<Private::InputRequest>();
+    request->input = &input;
+    request->channels = channels;
+    request->backgroundColor = input.m_backgroundColor;
+    // Unknown methods fill with the background colour, like method 0.
+    if (method == IMGLIB::EXTEND_CLAMP || method == IMGLIB::EXTEND_MIRROR) {
+        request->method = method;
+        request->extendWithOverscan = extendWithOverscan;
+        request->displayRect = inputDisplayRect;
+    }
+    m_inputRequests[inputID] = std::move(request);
+    input.m_requiredOutputChannels = IMGLIB::ValidateChannelMask(
+        (input.m_requiredOutputChannels | channels) & input.m_definedOutputChannels);
+}
+
+TaskPtr RenderTask::Imp::getInputTask(size_t inputID) const {
+    UTIL_ASSERT_TEXT(inputID < m_inputTasks.size(),
+                     "inputID >= 0 && inputID < m_inputTasks.size()");
+    return m_inputTasks[inputID];
+}
+
+RenderTask::Imp& RenderTask::Imp::inputImp(size_t inputID) {
+    UTIL_ASSERT(m_renderStage >= RENDERSTAGE_ComputeOutputDescription);
+    TaskPtr inputTask = getInputTask(inputID);
+    UTIL_ASSERT(inputTask->m_imp->m_renderStage >= RENDERSTAGE_ComputeOutputDescription);
+    return *inputTask->m_imp;
+}
+
+uint64_t RenderTask::Imp::getRequiredInputChannels(int64_t whichInput) const {
+    UTIL_ASSERT(whichInput >=0 && whichInput < static_cast<int64_t>(m_inputRequests.size()));
+    UTIL_ASSERT_TEXT(m_inputRequests[static_cast<size_t>(whichInput)],
+                     "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput))");
+    return m_inputRequests[static_cast<size_t>(whichInput)]->channels;
+}
+
+const Private::InputRequest* RenderTask::Imp::getInputRequest(size_t inputID) const {
+    return inputID < m_inputRequests.size() ? m_inputRequests[inputID].get() : nullptr;
+}
+
+void RenderTask::Imp::ensureOutputDescription() {
+    std::lock_guard<std::recursive_mutex> lock(m_descriptionMutex);
+    if (m_renderStage >= RENDERSTAGE_ComputeOutputDescription) return;
+    m_renderStage = RENDERSTAGE_ComputeOutputDescription;
+    try {
+        for (const TaskPtr& input : m_inputTasks) input->m_imp->ensureOutputDescription();
+        computeOwnOutputDescription();
+    } catch (...) {
+        // A hook refused its parameters: the task has no description, and a
+        // later query tries again (and fails the same way) instead of
+        // reading a half-made one.
+        m_renderStage = RENDERSTAGE_Init;
+        throw;
+    }
+}
+
+void RenderTask::Imp::computeOwnOutputDescription() {
+    RenderTask& t = task();
+    const std::string cacheID = assembleCacheID();
+    const uint64_t channels = t.computeOutputChannels();
+    const Imath::Color4<float> background = t.computeBackgroundColor();
+    UTIL::Region region = t.computeOutputDataRegion();
+
+    UTIL_ASSERT(m_renderStage == RENDERSTAGE_ComputeOutputDescription);
+    m_definedOutputChannels = IMGLIB::ValidateChannelMask(channels);
+    m_definedOutputDataRegion = std::move(region);
+    m_backgroundColor = background;
+    m_cacheID = cacheID;
+    // A cache ID that is already in compressed form stands for itself.
+    m_compressedCacheID = cacheID.compare(0, 1, "$") == 0 ? cacheID : compressCacheID(cacheID);
+
+    if (RenderManager::getRenderDebug()) {
+        std::ostringstream line;
+        line << m_nameAtTime
+             << " Defined channels: " << IMGLIB::GetChannelMaskName(m_definedOutputChannels)
+             << " Defined area: " << m_definedOutputDataRegion << " Cache ID: '" << m_cacheID
+             << "'" << " Compressed CacheID: '" << m_compressedCacheID << "'";
+        RenderManager::debugLine(line.str());
+    }
+}
+
+}  // namespace TESSERA

@@ -1,0 +1,404 @@
+#include "rendersystem/images/imageallocator.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <limits>
+#include <new>
+#include <random>
+#include <stdexcept>
+
+#include "imglib/error.h"
+#include "imglib/pixels.h"
+#include "imglib/rawdump.h"
+#include "private/statistics.h"
+#include "rendersystem/images/imagebuffer_imp.h"
+#include "rendersystem/images/speculativecache.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/images/imageallocator")
+
+namespace TESSERA {
+namespace Private {
+namespace {
+
+using Impl = ImageBuffer::Impl;
+
+// Pixel blocks are aligned for the widest vector loads.
+constexpr size_t kPixelAlignment = 64;
+
+std::string defaultTempDirectory() {
+    if (const char* dir = std::getenv("MARLIN_TMPDIR")) return dir;
+    std::error_code ec;
+    std::filesystem::path tmp = std::filesystem::temp_directory_path(ec);
+    return ec ? std::string("/tmp") : tmp.string();
+}
+
+// "%%%%-%%%%-%%%%-%%%%" with each % a random lower-case hexadecimal digit.
+std::string randomSwapName() {
+    thread_local std::mt19937_64 engine{std::random_device{}()};
+    static const char* const kDigits = "0123456789abcdef";
+    std::string name = "%%%%-%%%%-%%%%-%%%%";
+    uint64_t bits = engine();
+    for (char& c : name)
+        if (c == '%') {
+            c = kDigits[bits & 15];
+            bits >>= 4;
+        }
+    return name;
+}
+
+}  // namespace
+
+std::atomic<bool> ImageAllocator::s_overran{false};
+
+ImageAllocator& ImageAllocator::instance() {
+    // Never destroyed: images held by other static objects may outlive any
+    // destruction order we could pick.
+    static ImageAllocator* allocator = new ImageAllocator(defaultTempDirectory());
+    return *allocator;
+}
+
+ImageAllocator::ImageAllocator(std::string tempDirectory)
+    : m_tempDirectory(std::move(tempDirectory)), m_cache(new SpeculativeCache(*this)) {}
+
+ImageAllocator::~ImageAllocator() { m_cache->clear(); }
+
+void ImageAllocator::checkOverran() {
+    if (s_overran.load()) throw UTIL::OutOfMemoryException(kOverranMessage);
+}
+
+ImageAllocator::MemoryLock::MemoryLock(const ImageAllocator& allocator)
+    : m_allocator(allocator),
+      m_owns(allocator.m_memoryMutexOwner.load() != std::this_thread::get_id()) {
+    if (m_owns) {
+        m_allocator.m_memoryMutex.lock();
+        m_allocator.m_memoryMutexOwner.store(std::this_thread::get_id());
+    }
+}
+
+ImageAllocator::MemoryLock::~MemoryLock() {
+    if (m_owns) {
+        m_allocator.m_memoryMutexOwner.store(std::thread::id());
+        m_allocator.m_memoryMutex.unlock();
+    }
+}
+
+int64_t ImageAllocator::getMemUsage() const {
+    MemoryLock lock(*this);
+    return m_memUsage;
+}
+
+int64_t ImageAllocator::getDiskUsage() const {
+    MemoryLock lock(*this);
+    return m_diskUsage;
+}
+
+int64_t ImageAllocator::getFileInMemUsage() const {
+    MemoryLock lock(*this);
+    return m_fileInMemUsage;
+}
+
+int64_t ImageAllocator::getPeakMemUsage() const {
+    MemoryLock lock(*this);
+    return m_peakMemory;
+}
+
+int64_t ImageAllocator::getPeakDiskUsage() const {
+    MemoryLock lock(*this);
+    return m_peakDiskUsage;
+}
+
+int64_t ImageAllocator::getPeakFileInMemUsage() const {
+    MemoryLock lock(*this);
+    return m_peakFileInMemory;
+}
+
+bool ImageAllocator::hasUnlockedImages() const {
+    std::lock_guard<std::mutex> lock(m_unlockedMutex);
+    return !m_unlockedImages.empty();
+}
+
+size_t ImageAllocator::getLockedImageCount() const {
+    std::lock_guard<std::mutex> lock(m_lockedMutex);
+    return m_lockedImages.size();
+}
+
+size_t ImageAllocator::getUnlockedImageCount() const {
+    std::lock_guard<std::mutex> lock(m_unlockedMutex);
+    return m_unlockedImages.size();
+}
+
+void ImageAllocator::onFirstLock(Impl* image) {
+    removeFromUnlocked(image);
+    if (!image->m_image.pixelPtr) {
+        allocate(image);
+        if (!image->m_fileName.empty()) loadFromDisk(image);
+    }
+    std::lock_guard<std::mutex> lock(m_lockedMutex);
+    UTIL_ASSERT_TEXT(std::find(m_lockedImages.begin(), m_lockedImages.end(), image) ==
+                         m_lockedImages.end(),
+                     "find(m_lockedImages, image) == m_lockedImages.end()");
+    m_lockedImages.push_back(image);
+}
+
+void ImageAllocator::onLastUnlock(Impl* image) {
+    {
+        std::lock_guard<std::mutex> lock(m_unlockedMutex);
+        UTIL_ASSERT_TEXT(std::find(m_unlockedImages.begin(), m_unlockedImages.end(), image) ==
+                             m_unlockedImages.end(),
+                         "find(m_unlockedImages, image) == m_unlockedImages.end()");
+        m_unlockedImages.push_back(image);
+    }
+    removeFromLocked(image);
+}
+
+void ImageAllocator::removeFromUnlocked(Impl* image) {
+    std::lock_guard<std::mutex> lock(m_unlockedMutex);
+    auto it = std::find(m_unlockedImages.begin(), m_unlockedImages.end(), image);
+    if (it != m_unlockedImages.end()) m_unlockedImages.erase(it);
+}
+
+void ImageAllocator::removeFromLocked(Impl* image) {
+    std::lock_guard<std::mutex> lock(m_lockedMutex);
+    auto it = std::find(m_lockedImages.begin(), m_lockedImages.end(), image);
+    if (it != m_lockedImages.end()) m_lockedImages.erase(it);
+}
+
+void ImageAllocator::allocate(Impl* image) {
+    if (image->m_image.rowBytes == 0) {
+        image->m_image.pixelPtr = nullptr;
+        return;
+    }
+    const int64_t size = image->size();
+    reserve(image, size);
+    void* block = std::aligned_alloc(kPixelAlignment, static_cast<size_t>(size));
+    if (!block) {
+        unaccount(image->isFileIn(), size);
+        throw std::bad_alloc();
+    }
+    image->m_image.pixelPtr = block;
+}
+
+void ImageAllocator::reserve(Impl* image, int64_t size) {
+    MemoryLock lock(*this);
+    const bool fileIn = image->isFileIn();
+    if (fileIn) {
+        m_fileInMemUsage += size;
+        m_peakFileInMemory = std::max(m_peakFileInMemory, m_fileInMemUsage);
+    }
+    m_memUsage += size;
+    // Entry needs usage strictly above the budget; eviction then goes on,
+    // and an overrun is declared, while usage is at or above it.
+    if (m_memUsage > m_maxMemory.load()) {
+        try {
+            m_cache->release(m_memUsage - m_maxMemory.load());
+            if (m_memUsage > m_maxMemory.load()) {
+                do {
+                    if (!hasUnlockedImages() || m_diskUsage >= m_maxDiskUsage.load()) break;
+                    // Nothing saved: the oldest image is busy on another
+                    // thread that is about to take it off the list.
+                    if (!saveToDisk()) std::this_thread::yield();
+                } while (m_memUsage >= m_maxMemory.load());
+            }
+            if (m_memUsage >= m_maxMemory.load()) {
+                printState(std::cerr);
+                s_overran.store(true);
+                throw UTIL::OutOfMemoryException(kOverranMessage);
+            }
+        } catch (...) {
+            // The reservation did not happen: give its bytes back.
+            if (fileIn) m_fileInMemUsage -= size;
+            m_memUsage -= size;
+            throw;
+        }
+    }
+    m_peakMemory = std::max(m_peakMemory, m_memUsage);
+}
+
+bool ImageAllocator::saveToDisk() {
+    Impl* image = nullptr;
+    std::unique_lock<std::mutex> imageLock;
+    {
+        std::lock_guard<std::mutex> lock(m_unlockedMutex);
+        if (m_unlockedImages.empty()) return false;
+        image = m_unlockedImages.front();
+        imageLock = std::unique_lock<std::mutex>(image->m_mutex, std::try_to_lock);
+        if (!imageLock.owns_lock()) return false;
+        m_unlockedImages.erase(m_unlockedImages.begin());
+    }
+    const auto start = std::chrono::steady_clock::now();
+    if (!saveImage(image)) {
+        std::cerr << "ImageAllocator::SaveToDisk failed" << std::endl;
+        throw std::runtime_error("Saving failed");
+    }
+    m_profiler.addTime(kSaveCategory, UTIL::millisecondsSince(start));
+    return true;
+}
+
+bool ImageAllocator::saveImage(Impl* image) {
+    const std::string path = newSwapFilePath();
+    if (!image->writeSwapFile(path)) return false;
+    image->m_fileName = path;
+    adjustDiskUsage(image->size());
+    freePixels(image);
+    return true;
+}
+
+void ImageAllocator::loadFromDisk(Impl* image) {
+    // Let a reservation in progress on another thread finish first.
+    { MemoryLock wait(*this); }
+    const auto start = std::chrono::steady_clock::now();
+    IMGLIB::ClearError();
+    if (IMGLIB::ReadRAW(&image->m_image, image->m_fileName) != IMGLIB::ERROR_NONE) {
+        // The file and its accounting stay; the pixels are not trustworthy,
+        // so they are made NaN rather than left as plausible garbage, and the
+        // IMGLIB error stays pending for the caller.
+        std::cerr << "ImageAllocator: cannot restore image '" << image->m_comment
+                  << "': " << IMGLIB::GetErrorMessage() << std::endl;
+        const float nan = std::numeric_limits<float>::quiet_NaN();
+        const float rgba[4] = {nan, nan, nan, nan};
+        const int pending = IMGLIB::GetError();
+        const std::string message = IMGLIB::GetErrorMessage();
+        IMGLIB::Fill(&image->m_image, rgba);
+        IMGLIB::SetError(pending, message);
+        return;
+    }
+    adjustDiskUsage(-image->size());
+    std::remove(image->m_fileName.c_str());
+    image->m_fileName.clear();
+    m_profiler.addTime(kLoadCategory, UTIL::millisecondsSince(start));
+}
+
+void ImageAllocator::freePixels(Impl* imagePtr) noexcept {
+    std::free(imagePtr->m_image.pixelPtr);
+    imagePtr->m_image.pixelPtr = nullptr;
+    unaccount(imagePtr->isFileIn(), imagePtr->size());
+}
+
+void ImageAllocator::unaccount(bool fileIn, int64_t size) {
+    MemoryLock lock(*this);
+    if (fileIn) {
+        m_fileInMemUsage -= size;
+        UTIL_ASSERT(m_fileInMemUsage >= 0);
+    }
+    m_memUsage -= size;
+    UTIL_ASSERT(m_memUsage >= 0);
+}
+
+void ImageAllocator::adjustDiskUsage(int64_t delta) {
+    MemoryLock lock(*this);
+    m_diskUsage += delta;
+    UTIL_ASSERT(m_diskUsage >= 0);
+    m_peakDiskUsage = std::max(m_peakDiskUsage, m_diskUsage);
+}
+
+void ImageAllocator::release(Impl* image) noexcept {
+    try {
+        {
+            std::lock_guard<std::mutex> lock(image->m_mutex);
+            removeFromUnlocked(image);
+        }
+        if (image->m_cacheData && image->m_lockCount == 0 &&
+            m_cache->offer(image, getMemUsage(), m_maxMemory.load())) {
+            m_cache->insert(image);
+            return;
+        }
+    } catch (const std::exception& e) {
+        std::cerr << "ImageAllocator: could not keep released image '" << image->m_comment
+                  << "': " << e.what() << std::endl;
+    }
+    destroy(image);
+}
+
+void ImageAllocator::destroy(Impl* image) noexcept {
+    try {
+        if (image->m_lockCount != 0) {
+            // The last handle went while the image was still locked.
+            std::cerr << "ImageAllocator: image '" << image->m_comment
+                      << "' released while locked (m_lockCount == 0 does not hold)" << std::endl;
+            removeFromLocked(image);
+        }
+        if (!image->m_fileName.empty()) {
+            adjustDiskUsage(-image->size());
+            std::remove(image->m_fileName.c_str());
+        }
+        if (image->m_image.pixelPtr) freePixels(image);
+    } catch (const std::exception& e) {
+        std::cerr << "ImageAllocator: releasing image '" << image->m_comment
+                  << "': " << e.what() << std::endl;
+    }
+    delete image;
+}
+
+void ImageAllocator::markCacheable(ImageBuffer& buffer, const CacheDataPtr& data) {
+    if (!m_cache->isEnabled()) return;
+    Impl* image = ImageBufferAccess::impl(buffer);
+    if (!image) return;
+    std::lock_guard<std::mutex> lock(image->m_mutex);
+    image->m_cacheData = data;
+}
+
+std::string ImageAllocator::newSwapFilePath() const {
+    return (std::filesystem::path(m_tempDirectory) / (kSwapFilePrefix + randomSwapName()))
+        .string();
+}
+
+void ImageAllocator::printState(std::ostream& os) const {
+    os << "ImageAllocator: " << '\n'
+       << "   mem usage: " << m_memUsage << '\n'
+       << "   max mem usage: " << m_maxMemory.load() << '\n'
+       << "   disk usage: " << m_diskUsage << '\n'
+       << "   max disk usage: " << m_maxDiskUsage.load() << '\n'
+       << "   num unlocked images: " << getUnlockedImageCount() << '\n';
+    std::lock_guard<std::mutex> lock(m_lockedMutex);
+    os << "   num locked images: " << m_lockedImages.size() << '\n';
+    // Lock counts are read without the images' mutexes: a best-effort report
+    // written just before the process gives up on its budget.
+    for (const Impl* image : m_lockedImages)
+        os << "      " << "Buf: " << static_cast<const void*>(image)
+           << " lockCount: " << image->m_lockCount << " comment: " << image->m_comment << '\n';
+    os.flush();
+}
+
+void ImageAllocator::printMemoryUsage(std::ostream& os) const {
+    os << "Image allocator memory usage: " << getMemUsage() << '\n'
+       << "Image allocator max memory usage: " << getMaxMemory() << '\n'
+       << "Speculative cache memory usage: " << m_cache->getMemoryUsage() << std::endl;
+}
+
+void ImageAllocator::addStatistics(Orrery3::XmlIO::v1::Element& parent,
+                                   uint64_t renderThreads) const {
+    using Orrery3::XmlIO::v1::ElementPtr;
+    ElementPtr block = addStatisticsBlock(parent, "Image Memory Management");
+    addStatisticsEntry(*block, "Peak Memory Usage", getPeakMemUsage());
+    addStatisticsEntry(*block, "Peak Memory Usage (FileIn)", getPeakFileInMemUsage());
+    addStatisticsEntry(*block, "Max Memory Allowed", getMaxMemory());
+    addStatisticsEntry(*block, "Peak Disk Usage", getPeakDiskUsage());
+    const double toDisk = m_profiler.getTime(kSaveCategory);
+    // Loading happens on every render thread at once: report wall time.
+    double fromDisk = m_profiler.getTime(kLoadCategory);
+    if (renderThreads > 0) fromDisk /= static_cast<double>(renderThreads);
+    addStatisticsEntry(*block, "Tile Swap Count (to disk)", m_profiler.getCount(kSaveCategory));
+    addStatisticsEntry(*block, "Tile Swap Time (to disk)", toDisk);
+    addStatisticsEntry(*block, "Tile Swap Count (from disk)", m_profiler.getCount(kLoadCategory));
+    addStatisticsEntry(*block, "Tile Swap Time (from disk)", fromDisk);
+    addStatisticsEntry(*block, "Tile Swap Time (total)", toDisk + fromDisk);
+    m_cache->addStatistics(parent);
+}
+
+void ImageAllocator::resetStatistics() {
+    m_profiler.reset();
+    {
+        MemoryLock lock(*this);
+        m_peakMemory = 0;
+        m_peakFileInMemory = 0;
+        // Peak disk usage is kept: it tells how much swap space a session needed.
+    }
+    m_cache->resetStatistics();
+}
+
+}  // namespace Private
+}  // namespace TESSERA

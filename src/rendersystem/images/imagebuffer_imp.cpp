@@ -1,0 +1,89 @@
+#include "rendersystem/images/imagebuffer_imp.h"
+
+#include <algorithm>
+#include <iostream>
+#include <utility>
+
+#include "imglib/channels.h"
+#include "imglib/error.h"
+#include "imglib/rawdump.h"
+#include "rendersystem/images/imageallocator.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/images/imagebuffer_imp")
+
+// Once the allocator has overran, every checked site reports that instead of
+// its own condition.
+#define IMAGE_ASSERT(expr)                                \
+    do {                                                  \
+        Private::ImageAllocator::checkOverran();          \
+        UTIL_ASSERT(expr);                                \
+    } while (0)
+
+namespace TESSERA {
+
+ImageBuffer::Impl::Impl(uint64_t imgChannels, const UTIL::Rect& bounds, std::string comment,
+                        Private::ImageAllocator* allocator)
+    : m_comment(std::move(comment)), m_allocator(allocator) {
+    IMGLIB::CheckError();
+    if (!IMGLIB::IsChannelMaskValid(imgChannels))
+        std::cerr << "Invalid Channel Mask " << imgChannels << std::endl;
+    IMAGE_ASSERT(IMGLIB::IsChannelMaskValid(imgChannels));
+
+    m_image.channels = imgChannels;
+    m_image.x1 = bounds.xmin;
+    m_image.y1 = bounds.ymin;
+    m_image.x2 = bounds.xmax;
+    m_image.y2 = bounds.ymax;
+    const int64_t pixelBytes = IMGLIB::GetPixelBytes(imgChannels);
+    IMAGE_ASSERT(IMGLIB::GetError() == IMGLIB::ERROR_NONE);
+
+    // Rows padded to 16 bytes; the width is taken as a 32-bit value.
+    const int64_t width = std::max<int32_t>(0, static_cast<int32_t>(bounds.xmax - bounds.xmin));
+    m_image.rowBytes = (width * pixelBytes + 15) & ~int64_t(15);
+    m_isEmptyImage = m_image.height() * m_image.rowBytes == 0;
+}
+
+void ImageBuffer::Impl::releaseRef() noexcept {
+    if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) m_allocator->release(this);
+}
+
+void ImageBuffer::Impl::lock() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_isEmptyImage) return;
+    if (++m_lockCount != 1) return;
+    try {
+        m_allocator->onFirstLock(this);
+    } catch (...) {
+        --m_lockCount;
+        throw;
+    }
+}
+
+void ImageBuffer::Impl::unlock() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_isEmptyImage) return;
+    if (m_lockCount <= 0) IMAGE_ASSERT(m_lockCount > 0);
+    if (--m_lockCount == 0) m_allocator->onLastUnlock(this);
+    // The bookkeeping is done first so the image stays consistent.
+    Private::ImageAllocator::checkOverran();
+}
+
+const IMGLIB::Image* ImageBuffer::Impl::getImage() {
+    std::lock_guard<std::mutex> guard(m_mutex);
+    IMAGE_ASSERT(m_lockCount > 0 || m_isEmptyImage);
+    return &m_image;
+}
+
+bool ImageBuffer::Impl::writeSwapFile(const std::string& path) {
+    if (m_isEmptyImage) return false;
+    IMAGE_ASSERT(m_lockCount == 0);
+    IMAGE_ASSERT(m_image.pixelPtr != 0);
+    IMGLIB::ClearError();
+    IMGLIB::WriteRAW(path, &m_image);
+    // An image without pixels to dump is no failure.
+    const int error = IMGLIB::GetError();
+    return error == IMGLIB::ERROR_NONE || error == IMGLIB::WARNING_EMPTY_IMAGE;
+}
+
+}  // namespace TESSERA

@@ -1,0 +1,68 @@
+// ImageBuffer::Impl: one image record, its pixel memory and its swap file.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "imagebuffer.h"
+#include "rendersystem/images/cachedata.h"
+
+namespace TESSERA {
+namespace Private {
+class ImageAllocator;
+}
+
+// Every field but the reference count is guarded by m_mutex. The allocator
+// works on Impls directly (it owns the lists they move between); everyone
+// else goes through ImageBuffer handles.
+class ImageBuffer::Impl {
+public:
+    Impl(uint64_t channels, const UTIL::Rect& bounds, std::string comment,
+         Private::ImageAllocator* allocator);
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    void addRef() noexcept { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+    // The last reference hands the image to the allocator, which keeps it in
+    // the speculative cache or destroys it. Never throws.
+    void releaseRef() noexcept;
+
+    void lock();
+    void unlock();
+    const IMGLIB::Image* getImage();
+    // Dumps the pixels to a new file at path; false when nothing was written.
+    // The caller holds m_mutex and the image is unlocked and in memory.
+    bool writeSwapFile(const std::string& path);
+
+    int64_t size() const { return m_image.height() * m_image.rowBytes; }
+    bool isInRam() const { return m_image.pixelPtr != nullptr; }
+    bool isFileIn() const { return m_comment.find("FILEIN.") != std::string::npos; }
+    Private::CacheDataPtr getCacheData() const { return m_cacheData; }
+
+    IMGLIB::Image m_image;
+    std::string m_comment;
+    int64_t m_lockCount = 0;
+    std::string m_fileName;  // swap file while the pixels are on disk
+    Private::ImageAllocator* m_allocator;
+    std::mutex m_mutex;
+    bool m_isEmptyImage = false;
+    Private::CacheDataPtr m_cacheData;
+
+private:
+    std::atomic<uint32_t> m_refCount{0};
+};
+
+namespace Private {
+
+// How the render system and the cache reach the Impl behind a handle.
+struct ImageBufferAccess {
+    static ImageBuffer::Impl* impl(const ImageBuffer& b) { return b.m_impl.get(); }
+    static ImageBuffer wrap(ImageBuffer::Impl* impl) {
+        return ImageBuffer(RCX_ptr_v4::ref_ptr<ImageBuffer::Impl>(impl));
+    }
+};
+
+}  // namespace Private
+}  // namespace TESSERA

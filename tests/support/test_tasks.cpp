@@ -1,0 +1,103 @@
+#include "support/test_tasks.h"
+
+#include "imglib/channels.h"
+#include "imglib/pixels.h"
+
+namespace TESSERA {
+namespace testing {
+
+ConstantTask::ConstantTask(const std::string& name, const Imath::Color4<float>& color,
+                           const UTIL::Rect& area, uint64_t channels)
+    : ProbeTask(name), color(color), area(area), channels(channels) {}
+
+std::string ConstantTask::getTypeString() {
+    hookCalls.push_back("type");
+    return "Constant";
+}
+
+void ConstantTask::computeCacheID(CacheIDStream& stream) {
+    hookCalls.push_back("cacheID");
+    stream << color.r << ' ' << color.g << ' ' << color.b << ' ' << color.a << ' ' << area;
+}
+
+uint64_t ConstantTask::computeOutputChannels() {
+    hookCalls.push_back("channels");
+    return channels;
+}
+
+UTIL::Region ConstantTask::computeOutputDataRegion() {
+    hookCalls.push_back("region");
+    return UTIL::Region(area);
+}
+
+Imath::Color4<float> ConstantTask::computeBackgroundColor() {
+    hookCalls.push_back("background");
+    return background;
+}
+
+void ConstantTask::renderRect(const IMGLIB::Image* output,
+                              const std::vector<const IMGLIB::Image*>&) {
+    ++renderCalls;
+    const float rgba[4] = {color.r, color.g, color.b, color.a};
+    IMGLIB::Fill(output, rgba);
+}
+
+GainTask::GainTask(const std::string& name, std::vector<TaskPtr> inputs, float gain)
+    : ProbeTask(name), gain(gain) {
+    for (TaskPtr& input : inputs) registerInputTask(input);
+}
+
+std::string GainTask::getTypeString() { return typeString; }
+
+void GainTask::computeCacheID(CacheIDStream& stream) { stream << gain; }
+
+uint64_t GainTask::computeOutputChannels() {
+    uint64_t channels = 0;
+    for (size_t i = 0; i < getInputTaskCount(); ++i) channels |= getDefinedInputChannels(i);
+    return channels;
+}
+
+UTIL::Region GainTask::computeOutputDataRegion() {
+    UTIL::Region region;
+    for (size_t i = 0; i < getInputTaskCount(); ++i) region.add(getDefinedInputDataRegion(i));
+    return region;
+}
+
+Imath::Color4<float> GainTask::computeBackgroundColor() {
+    Imath::Color4<float> sum(0, 0, 0, 0);
+    for (size_t i = 0; i < getInputTaskCount(); ++i) sum += getInputBackgroundColor(i);
+    return sum * gain;
+}
+
+void GainTask::makeInputFormatRequests() {
+    for (size_t i = 0; i < getInputTaskCount(); ++i) addInputRequest(i, getRequiredOutputChannels());
+}
+
+void GainTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                              std::vector<UTIL::Rect>& inputRects) {
+    inputRects.assign(getInputTaskCount(), outputRect);
+}
+
+void GainTask::renderRect(const IMGLIB::Image* output,
+                          const std::vector<const IMGLIB::Image*>& inputs) {
+    ++renderCalls;
+    for (int64_t y = output->y1; y < output->y2; ++y)
+        for (int64_t x = output->x1; x < output->x2; ++x) {
+            Imath::Color4<float> sum(0, 0, 0, 0);
+            for (const IMGLIB::Image* input : inputs)
+                if (input && x >= input->x1 && x < input->x2 && y >= input->y1 && y < input->y2)
+                    sum += pixelAt(input, x, y);
+            const Imath::Color4<float> value = sum * gain;
+            const float rgba[4] = {value.r, value.g, value.b, value.a};
+            IMGLIB::SetPixel(output, x, y, rgba);
+        }
+}
+
+Imath::Color4<float> pixelAt(const IMGLIB::Image* image, int64_t x, int64_t y) {
+    float rgba[4] = {0, 0, 0, 0};
+    IMGLIB::GetPixel(image, x, y, rgba);
+    return Imath::Color4<float>(rgba[0], rgba[1], rgba[2], rgba[3]);
+}
+
+}  // namespace testing
+}  // namespace TESSERA

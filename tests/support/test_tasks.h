@@ -1,0 +1,93 @@
+// Small tasks for exercising the task contract in tests.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "tessera.h"
+
+namespace TESSERA {
+namespace testing {
+
+// Exposes the protected task-writer operations and records hook calls.
+class ProbeTask : public RenderTask {
+public:
+    ProbeTask(const std::string& name, float time = 0.0f) : RenderTask(name, time) {}
+
+    using RenderTask::addInputRequest;
+    using RenderTask::getDefinedInputChannels;
+    using RenderTask::getDefinedInputDataRegion;
+    using RenderTask::getDefinedOutputDataRegion;
+    using RenderTask::getInputBackgroundColor;
+    using RenderTask::getInputCacheID;
+    using RenderTask::getInputTaskCount;
+    using RenderTask::getRequiredInputChannels;
+    using RenderTask::getRequiredOutputChannels;
+    using RenderTask::getTileHeight;
+    using RenderTask::getTileWidth;
+    using RenderTask::ignoreInputCacheID;
+    using RenderTask::registerInputTask;
+    using RenderTask::setRenderLocalLocking;
+
+    std::vector<std::string> hookCalls;
+    std::atomic<int> renderCalls{0};
+};
+
+// A constant colour over an area; no inputs.
+class ConstantTask : public ProbeTask {
+public:
+    ConstantTask(const std::string& name, const Imath::Color4<float>& color,
+                 const UTIL::Rect& area, uint64_t channels = IMGLIB::CHANNELS_RGBA);
+
+    std::string getTypeString() override;
+    void computeCacheID(CacheIDStream& stream) override;
+    uint64_t computeOutputChannels() override;
+    UTIL::Region computeOutputDataRegion() override;
+    Imath::Color4<float> computeBackgroundColor() override;
+    void makeInputFormatRequests() override {}
+    void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
+    void renderRect(const IMGLIB::Image* output,
+                    const std::vector<const IMGLIB::Image*>& inputs) override;
+
+    Imath::Color4<float> color;
+    UTIL::Rect area;
+    uint64_t channels;
+    Imath::Color4<float> background{0, 0, 0, 0};  // outside area
+};
+
+// Multiplies every channel of its inputs' sum by a gain; 1 or 2 inputs.
+class GainTask : public ProbeTask {
+public:
+    GainTask(const std::string& name, std::vector<TaskPtr> inputs, float gain);
+
+    std::string getTypeString() override;
+    void computeCacheID(CacheIDStream& stream) override;
+    uint64_t computeOutputChannels() override;
+    UTIL::Region computeOutputDataRegion() override;
+    Imath::Color4<float> computeBackgroundColor() override;
+    void makeInputFormatRequests() override;
+    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                        std::vector<UTIL::Rect>& inputRects) override;
+    void renderRect(const IMGLIB::Image* output,
+                    const std::vector<const IMGLIB::Image*>& inputs) override;
+
+    float gain;
+    std::string typeString = "Gain";
+};
+
+// Overrides neither renderRect: the defaults' assertions fire.
+class NoRenderTask : public ConstantTask {
+public:
+    using ConstantTask::ConstantTask;
+    using RenderTask::renderRect;
+    void renderRect(const IMGLIB::Image*, const std::vector<const IMGLIB::Image*>& inputs) override {
+        RenderTask::renderRect(nullptr, inputs);
+    }
+};
+
+// A pixel of an image as RGBA (absent channels read 0).
+Imath::Color4<float> pixelAt(const IMGLIB::Image* image, int64_t x, int64_t y);
+
+}  // namespace testing
+}  // namespace TESSERA
