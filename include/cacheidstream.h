@@ -13,9 +13,7 @@ namespace TESSERA {
 // usual stream insertion and the stream's default formatting.
 class TESSERA_API CacheIDStream : public std::ostringstream {
 public:
-    explicit CacheIDStream(const std::string& typeString) {
-        *this << typeString;
-    }
+    explicit CacheIDStream(const std::string& typeString) { *this << typeString; }
 };
 
 }  // namespace TESSERA

@@ -12,8 +12,7 @@ namespace TESSERA {
 // label), the message and an integer code.
 class TESSERA_API RenderTaskRenderingException : public std::runtime_error {
 public:
-    RenderTaskRenderingException(const std::string& taskName, const std::string& message,
-                                 int code);
+    RenderTaskRenderingException(const std::string& taskName, const std::string& message, int code);
     const std::string& getTaskName() const { return m_taskName; }
     const std::string& getMessage() const { return m_message; }
     int getCode() const { return m_code; }

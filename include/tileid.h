@@ -35,7 +35,9 @@ public:
     // infinite square.
     UTIL::Rect rect() const;
 
-    bool operator==(const TileID& o) const { return m_xIndex == o.m_xIndex && m_yIndex == o.m_yIndex; }
+    bool operator==(const TileID& o) const {
+        return m_xIndex == o.m_xIndex && m_yIndex == o.m_yIndex;
+    }
     bool operator!=(const TileID& o) const { return !(*this == o); }
     // Row-major: top row first, left to right within a row.
     bool operator<(const TileID& o) const {

@@ -7,15 +7,19 @@
 namespace IMGLIB {
 namespace {
 
-const char* const kChannelNames[NUM_KNOWN_CHANNELS] = {
-    "R", "G", "B", "A", "Z", "U", "V", "aux0", "aux1", "aux2", "aux3", "aux4", "aux5", "aux6",
-    "aux7"};
+const char* const kChannelNames[NUM_KNOWN_CHANNELS] = {"R",    "G",    "B",    "A",    "Z",
+                                                       "U",    "V",    "aux0", "aux1", "aux2",
+                                                       "aux3", "aux4", "aux5", "aux6", "aux7"};
 
 }  // namespace
 
-uint64_t ValidateChannelMask(uint64_t mask) { return mask & CHANNELS_ALL; }
+uint64_t ValidateChannelMask(uint64_t mask) {
+    return mask & CHANNELS_ALL;
+}
 
-bool IsChannelMaskValid(uint64_t mask) { return (mask & ~CHANNELS_ALL) == 0; }
+bool IsChannelMaskValid(uint64_t mask) {
+    return (mask & ~CHANNELS_ALL) == 0;
+}
 
 std::string GetChannelMaskName(uint64_t mask) {
     if (mask == 0) return "none";
@@ -35,7 +39,9 @@ int64_t GetPixelBytes(uint64_t mask) {
     return 4 * GetChannelCount(mask);
 }
 
-int GetChannelCount(uint64_t mask) { return static_cast<int>(std::bitset<64>(mask).count()); }
+int GetChannelCount(uint64_t mask) {
+    return static_cast<int>(std::bitset<64>(mask).count());
+}
 
 int GetChannelIndex(uint64_t mask, uint64_t channel) {
     if (!(mask & channel)) return -1;

@@ -15,9 +15,13 @@ ThreadError& threadError() {
 
 }  // namespace
 
-int GetError() { return threadError().code; }
+int GetError() {
+    return threadError().code;
+}
 
-std::string GetErrorMessage() { return threadError().message; }
+std::string GetErrorMessage() {
+    return threadError().message;
+}
 
 void ClearError() {
     threadError().code = ERROR_NONE;

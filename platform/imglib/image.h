@@ -12,9 +12,9 @@ enum Channel : uint64_t {
     CHANNEL_G = 1u << 1,
     CHANNEL_B = 1u << 2,
     CHANNEL_A = 1u << 3,
-    CHANNEL_Z = 1u << 4,  // depth
-    CHANNEL_U = 1u << 5,  // motion vector, x
-    CHANNEL_V = 1u << 6,  // motion vector, y
+    CHANNEL_Z = 1u << 4,     // depth
+    CHANNEL_U = 1u << 5,     // motion vector, x
+    CHANNEL_V = 1u << 6,     // motion vector, y
     CHANNEL_AUX0 = 1u << 7,  // eight general-purpose channels, AUX0 to AUX7
 };
 

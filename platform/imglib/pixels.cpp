@@ -15,9 +15,8 @@ constexpr uint64_t kRGBAChannels[4] = {CHANNEL_R, CHANNEL_G, CHANNEL_B, CHANNEL_
 int checkImage(const Image* image, const char* op) {
     if (!image) return SetError(ERROR_NULL_IMAGE, std::string(op) + ": null image");
     if (!IsChannelMaskValid(image->channels))
-        return SetError(ERROR_INVALID_CHANNEL_MASK,
-                        std::string(op) + ": invalid channel mask " +
-                            std::to_string(image->channels));
+        return SetError(ERROR_INVALID_CHANNEL_MASK, std::string(op) + ": invalid channel mask " +
+                                                        std::to_string(image->channels));
     if (!image->pixelPtr && image->width() > 0 && image->height() > 0 && image->channels != 0)
         return SetError(ERROR_NULL_IMAGE, std::string(op) + ": image has no pixel memory");
     return ERROR_NONE;
@@ -137,10 +136,10 @@ int GetSubImage(const Image* src, int64_t x1, int64_t y1, int64_t x2, int64_t y2
     if (int err = checkImage(src, "GetSubImage")) return err;
     if (!out) return SetError(ERROR_NULL_IMAGE, "GetSubImage: null output record");
     if (x1 < src->x1 || y1 < src->y1 || x2 > src->x2 || y2 > src->y2 || x1 > x2 || y1 > y2)
-        return SetError(ERROR_OUT_OF_BOUNDS,
-                        "GetSubImage: [" + std::to_string(x1) + ", " + std::to_string(y1) + ", " +
-                            std::to_string(x2) + ", " + std::to_string(y2) +
-                            ") is not inside the image");
+        return SetError(ERROR_OUT_OF_BOUNDS, "GetSubImage: [" + std::to_string(x1) + ", " +
+                                                 std::to_string(y1) + ", " + std::to_string(x2) +
+                                                 ", " + std::to_string(y2) +
+                                                 ") is not inside the image");
     *out = *src;
     out->x1 = x1;
     out->y1 = y1;
@@ -152,5 +151,3 @@ int GetSubImage(const Image* src, int64_t x1, int64_t y1, int64_t x2, int64_t y2
 }
 
 }  // namespace IMGLIB
-
-

@@ -104,7 +104,9 @@ bool readAll(int fd, void* data, size_t n) {
     return true;
 }
 
-std::string systemError() { return std::strerror(errno); }
+std::string systemError() {
+    return std::strerror(errno);
+}
 
 size_t payloadRowBytes(const Image* image) {
     return static_cast<size_t>(image->width() * GetPixelBytes(image->channels));
@@ -183,9 +185,8 @@ int ReadRAW(const Image* image, const std::string& path) {
         std::memcmp(header.magic, kMagic, sizeof kMagic) != 0 || header.version != kVersion ||
         header.headerBytes != sizeof(Header))
         return SetError(ERROR_FILE_FORMAT, "ReadRAW: " + path + " is not a raw image dump");
-    if (header.channels != image->channels || header.x1 != image->x1 ||
-        header.y1 != image->y1 || header.x2 != image->x2 || header.y2 != image->y2 ||
-        header.rowBytes != image->rowBytes)
+    if (header.channels != image->channels || header.x1 != image->x1 || header.y1 != image->y1 ||
+        header.x2 != image->x2 || header.y2 != image->y2 || header.rowBytes != image->rowBytes)
         return SetError(ERROR_FILE_MISMATCH,
                         "ReadRAW: " + path + " holds a different image (channels or bounds)");
 

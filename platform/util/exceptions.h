@@ -48,8 +48,8 @@ private:
 // Assertions stay on in every build and throw UTIL::AssertException. Each
 // source file that asserts names itself once, at the top:
 //     UTIL_ASSERT_SOURCE("rendersystem/core/tileid");
-#define UTIL_ASSERT_SOURCE(name) \
-    namespace {                  \
+#define UTIL_ASSERT_SOURCE(name)                \
+    namespace {                                 \
     constexpr const char* kAssertSource = name; \
     }
 

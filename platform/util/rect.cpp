@@ -27,7 +27,9 @@ Rect Rect::boundingBox(const Rect& r) const {
                 std::max(ymax, r.ymax));
 }
 
-Rect Rect::grown(int64_t dx, int64_t dy) const { return grown(dx, dy, dx, dy); }
+Rect Rect::grown(int64_t dx, int64_t dy) const {
+    return grown(dx, dy, dx, dy);
+}
 
 Rect Rect::grown(int64_t left, int64_t bottom, int64_t right, int64_t top) const {
     if (isNull()) return Rect();

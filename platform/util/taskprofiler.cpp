@@ -38,6 +38,8 @@ TaskProfiler::Scope::Scope(TaskProfiler& profiler, std::string category)
       m_category(std::move(category)),
       m_start(std::chrono::steady_clock::now()) {}
 
-TaskProfiler::Scope::~Scope() { m_profiler.addTime(m_category, millisecondsSince(m_start)); }
+TaskProfiler::Scope::~Scope() {
+    m_profiler.addTime(m_category, millisecondsSince(m_start));
+}
 
 }  // namespace UTIL

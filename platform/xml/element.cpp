@@ -13,11 +13,20 @@ std::string escaped(const std::string& text) {
     out.reserve(text.size());
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -32,14 +41,18 @@ std::string toText(const T& value) {
 
 }  // namespace
 
-ElementPtr Element::create(const std::string& name) { return ElementPtr(new Element(name)); }
+ElementPtr Element::create(const std::string& name) {
+    return ElementPtr(new Element(name));
+}
 
 ElementPtr Element::addChild(const ElementPtr& child) {
     m_children.push_back(child);
     return child;
 }
 
-ElementPtr Element::addChild(const std::string& name) { return addChild(create(name)); }
+ElementPtr Element::addChild(const std::string& name) {
+    return addChild(create(name));
+}
 
 ElementPtr Element::findChild(const std::string& name) const {
     for (const ElementPtr& c : m_children)
@@ -60,10 +73,18 @@ void Element::setAttr(const std::string& name, const std::string& value) {
 void Element::setAttr(const std::string& name, const char* value) {
     setAttr(name, std::string(value));
 }
-void Element::setAttr(const std::string& name, int64_t value) { setAttr(name, toText(value)); }
-void Element::setAttr(const std::string& name, uint64_t value) { setAttr(name, toText(value)); }
-void Element::setAttr(const std::string& name, int value) { setAttr(name, toText(value)); }
-void Element::setAttr(const std::string& name, double value) { setAttr(name, toText(value)); }
+void Element::setAttr(const std::string& name, int64_t value) {
+    setAttr(name, toText(value));
+}
+void Element::setAttr(const std::string& name, uint64_t value) {
+    setAttr(name, toText(value));
+}
+void Element::setAttr(const std::string& name, int value) {
+    setAttr(name, toText(value));
+}
+void Element::setAttr(const std::string& name, double value) {
+    setAttr(name, toText(value));
+}
 void Element::setAttr(const std::string& name, bool value) {
     setAttr(name, std::string(value ? "true" : "false"));
 }
@@ -83,7 +104,8 @@ std::string Element::getAttr(const std::string& name) const {
 void Element::write(std::ostream& os, int indent) const {
     const std::string pad(static_cast<size_t>(indent) * 2, ' ');
     os << pad << '<' << m_name;
-    for (const auto& attr : m_attrs) os << ' ' << attr.first << "=\"" << escaped(attr.second) << '"';
+    for (const auto& attr : m_attrs)
+        os << ' ' << attr.first << "=\"" << escaped(attr.second) << '"';
     if (m_children.empty() && m_text.empty()) {
         os << "/>\n";
         return;

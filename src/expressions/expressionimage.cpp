@@ -17,7 +17,9 @@ Image::Image(const IMGLIB::Image* image)
 Image::Image(int left, int bottom, int right, int top, const Color4& color)
     : m_background(color), m_left(left), m_bottom(bottom), m_right(right), m_top(top) {}
 
-bool Image::isPixelValid(int x, int y) const { return m_image && inBounds(x, y); }
+bool Image::isPixelValid(int x, int y) const {
+    return m_image && inBounds(x, y);
+}
 
 Color4 Image::getPixel(int x, int y) const {
     if (!inBounds(x, y))

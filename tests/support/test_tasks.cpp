@@ -47,9 +47,13 @@ GainTask::GainTask(const std::string& name, std::vector<TaskPtr> inputs, float g
     for (TaskPtr& input : inputs) registerInputTask(input);
 }
 
-std::string GainTask::getTypeString() { return typeString; }
+std::string GainTask::getTypeString() {
+    return typeString;
+}
 
-void GainTask::computeCacheID(CacheIDStream& stream) { stream << gain; }
+void GainTask::computeCacheID(CacheIDStream& stream) {
+    stream << gain;
+}
 
 uint64_t GainTask::computeOutputChannels() {
     uint64_t channels = 0;
@@ -70,7 +74,8 @@ Imath::Color4<float> GainTask::computeBackgroundColor() {
 }
 
 void GainTask::makeInputFormatRequests() {
-    for (size_t i = 0; i < getInputTaskCount(); ++i) addInputRequest(i, getRequiredOutputChannels());
+    for (size_t i = 0; i < getInputTaskCount(); ++i)
+        addInputRequest(i, getRequiredOutputChannels());
 }
 
 void GainTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,

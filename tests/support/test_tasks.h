@@ -37,8 +37,8 @@ public:
 // A constant colour over an area; no inputs.
 class ConstantTask : public ProbeTask {
 public:
-    ConstantTask(const std::string& name, const Imath::Color4<float>& color,
-                 const UTIL::Rect& area, uint64_t channels = IMGLIB::CHANNELS_RGBA);
+    ConstantTask(const std::string& name, const Imath::Color4<float>& color, const UTIL::Rect& area,
+                 uint64_t channels = IMGLIB::CHANNELS_RGBA);
 
     std::string getTypeString() override;
     void computeCacheID(CacheIDStream& stream) override;
@@ -81,7 +81,8 @@ class NoRenderTask : public ConstantTask {
 public:
     using ConstantTask::ConstantTask;
     using RenderTask::renderRect;
-    void renderRect(const IMGLIB::Image*, const std::vector<const IMGLIB::Image*>& inputs) override {
+    void renderRect(const IMGLIB::Image*,
+                    const std::vector<const IMGLIB::Image*>& inputs) override {
         RenderTask::renderRect(nullptr, inputs);
     }
 };

@@ -27,8 +27,8 @@ const std::string kWriteOut = "Out of bounds access error";
 }  // namespace
 
 TEST(ExpressionImage, WrapsAnImageWithHalfOpenBounds) {
-    TESSERA::TempImageBuffer buffer(IMGLIB::CHANNEL_R | IMGLIB::CHANNEL_A,
-                                    UTIL::Rect(-2, 3, 4, 7), "expr");
+    TESSERA::TempImageBuffer buffer(IMGLIB::CHANNEL_R | IMGLIB::CHANNEL_A, UTIL::Rect(-2, 3, 4, 7),
+                                    "expr");
     const float zero[4] = {0, 0, 0, 0};
     IMGLIB::Fill(buffer.getImage(), zero);
     Image image(buffer.getImage());

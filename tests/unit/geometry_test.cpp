@@ -72,7 +72,7 @@ TEST(Region, StaysDisjointAndAnswersContainment) {
 
     EXPECT_TRUE(region.contains(Rect(0, 0, 10, 10)));
     EXPECT_TRUE(region.contains(Rect(8, 2, 12, 12)) == false);  // (10..12, 2..5) is outside
-    EXPECT_TRUE(region.contains(Rect(8, 6, 12, 12)));            // spans both rectangles
+    EXPECT_TRUE(region.contains(Rect(8, 6, 12, 12)));           // spans both rectangles
     EXPECT_TRUE(region.contains(14, 14));
     EXPECT_FALSE(region.contains(14, 4));
     EXPECT_EQ(region.boundingBox(), Rect(0, 0, 15, 15));

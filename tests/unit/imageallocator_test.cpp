@@ -56,7 +56,8 @@ TEST(ImageAllocator, SwapsOldestUnlockedImagesAndRestoresThemBitForBit) {
     images.push_back(patterned(local, 3));
     EXPECT_EQ(local.allocator->getDiskUsage(), 2 * kTileBytes);
     EXPECT_EQ(local.allocator->getMemUsage(), 2 * kTileBytes);
-    EXPECT_EQ(local.allocator->getPeakMemUsage(), 4 * kTileBytes);
+    // The peak is taken once the reservation is resolved.
+    EXPECT_EQ(local.allocator->getPeakMemUsage(), 3 * kTileBytes);
     const auto files = local.swapFiles();
     ASSERT_EQ(files.size(), 2u);
     const std::regex name("marlin_cacheFile[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}");
@@ -78,7 +79,7 @@ TEST(ImageAllocator, SwapsOldestUnlockedImagesAndRestoresThemBitForBit) {
     EXPECT_EQ(local.allocator->getDiskUsage(), 0);
     EXPECT_EQ(local.allocator->getMemUsage(), 0);
     EXPECT_TRUE(local.swapFiles().empty());
-    EXPECT_EQ(local.allocator->getPeakDiskUsage(), 2 * kTileBytes);
+    EXPECT_EQ(local.allocator->getPeakDiskUsage(), 3 * kTileBytes);
 }
 
 TEST(ImageAllocator, BudgetTestIsStrictToEnterAndInclusiveToContinue) {
@@ -138,7 +139,7 @@ TEST(ImageAllocator, UnwritableSwapDirectoryFailsTheSaveAndLosesNoPixels) {
 TEST(ImageAllocator, DamagedSwapFileIsDetectedNotTrusted) {
     LocalAllocator local;
     ImageBuffer a = patterned(local, 3);
-    local.allocator->setMaxMemory(kTileBytes);
+    local.allocator->setMaxMemory(kTileBytes + 1);
     ImageBuffer b = patterned(local, 4);  // swaps a out
     const auto files = local.swapFiles();
     ASSERT_EQ(files.size(), 1u);
@@ -188,7 +189,7 @@ TEST(ImageAllocator, ThreadsSharingATightBudgetKeepEveryPixel) {
 
 TEST(ImageAllocator, StatisticsReportSwapsAndResetKeepsPeakDisk) {
     LocalAllocator local;
-    local.allocator->setMaxMemory(kTileBytes);
+    local.allocator->setMaxMemory(kTileBytes + 1);
     ImageBuffer a = patterned(local, 1);
     ImageBuffer b = patterned(local, 2);  // a goes to disk
     { ImageBuffer_LockScoper lock(a); }   // and comes back (b goes)
@@ -197,24 +198,25 @@ TEST(ImageAllocator, StatisticsReportSwapsAndResetKeepsPeakDisk) {
     EXPECT_EQ(entryValue(root, "Image Memory Management", "Tile Swap Count (to disk)"), "2");
     EXPECT_EQ(entryValue(root, "Image Memory Management", "Tile Swap Count (from disk)"), "1");
     EXPECT_EQ(entryValue(root, "Image Memory Management", "Peak Memory Usage"),
-              std::to_string(2 * kTileBytes));
-    EXPECT_EQ(entryValue(root, "Image Memory Management", "Max Memory Allowed"),
               std::to_string(kTileBytes));
+    EXPECT_EQ(entryValue(root, "Image Memory Management", "Max Memory Allowed"),
+              std::to_string(kTileBytes + 1));
     EXPECT_EQ(entryValue(root, "Speculative Cache", "Memory Usage"), "0");
-    for (const char* entry : {"Peak Memory Usage (FileIn)", "Peak Disk Usage",
-                              "Tile Swap Time (to disk)", "Tile Swap Time (from disk)",
-                              "Tile Swap Time (total)"})
+    for (const char* entry :
+         {"Peak Memory Usage (FileIn)", "Peak Disk Usage", "Tile Swap Time (to disk)",
+          "Tile Swap Time (from disk)", "Tile Swap Time (total)"})
         EXPECT_NE(entryValue(root, "Image Memory Management", entry), "<missing>") << entry;
 
     local.allocator->resetStatistics();
     EXPECT_EQ(local.allocator->getPeakMemUsage(), 0);
-    EXPECT_EQ(local.allocator->getPeakDiskUsage(), kTileBytes);
+    // b was saved before a was read back: both were on disk at once. Kept.
+    EXPECT_EQ(local.allocator->getPeakDiskUsage(), 2 * kTileBytes);
 
     ::testing::internal::CaptureStderr();
     local.allocator->printMemoryUsage(std::cerr);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "Image allocator memory usage: " + std::to_string(kTileBytes) +
-                  "\nImage allocator max memory usage: " + std::to_string(kTileBytes) +
+                  "\nImage allocator max memory usage: " + std::to_string(kTileBytes + 1) +
                   "\nSpeculative cache memory usage: 0\n");
 }
 

@@ -13,7 +13,9 @@ UTIL_ASSERT_SOURCE("tests/platform")
 
 namespace {
 
-void failingCheck() { UTIL_ASSERT(!"This RenderTask does not support delayed locking."); }
+void failingCheck() {
+    UTIL_ASSERT(!"This RenderTask does not support delayed locking.");
+}
 
 struct Counted : ThreadSafeRefBase {
     explicit Counted(int* destroyed) : destroyed(destroyed) {}

@@ -47,19 +47,29 @@ constexpr int64_t kMegabyte = int64_t(1) << 20;
 UTIL::TaskProfiler RenderManager::s_renderSystemProfiler;
 
 RenderManager::CancelChecker::~CancelChecker() = default;
-bool RenderManager::CancelChecker::shouldAbort() { return false; }
+bool RenderManager::CancelChecker::shouldAbort() {
+    return false;
+}
 
 void RenderManager::setGlobalTileSize(int64_t xTileSize, int64_t yTileSize) {
-    UTIL_ASSERT(xTileSize >0 && yTileSize > 0);
+    UTIL_ASSERT(xTileSize > 0 && yTileSize > 0);
     s_tileWidth.store(xTileSize);
     s_tileHeight.store(yTileSize);
 }
 
-int64_t RenderManager::getGlobalTileWidth() { return s_tileWidth.load(); }
-int64_t RenderManager::getGlobalTileHeight() { return s_tileHeight.load(); }
+int64_t RenderManager::getGlobalTileWidth() {
+    return s_tileWidth.load();
+}
+int64_t RenderManager::getGlobalTileHeight() {
+    return s_tileHeight.load();
+}
 
-void RenderManager::setRenderDebug(bool debug) { s_renderDebug.store(debug); }
-bool RenderManager::getRenderDebug() { return s_renderDebug.load(); }
+void RenderManager::setRenderDebug(bool debug) {
+    s_renderDebug.store(debug);
+}
+bool RenderManager::getRenderDebug() {
+    return s_renderDebug.load();
+}
 
 void RenderManager::setRenderLogFile(const std::string& path) {
     auto file = std::make_unique<std::ofstream>(path, std::ios::out | std::ios::trunc);
@@ -81,8 +91,12 @@ void RenderManager::debugLine(const std::string& line) {
     *s_log << line << std::endl;
 }
 
-void RenderManager::setRenderThreads(uint64_t n) { s_renderThreads.store(n < 1 ? 1 : n); }
-uint64_t RenderManager::getRenderThreads() { return s_renderThreads.load(); }
+void RenderManager::setRenderThreads(uint64_t n) {
+    s_renderThreads.store(n < 1 ? 1 : n);
+}
+uint64_t RenderManager::getRenderThreads() {
+    return s_renderThreads.load();
+}
 
 void RenderManager::setSpeculativeCachingEnable(bool enable) {
     ImageAllocator::instance().speculativeCache().setEnabled(enable);
@@ -140,7 +154,9 @@ void RenderManager::SetCancelChecker(CancelChecker* checker) {
         s_cancelCheckers.erase(std::this_thread::get_id());
 }
 
-void RenderManager::ClearRenderTaskCache() { Private::RenderTaskCache::instance().clear(); }
+void RenderManager::ClearRenderTaskCache() {
+    Private::RenderTaskCache::instance().clear();
+}
 
 void RenderManager::SetMaxImageMemory(uint64_t megabytes) {
     ImageAllocator::instance().setMaxMemory(static_cast<int64_t>(megabytes) * kMegabyte);

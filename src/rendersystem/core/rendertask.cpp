@@ -12,28 +12,47 @@ namespace TESSERA {
 
 std::atomic<uint64_t> RenderTask::s_count{0};
 
-RenderTask::RenderTask(const std::string& name, float time)
-    : m_imp(new Imp(this, name, time)) {
+RenderTask::RenderTask(const std::string& name, float time) : m_imp(new Imp(this, name, time)) {
     ++s_count;
 }
 
-RenderTask::~RenderTask() { --s_count; }
+RenderTask::~RenderTask() {
+    --s_count;
+}
 
 RenderTask::Imp& RenderTask::imp() const {
     UTIL_ASSERT(m_imp);
     return *m_imp;
 }
 
-const std::string& RenderTask::getName() const { return imp().m_name; }
-const std::string& RenderTask::getNameAtTime() const { return imp().m_nameAtTime; }
-float RenderTask::getTime() const { return imp().m_time; }
+const std::string& RenderTask::getName() const {
+    return imp().m_name;
+}
+const std::string& RenderTask::getNameAtTime() const {
+    return imp().m_nameAtTime;
+}
+float RenderTask::getTime() const {
+    return imp().m_time;
+}
 
-void RenderTask::setCaching(bool caching) { imp().m_caching = caching; }
-bool RenderTask::getCaching() { return imp().m_caching; }
-void RenderTask::setDiskCacheEnabled(bool enabled) { imp().m_diskCacheEnabled = enabled; }
-void RenderTask::setSampleRate(float x, float y) { imp().setSampleRate(x, y); }
-void RenderTask::setProbabilityBeingEdited(float p) { imp().m_probabilityBeingEdited = p; }
-float RenderTask::getProbabilityIsNeeded() const { return imp().m_probabilityIsNeeded; }
+void RenderTask::setCaching(bool caching) {
+    imp().m_caching = caching;
+}
+bool RenderTask::getCaching() {
+    return imp().m_caching;
+}
+void RenderTask::setDiskCacheEnabled(bool enabled) {
+    imp().m_diskCacheEnabled = enabled;
+}
+void RenderTask::setSampleRate(float x, float y) {
+    imp().setSampleRate(x, y);
+}
+void RenderTask::setProbabilityBeingEdited(float p) {
+    imp().m_probabilityBeingEdited = p;
+}
+float RenderTask::getProbabilityIsNeeded() const {
+    return imp().m_probabilityIsNeeded;
+}
 
 void RenderTask::getOutputDescription(uint64_t* channels, UTIL::Region* region) {
     imp().ensureOutputDescription();
@@ -51,7 +70,9 @@ const Imath::Color4<float>& RenderTask::getBackgroundColor() {
     return m_imp->m_backgroundColor;
 }
 
-void RenderTask::getAllInputRenderTasks(std::vector<TaskPtr>&) { imp(); }
+void RenderTask::getAllInputRenderTasks(std::vector<TaskPtr>&) {
+    imp();
+}
 
 void RenderTask::outputCachingInfo(std::ostream& os) const {
     imp();
@@ -82,10 +103,16 @@ void RenderTask::setWrapInputImagesIfBackground(bool wrap) {
     m_wrapInputImagesIfBackground = wrap;
 }
 
-int64_t RenderTask::getFinalRenderTaskID() { return imp().m_finalRenderTaskID; }
+int64_t RenderTask::getFinalRenderTaskID() {
+    return imp().m_finalRenderTaskID;
+}
 
-size_t RenderTask::registerInputTask(TaskPtr input) { return imp().registerInputTask(input); }
-size_t RenderTask::getInputTaskCount() const { return imp().getInputTaskCount(); }
+size_t RenderTask::registerInputTask(TaskPtr input) {
+    return imp().registerInputTask(input);
+}
+size_t RenderTask::getInputTaskCount() const {
+    return imp().getInputTaskCount();
+}
 
 void RenderTask::addInputRequest(size_t input, uint64_t channels) {
     imp().addInputRequest(input, channels, IMGLIB::EXTEND_BACKGROUND, false, UTIL::Rect());
@@ -112,9 +139,13 @@ const std::string& RenderTask::getInputCacheID(size_t input) {
     return imp().getInputCacheID(input);
 }
 
-void RenderTask::ignoreInputCacheID(size_t input) { imp().ignoreInputCacheID(input); }
+void RenderTask::ignoreInputCacheID(size_t input) {
+    imp().ignoreInputCacheID(input);
+}
 
-uint64_t RenderTask::getRequiredOutputChannels() const { return imp().m_requiredOutputChannels; }
+uint64_t RenderTask::getRequiredOutputChannels() const {
+    return imp().m_requiredOutputChannels;
+}
 
 uint64_t RenderTask::getRequiredInputChannels(int64_t input) const {
     return imp().getRequiredInputChannels(input);
@@ -134,7 +165,9 @@ int RenderTask::getTileHeight() const {
                              : static_cast<int>(RenderManager::getGlobalTileHeight());
 }
 
-void RenderTask::setRenderLocalLocking(bool localLocking) { m_renderLocalLocking = localLocking; }
+void RenderTask::setRenderLocalLocking(bool localLocking) {
+    m_renderLocalLocking = localLocking;
+}
 
 Imath::Color4<float> RenderTask::computeBackgroundColor() {
     if (getInputTaskCount() == 0) return Imath::Color4<float>(0, 0, 0, 0);
@@ -181,8 +214,7 @@ void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& i
             for (size_t i = 0; i < inputs.size() && i < m_requiredInputRects.size(); ++i) {
                 if (!inputs[i].isNull()) continue;
                 const Private::InputRequest* request = m_imp->getInputRequest(i);
-                const uint64_t channels =
-                    request ? request->channels : getDefinedInputChannels(i);
+                const uint64_t channels = request ? request->channels : getDefinedInputChannels(i);
                 inputs[i] = ImageBuffer(channels, m_requiredInputRects[i],
                                         "BufferTaskBackgroungImage_" + std::to_string(i));
                 ImageBuffer_LockScoper fillLock(inputs[i]);

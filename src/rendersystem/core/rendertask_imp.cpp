@@ -44,8 +44,8 @@ void RenderTask::Imp::addInputRequest(size_t inputID, uint64_t channels,
     UTIL_ASSERT_TEXT(inputID < m_inputRequests.size(),
                      "inputID >= 0 && inputID < m_inputRequests.size()");
     if (m_inputRequests[inputID]) {
-        std::cerr << "Render task already registered at inputID " << inputID
-                  << " of renderTask " << m_nameAtTime << std::endl;
+        std::cerr << "Render task already registered at inputID " << inputID << " of renderTask "
+                  << m_nameAtTime << std::endl;
         UTIL_ASSERT_TEXT(!m_inputRequests[inputID], "m_inputRequests.is_null(inputID)");
     }
     if (method != IMGLIB::EXTEND_BACKGROUND) UTIL_ASSERT(!inputDisplayRect.isNull());
@@ -81,7 +81,7 @@ RenderTask::Imp& RenderTask::Imp::inputImp(size_t inputID) {
 }
 
 uint64_t RenderTask::Imp::getRequiredInputChannels(int64_t whichInput) const {
-    UTIL_ASSERT(whichInput >=0 && whichInput < static_cast<int64_t>(m_inputRequests.size()));
+    UTIL_ASSERT(whichInput >= 0 && whichInput < static_cast<int64_t>(m_inputRequests.size()));
     UTIL_ASSERT_TEXT(m_inputRequests[static_cast<size_t>(whichInput)],
                      "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput))");
     return m_inputRequests[static_cast<size_t>(whichInput)]->channels;
@@ -126,8 +126,8 @@ void RenderTask::Imp::computeOwnOutputDescription() {
         std::ostringstream line;
         line << m_nameAtTime
              << " Defined channels: " << IMGLIB::GetChannelMaskName(m_definedOutputChannels)
-             << " Defined area: " << m_definedOutputDataRegion << " Cache ID: '" << m_cacheID
-             << "'" << " Compressed CacheID: '" << m_compressedCacheID << "'";
+             << " Defined area: " << m_definedOutputDataRegion << " Cache ID: '" << m_cacheID << "'"
+             << " Compressed CacheID: '" << m_compressedCacheID << "'";
         RenderManager::debugLine(line.str());
     }
 }

@@ -17,10 +17,10 @@
 namespace TESSERA {
 
 enum RenderStage : int {
-    RENDERSTAGE_Init = 0,                         // inputs may be registered
-    RENDERSTAGE_ComputeOutputDescription = 1,     // inputs' descriptions may be read
-    RENDERSTAGE_ReadyToSetUpInputRequests = 2,    // every consumer has asked its tiles
-    RENDERSTAGE_InputRequestsSetUp = 4,           // tiles may be rendered
+    RENDERSTAGE_Init = 0,                       // inputs may be registered
+    RENDERSTAGE_ComputeOutputDescription = 1,   // inputs' descriptions may be read
+    RENDERSTAGE_ReadyToSetUpInputRequests = 2,  // every consumer has asked its tiles
+    RENDERSTAGE_InputRequestsSetUp = 4,         // tiles may be rendered
 };
 
 // The task's inputs, its output description (defined channels and data
@@ -48,14 +48,18 @@ public:
     void ensureOutputDescription();
 
     Imp& inputImp(size_t inputID);  // asserts the input's description is readable
-    uint64_t getDefinedInputChannels(size_t inputID) { return inputImp(inputID).m_definedOutputChannels; }
+    uint64_t getDefinedInputChannels(size_t inputID) {
+        return inputImp(inputID).m_definedOutputChannels;
+    }
     const UTIL::Region& getDefinedInputDataRegion(size_t inputID) {
         return inputImp(inputID).m_definedOutputDataRegion;
     }
     const Imath::Color4<float>& getInputBackgroundColor(size_t inputID) {
         return inputImp(inputID).m_backgroundColor;
     }
-    const std::string& getInputCacheID(size_t inputID) { return inputImp(inputID).m_compressedCacheID; }
+    const std::string& getInputCacheID(size_t inputID) {
+        return inputImp(inputID).m_compressedCacheID;
+    }
     uint64_t getRequiredInputChannels(int64_t whichInput) const;
     const Private::InputRequest* getInputRequest(size_t inputID) const;
 

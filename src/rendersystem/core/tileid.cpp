@@ -14,7 +14,9 @@ namespace {
 // The index range of a grid axis: tile sizes and coordinates are divided in
 // single precision, the settled rule for which tiles an area produces.
 // Indices are 16-bit; values beyond that range are pinned to it.
-int toIndex(float v) { return static_cast<int16_t>(std::clamp(v, -32768.0f, 32767.0f)); }
+int toIndex(float v) {
+    return static_cast<int16_t>(std::clamp(v, -32768.0f, 32767.0f));
+}
 
 void indexRange(int64_t lo, int64_t hi, int size, int& first, int& end) {
     first = toIndex(std::floor(static_cast<float>(lo) / static_cast<float>(size)));
@@ -63,8 +65,8 @@ size_t TileID::convertToTileIDs(const UTIL::Rect& rect, std::vector<TileID>& out
     return out.size();
 }
 
-size_t TileID::convertToTileIDs(const UTIL::Region& region, std::vector<TileID>& out,
-                                int tileWidth, int tileHeight) {
+size_t TileID::convertToTileIDs(const UTIL::Region& region, std::vector<TileID>& out, int tileWidth,
+                                int tileHeight) {
     if (region.isEmpty()) return 0;
     if (isFullFrame(tileWidth, tileHeight)) {
         out.emplace_back(0, 0, INFINITE_SIZE, INFINITE_SIZE);

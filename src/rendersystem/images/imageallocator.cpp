@@ -64,7 +64,9 @@ ImageAllocator& ImageAllocator::instance() {
 ImageAllocator::ImageAllocator(std::string tempDirectory)
     : m_tempDirectory(std::move(tempDirectory)), m_cache(new SpeculativeCache(*this)) {}
 
-ImageAllocator::~ImageAllocator() { m_cache->clear(); }
+ImageAllocator::~ImageAllocator() {
+    m_cache->clear();
+}
 
 void ImageAllocator::checkOverran() {
     if (s_overran.load()) throw UTIL::OutOfMemoryException(kOverranMessage);
@@ -138,9 +140,9 @@ void ImageAllocator::onFirstLock(Impl* image) {
         if (!image->m_fileName.empty()) loadFromDisk(image);
     }
     std::lock_guard<std::mutex> lock(m_lockedMutex);
-    UTIL_ASSERT_TEXT(std::find(m_lockedImages.begin(), m_lockedImages.end(), image) ==
-                         m_lockedImages.end(),
-                     "find(m_lockedImages, image) == m_lockedImages.end()");
+    UTIL_ASSERT_TEXT(
+        std::find(m_lockedImages.begin(), m_lockedImages.end(), image) == m_lockedImages.end(),
+        "find(m_lockedImages, image) == m_lockedImages.end()");
     m_lockedImages.push_back(image);
 }
 
@@ -174,7 +176,10 @@ void ImageAllocator::allocate(Impl* image) {
     }
     const int64_t size = image->size();
     reserve(image, size);
-    void* block = std::aligned_alloc(kPixelAlignment, static_cast<size_t>(size));
+    // aligned_alloc wants a whole number of alignment units.
+    const size_t blockBytes =
+        (static_cast<size_t>(size) + kPixelAlignment - 1) & ~(kPixelAlignment - 1);
+    void* block = std::aligned_alloc(kPixelAlignment, blockBytes);
     if (!block) {
         unaccount(image->isFileIn(), size);
         throw std::bad_alloc();
@@ -327,8 +332,8 @@ void ImageAllocator::destroy(Impl* image) noexcept {
         }
         if (image->m_image.pixelPtr) freePixels(image);
     } catch (const std::exception& e) {
-        std::cerr << "ImageAllocator: releasing image '" << image->m_comment
-                  << "': " << e.what() << std::endl;
+        std::cerr << "ImageAllocator: releasing image '" << image->m_comment << "': " << e.what()
+                  << std::endl;
     }
     delete image;
 }
@@ -342,8 +347,7 @@ void ImageAllocator::markCacheable(ImageBuffer& buffer, const CacheDataPtr& data
 }
 
 std::string ImageAllocator::newSwapFilePath() const {
-    return (std::filesystem::path(m_tempDirectory) / (kSwapFilePrefix + randomSwapName()))
-        .string();
+    return (std::filesystem::path(m_tempDirectory) / (kSwapFilePrefix + randomSwapName())).string();
 }
 
 void ImageAllocator::printState(std::ostream& os) const {
@@ -358,8 +362,9 @@ void ImageAllocator::printState(std::ostream& os) const {
     // Lock counts are read without the images' mutexes: a best-effort report
     // written just before the process gives up on its budget.
     for (const Impl* image : m_lockedImages)
-        os << "      " << "Buf: " << static_cast<const void*>(image)
-           << " lockCount: " << image->m_lockCount << " comment: " << image->m_comment << '\n';
+        os << "      "
+           << "Buf: " << static_cast<const void*>(image) << " lockCount: " << image->m_lockCount
+           << " comment: " << image->m_comment << '\n';
     os.flush();
 }
 

@@ -20,9 +20,13 @@ ImageBuffer& ImageBuffer::operator=(const ImageBuffer&) = default;
 ImageBuffer& ImageBuffer::operator=(ImageBuffer&&) noexcept = default;
 ImageBuffer::~ImageBuffer() = default;
 
-void ImageBuffer::setNull() { m_impl.reset(); }
+void ImageBuffer::setNull() {
+    m_impl.reset();
+}
 
-uint64_t ImageBuffer::getChannels() const { return m_impl ? m_impl->m_image.channels : 0; }
+uint64_t ImageBuffer::getChannels() const {
+    return m_impl ? m_impl->m_image.channels : 0;
+}
 
 UTIL::Rect ImageBuffer::getBounds() const {
     if (!m_impl) return UTIL::Rect();
@@ -30,7 +34,9 @@ UTIL::Rect ImageBuffer::getBounds() const {
     return UTIL::Rect(image.x1, image.y1, image.x2, image.y2);
 }
 
-int64_t ImageBuffer::getSize() const { return m_impl ? m_impl->size() : 0; }
+int64_t ImageBuffer::getSize() const {
+    return m_impl ? m_impl->size() : 0;
+}
 
 std::string ImageBuffer::getComment() const {
     if (!m_impl) return "unallocated image buffer";
@@ -44,7 +50,9 @@ void ImageBuffer::setComment(const std::string& comment) {
     m_impl->m_comment = comment;
 }
 
-const IMGLIB::Image* ImageBuffer::getImage() const { return m_impl ? m_impl->getImage() : nullptr; }
+const IMGLIB::Image* ImageBuffer::getImage() const {
+    return m_impl ? m_impl->getImage() : nullptr;
+}
 
 void ImageBuffer::lock() {
     if (m_impl) m_impl->lock();
@@ -63,7 +71,9 @@ void ImageBuffer::unlockNoThrow() noexcept {
     }
 }
 
-ImageBuffer_LockScoper::~ImageBuffer_LockScoper() { m_buffer->unlockNoThrow(); }
+ImageBuffer_LockScoper::~ImageBuffer_LockScoper() {
+    m_buffer->unlockNoThrow();
+}
 
 ImageBuffer_MultiLockScoper::~ImageBuffer_MultiLockScoper() {
     for (ImageBuffer& buffer : m_buffers) buffer.unlockNoThrow();

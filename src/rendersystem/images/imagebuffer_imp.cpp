@@ -14,10 +14,10 @@ UTIL_ASSERT_SOURCE("rendersystem/images/imagebuffer_imp")
 
 // Once the allocator has overran, every checked site reports that instead of
 // its own condition.
-#define IMAGE_ASSERT(expr)                                \
-    do {                                                  \
-        Private::ImageAllocator::checkOverran();          \
-        UTIL_ASSERT(expr);                                \
+#define IMAGE_ASSERT(expr)                       \
+    do {                                         \
+        Private::ImageAllocator::checkOverran(); \
+        UTIL_ASSERT(expr);                       \
     } while (0)
 
 namespace TESSERA {

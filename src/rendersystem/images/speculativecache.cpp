@@ -21,7 +21,9 @@ std::string CacheData::makeCacheKey(const std::string& cacheID, const TileID& ti
     return key.str();
 }
 
-SpeculativeCache::~SpeculativeCache() { clear(); }
+SpeculativeCache::~SpeculativeCache() {
+    clear();
+}
 
 SpeculativeCache::Score SpeculativeCache::scoreOf(const CacheData& data, uint64_t sequence) {
     return Score(data.priority * data.weight, data.priority, sequence);
@@ -100,14 +102,20 @@ ImageBuffer SpeculativeCache::lookup(const std::string& cacheID, const TileID& t
 }
 
 int64_t SpeculativeCache::release(int64_t bytes) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<Impl*> victims;
     int64_t freed = 0;
-    while (!_cacheSortedByPriority.empty() && freed < bytes) {
-        Impl* lowest = _cacheSortedByPriority.begin()->second;
-        removeEntry(lowest);
-        if (lowest->isInRam()) freed += lowest->size();
-        m_allocator.destroy(lowest);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        while (!_cacheSortedByPriority.empty() && freed < bytes) {
+            Impl* lowest = _cacheSortedByPriority.begin()->second;
+            removeEntry(lowest);
+            if (lowest->isInRam()) freed += lowest->size();
+            victims.push_back(lowest);
+        }
     }
+    // Destroyed outside m_mutex, like clear() (the images are no longer
+    // reachable through the cache, and nobody else holds them).
+    for (Impl* image : victims) m_allocator.destroy(image);
     return freed;
 }
 

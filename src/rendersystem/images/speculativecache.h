@@ -24,8 +24,9 @@ class ImageAllocator;
 // needs memory, and only they may be displaced by a newcomer.
 //
 // m_mutex guards everything. The allocator calls release() while holding its
-// memory mutex, so this mutex nests inside that one; clear() therefore
-// destroys its images after letting go of m_mutex.
+// memory mutex, so this mutex nests inside that one; release() and clear()
+// therefore destroy images (which un-accounts them under the memory mutex)
+// only after letting go of m_mutex.
 class SpeculativeCache {
 public:
     explicit SpeculativeCache(ImageAllocator& allocator) : m_allocator(allocator) {}

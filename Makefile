@@ -1,0 +1,37 @@
+# Tessera: `make test` installs what it needs, builds and runs the whole
+# suite in a release build and under the sanitizers.
+JOBS ?= $(shell nproc)
+CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
+
+.PHONY: all deps build test test-release test-asan test-tsan format clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	cmake --build build/release -j$(JOBS)
+
+test: test-release test-asan test-tsan
+
+test-release: build
+	$(CTEST) build/release
+
+# AddressSanitizer and UndefinedBehaviorSanitizer in one build.
+test-asan: deps
+	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=address,undefined
+	cmake --build build/asan -j$(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST) build/asan
+
+test-tsan: deps
+	cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=thread
+	cmake --build build/tsan -j$(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) build/tsan
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h')
+
+clean:
+	rm -rf build out
