@@ -52,7 +52,7 @@ bool RenderManager::CancelChecker::shouldAbort() {
 }
 
 void RenderManager::setGlobalTileSize(int64_t xTileSize, int64_t yTileSize) {
-    UTIL_ASSERT(xTileSize > 0 && yTileSize > 0);
+    UTIL_ASSERT_TEXT(xTileSize > 0 && yTileSize > 0, "xTileSize >0 && yTileSize > 0");
     s_tileWidth.store(xTileSize);
     s_tileHeight.store(yTileSize);
 }

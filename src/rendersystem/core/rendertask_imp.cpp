@@ -81,7 +81,8 @@ RenderTask::Imp& RenderTask::Imp::inputImp(size_t inputID) {
 }
 
 uint64_t RenderTask::Imp::getRequiredInputChannels(int64_t whichInput) const {
-    UTIL_ASSERT(whichInput >= 0 && whichInput < static_cast<int64_t>(m_inputRequests.size()));
+    UTIL_ASSERT_TEXT(whichInput >= 0 && whichInput < static_cast<int64_t>(m_inputRequests.size()),
+                     "whichInput >=0 && whichInput < static_cast<int64_t>(m_inputRequests.size())");
     UTIL_ASSERT_TEXT(m_inputRequests[static_cast<size_t>(whichInput)],
                      "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput))");
     return m_inputRequests[static_cast<size_t>(whichInput)]->channels;
