@@ -67,13 +67,14 @@ UTIL::Rect requiredRect(const UTIL::Rect& rect, const UTIL::Rect& source, Map ma
 }
 
 bool inside(const Image* image, const UTIL::Rect& r) {
-    return r.xmin >= image->x1 && r.ymin >= image->y1 && r.xmax <= image->x2 &&
-           r.ymax <= image->y2;
+    return r.xmin >= image->x1 && r.ymin >= image->y1 && r.xmax <= image->x2 && r.ymax <= image->y2;
 }
 
 }  // namespace
 
-int64_t ClampCoordinate(int64_t c, int64_t lo, int64_t hi) { return std::clamp(c, lo, hi - 1); }
+int64_t ClampCoordinate(int64_t c, int64_t lo, int64_t hi) {
+    return std::clamp(c, lo, hi - 1);
+}
 
 int64_t MirrorCoordinate(int64_t c, int64_t lo, int64_t hi) {
     const int64_t width = hi - lo;

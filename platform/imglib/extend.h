@@ -36,8 +36,7 @@ TESSERA_API void SplitRectToMirrorExtendActions(const UTIL::Rect& rect, const UT
 
 // The part of source whose pixels the extension of rect reads, together with
 // the part of rect inside source.
-TESSERA_API UTIL::Rect GetRequiredClampInputRect(const UTIL::Rect& rect,
-                                                 const UTIL::Rect& source);
+TESSERA_API UTIL::Rect GetRequiredClampInputRect(const UTIL::Rect& rect, const UTIL::Rect& source);
 TESSERA_API UTIL::Rect GetRequiredMirroredInputRect(const UTIL::Rect& rect,
                                                     const UTIL::Rect& source);
 

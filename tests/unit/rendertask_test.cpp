@@ -6,6 +6,7 @@
 #include <functional>
 #include <regex>
 
+#include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/test_tasks.h"
@@ -185,7 +186,7 @@ TEST_F(RenderTaskTest, InputRequestsAndTheirMisuse) {
     // An unknown method needs a rectangle too, and makes a plain colour request.
     g->addInputRequest(1, IMGLIB::CHANNEL_A, static_cast<IMGLIB::ExtendMethod>(7), true,
                        UTIL::Rect(0, 0, 4, 4));
-    EXPECT_EQ(g->imp().getInputRequest(1)->method, IMGLIB::EXTEND_BACKGROUND);
+    EXPECT_EQ(g->imp().getInputRequest(1)->getMethod(), IMGLIB::EXTEND_BACKGROUND);
 }
 
 TEST_F(RenderTaskTest, SettingsTilesAndSettledEntryPoints) {

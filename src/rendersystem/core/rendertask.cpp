@@ -3,6 +3,7 @@
 #include "imglib/pixels.h"
 #include "private/imglibcall.h"
 #include "rendermanager.h"
+#include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "util/exceptions.h"
 
@@ -214,7 +215,8 @@ void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& i
             for (size_t i = 0; i < inputs.size() && i < m_requiredInputRects.size(); ++i) {
                 if (!inputs[i].isNull()) continue;
                 const Private::InputRequest* request = m_imp->getInputRequest(i);
-                const uint64_t channels = request ? request->channels : getDefinedInputChannels(i);
+                const uint64_t channels =
+                    request ? request->getChannels() : getDefinedInputChannels(i);
                 inputs[i] = ImageBuffer(channels, m_requiredInputRects[i],
                                         "BufferTaskBackgroungImage_" + std::to_string(i));
                 ImageBuffer_LockScoper fillLock(inputs[i]);

@@ -5,6 +5,7 @@
 
 #include "imglib/channels.h"
 #include "rendermanager.h"
+#include "rendersystem/core/inputrequest.h"
 #include "util/exceptions.h"
 
 UTIL_ASSERT_SOURCE("rendersystem/core/rendertask_imp")
@@ -18,6 +19,8 @@ RenderTask::Imp::Imp(RenderTask* parentTask, const std::string& name, float time
     label << name << '@' << time;
     m_nameAtTime = label.str();
 }
+
+RenderTask::Imp::~Imp() = default;
 
 size_t RenderTask::Imp::registerInputTask(TaskPtr inputTask) {
     UTIL_ASSERT(inputTask);
@@ -52,17 +55,8 @@ void RenderTask::Imp::addInputRequest(size_t inputID, uint64_t channels,
 
     Imp& input = *m_inputTasks[inputID]->m_imp;
     channels = IMGLIB::ValidateChannelMask(channels);
-    auto request = std::make_unique<Private::InputRequest>();
-    request->input = &input;
-    request->channels = channels;
-    request->backgroundColor = input.m_backgroundColor;
-    // Unknown methods fill with the background colour, like method 0.
-    if (method == IMGLIB::EXTEND_CLAMP || method == IMGLIB::EXTEND_MIRROR) {
-        request->method = method;
-        request->extendWithOverscan = extendWithOverscan;
-        request->displayRect = inputDisplayRect;
-    }
-    m_inputRequests[inputID] = std::move(request);
+    m_inputRequests[inputID] = Private::InputRequest::create(&input, channels, method,
+                                                             extendWithOverscan, inputDisplayRect);
     input.m_requiredOutputChannels = IMGLIB::ValidateChannelMask(
         (input.m_requiredOutputChannels | channels) & input.m_definedOutputChannels);
 }
@@ -85,7 +79,7 @@ uint64_t RenderTask::Imp::getRequiredInputChannels(int64_t whichInput) const {
                      "whichInput >=0 && whichInput < static_cast<int64_t>(m_inputRequests.size())");
     UTIL_ASSERT_TEXT(m_inputRequests[static_cast<size_t>(whichInput)],
                      "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput))");
-    return m_inputRequests[static_cast<size_t>(whichInput)]->channels;
+    return m_inputRequests[static_cast<size_t>(whichInput)]->getChannels();
 }
 
 const Private::InputRequest* RenderTask::Imp::getInputRequest(size_t inputID) const {

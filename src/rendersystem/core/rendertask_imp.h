@@ -10,11 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "rendersystem/core/inputrequest.h"
 #include "rendertask.h"
 #include "util/region.h"
 
 namespace TESSERA {
+namespace Private {
+class InputRequest;
+}
 
 enum RenderStage : int {
     RENDERSTAGE_Init = 0,                       // inputs may be registered
@@ -34,6 +36,7 @@ enum RenderStage : int {
 class RenderTask::Imp {
 public:
     Imp(RenderTask* parentTask, const std::string& name, float time);
+    ~Imp();
 
     RenderTask& task() const { return *m_parentTask; }
 
