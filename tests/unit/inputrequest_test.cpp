@@ -17,7 +17,9 @@ namespace {
 const Color kBackground(0.5f, 0.25f, 0.125f, 1.0f);
 
 // The pattern value of a data pixel.
-float pattern(int64_t x, int64_t y) { return float(100 * y + x); }
+float pattern(int64_t x, int64_t y) {
+    return float(100 * y + x);
+}
 
 // A finished tile image over `rect` holding the pattern in every channel.
 ImageBuffer tileImage(const Rect& rect, uint64_t channels = IMGLIB::CHANNELS_RGBA) {
@@ -38,8 +40,8 @@ protected:
     // A consumer of a source defined over `data`, with the given request made.
     const Private::InputRequest& request(const Rect& data, IMGLIB::ExtendMethod method,
                                          bool overscan = false, const Rect& display = Rect()) {
-        auto source = RCX_ptr_v4::ref_ptr<ConstantTask>(
-            new ConstantTask("src", Color(1, 1, 1, 1), data));
+        auto source =
+            RCX_ptr_v4::ref_ptr<ConstantTask>(new ConstantTask("src", Color(1, 1, 1, 1), data));
         source->background = kBackground;
         consumer = RCX_ptr_v4::ref_ptr<GainTask>(new GainTask("use", {source}, 1.0f));
         consumer->getCacheID();
@@ -88,8 +90,8 @@ TEST_F(InputRequestTest, ColourRequestsFetchOnlyDataAndFillTheRest) {
     EXPECT_FALSE(r.buildImage(Rect(1, 1, 3, 3), {rgb}) == rgb);
 
     // Assembled from several tiles.
-    ImageBuffer many = r.buildImage(Rect(2, 2, 6, 6), {tileImage(Rect(0, 0, 4, 8)),
-                                                       tileImage(Rect(4, 0, 8, 8))});
+    ImageBuffer many =
+        r.buildImage(Rect(2, 2, 6, 6), {tileImage(Rect(0, 0, 4, 8)), tileImage(Rect(4, 0, 8, 8))});
     EXPECT_EQ(many.getComment(), "Temporary Image From Many Tiles");
     expectPixels(many, Rect(2, 2, 6, 6), pattern);
 }
@@ -125,15 +127,13 @@ TEST_F(InputRequestTest, WithoutOverscanTheExtensionStartsAtTheDisplayEdge) {
 
     const auto& clipped = request(data, IMGLIB::EXTEND_CLAMP, false, display);
     EXPECT_EQ(clipped.requiredInputRect(wanted), Rect(2, 0, 4, 4));
-    expectPixels(clipped.buildImage(wanted, {tile}), wanted, [](int64_t x, int64_t y) {
-        return pattern(std::min<int64_t>(x, 3), y);
-    });
+    expectPixels(clipped.buildImage(wanted, {tile}), wanted,
+                 [](int64_t x, int64_t y) { return pattern(std::min<int64_t>(x, 3), y); });
 
     const auto& overscan = request(data, IMGLIB::EXTEND_CLAMP, true, display);
     EXPECT_EQ(overscan.requiredInputRect(wanted), Rect(2, 0, 6, 4));
-    expectPixels(overscan.buildImage(wanted, {tile}), wanted, [](int64_t x, int64_t y) {
-        return pattern(std::min<int64_t>(x, 5), y);
-    });
+    expectPixels(overscan.buildImage(wanted, {tile}), wanted,
+                 [](int64_t x, int64_t y) { return pattern(std::min<int64_t>(x, 5), y); });
 }
 
 TEST_F(InputRequestTest, MirrorReflectsAboutTheDataEdges) {
@@ -155,7 +155,6 @@ TEST_F(InputRequestTest, DisplayRectangleBeyondTheDataIsSourceOfBackground) {
     const auto& r = request(data, IMGLIB::EXTEND_CLAMP, false, display);
     const Rect wanted(0, 0, 6, 2);
     EXPECT_EQ(r.requiredInputRect(wanted), display);
-    expectPixels(r.buildImage(wanted, {tileImage(data)}), wanted, [&](int64_t x, int64_t y) {
-        return x < 2 ? pattern(x, y) : kBackground.r;
-    });
+    expectPixels(r.buildImage(wanted, {tileImage(data)}), wanted,
+                 [&](int64_t x, int64_t y) { return x < 2 ? pattern(x, y) : kBackground.r; });
 }

@@ -7,8 +7,7 @@ namespace TESSERA {
 namespace Private {
 
 ExtendingInputRequest::ExtendingInputRequest(RenderTask::Imp* input, uint64_t channels,
-                                             bool extendWithOverscan,
-                                             const UTIL::Rect& displayRect)
+                                             bool extendWithOverscan, const UTIL::Rect& displayRect)
     : ColorInputRequest(input, channels),
       m_extendWithOverscan(extendWithOverscan),
       m_displayRect(displayRect) {}
@@ -56,9 +55,8 @@ ImageBuffer ExtendingInputRequest::buildImage(const UTIL::Rect& requested,
     return image;
 }
 
-void ClampInputRequest::splitRectToExtendActions(
-    const UTIL::Rect& rect, const UTIL::Rect& source,
-    std::vector<IMGLIB::ExtendAction>& actions) const {
+void ClampInputRequest::splitRectToExtendActions(const UTIL::Rect& rect, const UTIL::Rect& source,
+                                                 std::vector<IMGLIB::ExtendAction>& actions) const {
     IMGLIB::SplitRectToClampExtendActions(rect, source, actions);
 }
 

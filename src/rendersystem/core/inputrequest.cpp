@@ -26,7 +26,9 @@ std::unique_ptr<InputRequest> InputRequest::create(RenderTask::Imp* input, uint6
     }
 }
 
-const UTIL::Region& InputRequest::dataRegion() const { return m_input->m_definedOutputDataRegion; }
+const UTIL::Region& InputRequest::dataRegion() const {
+    return m_input->m_definedOutputDataRegion;
+}
 
 ImageBuffer InputRequest::assemble(const UTIL::Rect& rect,
                                    const std::vector<ImageBuffer>& tileImages,

@@ -67,6 +67,12 @@ TaskPtr RenderTask::Imp::getInputTask(size_t inputID) const {
     return m_inputTasks[inputID];
 }
 
+void RenderTask::Imp::replaceInput(size_t inputID, const TaskPtr& input) {
+    UTIL_ASSERT_TEXT(inputID < m_inputTasks.size(),
+                     "inputID >= 0 && inputID < m_inputTasks.size()");
+    m_inputTasks[inputID] = input;
+}
+
 RenderTask::Imp& RenderTask::Imp::inputImp(size_t inputID) {
     UTIL_ASSERT(m_renderStage >= RENDERSTAGE_ComputeOutputDescription);
     TaskPtr inputTask = getInputTask(inputID);

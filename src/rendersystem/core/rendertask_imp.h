@@ -3,6 +3,7 @@
 
 #include <Imath/ImathColor.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "private/tile.h"
 #include "rendertask.h"
 #include "util/region.h"
 
@@ -17,6 +19,22 @@ namespace TESSERA {
 namespace Private {
 class InputRequest;
 }
+
+// One output of a render: the task, the area and channels wanted of it.
+struct RenderOutput {
+    TaskPtr task;
+    UTIL::Rect rect;
+    uint64_t channels = 0;
+    size_t outputIndex = 0;
+};
+
+// What render set-up hands the controller.
+struct RenderPlan {
+    std::vector<TaskPtr> tasks;                // every task of the graph
+    std::vector<Private::TilePtr> readyTiles;  // can render now
+    std::vector<Private::TilePtr> finalTiles;  // index = the tile's final-tile bit
+    uint64_t tileCount = 0;
+};
 
 enum RenderStage : int {
     RENDERSTAGE_Init = 0,                       // inputs may be registered
@@ -44,6 +62,8 @@ public:
     void addInputRequest(size_t inputID, uint64_t channels, IMGLIB::ExtendMethod method,
                          bool extendWithOverscan, const UTIL::Rect& inputDisplayRect);
     TaskPtr getInputTask(size_t inputID) const;
+    // Points an input slot at another task (chain collapse at render set-up).
+    void replaceInput(size_t inputID, const TaskPtr& input);
     size_t getInputTaskCount() const { return m_inputTasks.size(); }
 
     // Computes the output description of the inputs and then of this task,
@@ -65,6 +85,26 @@ public:
     }
     uint64_t getRequiredInputChannels(int64_t whichInput) const;
     const Private::InputRequest* getInputRequest(size_t inputID) const;
+
+    // ---- Rendering ----
+    // Counts consumers, collapses in-place chains, describes the outputs,
+    // creates their tiles and sets up every task's requests, outputs first.
+    static RenderPlan setUpRender(const std::vector<RenderOutput>& outputs);
+    // Cuts the links of every tile of the render and empties the tile maps.
+    static void endRender(const RenderPlan& plan);
+    Private::TilePtr getOrCreateTile(const TileID& id);
+    void removeTile(const TileID& id);
+    size_t getTileMapSize();
+    // Renders one tile into output (the tile's locked image): preRender once,
+    // input images, the task's render over the defined part of the tile.
+    // True when this was the task's last tile.
+    bool renderTile(Private::Tile& tile, const IMGLIB::Image* output);
+    // Counts a tile that needed no rendering; true when it was the last.
+    bool lastTileCheck();
+    void cancel() { m_cancelled = true; }
+    // The speculative-cache priority of a tile that took `seconds`: the time
+    // a later render saves.
+    float getCachePriority(double seconds) const { return static_cast<float>(seconds); }
 
     // ---- Caching settings and cache identity ----
     void ignoreInputCacheID(size_t inputID);
@@ -92,6 +132,7 @@ public:
     UTIL::Region m_definedOutputDataRegion;
     uint64_t m_requiredOutputChannels = 0;
     Imath::Color4<float> m_backgroundColor{0, 0, 0, 0};
+    std::string m_typeString;
     std::string m_cacheID;
     std::string m_compressedCacheID;
     std::string m_parameterCacheID;
@@ -106,9 +147,19 @@ public:
     std::vector<bool> m_neededByOutputs;  // one bit per output of the render
     int64_t m_finalRenderTaskID = 0;
 
-    std::mutex m_renderLock;  // guards preRender and the last-tile check
+    std::mutex m_renderLock;                       // guards preRender and the last-tile check
+    std::map<TileID, Private::TilePtr> m_tileMap;  // guarded by m_tileMapMutex
+    std::mutex m_tileMapMutex;
+    uint64_t m_tileCount = 0;
+    uint64_t m_tilesLeft = 0;  // guarded by m_renderLock
+    int m_preRenderState = 0;  // 0 not run, 1 done, 2 failed; guarded by m_renderLock
+    std::atomic<bool> m_cancelled{false};
 
 private:
+    void resetForRender(int64_t renderID);
+    uint64_t setUpTask(std::vector<Private::TilePtr>& readyTiles);
+    void setUpTile(const Private::TilePtr& tile);
+    void runPreRender();
     void computeOwnOutputDescription();
     // Type string, parameters, then the compressed IDs of the inputs that
     // are not ignored, each followed by ",". Sets m_parameterCacheID.

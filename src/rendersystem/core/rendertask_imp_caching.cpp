@@ -34,7 +34,8 @@ std::string RenderTask::Imp::compressCacheID(const std::string& fullCacheID) {
 
 std::string RenderTask::Imp::assembleCacheID() {
     RenderTask& t = task();
-    CacheIDStream stream(t.getTypeString());
+    m_typeString = t.getTypeString();
+    CacheIDStream stream(m_typeString);
     t.computeCacheID(stream);
     m_parameterCacheID = compressCacheID(stream.str());
     for (size_t i = 0; i < m_inputTasks.size(); ++i) {

@@ -1,0 +1,7 @@
+#include "util/job.h"
+
+namespace Util {
+
+Job::~Job() = default;
+
+}  // namespace Util

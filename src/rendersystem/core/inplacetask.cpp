@@ -1,0 +1,140 @@
+#include "inplacetask.h"
+
+#include <iostream>
+
+#include "exceptions.h"
+#include "imglib/channels.h"
+#include "rendersystem/core/rendertask_imp.h"
+#include "util/exceptions.h"
+
+UTIL_ASSERT_SOURCE("rendersystem/core/inplacetask")
+
+namespace TESSERA {
+
+InPlaceOp::~InPlaceOp() = default;
+
+std::size_t InPlaceOp::getOutputChannels(std::size_t channels) { return channels; }
+
+std::size_t InPlaceOp::getRequiredInputChannels(std::size_t channels) { return channels; }
+
+Imath::Color4<float> InPlaceOp::applyToColor(const Imath::Color4<float>& color) {
+    std::cerr << getTypeString()
+              << "::computeBackgroundColor is not implemented, using incorrect default "
+                 "implementation."
+              << std::endl;
+    return color;
+}
+
+InPlaceTask::InPlaceTask(const InPlaceOpPtr& op, const std::string& name, float time,
+                         TaskPtr input)
+    : RenderTask(name, time), m_ops{op} {
+    if (!input) throw RenderTaskRenderingException(getNameAtTime(), "InPlace tasks require an input", -1);
+    registerInputTask(input);
+}
+
+const InPlaceOpPtr& InPlaceTask::getOp() const {
+    UTIL_ASSERT(m_ops.size() == 1);
+    return m_ops[0];
+}
+
+void InPlaceTask::appendOp(const InPlaceOpPtr& op) { m_ops.push_back(op); }
+
+std::string InPlaceTask::getTypeString() {
+    return m_ops.size() == 1 ? m_ops[0]->getTypeString() : "ConcatenatedInPlaceOp";
+}
+
+void InPlaceTask::computeCacheID(CacheIDStream& stream) {
+    if (m_ops.size() == 1) {
+        m_ops[0]->computeCacheID(stream);
+        return;
+    }
+    // Each operator as its type and parameters, then "," (downstream first).
+    for (const InPlaceOpPtr& op : m_ops) {
+        stream << op->getTypeString();
+        op->computeCacheID(stream);
+        stream << ",";
+    }
+}
+
+uint64_t InPlaceTask::computeOutputChannels() {
+    uint64_t channels = getDefinedInputChannels(0);
+    for (auto op = m_ops.rbegin(); op != m_ops.rend(); ++op)
+        channels = (*op)->getOutputChannels(IMGLIB::ValidateChannelMask(channels));
+    return channels;
+}
+
+UTIL::Region InPlaceTask::computeOutputDataRegion() {
+    // Pixel-wise: outside the input's data the output is the operators'
+    // image of the input's background colour, which is this task's.
+    return getDefinedInputDataRegion(0);
+}
+
+Imath::Color4<float> InPlaceTask::computeBackgroundColor() {
+    Imath::Color4<float> color = getInputBackgroundColor(0);
+    for (auto op = m_ops.rbegin(); op != m_ops.rend(); ++op) color = (*op)->applyToColor(color);
+    return color;
+}
+
+void InPlaceTask::makeInputFormatRequests() {
+    std::size_t channels = getRequiredOutputChannels();
+    m_bufferChannels = 0;
+    for (const InPlaceOpPtr& op : m_ops) {
+        channels = op->getRequiredInputChannels(channels);
+        m_bufferChannels |= channels;
+    }
+    addInputRequest(0, getDefinedInputChannels(0) & channels);
+}
+
+void InPlaceTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                                 std::vector<UTIL::Rect>& inputRects) {
+    inputRects.assign(1, outputRect);
+}
+
+void InPlaceTask::renderRect(const IMGLIB::Image* out,
+                             const std::vector<const IMGLIB::Image*>& inputImages) {
+    UTIL_ASSERT(inputImages.size() > 0);
+    UTIL_ASSERT(inputImages[0]);
+    UTIL_ASSERT(m_ops.size() >= 1);
+    if (m_ops.size() == 1) {
+        m_ops[0]->apply(out, inputImages[0]);
+        return;
+    }
+    const uint64_t bufferChannels = IMGLIB::ValidateChannelMask(m_bufferChannels);
+    ImageBuffer buffer(bufferChannels, UTIL::Rect(out->x1, out->y1, out->x2, out->y2),
+                       "Concatenated Buffer");
+    // The output itself serves as the work image when it has every channel
+    // that passes between the operators: no buffer memory at all.
+    const bool inOutput = (out->channels & bufferChannels) == bufferChannels;
+    if (!inOutput) buffer.lock();
+    struct Unlock {
+        ImageBuffer& buffer;
+        bool locked;
+        ~Unlock() {
+            if (locked) buffer.unlockNoThrow();
+        }
+    } unlock{buffer, !inOutput};
+    const IMGLIB::Image* work = inOutput ? out : buffer.getImage();
+
+    m_ops.back()->apply(work, inputImages[0]);
+    for (size_t i = m_ops.size() - 2; i > 0; --i) m_ops[i]->apply(work, work);
+    m_ops[0]->apply(out, work);
+}
+
+void InPlaceTask::collapseChain(const std::vector<TaskPtr>& chain) {
+    size_t begin = 0;
+    while (begin < chain.size()) {
+        size_t end = begin;
+        while (end < chain.size() && dynamic_cast<InPlaceTask*>(chain[end].get())) ++end;
+        if (end - begin >= 2) {
+            auto* first = static_cast<InPlaceTask*>(chain[begin].get());
+            for (size_t i = begin + 1; i < end; ++i)
+                // A task collapsed in an earlier render brings all its operators.
+                for (const InPlaceOpPtr& op : static_cast<InPlaceTask*>(chain[i].get())->m_ops)
+                    first->appendOp(op);
+            first->imp().replaceInput(0, chain[end - 1]->imp().getInputTask(0));
+        }
+        begin = end == begin ? begin + 1 : end;
+    }
+}
+
+}  // namespace TESSERA
