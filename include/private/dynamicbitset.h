@@ -29,7 +29,8 @@ public:
     }
     size_t findFirst() const { return findFrom(0); }
     DynamicBitSet& operator|=(const DynamicBitSet& o) {
-        for (size_t w = 0; w < m_words.size() && w < o.m_words.size(); ++w) m_words[w] |= o.m_words[w];
+        for (size_t w = 0; w < m_words.size() && w < o.m_words.size(); ++w)
+            m_words[w] |= o.m_words[w];
         return *this;
     }
 

@@ -13,9 +13,13 @@ namespace TESSERA {
 
 InPlaceOp::~InPlaceOp() = default;
 
-std::size_t InPlaceOp::getOutputChannels(std::size_t channels) { return channels; }
+std::size_t InPlaceOp::getOutputChannels(std::size_t channels) {
+    return channels;
+}
 
-std::size_t InPlaceOp::getRequiredInputChannels(std::size_t channels) { return channels; }
+std::size_t InPlaceOp::getRequiredInputChannels(std::size_t channels) {
+    return channels;
+}
 
 Imath::Color4<float> InPlaceOp::applyToColor(const Imath::Color4<float>& color) {
     std::cerr << getTypeString()
@@ -25,10 +29,10 @@ Imath::Color4<float> InPlaceOp::applyToColor(const Imath::Color4<float>& color) 
     return color;
 }
 
-InPlaceTask::InPlaceTask(const InPlaceOpPtr& op, const std::string& name, float time,
-                         TaskPtr input)
+InPlaceTask::InPlaceTask(const InPlaceOpPtr& op, const std::string& name, float time, TaskPtr input)
     : RenderTask(name, time), m_ops{op} {
-    if (!input) throw RenderTaskRenderingException(getNameAtTime(), "InPlace tasks require an input", -1);
+    if (!input)
+        throw RenderTaskRenderingException(getNameAtTime(), "InPlace tasks require an input", -1);
     registerInputTask(input);
 }
 
@@ -37,7 +41,9 @@ const InPlaceOpPtr& InPlaceTask::getOp() const {
     return m_ops[0];
 }
 
-void InPlaceTask::appendOp(const InPlaceOpPtr& op) { m_ops.push_back(op); }
+void InPlaceTask::appendOp(const InPlaceOpPtr& op) {
+    m_ops.push_back(op);
+}
 
 std::string InPlaceTask::getTypeString() {
     return m_ops.size() == 1 ? m_ops[0]->getTypeString() : "ConcatenatedInPlaceOp";

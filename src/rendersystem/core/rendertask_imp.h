@@ -90,8 +90,9 @@ public:
     // Counts consumers, collapses in-place chains, describes the outputs,
     // creates their tiles and sets up every task's requests, outputs first.
     static RenderPlan setUpRender(const std::vector<RenderOutput>& outputs);
-    // Cuts the links of every tile of the render and empties the tile maps.
-    static void endRender(const RenderPlan& plan);
+    // Cuts the links of every tile of the render, empties the tile maps and
+    // the plan's tile lists.
+    static void endRender(RenderPlan& plan);
     Private::TilePtr getOrCreateTile(const TileID& id);
     void removeTile(const TileID& id);
     size_t getTileMapSize();

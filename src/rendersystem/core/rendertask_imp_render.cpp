@@ -108,8 +108,7 @@ RenderPlan RenderTask::Imp::setUpRender(const std::vector<RenderOutput>& outputs
         if (RenderManager::getRenderDebug()) {
             std::ostringstream line;
             line << imp.m_nameAtTime << " Channels: " << IMGLIB::GetChannelMaskName(output.channels)
-                 << " Area: " << imp.m_definedOutputDataRegion
-                 << " RequestedArea: " << output.rect;
+                 << " Area: " << imp.m_definedOutputDataRegion << " RequestedArea: " << output.rect;
             RenderManager::debugLine(line.str());
         }
     }
@@ -199,7 +198,7 @@ void RenderTask::Imp::setUpTile(const TilePtr& tile) {
         UTIL::assertFailed("getStage() < InputRequestsDone", "include/private/tile", __LINE__);
     for (size_t i = 0; i < m_inputTasks.size(); ++i) {
         const Private::InputRequest* request = m_inputRequests[i].get();
-        if (!request || inputRects[i].isNull()) {
+        if (!request || request->getChannels() == 0 || inputRects[i].isNull()) {
             inputRects[i] = UTIL::Rect();
             continue;
         }
@@ -219,7 +218,7 @@ void RenderTask::Imp::setUpTile(const TilePtr& tile) {
     tile->finishInputRequests();
 }
 
-void RenderTask::Imp::endRender(const RenderPlan& plan) {
+void RenderTask::Imp::endRender(RenderPlan& plan) {
     for (const TaskPtr& task : plan.tasks) {
         std::map<TileID, TilePtr> tiles;
         {
@@ -230,6 +229,8 @@ void RenderTask::Imp::endRender(const RenderPlan& plan) {
     }
     for (const TilePtr& tile : plan.finalTiles) tile->release();
     for (const TilePtr& tile : plan.readyTiles) tile->release();
+    plan.finalTiles.clear();
+    plan.readyTiles.clear();
 }
 
 TilePtr RenderTask::Imp::getOrCreateTile(const TileID& id) {

@@ -18,11 +18,17 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 
 std::atomic<uint64_t> Tile::s_liveTiles{0};
 
-Tile::Tile(const TileID& id, RenderTask::Imp* task) : m_tileID(id), m_task(task) { ++s_liveTiles; }
+Tile::Tile(const TileID& id, RenderTask::Imp* task) : m_tileID(id), m_task(task) {
+    ++s_liveTiles;
+}
 
-Tile::~Tile() { --s_liveTiles; }
+Tile::~Tile() {
+    --s_liveTiles;
+}
 
-uint64_t Tile::liveCount() { return s_liveTiles.load(); }
+uint64_t Tile::liveCount() {
+    return s_liveTiles.load();
+}
 
 UTIL::Rect Tile::getRect() const {
     Lock lock(m_mutex);
@@ -118,8 +124,8 @@ uint32_t Tile::getPriority(const std::vector<uint32_t>& finalTileOrdering) const
 bool Tile::tryGetFromSpeculativeCache() {
     Lock lock(m_mutex);
     if (!m_task->task().getCaching()) return false;
-    ImageBuffer cached = ImageAllocator::instance().speculativeCache().lookup(
-        m_task->m_compressedCacheID, m_tileID);
+    ImageBuffer cached =
+        ImageAllocator::instance().speculativeCache().lookup(m_task->m_compressedCacheID, m_tileID);
     if (cached.isNull()) return false;
     // Another render may have asked other channels or a smaller area of it.
     if (cached.getChannels() != m_task->m_requiredOutputChannels ||

@@ -37,7 +37,8 @@ void TileJob::run() {
             ImageBuffer_LockScoper lock(image);
             lastOfTask = task.renderTile(tile, image.getImage());
             tile.releaseInputTiles();
-            seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            seconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             if (task.m_caching) {
                 CacheDataPtr data(new CacheData);
                 data->cacheID = task.m_compressedCacheID;
@@ -58,7 +59,8 @@ void TileJob::run() {
     m_observer->internalTileDone(task.m_name, task.m_typeString, seconds);
 
     if (tile.isFinal()) {
-        m_observer->tileDone(tile.getImage(), OutputTileID{tile.getOutputIndex(), tile.getTileID()});
+        m_observer->tileDone(tile.getImage(),
+                             OutputTileID{tile.getOutputIndex(), tile.getTileID()});
         if (lastOfTask) m_observer->outputFinished(tile.getOutputIndex());
         task.removeTile(tile.getTileID());
         return;

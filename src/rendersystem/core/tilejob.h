@@ -26,7 +26,9 @@ private:
 class TileJob : public Util::Job {
 public:
     TileJob(TilePtr tile, RenderObserverPtr observer, ReadyTiles* ready, uint32_t priority)
-        : m_tile(std::move(tile)), m_observer(std::move(observer)), m_ready(ready),
+        : m_tile(std::move(tile)),
+          m_observer(std::move(observer)),
+          m_ready(ready),
           m_priority(priority) {}
 
     // Renders the tile (or takes it from the tile cache), reports it, and

@@ -1,0 +1,75 @@
+#include "support/serial_render.h"
+
+#include "imglib/pixels.h"
+
+namespace TESSERA {
+namespace testing {
+
+void CollectingObserver::tileDone(const ImageBuffer& image, const OutputTileID& id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    tiles[id.outputIndex].push_back(image);
+}
+
+void CollectingObserver::internalTileDone(const std::string& taskName, const std::string&,
+                                          double) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++tilesDoneByTask[taskName];
+}
+
+void CollectingObserver::outputFinished(size_t outputIndex) {
+    std::lock_guard<std::mutex> lock(mutex);
+    finishedOutputs.push_back(outputIndex);
+}
+
+Imath::Color4<float> CollectingObserver::pixel(size_t output, int64_t x, int64_t y) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (ImageBuffer& tile : tiles[output]) {
+        if (!tile.getBounds().contains(x, y)) continue;
+        ImageBuffer_LockScoper scoper(tile);
+        return pixelAt(tile.getImage(), x, y);
+    }
+    return Imath::Color4<float>(-1, -1, -1, -1);
+}
+
+size_t renderSerially(const std::vector<RenderOutput>& outputs,
+                      const RCX_ptr_v4::ref_ptr<CollectingObserver>& observer) {
+    RenderPlan plan = RenderTask::Imp::setUpRender(outputs);
+    Private::ReadyTiles ready;
+    std::vector<Private::TilePtr> queue = plan.readyTiles;
+    size_t jobs = 0;
+    try {
+        while (!queue.empty()) {
+            for (const Private::TilePtr& tile : queue) {
+                Private::TileJob(tile, observer, &ready, 0).run();
+                ++jobs;
+            }
+            queue = ready.take();
+        }
+    } catch (...) {
+        RenderTask::Imp::endRender(plan);
+        throw;
+    }
+    RenderTask::Imp::endRender(plan);
+    return jobs;
+}
+
+void ScaleOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            Imath::Color4<float> c = pixelAt(in, x, y);
+            const float v[4] = {c.r * k, c.g * k, c.b * k, c.a};
+            IMGLIB::SetPixel(out, x, y, v);
+        }
+}
+
+void AlphaToGrayOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            const float a = pixelAt(in, x, y).a;
+            const float v[4] = {a, a, a, a};
+            IMGLIB::SetPixel(out, x, y, v);
+        }
+}
+
+}  // namespace testing
+}  // namespace TESSERA

@@ -1,0 +1,63 @@
+// Renders a set of outputs on the calling thread, tile job by tile job, and
+// gathers what the observer is told.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "inplacetask.h"
+#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/tilejob.h"
+#include "support/test_tasks.h"
+
+namespace TESSERA {
+namespace testing {
+
+// Keeps every output tile and can paste them into one image per output.
+class CollectingObserver : public RenderObserver {
+public:
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override;
+    void internalTileDone(const std::string& taskName, const std::string&, double) override;
+    void outputFinished(size_t outputIndex) override;
+
+    // The output's pixel at (x, y), from whichever tile holds it.
+    Imath::Color4<float> pixel(size_t output, int64_t x, int64_t y);
+
+    std::mutex mutex;
+    std::map<size_t, std::vector<ImageBuffer>> tiles;
+    std::map<std::string, int> tilesDoneByTask;
+    std::vector<size_t> finishedOutputs;
+};
+
+// Sets up the render, runs every tile job in readiness order and ends the
+// render (also when a job throws). Returns the number of jobs run.
+size_t renderSerially(const std::vector<RenderOutput>& outputs,
+                      const RCX_ptr_v4::ref_ptr<CollectingObserver>& observer);
+
+// Pixel-wise test operators.
+class ScaleOp : public InPlaceOp {  // RGB x k
+public:
+    explicit ScaleOp(float k) : k(k) {}
+    void computeCacheID(CacheIDStream& s) override { s << k; }
+    void apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
+    std::string getTypeString() override { return "Scale"; }
+    Imath::Color4<float> applyToColor(const Imath::Color4<float>& c) override {
+        return Imath::Color4<float>(c.r * k, c.g * k, c.b * k, c.a);
+    }
+    float k;
+};
+
+// RGB = A: needs only alpha, makes only RGB.
+class AlphaToGrayOp : public InPlaceOp {
+public:
+    void computeCacheID(CacheIDStream&) override {}
+    void apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
+    std::size_t getOutputChannels(std::size_t) override { return IMGLIB::CHANNELS_RGB; }
+    std::size_t getRequiredInputChannels(std::size_t) override { return IMGLIB::CHANNEL_A; }
+    std::string getTypeString() override { return "AlphaToGray"; }
+};
+
+}  // namespace testing
+}  // namespace TESSERA
