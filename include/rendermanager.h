@@ -4,8 +4,13 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <vector>
 
+#include "outputtileprioritizer.h"
+#include "renderdescription.h"
+#include "renderobserver.h"
 #include "tessera_export.h"
+#include "util/job.h"
 #include "util/taskprofiler.h"
 #include "xml/element.h"
 
@@ -24,7 +29,36 @@ public:
         virtual bool shouldAbort();
     };
 
-    // Both sizes must be at least 1 ("xTileSize >0 && yTileSize > 0").
+    // Renders the outputs on the worker threads, reporting tiles to the
+    // observer in the prioritizer's order (row-major when null). With wait,
+    // returns when the render ended: a failure is rethrown, a cancelled
+    // render throws RenderCancelledException. Without, returns once the
+    // render is set up. One render per RenderType at a time: a second throws
+    // "There is already a render in progress, cancel it first!".
+    static void Render(const std::vector<RenderDescription>& outputs,
+                       const RenderObserverPtr& observer,
+                       const OutputTilePrioritizerPtr& prioritizer, bool wait, RenderType type);
+    // The same in the analysis slot of the RenderType (one at a time too).
+    static void RenderAnalysis(const std::vector<RenderDescription>& outputs,
+                               const RenderObserverPtr& observer,
+                               const OutputTilePrioritizerPtr& prioritizer, bool wait,
+                               RenderType type);
+    // A new output-tile order for the running render.
+    static void reprioritize(const OutputTilePrioritizerPtr& prioritizer, RenderType type);
+    // Stops the renders of the type: queued tiles are dropped, running ones
+    // finish or notice (CheckAbort). With wait, returns when they ended.
+    static void cancel(RenderType type, bool wait);
+    static void finishRender(RenderType type);
+    static bool isRenderInProgress(RenderType type);
+    // Jobs of the host's own run on the pool's spare thread between
+    // startAnalysis and endAnalysis (which waits for them).
+    static void startAnalysis(RenderType type);
+    static bool submitAnalysisJob(RenderType type, const Util::RcPtr<Util::Job>& job);
+    static bool isAnalysisInProgress(RenderType type);
+    static void endAnalysis(RenderType type);
+
+    // Waits for the viewer and batch renders first. Both sizes must be at
+    // least 1 ("xTileSize >0 && yTileSize > 0").
     static void setGlobalTileSize(int64_t xTileSize, int64_t yTileSize);
     static int64_t getGlobalTileWidth();   // default 256
     static int64_t getGlobalTileHeight();  // default 256
@@ -39,7 +73,9 @@ public:
     // by render threads do not interleave.
     static void debugLine(const std::string& line);
 
-    // n is raised to at least 1. getRenderThreads() is 0 until set.
+    // n is raised to at least 1; the pool gets n + 1 threads (one kept for
+    // analysis jobs). getRenderThreads() is 0 until set; a render started
+    // before uses one thread per hardware thread.
     static void setRenderThreads(uint64_t n);
     static uint64_t getRenderThreads();
 
@@ -56,8 +92,10 @@ public:
     static void printImageMemoryUsage();
 
     // The calling thread's CancelChecker's answer; false when it has none.
+    // Cheap: long loops may call it every row.
     static bool CheckAbort();
-    // Registers checker for the calling thread (null removes it).
+    // Registers checker for the calling thread (null removes it). Render
+    // threads have one while they render a tile.
     static void SetCancelChecker(CancelChecker* checker);
 
     // Forgets the tasks filed by cache ID for sharing equal sub-graphs.

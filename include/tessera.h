@@ -10,6 +10,8 @@
 #include "imglib/error.h"
 #include "imglib/pixels.h"
 #include "inplacetask.h"
+#include "outputtileprioritizer.h"
+#include "renderdescription.h"
 #include "rendermanager.h"
 #include "renderobserver.h"
 #include "rendertask.h"

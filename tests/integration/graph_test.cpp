@@ -55,7 +55,8 @@ public:
     void computeRequiredInputRectangles(const Rect& out, std::vector<Rect>& in) override {
         in.assign(1, out.grown(radius, 0));
     }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& in) override {
         ++renderCalls;
         for (int64_t y = out->y1; y < out->y2; ++y)
             for (int64_t x = out->x1; x < out->x2; ++x) {
@@ -101,8 +102,8 @@ protected:
 }  // namespace
 
 TEST_F(GraphTest, RegionsChannelsAndBackgroundFlowThroughTheGraph) {
-    auto rgb = make<ConstantTask>("c", Color(0.5f, 0.25f, 1, 0), Rect(4, 4, 20, 12),
-                                  IMGLIB::CHANNELS_RGB);
+    auto rgb =
+        make<ConstantTask>("c", Color(0.5f, 0.25f, 1, 0), Rect(4, 4, 20, 12), IMGLIB::CHANNELS_RGB);
     rgb->background = Color(0.1f, 0.1f, 0.1f, 0);
     auto g = make<GainTask>("g", std::vector<TaskPtr>{rgb}, 2.0f);
     const Rect wanted(0, 0, 24, 16);
@@ -112,8 +113,8 @@ TEST_F(GraphTest, RegionsChannelsAndBackgroundFlowThroughTheGraph) {
     EXPECT_EQ(rgb->getRequiredOutputChannels(), IMGLIB::CHANNELS_RGB);
     for (int64_t y = 0; y < 16; ++y)
         for (int64_t x = 0; x < 24; ++x) {
-            const Color expected =
-                Rect(4, 4, 20, 12).contains(x, y) ? Color(1, 0.5f, 2, 0) : Color(0.2f, 0.2f, 0.2f, 0);
+            const Color expected = Rect(4, 4, 20, 12).contains(x, y) ? Color(1, 0.5f, 2, 0)
+                                                                     : Color(0.2f, 0.2f, 0.2f, 0);
             ASSERT_EQ(observer->pixel(0, x, y), expected) << x << "," << y;
         }
     // 2 x 1 tiles of 16: the output's tiles, and the source's tiles that hold data.

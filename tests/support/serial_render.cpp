@@ -10,8 +10,7 @@ void CollectingObserver::tileDone(const ImageBuffer& image, const OutputTileID& 
     tiles[id.outputIndex].push_back(image);
 }
 
-void CollectingObserver::internalTileDone(const std::string& taskName, const std::string&,
-                                          double) {
+void CollectingObserver::internalTileDone(const std::string& taskName, const std::string&, double) {
     std::lock_guard<std::mutex> lock(mutex);
     ++tilesDoneByTask[taskName];
 }

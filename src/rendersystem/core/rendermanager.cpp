@@ -3,12 +3,11 @@
 #include <atomic>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "private/statistics.h"
+#include "rendersystem/core/rendercontroller.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/speculativecache.h"
@@ -24,7 +23,6 @@ using Private::ImageAllocator;
 std::atomic<int64_t> s_tileWidth{256};
 std::atomic<int64_t> s_tileHeight{256};
 std::atomic<bool> s_renderDebug{false};
-std::atomic<uint64_t> s_renderThreads{0};
 
 // The render log: standard error or a file. Guarded by s_logMutex.
 std::mutex s_logMutex;
@@ -36,9 +34,12 @@ std::ostream& nullStream() {
     return discard;
 }
 
-// Guarded by s_cancelMutex.
-std::mutex s_cancelMutex;
-std::map<std::thread::id, RenderManager::CancelChecker*> s_cancelCheckers;
+// Each thread's own: no lock, so CheckAbort costs a load.
+thread_local RenderManager::CancelChecker* t_cancelChecker = nullptr;
+
+Private::RenderController& controller(RenderType type) {
+    return Private::RenderController::get(type);
+}
 
 constexpr int64_t kMegabyte = int64_t(1) << 20;
 
@@ -51,7 +52,50 @@ bool RenderManager::CancelChecker::shouldAbort() {
     return false;
 }
 
+void RenderManager::Render(const std::vector<RenderDescription>& outputs,
+                           const RenderObserverPtr& observer,
+                           const OutputTilePrioritizerPtr& prioritizer, bool wait,
+                           RenderType type) {
+    controller(type).render(outputs, observer, prioritizer, wait, false);
+}
+
+void RenderManager::RenderAnalysis(const std::vector<RenderDescription>& outputs,
+                                   const RenderObserverPtr& observer,
+                                   const OutputTilePrioritizerPtr& prioritizer, bool wait,
+                                   RenderType type) {
+    controller(type).render(outputs, observer, prioritizer, wait, true);
+}
+
+void RenderManager::reprioritize(const OutputTilePrioritizerPtr& prioritizer, RenderType type) {
+    controller(type).reprioritize(prioritizer);
+}
+
+void RenderManager::cancel(RenderType type, bool wait) {
+    controller(type).cancel(wait);
+}
+void RenderManager::finishRender(RenderType type) {
+    controller(type).finishRender();
+}
+bool RenderManager::isRenderInProgress(RenderType type) {
+    return controller(type).isRenderInProgress();
+}
+void RenderManager::startAnalysis(RenderType type) {
+    controller(type).startAnalysis();
+}
+bool RenderManager::submitAnalysisJob(RenderType type, const Util::RcPtr<Util::Job>& job) {
+    return controller(type).submitAnalysisJob(job);
+}
+bool RenderManager::isAnalysisInProgress(RenderType type) {
+    return controller(type).isAnalysisInProgress();
+}
+void RenderManager::endAnalysis(RenderType type) {
+    controller(type).endAnalysis();
+}
+
 void RenderManager::setGlobalTileSize(int64_t xTileSize, int64_t yTileSize) {
+    // Tiles of a running render keep the grid they were made with.
+    finishRender(RENDERTYPE_VIEWER);
+    finishRender(RENDERTYPE_BATCH);
     UTIL_ASSERT_TEXT(xTileSize > 0 && yTileSize > 0, "xTileSize >0 && yTileSize > 0");
     s_tileWidth.store(xTileSize);
     s_tileHeight.store(yTileSize);
@@ -92,10 +136,10 @@ void RenderManager::debugLine(const std::string& line) {
 }
 
 void RenderManager::setRenderThreads(uint64_t n) {
-    s_renderThreads.store(n < 1 ? 1 : n);
+    Private::RenderController::setRenderThreads(n);
 }
 uint64_t RenderManager::getRenderThreads() {
-    return s_renderThreads.load();
+    return Private::RenderController::getRenderThreads();
 }
 
 void RenderManager::setSpeculativeCachingEnable(bool enable) {
@@ -136,22 +180,11 @@ void RenderManager::printImageMemoryUsage() {
 }
 
 bool RenderManager::CheckAbort() {
-    CancelChecker* checker = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(s_cancelMutex);
-        auto it = s_cancelCheckers.find(std::this_thread::get_id());
-        if (it == s_cancelCheckers.end()) return false;
-        checker = it->second;
-    }
-    return checker->shouldAbort();
+    return t_cancelChecker && t_cancelChecker->shouldAbort();
 }
 
 void RenderManager::SetCancelChecker(CancelChecker* checker) {
-    std::lock_guard<std::mutex> lock(s_cancelMutex);
-    if (checker)
-        s_cancelCheckers[std::this_thread::get_id()] = checker;
-    else
-        s_cancelCheckers.erase(std::this_thread::get_id());
+    t_cancelChecker = checker;
 }
 
 void RenderManager::ClearRenderTaskCache() {

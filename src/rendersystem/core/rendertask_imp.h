@@ -155,9 +155,11 @@ public:
     uint64_t m_tilesLeft = 0;  // guarded by m_renderLock
     int m_preRenderState = 0;  // 0 not run, 1 done, 2 failed; guarded by m_renderLock
     std::atomic<bool> m_cancelled{false};
+    std::atomic<bool> m_inRender{false};  // part of a render that has not ended
 
 private:
     void resetForRender(int64_t renderID);
+    static void setUpPlan(const std::vector<RenderOutput>& outputs, RenderPlan& plan);
     uint64_t setUpTask(std::vector<Private::TilePtr>& readyTiles);
     void setUpTile(const Private::TilePtr& tile);
     void runPreRender();

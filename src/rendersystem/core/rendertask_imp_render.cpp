@@ -89,17 +89,36 @@ void RenderTask::Imp::resetForRender(int64_t renderID) {
 
 RenderPlan RenderTask::Imp::setUpRender(const std::vector<RenderOutput>& outputs) {
     RenderPlan plan;
+    plan.tasks = collectGraph(outputs);
+    // A task carries the state of one render at a time.
+    for (size_t i = 0; i < plan.tasks.size(); ++i) {
+        if (plan.tasks[i]->imp().m_inRender.exchange(true)) {
+            const std::string name = plan.tasks[i]->imp().m_nameAtTime;
+            for (size_t j = 0; j < i; ++j) plan.tasks[j]->imp().m_inRender = false;
+            plan.tasks.clear();
+            throw UTIL::ErrorException("Task " + name + " is already part of a render in progress");
+        }
+    }
+    try {
+        setUpPlan(outputs, plan);
+    } catch (...) {
+        endRender(plan);
+        throw;
+    }
+    return plan;
+}
+
+void RenderTask::Imp::setUpPlan(const std::vector<RenderOutput>& outputs, RenderPlan& plan) {
     const int64_t renderID = ++s_renderCount;
 
     // Consumers are counted per input slot.
-    plan.tasks = collectGraph(outputs);
     for (const TaskPtr& task : plan.tasks) task->imp().resetForRender(renderID);
     for (const TaskPtr& task : plan.tasks)
         for (const TaskPtr& input : task->imp().m_inputTasks) ++input->imp().m_outputTaskCount;
 
+    // Tasks merged into a chain stay in plan.tasks: they are released with it.
     RenderManager::debugLine(">>>>>> Collapsing in place ops...");
     collapseInPlaceChains(plan.tasks);
-    plan.tasks = collectGraph(outputs);
 
     RenderManager::debugLine(">>>>>> Setting up to render outputs...");
     for (const RenderOutput& output : outputs) {
@@ -155,7 +174,6 @@ RenderPlan RenderTask::Imp::setUpRender(const std::vector<RenderOutput>& outputs
             }
         }
     }
-    return plan;
 }
 
 uint64_t RenderTask::Imp::setUpTask(std::vector<TilePtr>& readyTiles) {
@@ -220,6 +238,7 @@ void RenderTask::Imp::setUpTile(const TilePtr& tile) {
 
 void RenderTask::Imp::endRender(RenderPlan& plan) {
     for (const TaskPtr& task : plan.tasks) {
+        task->imp().m_inRender = false;
         std::map<TileID, TilePtr> tiles;
         {
             std::lock_guard<std::mutex> lock(task->imp().m_tileMapMutex);

@@ -1,0 +1,346 @@
+#include "rendersystem/core/rendercontroller.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "exceptions.h"
+#include "rendermanager.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+namespace {
+
+constexpr uint64_t kDefaultSleepMicroseconds = 25000;
+
+uint64_t readSleepMicroseconds() {
+    const char* text = std::getenv("MARLIN_RENDER_CONTROLLER_SLEEP_USECS");
+    if (!text) return kDefaultSleepMicroseconds;
+    char* end = nullptr;
+    const long long value = std::strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || value <= 0 || value >= 1000000) {
+        std::cerr << "MARLIN_RENDER_CONTROLLER_SLEEP_USECS=" << text
+                  << " ignored: it must be above 0 and below 1000000; using "
+                  << kDefaultSleepMicroseconds << std::endl;
+        return kDefaultSleepMicroseconds;
+    }
+    std::cout << "Render Controller sleep usecs: " << value << std::endl;
+    return static_cast<uint64_t>(value);
+}
+
+std::mutex s_poolMutex;  // guards s_pool's creation and sizing, and s_renderThreads
+Util::ThreadPool* s_pool = nullptr;
+uint64_t s_renderThreads = 0;
+
+// What CheckAbort answers on a worker while it renders a tile.
+class RenderCancelChecker : public RenderManager::CancelChecker {
+public:
+    explicit RenderCancelChecker(const ActiveRender& render) : m_render(render) {}
+    bool shouldAbort() override { return m_render.stopping(); }
+
+private:
+    const ActiveRender& m_render;
+};
+
+class ControllerTileJob : public Util::Job {
+public:
+    ControllerTileJob(ActiveRenderPtr render, TilePtr tile)
+        : m_render(std::move(render)), m_tile(std::move(tile)) {}
+
+    uint32_t getPriority() const override {
+        std::lock_guard<std::mutex> lock(m_render->mutex);
+        return m_tile->getPriority(m_render->ordering);
+    }
+
+    void run() override {
+        ActiveRender& render = *m_render;
+        if (!render.stopping()) {
+            RenderCancelChecker checker(render);
+            RenderManager::SetCancelChecker(&checker);
+            try {
+                TileJob(m_tile, render.observer, &render.ready, 0).run();
+            } catch (const RenderCancelledException&) {
+                render.cancelled = true;
+            } catch (...) {
+                render.fail(std::current_exception());
+            }
+            RenderManager::SetCancelChecker(nullptr);
+        }
+        for (const TilePtr& ready : render.ready.take()) render.submit(ready);
+        m_tile.reset();
+        if (--render.outstandingJobs == 0) render.controller->finish(m_render);
+    }
+
+private:
+    ActiveRenderPtr m_render;
+    TilePtr m_tile;
+};
+
+class AnalysisJob : public Util::Job {
+public:
+    AnalysisJob(Util::JobPtr job, RenderController* controller,
+                void (RenderController::*done)())
+        : m_job(std::move(job)), m_controller(controller), m_done(done) {}
+    void run() override {
+        try {
+            m_job->run();
+        } catch (const std::exception& e) {
+            std::cerr << "Analysis job failed: " << e.what() << std::endl;
+        }
+        m_job.reset();
+        (m_controller->*m_done)();
+    }
+
+private:
+    Util::JobPtr m_job;
+    RenderController* m_controller;
+    void (RenderController::*m_done)();
+};
+
+std::string messageOf(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown error";
+    }
+}
+
+}  // namespace
+
+void ActiveRender::fail(std::exception_ptr e) {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (failed) return;  // the first error is the render's
+        error = e;
+        errorMessage = messageOf(e);
+    }
+    failed = true;
+    for (const TaskPtr& task : plan.tasks) task->imp().cancel();
+}
+
+void ActiveRender::submit(const TilePtr& tile) {
+    if (stopping()) return;
+    ++outstandingJobs;
+    RenderController::pool().submit(Util::JobPtr(new ControllerTileJob(this, tile)), true);
+}
+
+RenderController& RenderController::get(RenderType type) {
+    // Created together on first use, never destroyed (jobs may still refer
+    // to them while the process exits).
+    static RenderController* controllers[RENDERTYPE_COUNT] = {
+        new RenderController(RENDERTYPE_VIEWER), new RenderController(RENDERTYPE_BATCH),
+        new RenderController(RENDERTYPE_BACKGROUND)};
+    const int index = type >= 0 && type < RENDERTYPE_COUNT ? type : 0;
+    return *controllers[index];
+}
+
+Util::ThreadPool& RenderController::pool() {
+    std::lock_guard<std::mutex> lock(s_poolMutex);
+    if (!s_pool) {
+        // Before any setRenderThreads: one render thread per hardware thread.
+        const uint64_t n = std::max(1u, std::thread::hardware_concurrency());
+        s_pool = new Util::ThreadPool(n + 1, n);
+    }
+    return *s_pool;
+}
+
+void RenderController::setRenderThreads(uint64_t n) {
+    n = std::max<uint64_t>(n, 1);
+    std::lock_guard<std::mutex> lock(s_poolMutex);
+    s_renderThreads = n;
+    if (s_pool)
+        s_pool->resize(n + 1, n);
+    else
+        s_pool = new Util::ThreadPool(n + 1, n);
+}
+
+uint64_t RenderController::getRenderThreads() {
+    std::lock_guard<std::mutex> lock(s_poolMutex);
+    return s_renderThreads;
+}
+
+uint64_t RenderController::sleepMicroseconds() {
+    static const uint64_t usecs = readSleepMicroseconds();
+    return usecs;
+}
+
+void RenderController::render(const std::vector<RenderDescription>& outputs,
+                              const RenderObserverPtr& observer,
+                              const OutputTilePrioritizerPtr& prioritizer, bool wait,
+                              bool analysis) {
+    if (!observer) throw UTIL::ErrorException("Render: no RenderObserver given");
+    ActiveRenderPtr render(new ActiveRender);
+    render->controller = this;
+    render->analysis = analysis;
+    render->outputs = outputs;
+    render->observer = observer;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ActiveRenderPtr& slot = analysis ? m_analysisRender : m_render;
+        if (slot)
+            throw UTIL::ErrorException(
+                analysis ? "There is already an analysis render in progress, cancel it first!"
+                         : "There is already a render in progress, cancel it first!");
+        slot = render;
+    }
+    try {
+        std::vector<RenderOutput> renderOutputs;
+        for (size_t i = 0; i < outputs.size(); ++i) {
+            if (!outputs[i].task)
+                throw UTIL::ErrorException("Render: output " + std::to_string(i) + " has no task");
+            renderOutputs.push_back(
+                RenderOutput{outputs[i].task, outputs[i].rect, outputs[i].channels, i});
+        }
+        render->plan = RenderTask::Imp::setUpRender(renderOutputs);
+        std::vector<OutputTileID> finalTiles;
+        for (const TilePtr& tile : render->plan.finalTiles)
+            finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
+        OutputTilePrioritizerPtr order =
+            prioritizer ? prioritizer : OutputTilePrioritizerPtr(new RowMajorTilePrioritizer);
+        render->ordering = order->prioritize(finalTiles, outputs);
+        if (render->ordering.size() != finalTiles.size())
+            throw UTIL::ErrorException("OutputTilePrioritizer gave " +
+                                       std::to_string(render->ordering.size()) +
+                                       " values for " + std::to_string(finalTiles.size()) +
+                                       " output tiles");
+    } catch (...) {
+        RenderTask::Imp::endRender(render->plan);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        (analysis ? m_analysisRender : m_render).reset();
+        m_idle.notify_all();
+        throw;
+    }
+    // Outputs with no tiles at all are finished before anything runs.
+    for (size_t i = 0; i < outputs.size(); ++i) {
+        bool hasTiles = false;
+        for (const TilePtr& tile : render->plan.finalTiles) hasTiles |= tile->getOutputIndex() == i;
+        if (!hasTiles) observer->outputFinished(i);
+    }
+    // One extra count keeps the render open while its first tiles are queued.
+    ++render->outstandingJobs;
+    for (const TilePtr& tile : render->plan.readyTiles) render->submit(tile);
+    if (--render->outstandingJobs == 0) finish(render);
+    if (wait) this->wait(render);
+}
+
+void RenderController::wait(const ActiveRenderPtr& render) {
+    const auto step = std::chrono::microseconds(sleepMicroseconds());
+    {
+        std::unique_lock<std::mutex> lock(render->mutex);
+        while (!render->finished) render->finishedSignal.wait_for(lock, step);
+    }
+    if (render->error) std::rethrow_exception(render->error);
+    if (render->cancelled) throw RenderCancelledException("Render cancelled.");
+}
+
+void RenderController::finish(const ActiveRenderPtr& render) {
+    RenderTask::Imp::endRender(render->plan);
+    const RenderStatus status = render->failed      ? RenderStatus::Error
+                                : render->cancelled ? RenderStatus::Cancelled
+                                                    : RenderStatus::Success;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        ActiveRenderPtr& slot = render->analysis ? m_analysisRender : m_render;
+        if (slot == render) slot.reset();
+    }
+    try {
+        render->observer->renderFinished(status, status == RenderStatus::Cancelled
+                                                     ? std::string("Render cancelled.")
+                                                     : render->errorMessage);
+    } catch (const std::exception& e) {
+        std::cerr << "RenderObserver::renderFinished threw: " << e.what() << std::endl;
+    }
+    {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        render->finished = true;
+    }
+    render->finishedSignal.notify_all();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_idle.notify_all();
+}
+
+void RenderController::reprioritize(const OutputTilePrioritizerPtr& prioritizer) {
+    ActiveRenderPtr render;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        render = m_render;
+    }
+    if (!render || !prioritizer) return;
+    std::vector<OutputTileID> finalTiles;
+    for (const TilePtr& tile : render->plan.finalTiles)
+        finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
+    std::vector<uint32_t> ordering = prioritizer->prioritize(finalTiles, render->outputs);
+    if (ordering.size() != finalTiles.size()) return;
+    {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        render->ordering = std::move(ordering);
+    }
+    pool().reprioritize();
+}
+
+void RenderController::cancel(bool wait) {
+    std::vector<ActiveRenderPtr> renders;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const ActiveRenderPtr& r : {m_render, m_analysisRender})
+            if (r) renders.push_back(r);
+    }
+    for (const ActiveRenderPtr& render : renders) {
+        render->cancelled = true;
+        for (const TaskPtr& task : render->plan.tasks) task->imp().cancel();
+    }
+    if (wait) finishRender();
+}
+
+void RenderController::finishRender() {
+    const auto step = std::chrono::microseconds(sleepMicroseconds());
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (m_render || m_analysisRender) m_idle.wait_for(lock, step);
+}
+
+bool RenderController::isRenderInProgress() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return static_cast<bool>(m_render);
+}
+
+void RenderController::startAnalysis() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_analysisStarted = true;
+}
+
+bool RenderController::submitAnalysisJob(const Util::JobPtr& job) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_analysisStarted || !job) return false;
+        ++m_analysisJobs;
+    }
+    pool().submit(Util::JobPtr(new AnalysisJob(job, this, &RenderController::analysisJobDone)),
+                  false);
+    return true;
+}
+
+void RenderController::analysisJobDone() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    --m_analysisJobs;
+    m_idle.notify_all();
+}
+
+bool RenderController::isAnalysisInProgress() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_analysisStarted || m_analysisJobs > 0 || m_analysisRender;
+}
+
+void RenderController::endAnalysis() {
+    const auto step = std::chrono::microseconds(sleepMicroseconds());
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_analysisStarted = false;
+    while (m_analysisJobs > 0) m_idle.wait_for(lock, step);
+}
+
+}  // namespace Private
+}  // namespace TESSERA

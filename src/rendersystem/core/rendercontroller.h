@@ -1,0 +1,109 @@
+// RenderController: runs one render (and one analysis render) of one
+// RenderType at a time on the shared worker pool.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "outputtileprioritizer.h"
+#include "renderdescription.h"
+#include "renderobserver.h"
+#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/tilejob.h"
+#include "util/threadpool.h"
+
+namespace TESSERA {
+namespace Private {
+
+class RenderController;
+
+// The shared state of one render, held by the controller and by every job
+// of the render. m_mutex guards the ordering, the outcome and `finished`.
+class ActiveRender : public ThreadSafeRefBase {
+public:
+    RenderController* controller = nullptr;
+    bool analysis = false;
+    RenderPlan plan;
+    std::vector<RenderDescription> outputs;
+    RenderObserverPtr observer;
+    std::vector<uint32_t> ordering;  // one value per final tile
+    ReadyTiles ready;
+    std::atomic<uint64_t> outstandingJobs{0};
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> failed{false};
+    std::exception_ptr error;
+    std::string errorMessage;
+    bool finished = false;
+    std::mutex mutex;
+    std::condition_variable finishedSignal;
+
+    bool stopping() const { return cancelled || failed; }
+    void fail(std::exception_ptr e);
+    // Schedules a ready tile (a no-op once the render is stopping).
+    void submit(const TilePtr& tile);
+};
+
+using ActiveRenderPtr = RCX_ptr_v4::ref_ptr<ActiveRender>;
+
+// Event-driven: jobs schedule the tiles they make ready and the last job of
+// a render finishes it; nothing polls. A caller that waits is woken by the
+// render's end, and checks again at least every sleepMicroseconds().
+//
+// m_mutex guards the active renders and the analysis session; it is taken
+// before a render's mutex, and never held while calling the pool or the
+// observer.
+class RenderController {
+public:
+    explicit RenderController(RenderType type) : m_type(type) {}
+
+    static RenderController& get(RenderType type);
+    static Util::ThreadPool& pool();
+    // Sizes the pool: n render threads and one more for other work.
+    static void setRenderThreads(uint64_t n);
+    static uint64_t getRenderThreads();
+    // From MARLIN_RENDER_CONTROLLER_SLEEP_USECS (above 0, below 1000000),
+    // else 25000.
+    static uint64_t sleepMicroseconds();
+
+    // Sets up the render on the calling thread and schedules its ready
+    // tiles. With wait, returns when it ended, rethrowing its error, or
+    // RenderCancelledException when it was cancelled.
+    void render(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
+                const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis);
+    void reprioritize(const OutputTilePrioritizerPtr& prioritizer);
+    // Queued tiles are dropped, running ones finish or notice (CheckAbort).
+    void cancel(bool wait);
+    // Waits until no render of this controller is running.
+    void finishRender();
+    bool isRenderInProgress() const;
+
+    void startAnalysis();
+    // False when no analysis is started.
+    bool submitAnalysisJob(const Util::JobPtr& job);
+    bool isAnalysisInProgress() const;
+    // Stops taking jobs and waits for the submitted ones.
+    void endAnalysis();
+
+    // Called by the last job of a render.
+    void finish(const ActiveRenderPtr& render);
+
+private:
+    void wait(const ActiveRenderPtr& render);
+    void analysisJobDone();
+
+    const RenderType m_type;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_idle;
+    ActiveRenderPtr m_render;
+    ActiveRenderPtr m_analysisRender;
+    bool m_analysisStarted = false;
+    uint64_t m_analysisJobs = 0;
+};
+
+}  // namespace Private
+}  // namespace TESSERA
