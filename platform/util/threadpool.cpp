@@ -8,7 +8,9 @@ ThreadPool::ThreadPool(size_t threads, size_t jobLimit) : m_jobLimit(jobLimit) {
     startThreads(threads);
 }
 
-ThreadPool::~ThreadPool() { stopThreads(); }
+ThreadPool::~ThreadPool() {
+    stopThreads();
+}
 
 void ThreadPool::startThreads(size_t count) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -43,11 +45,22 @@ size_t ThreadPool::size() const {
 }
 
 void ThreadPool::submit(const JobPtr& job, bool limited) {
+    submit(std::vector<JobPtr>{job}, limited);
+}
+
+void ThreadPool::submit(const std::vector<JobPtr>& jobs, bool limited) {
+    if (jobs.empty()) return;
+    std::vector<uint32_t> priorities;  // asked outside the lock
+    for (const JobPtr& job : jobs) priorities.push_back(job->getPriority());
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        (limited ? m_limited : m_unlimited).insert(Entry{job->getPriority(), m_sequence++, job});
+        for (size_t i = 0; i < jobs.size(); ++i)
+            (limited ? m_limited : m_unlimited).insert(Entry{priorities[i], m_sequence++, jobs[i]});
     }
-    m_wake.notify_one();
+    if (jobs.size() == 1)
+        m_wake.notify_one();
+    else
+        m_wake.notify_all();
 }
 
 void ThreadPool::reprioritize() {

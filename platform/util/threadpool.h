@@ -34,6 +34,8 @@ public:
     void resize(size_t threads, size_t jobLimit);
     size_t size() const;
     void submit(const JobPtr& job, bool limited);
+    // Queues all at once, so the first to run is the most urgent of them.
+    void submit(const std::vector<JobPtr>& jobs, bool limited);
     // Re-reads the priority of every queued job (the ordering changed).
     void reprioritize();
     size_t queuedJobs() const;

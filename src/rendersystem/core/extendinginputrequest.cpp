@@ -41,17 +41,22 @@ ImageBuffer ExtendingInputRequest::buildImage(const UTIL::Rect& requested,
     if (requested.contains(read)) {
         // The pixels the extension reads are part of the image itself.
         ImageBuffer image = assemble(requested, tileImages, false);
-        ImageBuffer_LockScoper lock(image);
-        checkImglib(IMGLIB::DoExtendActions(image.getImage(), actions, image.getImage()), name);
+        {
+            ImageBuffer_LockScoper lock(image);
+            checkImglib(IMGLIB::DoExtendActions(image.getImage(), actions, image.getImage()), name);
+        }
         return image;
     }
     // The extension reads pixels beyond the requested rectangle: gather them
     // apart, then build the image from them.
     ImageBuffer sourceImage = assemble(read, tileImages, true);
     ImageBuffer image(m_channels, requested, "Temporary Image From Many Tiles");
-    ImageBuffer_LockScoper lock(image), sourceLock(sourceImage);
-    checkImglib(IMGLIB::CopyInto(image.getImage(), sourceImage.getImage()), name);
-    checkImglib(IMGLIB::DoExtendActions(image.getImage(), actions, sourceImage.getImage()), name);
+    {
+        ImageBuffer_LockScoper lock(image), sourceLock(sourceImage);
+        checkImglib(IMGLIB::CopyInto(image.getImage(), sourceImage.getImage()), name);
+        checkImglib(IMGLIB::DoExtendActions(image.getImage(), actions, sourceImage.getImage()),
+                    name);
+    }
     return image;
 }
 

@@ -41,19 +41,23 @@ ImageBuffer InputRequest::assemble(const UTIL::Rect& rect,
     ImageBuffer image(m_channels, rect,
                       tileImages.size() == 1 ? "Temporary Image From Single Tiles"
                                              : "Temporary Image From Many Tiles");
-    ImageBuffer_LockScoper lock(image);
-    const IMGLIB::Image* out = image.getImage();
-    const std::string& name = m_input->m_nameAtTime;
-    if (!dataRegion().contains(rect)) {
-        const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
-                               m_backgroundColor.a};
-        checkImglib(IMGLIB::Fill(out, rgba), name);
-    }
-    for (const ImageBuffer& tile : tileImages) {
-        if (!tile.getBounds().intersects(rect)) continue;
-        ImageBuffer source = tile;
-        ImageBuffer_LockScoper tileLock(source);
-        checkImglib(IMGLIB::CopyInto(out, source.getImage()), name);
+    // Unlocked before the return: a scoper must not outlive a handle that
+    // may be moved out.
+    {
+        ImageBuffer_LockScoper lock(image);
+        const IMGLIB::Image* out = image.getImage();
+        const std::string& name = m_input->m_nameAtTime;
+        if (!dataRegion().contains(rect)) {
+            const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
+                                   m_backgroundColor.a};
+            checkImglib(IMGLIB::Fill(out, rgba), name);
+        }
+        for (const ImageBuffer& tile : tileImages) {
+            if (!tile.getBounds().intersects(rect)) continue;
+            ImageBuffer source = tile;
+            ImageBuffer_LockScoper tileLock(source);
+            checkImglib(IMGLIB::CopyInto(out, source.getImage()), name);
+        }
     }
     return image;
 }

@@ -24,8 +24,8 @@ std::vector<uint32_t> ranks(const std::vector<Key>& keys) {
 
 }  // namespace
 
-std::vector<uint32_t> RowMajorTilePrioritizer::prioritize(
-    const std::vector<OutputTileID>& tiles, const std::vector<RenderDescription>&) {
+std::vector<uint32_t> RowMajorTilePrioritizer::prioritize(const std::vector<OutputTileID>& tiles,
+                                                          const std::vector<RenderDescription>&) {
     std::vector<std::tuple<size_t, int, int>> keys;
     for (const OutputTileID& t : tiles)
         keys.emplace_back(t.outputIndex, t.tileID.yIndex(), t.tileID.xIndex());

@@ -69,7 +69,7 @@ public:
             }
             RenderManager::SetCancelChecker(nullptr);
         }
-        for (const TilePtr& ready : render.ready.take()) render.submit(ready);
+        render.submit(render.ready.take());
         m_tile.reset();
         if (--render.outstandingJobs == 0) render.controller->finish(m_render);
     }
@@ -81,8 +81,7 @@ private:
 
 class AnalysisJob : public Util::Job {
 public:
-    AnalysisJob(Util::JobPtr job, RenderController* controller,
-                void (RenderController::*done)())
+    AnalysisJob(Util::JobPtr job, RenderController* controller, void (RenderController::*done)())
         : m_job(std::move(job)), m_controller(controller), m_done(done) {}
     void run() override {
         try {
@@ -120,13 +119,21 @@ void ActiveRender::fail(std::exception_ptr e) {
         errorMessage = messageOf(e);
     }
     failed = true;
+    cancelTasks();
+}
+
+void ActiveRender::cancelTasks() {
+    std::lock_guard<std::mutex> lock(mutex);
     for (const TaskPtr& task : plan.tasks) task->imp().cancel();
 }
 
-void ActiveRender::submit(const TilePtr& tile) {
-    if (stopping()) return;
-    ++outstandingJobs;
-    RenderController::pool().submit(Util::JobPtr(new ControllerTileJob(this, tile)), true);
+void ActiveRender::submit(const std::vector<TilePtr>& tiles) {
+    if (stopping() || tiles.empty()) return;
+    std::vector<Util::JobPtr> jobs;
+    for (const TilePtr& tile : tiles)
+        jobs.push_back(Util::JobPtr(new ControllerTileJob(this, tile)));
+    outstandingJobs += jobs.size();
+    RenderController::pool().submit(jobs, true);
 }
 
 RenderController& RenderController::get(RenderType type) {
@@ -196,7 +203,11 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
             renderOutputs.push_back(
                 RenderOutput{outputs[i].task, outputs[i].rect, outputs[i].channels, i});
         }
-        render->plan = RenderTask::Imp::setUpRender(renderOutputs);
+        RenderPlan plan = RenderTask::Imp::setUpRender(renderOutputs);
+        {
+            std::lock_guard<std::mutex> lock(render->mutex);
+            render->plan = std::move(plan);
+        }
         std::vector<OutputTileID> finalTiles;
         for (const TilePtr& tile : render->plan.finalTiles)
             finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
@@ -205,9 +216,8 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
         render->ordering = order->prioritize(finalTiles, outputs);
         if (render->ordering.size() != finalTiles.size())
             throw UTIL::ErrorException("OutputTilePrioritizer gave " +
-                                       std::to_string(render->ordering.size()) +
-                                       " values for " + std::to_string(finalTiles.size()) +
-                                       " output tiles");
+                                       std::to_string(render->ordering.size()) + " values for " +
+                                       std::to_string(finalTiles.size()) + " output tiles");
     } catch (...) {
         RenderTask::Imp::endRender(render->plan);
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -221,9 +231,11 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
         for (const TilePtr& tile : render->plan.finalTiles) hasTiles |= tile->getOutputIndex() == i;
         if (!hasTiles) observer->outputFinished(i);
     }
+    // A cancel that came during set-up found no tasks to tell.
+    if (render->cancelled) render->cancelTasks();
     // One extra count keeps the render open while its first tiles are queued.
     ++render->outstandingJobs;
-    for (const TilePtr& tile : render->plan.readyTiles) render->submit(tile);
+    render->submit(render->plan.readyTiles);
     if (--render->outstandingJobs == 0) finish(render);
     if (wait) this->wait(render);
 }
@@ -239,7 +251,10 @@ void RenderController::wait(const ActiveRenderPtr& render) {
 }
 
 void RenderController::finish(const ActiveRenderPtr& render) {
-    RenderTask::Imp::endRender(render->plan);
+    {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        RenderTask::Imp::endRender(render->plan);
+    }
     const RenderStatus status = render->failed      ? RenderStatus::Error
                                 : render->cancelled ? RenderStatus::Cancelled
                                                     : RenderStatus::Success;
@@ -272,8 +287,11 @@ void RenderController::reprioritize(const OutputTilePrioritizerPtr& prioritizer)
     }
     if (!render || !prioritizer) return;
     std::vector<OutputTileID> finalTiles;
-    for (const TilePtr& tile : render->plan.finalTiles)
-        finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
+    {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        for (const TilePtr& tile : render->plan.finalTiles)
+            finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
+    }
     std::vector<uint32_t> ordering = prioritizer->prioritize(finalTiles, render->outputs);
     if (ordering.size() != finalTiles.size()) return;
     {
@@ -292,7 +310,7 @@ void RenderController::cancel(bool wait) {
     }
     for (const ActiveRenderPtr& render : renders) {
         render->cancelled = true;
-        for (const TaskPtr& task : render->plan.tasks) task->imp().cancel();
+        render->cancelTasks();
     }
     if (wait) finishRender();
 }

@@ -23,7 +23,8 @@ namespace Private {
 class RenderController;
 
 // The shared state of one render, held by the controller and by every job
-// of the render. m_mutex guards the ordering, the outcome and `finished`.
+// of the render. `mutex` guards the plan (set up while the render is already
+// visible to cancel), the ordering, the outcome and `finished`.
 class ActiveRender : public ThreadSafeRefBase {
 public:
     RenderController* controller = nullptr;
@@ -43,9 +44,11 @@ public:
     std::condition_variable finishedSignal;
 
     bool stopping() const { return cancelled || failed; }
+    // Tells every task of the plan, so preRender and CheckAbort notice.
+    void cancelTasks();
     void fail(std::exception_ptr e);
-    // Schedules a ready tile (a no-op once the render is stopping).
-    void submit(const TilePtr& tile);
+    // Schedules ready tiles (nothing once the render is stopping).
+    void submit(const std::vector<TilePtr>& tiles);
 };
 
 using ActiveRenderPtr = RCX_ptr_v4::ref_ptr<ActiveRender>;

@@ -1,0 +1,392 @@
+// End-to-end renders through RenderManager on the worker threads.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include "imglib/pixels.h"
+#include "private/tile.h"
+#include "rendersystem/core/rendercontroller.h"
+#include "rendersystem/images/imageallocator.h"
+#include "support/serial_render.h"
+#include "util/exceptions.h"
+
+using namespace TESSERA;
+using namespace TESSERA::testing;
+using Color = Imath::Color4<float>;
+using UTIL::Rect;
+
+namespace {
+
+template <class T, class... Args>
+RCX_ptr_v4::ref_ptr<T> make(Args&&... args) {
+    return RCX_ptr_v4::ref_ptr<T>(new T(std::forward<Args>(args)...));
+}
+
+// (x, y, x*y mod 7, 1) over its area; records the areas it renders.
+class PatternTask : public ConstantTask {
+public:
+    PatternTask(const std::string& name, const Rect& area, int workPerPixel = 0)
+        : ConstantTask(name, Color(0, 0, 0, 0), area), work(workPerPixel) {}
+    std::string getTypeString() override { return "Pattern"; }
+    void computeCacheID(CacheIDStream& s) override { s << area << ' ' << work; }
+    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
+        ++renderCalls;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            rendered.push_back(Rect(out->x1, out->y1, out->x2, out->y2));
+        }
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            if (work && RenderManager::CheckAbort()) return;
+            for (int64_t x = out->x1; x < out->x2; ++x) {
+                volatile float spin = 0;
+                for (int i = 0; i < work; ++i) spin = spin + 1.0f;
+                const float v[4] = {float(x), float(y), float((x * y) % 7), 1};
+                IMGLIB::SetPixel(out, x, y, v);
+            }
+        }
+    }
+    static Color at(int64_t x, int64_t y) { return Color(float(x), float(y), float((x * y) % 7), 1); }
+    int work;
+    std::mutex mutex;
+    std::vector<Rect> rendered;
+};
+
+// Mean of the pixels within `radius` columns, clamping at the data's edge.
+class BoxX : public GainTask {
+public:
+    BoxX(const std::string& name, TaskPtr input, int64_t radius)
+        : GainTask(name, {input}, 1.0f), radius(radius) {
+        typeString = "BoxX";
+    }
+    void computeCacheID(CacheIDStream& s) override { s << radius; }
+    void makeInputFormatRequests() override {
+        addInputRequest(0, getRequiredOutputChannels(), IMGLIB::EXTEND_CLAMP, false,
+                        getDefinedInputDataRegion(0).boundingBox());
+    }
+    void computeRequiredInputRectangles(const Rect& out, std::vector<Rect>& in) override {
+        in.assign(1, out.grown(radius, 0));
+    }
+    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        for (int64_t y = out->y1; y < out->y2; ++y)
+            for (int64_t x = out->x1; x < out->x2; ++x) {
+                Color sum(0, 0, 0, 0);
+                for (int64_t dx = -radius; dx <= radius; ++dx) sum += pixelAt(in[0], x + dx, y);
+                const Color m = sum / float(2 * radius + 1);
+                const float v[4] = {m.r, m.g, m.b, m.a};
+                IMGLIB::SetPixel(out, x, y, v);
+            }
+    }
+    int64_t radius;
+};
+
+class Throwing : public PatternTask {
+public:
+    using PatternTask::PatternTask;
+    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        if (out->x1 >= 32) throw std::runtime_error("bad pixels at " + std::to_string(out->x1));
+        PatternTask::renderRect(out, in);
+    }
+};
+
+// Keeps the order of output tiles and the outcome.
+class RecordingObserver : public CollectingObserver {
+public:
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+        CollectingObserver::tileDone(image, id);
+        std::lock_guard<std::mutex> lock(mutex);
+        order.push_back(id.tileID);
+    }
+    void internalTileDone(const std::string& task, const std::string& d, double seconds) override {
+        CollectingObserver::internalTileDone(task, d, seconds);
+        std::lock_guard<std::mutex> lock(mutex);
+        secondsByTask[task] += seconds;
+        if (seconds == 0.0) ++cachedTiles;
+    }
+    void renderFinished(RenderStatus s, const std::string& m) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        status = s;
+        message = m;
+        ++finishCalls;
+    }
+    std::vector<TileID> order;
+    std::map<std::string, double> secondsByTask;
+    int cachedTiles = 0;
+    RenderStatus status = RenderStatus::Error;
+    std::string message;
+    int finishCalls = 0;
+};
+
+class RenderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        RenderManager::ClearRenderTaskCache();
+        RenderManager::clearSpeculativeCache();
+        RenderManager::setSpeculativeCachingEnable(true);
+    }
+    void TearDown() override {
+        RenderManager::setGlobalTileSize(256, 256);
+        RenderManager::ClearRenderTaskCache();
+        RenderManager::clearSpeculativeCache();
+        EXPECT_EQ(Private::Tile::liveCount(), 0u);
+    }
+
+    // pattern -> x3 -> x0.5 (collapsed) ; box blur of it ; sum of the two.
+    TaskPtr buildGraph(const std::string& tag) {
+        auto pattern = make<PatternTask>("pattern" + tag, Rect(-5, -3, 91, 70));
+        auto a = make<InPlaceTask>(InPlaceOpPtr(new ScaleOp(3)), "a" + tag, 0.0f, pattern);
+        auto b = make<InPlaceTask>(InPlaceOpPtr(new ScaleOp(0.5f)), "b" + tag, 0.0f, a);
+        auto box = make<BoxX>("box" + tag, b, 3);
+        return make<GainTask>("sum" + tag, std::vector<TaskPtr>{b, box}, 1.0f);
+    }
+
+    static std::vector<Color> renderAll(const TaskPtr& task, const Rect& rect, int tileSize,
+                                        int threads) {
+        RenderManager::setGlobalTileSize(tileSize, tileSize);
+        RenderManager::setRenderThreads(threads);
+        RenderManager::clearSpeculativeCache();
+        auto observer = make<RecordingObserver>();
+        RenderManager::Render({RenderDescription(task, rect, IMGLIB::CHANNELS_RGBA)}, observer,
+                              nullptr, true, RENDERTYPE_BATCH);
+        EXPECT_EQ(observer->status, RenderStatus::Success);
+        EXPECT_EQ(observer->finishedOutputs, std::vector<size_t>{0});
+        std::vector<Color> pixels;
+        for (int64_t y = rect.ymin; y < rect.ymax; ++y)
+            for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
+        return pixels;
+    }
+};
+
+}  // namespace
+
+TEST_F(RenderTest, TiledThreadedRendersEqualTheOneTileOneThreadRender) {
+    const Rect rect(-8, -8, 100, 75);
+    const std::vector<Color> reference = renderAll(buildGraph("ref"), rect, 1024, 1);
+    // Spot-check the reference against the closed form.
+    const auto expected = [](int64_t x, int64_t y) {
+        if (!Rect(-5, -3, 91, 70).contains(x, y)) return Color(0, 0, 0, 0);
+        // The scales leave alpha alone.
+        const auto graded = [](int64_t px, int64_t py) {
+            const Color p = PatternTask::at(px, py);
+            return Color(p.r * 1.5f, p.g * 1.5f, p.b * 1.5f, p.a);
+        };
+        Color box(0, 0, 0, 0);
+        for (int64_t dx = -3; dx <= 3; ++dx) box += graded(std::clamp<int64_t>(x + dx, -5, 90), y);
+        return graded(x, y) + box / 7.0f;
+    };
+    EXPECT_EQ(reference[(10 + 8) * 108 + (20 + 8)], expected(20, 10));
+    for (int tileSize : {16, 37, 64})
+        for (int threads : {1, 2, 4}) {
+            RenderManager::ClearRenderTaskCache();
+            EXPECT_EQ(renderAll(buildGraph("t"), rect, tileSize, threads), reference)
+                << "tile " << tileSize << " threads " << threads;
+        }
+}
+
+TEST_F(RenderTest, ATileWantedByTwoConsumersRendersOnceOverTheUnion) {
+    RenderManager::setGlobalTileSize(64, 64);
+    auto pattern = make<PatternTask>("p", Rect(0, 0, 64, 64));
+    auto plain = make<GainTask>("plain", std::vector<TaskPtr>{pattern}, 1.0f);
+    auto box = make<BoxX>("box", pattern, 2);
+    auto sum = make<GainTask>("sum", std::vector<TaskPtr>{plain, box}, 1.0f);
+    auto observer = make<RecordingObserver>();
+    // The output is the left half: plain needs [0,32), box needs [0,34).
+    RenderManager::Render({RenderDescription(sum, Rect(0, 0, 32, 64), IMGLIB::CHANNELS_RGBA)},
+                          observer, nullptr, true, RENDERTYPE_BATCH);
+    ASSERT_EQ(pattern->rendered.size(), 1u);
+    EXPECT_EQ(pattern->rendered[0], Rect(0, 0, 34, 64));
+}
+
+TEST_F(RenderTest, TilesArriveInThePrioritizersOrder) {
+    RenderManager::setGlobalTileSize(16, 16);
+    RenderManager::setRenderThreads(1);
+    auto pattern = make<PatternTask>("p", Rect(0, 0, 80, 48));
+    auto g = make<GainTask>("g", std::vector<TaskPtr>{pattern}, 2.0f);
+    auto rowMajor = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(g, Rect(0, 0, 80, 48), IMGLIB::CHANNELS_RGBA)},
+                          rowMajor, nullptr, true, RENDERTYPE_VIEWER);
+    ASSERT_EQ(rowMajor->order.size(), 15u);
+    for (size_t i = 1; i < rowMajor->order.size(); ++i)
+        EXPECT_TRUE(rowMajor->order[i - 1] < rowMajor->order[i]);
+
+    RenderManager::clearSpeculativeCache();
+    auto centre = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(g, Rect(0, 0, 80, 48), IMGLIB::CHANNELS_RGBA)},
+                          centre, OutputTilePrioritizerPtr(new CenterOutTilePrioritizer), true,
+                          RENDERTYPE_VIEWER);
+    ASSERT_EQ(centre->order.size(), 15u);
+    EXPECT_EQ(centre->order[0], TileID(2, 1, 16, 16));  // the middle tile first
+    auto distance = [](const TileID& t) {
+        const double dx = t.xIndex() * 16 + 8 - 40.0, dy = t.yIndex() * 16 + 8 - 24.0;
+        return dx * dx + dy * dy;
+    };
+    for (size_t i = 1; i < centre->order.size(); ++i)
+        EXPECT_LE(distance(centre->order[i - 1]), distance(centre->order[i]));
+}
+
+TEST_F(RenderTest, ASecondRenderIsServedFromTheTileCache) {
+    RenderManager::setGlobalTileSize(32, 32);
+    auto pattern = make<PatternTask>("p", Rect(0, 0, 64, 64));
+    auto g = make<GainTask>("g", std::vector<TaskPtr>{pattern}, 2.0f);
+    const std::vector<RenderDescription> outputs{
+        RenderDescription(g, Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGBA)};
+    auto first = make<RecordingObserver>();
+    RenderManager::Render(outputs, first, nullptr, true, RENDERTYPE_VIEWER);
+    EXPECT_EQ(pattern->renderCalls.load(), 4);
+    auto second = make<RecordingObserver>();
+    RenderManager::Render(outputs, second, nullptr, true, RENDERTYPE_VIEWER);
+    EXPECT_EQ(pattern->renderCalls.load(), 4);  // nothing rendered again
+    EXPECT_EQ(second->cachedTiles, 4);           // the output tiles, 0 s each
+    EXPECT_EQ(second->pixel(0, 40, 20), PatternTask::at(40, 20) * 2.0f);
+
+    // With caching off, everything renders again.
+    RenderManager::setSpeculativeCachingEnable(false);
+    auto third = make<RecordingObserver>();
+    RenderManager::Render(outputs, third, nullptr, true, RENDERTYPE_VIEWER);
+    EXPECT_EQ(pattern->renderCalls.load(), 8);
+    RenderManager::setSpeculativeCachingEnable(true);
+}
+
+TEST_F(RenderTest, ATightMemoryBudgetSwapsButKeepsEveryPixel) {
+    RenderManager::setGlobalTileSize(64, 64);
+    RenderManager::setRenderThreads(2);
+    RenderManager::SetMaxImageMemory(1);  // 1 MiB: 16 tiles of 64 KiB
+    auto pattern = make<PatternTask>("p", Rect(0, 0, 512, 256));
+    auto box = make<BoxX>("box", pattern, 1);
+    auto observer = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(box, Rect(0, 0, 512, 256), IMGLIB::CHANNELS_RGBA)},
+                          observer, nullptr, true, RENDERTYPE_BATCH);
+    RenderManager::SetMaxImageMemory(256);
+    EXPECT_GT(Private::ImageAllocator::instance().getPeakDiskUsage(), 0);
+    for (int64_t y = 0; y < 256; y += 37)
+        for (int64_t x = 0; x < 512; x += 29) {
+            Color sum(0, 0, 0, 0);
+            for (int64_t dx = -1; dx <= 1; ++dx)
+                sum += PatternTask::at(std::clamp<int64_t>(x + dx, 0, 511), y);
+            ASSERT_EQ(observer->pixel(0, x, y), sum / 3.0f) << x << "," << y;
+        }
+}
+
+TEST_F(RenderTest, FailuresEndTheRenderCleanlyAndReachTheCaller) {
+    RenderManager::setGlobalTileSize(16, 16);
+    auto bad = make<Throwing>("bad", Rect(0, 0, 64, 64));
+    auto observer = make<RecordingObserver>();
+    try {
+        RenderManager::Render({RenderDescription(bad, Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, true, RENDERTYPE_BATCH);
+        FAIL();
+    } catch (const std::runtime_error& e) {
+        EXPECT_EQ(std::string(e.what()).rfind("bad pixels at", 0), 0u);
+    }
+    EXPECT_EQ(observer->status, RenderStatus::Error);
+    EXPECT_EQ(observer->message.rfind("bad pixels at", 0), 0u);
+    EXPECT_EQ(observer->finishCalls, 1);
+    EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_BATCH));
+
+    // The controller is free again, and the graph renders where it can.
+    auto good = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(bad, Rect(0, 0, 32, 16), IMGLIB::CHANNELS_RGBA)},
+                          good, nullptr, true, RENDERTYPE_BATCH);
+    EXPECT_EQ(good->status, RenderStatus::Success);
+}
+
+TEST_F(RenderTest, OneRenderPerTypeAtATime) {
+    RenderManager::setGlobalTileSize(16, 16);
+    RenderManager::setRenderThreads(1);
+    auto slow = make<PatternTask>("slow", Rect(0, 0, 256, 256), 2000);
+    auto other = make<PatternTask>("other", Rect(0, 0, 16, 16));
+    auto observer = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(slow, Rect(0, 0, 256, 256), IMGLIB::CHANNELS_RGBA)},
+                          observer, nullptr, false, RENDERTYPE_VIEWER);
+    EXPECT_TRUE(RenderManager::isRenderInProgress(RENDERTYPE_VIEWER));
+    try {
+        RenderManager::Render({RenderDescription(other, Rect(0, 0, 16, 16), 15)}, observer, nullptr,
+                              true, RENDERTYPE_VIEWER);
+        FAIL();
+    } catch (const UTIL::ErrorException& e) {
+        EXPECT_STREQ(e.what(), "There is already a render in progress, cancel it first!");
+    }
+    // Another type runs beside it, sharing the threads.
+    auto beside = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(other, Rect(0, 0, 16, 16), 15)}, beside, nullptr, true,
+                          RENDERTYPE_BACKGROUND);
+    EXPECT_EQ(beside->status, RenderStatus::Success);
+    RenderManager::cancel(RENDERTYPE_VIEWER, true);
+    EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_VIEWER));
+    EXPECT_EQ(observer->status, RenderStatus::Cancelled);
+}
+
+TEST_F(RenderTest, CancellingAtRandomMomentsNeverHangsOrLeaks) {
+    RenderManager::setGlobalTileSize(32, 32);
+    RenderManager::setRenderThreads(2);
+    std::mt19937 random(1234);
+    for (int round = 0; round < 40; ++round) {
+        RenderManager::ClearRenderTaskCache();
+        auto slow = make<PatternTask>("slow", Rect(0, 0, 192, 192), 200);
+        auto g = make<GainTask>("g", std::vector<TaskPtr>{slow}, 1.0f);
+        auto observer = make<RecordingObserver>();
+        RenderManager::Render({RenderDescription(g, Rect(0, 0, 192, 192), IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, false, RENDERTYPE_VIEWER);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        RenderManager::cancel(RENDERTYPE_VIEWER, true);
+        EXPECT_EQ(observer->finishCalls, 1);
+        EXPECT_NE(observer->status, RenderStatus::Error) << observer->message;
+        EXPECT_EQ(Private::Tile::liveCount(), 0u);
+    }
+    RenderManager::clearSpeculativeCache();
+    EXPECT_EQ(Private::ImageAllocator::instance().getMemUsage(), 0);
+    EXPECT_EQ(Private::ImageAllocator::instance().getLockedImageCount(), 0u);
+}
+
+TEST_F(RenderTest, AWaitingCallerOfACancelledRenderGetsRenderCancelledException) {
+    RenderManager::setGlobalTileSize(16, 16);
+    auto slow = make<PatternTask>("slow", Rect(0, 0, 256, 256), 2000);
+    auto observer = make<RecordingObserver>();
+    std::thread canceller([] {
+        while (!RenderManager::isRenderInProgress(RENDERTYPE_BATCH)) std::this_thread::yield();
+        RenderManager::cancel(RENDERTYPE_BATCH, false);
+    });
+    EXPECT_THROW(RenderManager::Render({RenderDescription(slow, Rect(0, 0, 256, 256), 15)},
+                                       observer, nullptr, true, RENDERTYPE_BATCH),
+                 RenderCancelledException);
+    canceller.join();
+}
+
+TEST_F(RenderTest, AnalysisJobsRunBetweenStartAndEnd) {
+    struct Counter : Util::Job {
+        explicit Counter(std::atomic<int>* n) : n(n) {}
+        void run() override { ++*n; }
+        std::atomic<int>* n;
+    };
+    std::atomic<int> runs{0};
+    EXPECT_FALSE(RenderManager::submitAnalysisJob(RENDERTYPE_BACKGROUND,
+                                                  Util::JobPtr(new Counter(&runs))));
+    RenderManager::startAnalysis(RENDERTYPE_BACKGROUND);
+    EXPECT_TRUE(RenderManager::isAnalysisInProgress(RENDERTYPE_BACKGROUND));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_TRUE(RenderManager::submitAnalysisJob(RENDERTYPE_BACKGROUND,
+                                                     Util::JobPtr(new Counter(&runs))));
+    RenderManager::endAnalysis(RENDERTYPE_BACKGROUND);
+    EXPECT_EQ(runs.load(), 20);
+    EXPECT_FALSE(RenderManager::isAnalysisInProgress(RENDERTYPE_BACKGROUND));
+}
+
+TEST(RenderControllerDeathTest, SleepIntervalIsValidatedAndReported) {
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            setenv("MARLIN_RENDER_CONTROLLER_SLEEP_USECS", "5000", 1);
+            ::testing::internal::CaptureStdout();
+            const uint64_t usecs = Private::RenderController::sleepMicroseconds();
+            const std::string out = ::testing::internal::GetCapturedStdout();
+            std::exit(usecs == 5000 && out == "Render Controller sleep usecs: 5000\n" ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            setenv("MARLIN_RENDER_CONTROLLER_SLEEP_USECS", "1000000", 1);
+            std::exit(Private::RenderController::sleepMicroseconds() == 25000 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "must be above 0 and below 1000000");
+}
