@@ -47,7 +47,9 @@ public:
             }
         }
     }
-    static Color at(int64_t x, int64_t y) { return Color(float(x), float(y), float((x * y) % 7), 1); }
+    static Color at(int64_t x, int64_t y) {
+        return Color(float(x), float(y), float((x * y) % 7), 1);
+    }
     int work;
     std::mutex mutex;
     std::vector<Rect> rendered;
@@ -68,7 +70,8 @@ public:
     void computeRequiredInputRectangles(const Rect& out, std::vector<Rect>& in) override {
         in.assign(1, out.grown(radius, 0));
     }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& in) override {
         for (int64_t y = out->y1; y < out->y2; ++y)
             for (int64_t x = out->x1; x < out->x2; ++x) {
                 Color sum(0, 0, 0, 0);
@@ -84,7 +87,8 @@ public:
 class Throwing : public PatternTask {
 public:
     using PatternTask::PatternTask;
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& in) override {
         if (out->x1 >= 32) throw std::runtime_error("bad pixels at " + std::to_string(out->x1));
         PatternTask::renderRect(out, in);
     }
@@ -153,7 +157,8 @@ protected:
         EXPECT_EQ(observer->finishedOutputs, std::vector<size_t>{0});
         std::vector<Color> pixels;
         for (int64_t y = rect.ymin; y < rect.ymax; ++y)
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
+            for (int64_t x = rect.xmin; x < rect.xmax; ++x)
+                pixels.push_back(observer->pixel(0, x, y));
         return pixels;
     }
 };
@@ -212,8 +217,8 @@ TEST_F(RenderTest, TilesArriveInThePrioritizersOrder) {
 
     RenderManager::clearSpeculativeCache();
     auto centre = make<RecordingObserver>();
-    RenderManager::Render({RenderDescription(g, Rect(0, 0, 80, 48), IMGLIB::CHANNELS_RGBA)},
-                          centre, OutputTilePrioritizerPtr(new CenterOutTilePrioritizer), true,
+    RenderManager::Render({RenderDescription(g, Rect(0, 0, 80, 48), IMGLIB::CHANNELS_RGBA)}, centre,
+                          OutputTilePrioritizerPtr(new CenterOutTilePrioritizer), true,
                           RENDERTYPE_VIEWER);
     ASSERT_EQ(centre->order.size(), 15u);
     EXPECT_EQ(centre->order[0], TileID(2, 1, 16, 16));  // the middle tile first
@@ -237,7 +242,7 @@ TEST_F(RenderTest, ASecondRenderIsServedFromTheTileCache) {
     auto second = make<RecordingObserver>();
     RenderManager::Render(outputs, second, nullptr, true, RENDERTYPE_VIEWER);
     EXPECT_EQ(pattern->renderCalls.load(), 4);  // nothing rendered again
-    EXPECT_EQ(second->cachedTiles, 4);           // the output tiles, 0 s each
+    EXPECT_EQ(second->cachedTiles, 4);          // the output tiles, 0 s each
     EXPECT_EQ(second->pixel(0, 40, 20), PatternTask::at(40, 20) * 2.0f);
 
     // With caching off, everything renders again.
@@ -286,8 +291,8 @@ TEST_F(RenderTest, FailuresEndTheRenderCleanlyAndReachTheCaller) {
 
     // The controller is free again, and the graph renders where it can.
     auto good = make<RecordingObserver>();
-    RenderManager::Render({RenderDescription(bad, Rect(0, 0, 32, 16), IMGLIB::CHANNELS_RGBA)},
-                          good, nullptr, true, RENDERTYPE_BATCH);
+    RenderManager::Render({RenderDescription(bad, Rect(0, 0, 32, 16), IMGLIB::CHANNELS_RGBA)}, good,
+                          nullptr, true, RENDERTYPE_BATCH);
     EXPECT_EQ(good->status, RenderStatus::Success);
 }
 
@@ -360,8 +365,8 @@ TEST_F(RenderTest, AnalysisJobsRunBetweenStartAndEnd) {
         std::atomic<int>* n;
     };
     std::atomic<int> runs{0};
-    EXPECT_FALSE(RenderManager::submitAnalysisJob(RENDERTYPE_BACKGROUND,
-                                                  Util::JobPtr(new Counter(&runs))));
+    EXPECT_FALSE(
+        RenderManager::submitAnalysisJob(RENDERTYPE_BACKGROUND, Util::JobPtr(new Counter(&runs))));
     RenderManager::startAnalysis(RENDERTYPE_BACKGROUND);
     EXPECT_TRUE(RenderManager::isAnalysisInProgress(RENDERTYPE_BACKGROUND));
     for (int i = 0; i < 20; ++i)

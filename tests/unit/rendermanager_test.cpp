@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "rendermanager.h"
+#include "rendersystem/core/rendercontroller.h"
 #include "rendersystem/images/imageallocator.h"
 #include "util/exceptions.h"
 
@@ -35,6 +36,7 @@ TEST(RenderManager, TileSizeThreadsAndBudgets) {
     EXPECT_EQ(RenderManager::getRenderThreads(), 0u);  // until set
     RenderManager::setRenderThreads(0);
     EXPECT_EQ(RenderManager::getRenderThreads(), 1u);
+    EXPECT_EQ(Private::RenderController::pool().size(), 2u);  // one spare thread
 
     RenderManager::SetMaxImageMemory(1);
     EXPECT_EQ(RenderManager::GetMaxImageMemory(), 1u);
