@@ -50,8 +50,8 @@ void BM_SetUpThousandTasks(benchmark::State& state) {
     tasks.push_back(TaskPtr(new ConstantTask("c0", Color(1, 1, 1, 1), UTIL::Rect(0, 0, 64, 64))));
     tasks.push_back(TaskPtr(new ConstantTask("c1", Color(2, 2, 2, 1), UTIL::Rect(0, 0, 64, 64))));
     for (int i = 2; i < 1000; ++i)
-        tasks.push_back(TaskPtr(new GainTask("g" + std::to_string(i),
-                                             {tasks[i - 1], tasks[i - 2]}, 0.5f)));
+        tasks.push_back(
+            TaskPtr(new GainTask("g" + std::to_string(i), {tasks[i - 1], tasks[i - 2]}, 0.5f)));
     for (auto _ : state) {
         RenderPlan plan = RenderTask::Imp::setUpRender(
             {RenderOutput{tasks.back(), UTIL::Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGBA, 0}});

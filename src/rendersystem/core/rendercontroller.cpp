@@ -263,13 +263,21 @@ void RenderController::finish(const ActiveRenderPtr& render) {
         ActiveRenderPtr& slot = render->analysis ? m_analysisRender : m_render;
         if (slot == render) slot.reset();
     }
+    RenderObserverPtr observer;
+    {
+        // This job may outlive the wake-up below: what the render holds for
+        // the host (the observer, and so any tiles it kept) goes now.
+        std::lock_guard<std::mutex> lock(render->mutex);
+        observer.swap(render->observer);
+    }
     try {
-        render->observer->renderFinished(status, status == RenderStatus::Cancelled
-                                                     ? std::string("Render cancelled.")
-                                                     : render->errorMessage);
+        observer->renderFinished(status, status == RenderStatus::Cancelled
+                                             ? std::string("Render cancelled.")
+                                             : render->errorMessage);
     } catch (const std::exception& e) {
         std::cerr << "RenderObserver::renderFinished threw: " << e.what() << std::endl;
     }
+    observer.reset();
     {
         std::lock_guard<std::mutex> lock(render->mutex);
         render->finished = true;
