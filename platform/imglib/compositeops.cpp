@@ -1,0 +1,94 @@
+#include "imglib/compositeops.h"
+
+#include <string>
+
+#include "imglib/channels.h"
+#include "imglib/error.h"
+#include "imglib/pixelengine.h"
+
+namespace IMGLIB {
+namespace {
+
+int checkImage(const Image* image, const char* name) {
+    if (!image) return ERROR_NONE;  // a missing input is its background colour
+    if (!IsChannelMaskValid(image->channels))
+        return SetError(ERROR_INVALID_CHANNEL_MASK, std::string(name) + ": invalid channel mask");
+    if (!image->pixelPtr && image->width() > 0 && image->height() > 0 && image->channels)
+        return SetError(ERROR_NULL_IMAGE, std::string(name) + ": image has no pixel memory");
+    return ERROR_NONE;
+}
+
+int run(const Image* out, const Image* in0, const Image* in1, BinaryOpKind kind, bool flag,
+        float mix, const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1,
+        const char* name) {
+    if (!out) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null output image");
+    for (const Image* image : {out, in0, in1})
+        if (int err = checkImage(image, name)) return err;
+    if (out->width() == 0 || out->height() == 0 || !out->channels) return ERROR_NONE;
+    BinaryOp op;
+    op.kind = kind;
+    op.flag = flag;
+    op.mix = mix;
+    const float b0[4] = {bg0.r, bg0.g, bg0.b, bg0.a}, b1[4] = {bg1.r, bg1.g, bg1.b, bg1.a};
+    DispatchBinaryOp(out, in0, in1, op, b0, b1);
+    return ERROR_NONE;
+}
+
+}  // namespace
+
+int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1, const BinaryOp& op,
+                  const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
+    return run(out, in0, in1, op.kind, op.flag, op.mix, bg0, bg1, "ApplyBinaryOp");
+}
+
+Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color4<float>& c0,
+                                          const Imath::Color4<float>& c1) {
+    // One pixel whose inputs are both "outside": their colours stand in.
+    alignas(16) float pixel[4] = {};
+    Image image;
+    image.channels = CHANNELS_RGBA;
+    image.x2 = 1;
+    image.y2 = 1;
+    image.rowBytes = 16;
+    image.pixelPtr = pixel;
+    const float b0[4] = {c0.r, c0.g, c0.b, c0.a}, b1[4] = {c1.r, c1.g, c1.b, c1.a};
+    DispatchBinaryOp(&image, nullptr, nullptr, op, b0, b1);
+    return Imath::Color4<float>(pixel[0], pixel[1], pixel[2], pixel[3]);
+}
+
+#define IMGLIB_BINARY_OP(NAME, KIND)                                                         \
+    int NAME(const Image* out, const Image* in0, const Image* in1,                           \
+             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {             \
+        return run(out, in0, in1, KIND, false, 1.0f, bg0, bg1, #NAME);                       \
+    }
+#define IMGLIB_FLAGGED_BINARY_OP(NAME, KIND)                                                 \
+    int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,                \
+             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {             \
+        return run(out, in0, in1, KIND, flag, 1.0f, bg0, bg1, #NAME);                        \
+    }
+IMGLIB_BINARY_OP(Add, BINARYOP_ADD)
+IMGLIB_FLAGGED_BINARY_OP(Atop, BINARYOP_ATOP)
+IMGLIB_BINARY_OP(Average, BINARYOP_AVERAGE)
+IMGLIB_BINARY_OP(Difference, BINARYOP_DIFFERENCE)
+IMGLIB_BINARY_OP(Divide, BINARYOP_DIVIDE)
+IMGLIB_BINARY_OP(Exclusion, BINARYOP_EXCLUSION)
+IMGLIB_BINARY_OP(Subtract, BINARYOP_SUBTRACT)
+IMGLIB_BINARY_OP(Geometric, BINARYOP_GEOMETRIC)
+IMGLIB_BINARY_OP(Hypotenuse, BINARYOP_HYPOTENUSE)
+IMGLIB_FLAGGED_BINARY_OP(Max, BINARYOP_MAX)
+IMGLIB_FLAGGED_BINARY_OP(Min, BINARYOP_MIN)
+IMGLIB_BINARY_OP(Multiply, BINARYOP_MULTIPLY)
+IMGLIB_FLAGGED_BINARY_OP(In, BINARYOP_IN)
+IMGLIB_FLAGGED_BINARY_OP(Out, BINARYOP_OUT)
+IMGLIB_FLAGGED_BINARY_OP(Over, BINARYOP_OVER)
+IMGLIB_FLAGGED_BINARY_OP(Under, BINARYOP_UNDER)
+IMGLIB_FLAGGED_BINARY_OP(Screen, BINARYOP_SCREEN)
+#undef IMGLIB_BINARY_OP
+#undef IMGLIB_FLAGGED_BINARY_OP
+
+int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
+        const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
+    return run(out, in0, in1, BINARYOP_MIX, false, amount, bg0, bg1, "Mix");
+}
+
+}  // namespace IMGLIB

@@ -1,0 +1,80 @@
+// IMGLIB two-input operators: compositing and blending of premultiplied
+// images. Each takes (out, input 0, input 1, [flag], background 0,
+// background 1); an input may be null, and outside an input's bounds its
+// background colour stands for its pixels. docs/imglib.md gives every
+// formula; in the Porter-Duff operators input 1 is the foreground A and
+// input 0 the background B ("A over B").
+#pragma once
+
+#include <Imath/ImathColor.h>
+
+#include "imglib/image.h"
+#include "tessera_export.h"
+
+namespace IMGLIB {
+
+enum BinaryOpKind : int32_t {
+    BINARYOP_ADD,
+    BINARYOP_ATOP,
+    BINARYOP_AVERAGE,
+    BINARYOP_DIFFERENCE,
+    BINARYOP_DIVIDE,
+    BINARYOP_EXCLUSION,
+    BINARYOP_SUBTRACT,
+    BINARYOP_GEOMETRIC,
+    BINARYOP_HYPOTENUSE,
+    BINARYOP_MAX,
+    BINARYOP_MIN,
+    BINARYOP_MULTIPLY,
+    BINARYOP_IN,
+    BINARYOP_OUT,
+    BINARYOP_OVER,
+    BINARYOP_UNDER,
+    BINARYOP_SCREEN,
+    BINARYOP_MIX,
+};
+
+struct BinaryOp {
+    BinaryOpKind kind = BINARYOP_ADD;
+    bool flag = false;  // the operator's one option (see docs/imglib.md)
+    float mix = 1.0f;   // BINARYOP_MIX: the weight of input 1
+};
+
+TESSERA_API int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1,
+                              const BinaryOp& op, const Imath::Color4<float>& bg0,
+                              const Imath::Color4<float>& bg1);
+// The operator on two colours (the same arithmetic as the images get).
+TESSERA_API Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op,
+                                                      const Imath::Color4<float>& c0,
+                                                      const Imath::Color4<float>& c1);
+
+// The operators by name.
+#define IMGLIB_BINARY_OP(NAME)                                                                 \
+    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1,                 \
+                         const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
+#define IMGLIB_FLAGGED_BINARY_OP(NAME)                                                         \
+    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,      \
+                         const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
+IMGLIB_BINARY_OP(Add)
+IMGLIB_FLAGGED_BINARY_OP(Atop)
+IMGLIB_BINARY_OP(Average)
+IMGLIB_BINARY_OP(Difference)
+IMGLIB_BINARY_OP(Divide)
+IMGLIB_BINARY_OP(Exclusion)
+IMGLIB_BINARY_OP(Subtract)
+IMGLIB_BINARY_OP(Geometric)
+IMGLIB_BINARY_OP(Hypotenuse)
+IMGLIB_FLAGGED_BINARY_OP(Max)
+IMGLIB_FLAGGED_BINARY_OP(Min)
+IMGLIB_BINARY_OP(Multiply)
+IMGLIB_FLAGGED_BINARY_OP(In)
+IMGLIB_FLAGGED_BINARY_OP(Out)
+IMGLIB_FLAGGED_BINARY_OP(Over)
+IMGLIB_FLAGGED_BINARY_OP(Under)
+IMGLIB_FLAGGED_BINARY_OP(Screen)
+#undef IMGLIB_BINARY_OP
+#undef IMGLIB_FLAGGED_BINARY_OP
+TESSERA_API int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
+                    const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
+
+}  // namespace IMGLIB
