@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "imglib/pointops.h"
 #include "rendertask.h"
 #include "tessera_export.h"
 #include "util/ref_ptr.h"
@@ -21,8 +22,9 @@ public:
     ~InPlaceOp() override;
     // Writes every parameter that changes the output.
     virtual void computeCacheID(CacheIDStream& stream) = 0;
-    // Runs the operator over in into out; they may be the same image.
-    virtual void apply(const IMGLIB::Image* out, const IMGLIB::Image* in) = 0;
+    // Runs the operator over in into out (they may be the same image) and
+    // returns the IMGLIB status.
+    virtual int apply(const IMGLIB::Image* out, const IMGLIB::Image* in) = 0;
     // Channels produced from the given input channels (default: the same).
     virtual std::size_t getOutputChannels(std::size_t channels);
     // Channels needed to produce the given output channels (default: the same).
@@ -31,6 +33,9 @@ public:
     // The operator applied to one colour, for background colours. The default
     // reports on standard error that it is missing and returns the colour.
     virtual Imath::Color4<float> applyToColor(const Imath::Color4<float>& color);
+    // The operator as an entry of IMGLIB's pixel-operator table, when it is
+    // one: a chain of such operators runs fused, one pass over memory.
+    virtual const IMGLIB::PointOp* getPointOp() const { return nullptr; }
 };
 
 using InPlaceOpPtr = RCX_ptr_v4::ref_ptr<InPlaceOp>;

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "cacheidstream.h"
+#include "colortasks.h"
+#include "compositetasks.h"
 #include "exceptions.h"
 #include "expressionimage.h"
 #include "imagebuffer.h"

@@ -1,5 +1,6 @@
 #include "support/serial_render.h"
 
+#include "imglib/error.h"
 #include "imglib/pixels.h"
 
 namespace TESSERA {
@@ -52,22 +53,24 @@ size_t renderSerially(const std::vector<RenderOutput>& outputs,
     return jobs;
 }
 
-void ScaleOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
+int ScaleOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
             Imath::Color4<float> c = pixelAt(in, x, y);
             const float v[4] = {c.r * k, c.g * k, c.b * k, c.a};
             IMGLIB::SetPixel(out, x, y, v);
         }
+    return IMGLIB::ERROR_NONE;
 }
 
-void AlphaToGrayOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
+int AlphaToGrayOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
             const float a = pixelAt(in, x, y).a;
             const float v[4] = {a, a, a, a};
             IMGLIB::SetPixel(out, x, y, v);
         }
+    return IMGLIB::ERROR_NONE;
 }
 
 }  // namespace testing

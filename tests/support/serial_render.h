@@ -41,7 +41,7 @@ class ScaleOp : public InPlaceOp {  // RGB x k
 public:
     explicit ScaleOp(float k) : k(k) {}
     void computeCacheID(CacheIDStream& s) override { s << k; }
-    void apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
+    int apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
     std::string getTypeString() override { return "Scale"; }
     Imath::Color4<float> applyToColor(const Imath::Color4<float>& c) override {
         return Imath::Color4<float>(c.r * k, c.g * k, c.b * k, c.a);
@@ -53,7 +53,7 @@ public:
 class AlphaToGrayOp : public InPlaceOp {
 public:
     void computeCacheID(CacheIDStream&) override {}
-    void apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
+    int apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override;
     std::size_t getOutputChannels(std::size_t) override { return IMGLIB::CHANNELS_RGB; }
     std::size_t getRequiredInputChannels(std::size_t) override { return IMGLIB::CHANNEL_A; }
     std::string getTypeString() override { return "AlphaToGray"; }

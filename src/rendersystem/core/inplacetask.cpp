@@ -4,6 +4,7 @@
 
 #include "exceptions.h"
 #include "imglib/channels.h"
+#include "private/imglibcall.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "util/exceptions.h"
 
@@ -101,16 +102,32 @@ void InPlaceTask::renderRect(const IMGLIB::Image* out,
     UTIL_ASSERT(inputImages.size() > 0);
     UTIL_ASSERT(inputImages[0]);
     UTIL_ASSERT(m_ops.size() >= 1);
+    const IMGLIB::Image* in = inputImages[0];
     if (m_ops.size() == 1) {
-        m_ops[0]->apply(out, inputImages[0]);
+        Private::checkImglib(m_ops[0]->apply(out, in), getNameAtTime());
         return;
+    }
+    // Upstream first: consecutive table operators run as one fused pass,
+    // which carries R, G, B and A in registers between them.
+    std::vector<std::vector<IMGLIB::PointOp>> fused;
+    std::vector<InPlaceOp*> steps;  // null where a fused group stands
+    for (auto op = m_ops.rbegin(); op != m_ops.rend(); ++op) {
+        if (const IMGLIB::PointOp* point = (*op)->getPointOp()) {
+            if (steps.empty() || steps.back()) {
+                fused.emplace_back();
+                steps.push_back(nullptr);
+            }
+            fused.back().push_back(*point);
+        } else {
+            steps.push_back(op->get());
+        }
     }
     const uint64_t bufferChannels = IMGLIB::ValidateChannelMask(m_bufferChannels);
     ImageBuffer buffer(bufferChannels, UTIL::Rect(out->x1, out->y1, out->x2, out->y2),
                        "Concatenated Buffer");
     // The output itself serves as the work image when it has every channel
-    // that passes between the operators: no buffer memory at all.
-    const bool inOutput = (out->channels & bufferChannels) == bufferChannels;
+    // that passes between the operators (or one fused pass is all there is).
+    const bool inOutput = steps.size() == 1 || (out->channels & bufferChannels) == bufferChannels;
     if (!inOutput) buffer.lock();
     struct Unlock {
         ImageBuffer& buffer;
@@ -121,9 +138,16 @@ void InPlaceTask::renderRect(const IMGLIB::Image* out,
     } unlock{buffer, !inOutput};
     const IMGLIB::Image* work = inOutput ? out : buffer.getImage();
 
-    m_ops.back()->apply(work, inputImages[0]);
-    for (size_t i = m_ops.size() - 2; i > 0; --i) m_ops[i]->apply(work, work);
-    m_ops[0]->apply(out, work);
+    size_t group = 0;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const IMGLIB::Image* source = i == 0 ? in : work;
+        const IMGLIB::Image* target = i + 1 == steps.size() ? out : work;
+        const int status =
+            steps[i] ? steps[i]->apply(target, source)
+                     : IMGLIB::ApplyPointOps(target, source, fused[group].data(), fused[group].size());
+        if (!steps[i]) ++group;
+        Private::checkImglib(status, getNameAtTime());
+    }
 }
 
 void InPlaceTask::collapseChain(const std::vector<TaskPtr>& chain) {

@@ -1,0 +1,360 @@
+// The colour-operation factories. Every operator is one IMGLIB table entry
+// wrapped by one op class; what differs between them (type string, channel
+// rules, what enters the cache ID) is data given by each factory.
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "colortasks.h"
+#include "imglib/channels.h"
+#include "inplacetask.h"
+
+namespace TESSERA {
+namespace {
+
+// How an operator's channels relate to its input's or its output's.
+enum class ChannelRule { Same, PlusAlpha, PlusRGB, RGBIfAny };
+
+uint64_t applyRule(ChannelRule rule, uint64_t mask) {
+    switch (rule) {
+        case ChannelRule::PlusAlpha: return mask | IMGLIB::CHANNEL_A;
+        case ChannelRule::PlusRGB: return mask | IMGLIB::CHANNELS_RGB;
+        case ChannelRule::RGBIfAny: return mask & IMGLIB::CHANNELS_RGB ? mask | IMGLIB::CHANNELS_RGB : mask;
+        default: return mask;
+    }
+}
+
+class TableOp : public InPlaceOp {
+public:
+    using CacheWriter = std::function<void(CacheIDStream&)>;
+    using ColorRule = std::function<Color4f(const Color4f&, const TableOp&)>;
+
+    TableOp(std::string type, const IMGLIB::PointOp& op, CacheWriter cacheID,
+            ChannelRule output = ChannelRule::Same, ChannelRule required = ChannelRule::Same)
+        : m_type(std::move(type)), m_op(op), m_cacheID(std::move(cacheID)), m_output(output),
+          m_required(required) {}
+
+    // Keeps the curve points the table entry points at.
+    void adoptCurves(std::vector<std::vector<float>> curves) {
+        m_curves = std::move(curves);
+        for (size_t k = 0; k < m_curves.size() && k < 4; ++k) {
+            sortPairs(m_curves[k]);
+            m_op.curve[k] = m_curves[k].data();
+            m_op.curvePoints[k] = static_cast<int64_t>(m_curves[k].size() / 2);
+        }
+    }
+    void setColorRule(ColorRule rule) { m_colorRule = std::move(rule); }
+
+    void computeCacheID(CacheIDStream& stream) override { m_cacheID(stream); }
+    int apply(const IMGLIB::Image* out, const IMGLIB::Image* in) override {
+        return IMGLIB::ApplyPointOps(out, in, &m_op, 1);
+    }
+    std::size_t getOutputChannels(std::size_t channels) override {
+        return applyRule(m_output, channels);
+    }
+    std::size_t getRequiredInputChannels(std::size_t channels) override {
+        return applyRule(m_required, channels);
+    }
+    std::string getTypeString() override { return m_type; }
+    Color4f applyToColor(const Color4f& color) override {
+        return m_colorRule ? m_colorRule(color, *this) : engineColor(color);
+    }
+    Color4f engineColor(const Color4f& color) const {
+        return IMGLIB::ApplyPointOpsToColor(color, &m_op, 1);
+    }
+    const IMGLIB::PointOp* getPointOp() const override { return &m_op; }
+    const IMGLIB::PointOp& op() const { return m_op; }
+
+private:
+    static void sortPairs(std::vector<float>& pts) {
+        std::vector<std::pair<float, float>> pairs;
+        for (size_t i = 0; i + 1 < pts.size(); i += 2) pairs.emplace_back(pts[i], pts[i + 1]);
+        std::stable_sort(pairs.begin(), pairs.end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        pts.clear();
+        for (const auto& p : pairs) pts.insert(pts.end(), {p.first, p.second});
+    }
+
+    std::string m_type;
+    IMGLIB::PointOp m_op;
+    CacheWriter m_cacheID;
+    ChannelRule m_output, m_required;
+    std::vector<std::vector<float>> m_curves;
+    ColorRule m_colorRule;
+};
+
+using TableOpPtr = RCX_ptr_v4::ref_ptr<TableOp>;
+
+TaskPtr wrap(const InPlaceOpPtr& op, const std::string& name, float sampleRate, TaskPtr input) {
+    return TaskPtr(new InPlaceTask(op, name, sampleRate, std::move(input)));
+}
+
+TaskPtr make(const std::string& name, float sampleRate, TaskPtr input, std::string type,
+             const IMGLIB::PointOp& op, TableOp::CacheWriter cacheID,
+             ChannelRule output = ChannelRule::Same, ChannelRule required = ChannelRule::Same) {
+    return wrap(InPlaceOpPtr(new TableOp(std::move(type), op, std::move(cacheID), output, required)),
+                name, sampleRate, std::move(input));
+}
+
+bool allOnes(const Color4f& c) { return c.r == 1.0f && c.g == 1.0f && c.b == 1.0f && c.a == 1.0f; }
+
+void toArray(const Color4f& c, float out[4]) {
+    out[0] = c.r, out[1] = c.g, out[2] = c.b, out[3] = c.a;
+}
+
+// Every parameter written in order, each followed by a space.
+template <class... Args>
+TableOp::CacheWriter params(Args... args) {
+    return [=](CacheIDStream& s) { ((s << args << ' '), ...); };
+}
+
+}  // namespace
+
+TaskPtr createClampTask(const std::string& name, float sampleRate, const Color4f& low,
+                        const Color4f& high, bool clampLow, bool clampHigh, TaskPtr input) {
+    if (!clampLow && !clampHigh) return input;
+    float lo[4], hi[4];
+    toArray(low, lo);
+    toArray(high, hi);
+    // An inactive colour stays out of the cache ID: it changes no pixel.
+    return make(name, sampleRate, input, "Clamp", IMGLIB::MakeClamp(lo, hi, clampLow, clampHigh),
+                [=](CacheIDStream& s) {
+                    s << clampLow << "," << clampHigh << ",";
+                    if (clampLow) s << low;
+                    if (clampHigh) s << high;
+                });
+}
+
+TaskPtr createThresholdTask(const std::string& name, float sampleRate, const Color4f& threshold,
+                            bool replaceBelow, const Color4f& belowColor, bool replaceAbove,
+                            const Color4f& aboveColor, TaskPtr input) {
+    float t[4], below[4], above[4];
+    toArray(threshold, t);
+    toArray(belowColor, below);
+    toArray(aboveColor, above);
+    return make(name, sampleRate, input, "Threshold",
+                IMGLIB::MakeThreshold(t, replaceBelow, below, replaceAbove, above),
+                [=](CacheIDStream& s) {
+                    s << threshold << replaceBelow << "," << replaceAbove << ",";
+                    if (replaceBelow) s << belowColor;
+                    if (replaceAbove) s << aboveColor;
+                });
+}
+
+TaskPtr createCleanupClampTask(const std::string& name, float sampleRate, bool clampColorAtOne,
+                               TaskPtr input) {
+    return make(name, sampleRate, input, "CleanUpClamp", IMGLIB::MakeCleanupClamp(clampColorAtOne),
+                params(clampColorAtOne));
+}
+
+TaskPtr createContrastTask(const std::string& name, float sampleRate, const Color4f& contrast,
+                           const Color4f& pivot, TaskPtr input) {
+    if (allOnes(contrast)) return input;
+    float k[4], p[4];
+    toArray(contrast, k);
+    toArray(pivot, p);
+    return make(name, sampleRate, input, "Contrast", IMGLIB::MakeContrast(k, p),
+                params(contrast, pivot));
+}
+
+TaskPtr createExponentialTask(const std::string& name, float sampleRate, const Color4f& exponent,
+                              const Color4f& pivot, TaskPtr input) {
+    if (allOnes(exponent)) return input;
+    float e[4], p[4];
+    toArray(exponent, e);
+    toArray(pivot, p);
+    return make(name, sampleRate, input, "Gamma", IMGLIB::MakeExponential(e, p),
+                params(exponent, pivot));
+}
+
+TaskPtr createGammaTask(const std::string& name, float sampleRate, const Color4f& gamma,
+                        const Color4f& pivot, TaskPtr input) {
+    if (allOnes(gamma)) return input;
+    // No guard against 0: the exponent is then infinite, as the division gives.
+    const Color4f exponent(1.0f / gamma.r, 1.0f / gamma.g, 1.0f / gamma.b, 1.0f / gamma.a);
+    return createExponentialTask(name, sampleRate, exponent, pivot, std::move(input));
+}
+
+TaskPtr createCompressRangeTask(const std::string& name, float sampleRate, float midGrey,
+                                float maximum, float scale, bool expand, TaskPtr input) {
+    return make(name, sampleRate, input, expand ? "ExpandRange" : "CompressRange",
+                IMGLIB::MakeCompressRange(midGrey, maximum, scale, expand),
+                params(midGrey, maximum, scale), ChannelRule::Same, ChannelRule::RGBIfAny);
+}
+
+TaskPtr createStandardCompressRangeTask(const std::string& name, float sampleRate, TaskPtr input) {
+    float mid, max, scale;
+    IMGLIB::GetStandardRangeParameters(&mid, &max, &scale);
+    return createCompressRangeTask(name, sampleRate, mid, max, scale, false, std::move(input));
+}
+
+TaskPtr createStandardExpandRangeTask(const std::string& name, float sampleRate, TaskPtr input) {
+    float mid, max, scale;
+    IMGLIB::GetStandardRangeParameters(&mid, &max, &scale);
+    return createCompressRangeTask(name, sampleRate, mid, max, scale, true, std::move(input));
+}
+
+TaskPtr createNContrastBoostTask(const std::string& name, float sampleRate, float amount,
+                                 bool alphaToo, TaskPtr input) {
+    TableOpPtr op(new TableOp("NContrastBoost", IMGLIB::MakeNContrastBoost(amount, alphaToo),
+                              params(amount, alphaToo)));
+    // The background colour reports alpha 1 when alpha is not boosted.
+    op->setColorRule([alphaToo](const Color4f& c, const TableOp& self) {
+        Color4f out = self.engineColor(c);
+        if (!alphaToo) out.a = 1.0f;
+        return out;
+    });
+    return wrap(op, name, sampleRate, std::move(input));
+}
+
+TaskPtr createFringeTask(const std::string& name, float sampleRate, TaskPtr input) {
+    IMGLIB::PointOp op;
+    op.kind = IMGLIB::POINTOP_FRINGE;
+    return make(name, sampleRate, input, "Fringe", op, params());
+}
+
+TaskPtr createHSVComponentToAlphaTask(const std::string& name, float sampleRate,
+                                      HSVComponent component, TaskPtr input) {
+    return make(name, sampleRate, input, "HSVComponentToAlpha", IMGLIB::MakeHSVToAlpha(component),
+                params(static_cast<int>(component)), ChannelRule::PlusAlpha,
+                ChannelRule::PlusRGB);
+}
+
+TaskPtr createHSVConvertTask(const std::string& name, float sampleRate, bool toHSV,
+                             TaskPtr input) {
+    return make(name, sampleRate, input, "HSVConvert", IMGLIB::MakeHSVConvert(toHSV),
+                params(toHSV), ChannelRule::PlusRGB, ChannelRule::PlusRGB);
+}
+
+TaskPtr createLabTask(const std::string& name, float sampleRate, bool toLab, TaskPtr input) {
+    return make(name, sampleRate, input, "LabConvert", IMGLIB::MakeLabConvert(toLab),
+                params(toLab), ChannelRule::Same, ChannelRule::RGBIfAny);
+}
+
+TaskPtr createLumaCurvesTask(const std::string& name, float sampleRate,
+                             const Imath::Color3<float>& weights, const std::vector<float>& points,
+                             TaskPtr input) {
+    TableOpPtr op(new TableOp(
+        "LumaCurves", IMGLIB::MakeLumaCurve(weights, nullptr, 0),
+        [weights, points](CacheIDStream& s) {
+            s << weights << ' ' << points.size() << ':';
+            for (float v : points) s << v << ' ';
+        },
+        ChannelRule::Same, ChannelRule::RGBIfAny));
+    op->adoptCurves({points});
+    return wrap(op, name, sampleRate, std::move(input));
+}
+
+TaskPtr createRGBACurvesTask(const std::string& name, float sampleRate,
+                             const std::vector<float>& red, const std::vector<float>& green,
+                             const std::vector<float>& blue, const std::vector<float>& alpha,
+                             TaskPtr input) {
+    if (red.empty() && green.empty() && blue.empty() && alpha.empty()) return input;
+    const std::vector<std::vector<float>> curves{red, green, blue, alpha};
+    const float* none[4] = {};
+    const int64_t zero[4] = {};
+    TableOpPtr op(new TableOp("RGBACurves", IMGLIB::MakeRGBACurves(none, zero),
+                              [curves](CacheIDStream& s) {
+                                  for (const auto& curve : curves) {
+                                      s << curve.size() << ':';
+                                      for (float v : curve) s << v << ' ';
+                                  }
+                              }));
+    op->adoptCurves(curves);
+    return wrap(op, name, sampleRate, std::move(input));
+}
+
+TaskPtr createMaxRGBToAlphaTask(const std::string& name, float sampleRate, TaskPtr input) {
+    IMGLIB::PointOp op;
+    op.kind = IMGLIB::POINTOP_MAX_RGB_TO_ALPHA;
+    return make(name, sampleRate, input, "MaxRGBToAlpha", op, params(), ChannelRule::PlusAlpha,
+                ChannelRule::PlusRGB);
+}
+
+TaskPtr createMinRGBToAlphaTask(const std::string& name, float sampleRate, TaskPtr input) {
+    IMGLIB::PointOp op;
+    op.kind = IMGLIB::POINTOP_MIN_RGB_TO_ALPHA;
+    return make(name, sampleRate, input, "MinRGBToAlpha", op, params(), ChannelRule::PlusAlpha,
+                ChannelRule::PlusRGB);
+}
+
+TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sampleRate, uint64_t channel,
+                                   TaskPtr input) {
+    return make(name, sampleRate, input, "ScreenRGBToAlpha", IMGLIB::MakeScreenRGBToAlpha(channel),
+                params(channel), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
+}
+
+TaskPtr createMultInverseTask(const std::string& name, float sampleRate, TaskPtr input) {
+    IMGLIB::PointOp op;
+    op.kind = IMGLIB::POINTOP_MULT_INVERSE;
+    return make(name, sampleRate, input, "MultInverseOp", op, params());
+}
+
+TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels, float low,
+                            float high, bool alphaToo, bool clampToRange, TaskPtr input) {
+    return make(name, sampleRate, input, "Posterize",
+                IMGLIB::MakePosterize(levels, low, high, alphaToo, clampToRange),
+                params(levels, low, high, alphaToo, clampToRange));
+}
+
+TaskPtr createAnalyticalLogConvertTask(const std::string& name, float sampleRate,
+                                       const Color4f& blackCode, const Color4f& whiteCode,
+                                       const Color4f& density, bool toLog, bool alphaToo,
+                                       TaskPtr input) {
+    float b[4], w[4], d[4];
+    toArray(blackCode, b);
+    toArray(whiteCode, w);
+    toArray(density, d);
+    return make(name, sampleRate, input, "LogConvert",
+                IMGLIB::MakeLogConvert(b, w, d, toLog, alphaToo),
+                params(blackCode, whiteCode, density, toLog, alphaToo));
+}
+
+TaskPtr createBloomTask(const std::string& name, float sampleRate,
+                        const BloomControlSettings& settings, TaskPtr input) {
+    return make(name, sampleRate, input, "Bloom",
+                IMGLIB::MakeBloomControl(settings.threshold, settings.gain, settings.isolate,
+                                         settings.luminance),
+                params(settings.threshold, settings.gain, settings.isolate, settings.luminance),
+                ChannelRule::Same,
+                settings.luminance ? ChannelRule::RGBIfAny : ChannelRule::Same);
+}
+
+TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate, TaskPtr input) {
+    return make(name, sampleRate, input, "Copy", IMGLIB::PointOp{}, params());
+}
+
+TaskPtr createColorTransformTask(const std::string& name, float sampleRate, const float* matrix,
+                                 TaskPtr input) {
+    std::vector<float> values(matrix, matrix + 20);
+    return make(name, sampleRate, input, "ColorTransform", IMGLIB::MakeColorMatrix(matrix),
+                [values](CacheIDStream& s) {
+                    for (float v : values) s << v << ' ';
+                });
+}
+
+TaskPtr createColorTransformTask(const std::string& name, float sampleRate,
+                                 const Imath::Matrix44<float>& matrix, const Color4f& offset,
+                                 TaskPtr input) {
+    float layout[20];
+    IMGLIB::ConvertMtx_imathToImglib(layout, matrix, offset);
+    return createColorTransformTask(name, sampleRate, layout, std::move(input));
+}
+
+TaskPtr createGainTask(const std::string& name, float sampleRate, const Color4f& gain,
+                       TaskPtr input) {
+    Imath::Matrix44<float> m(gain.r, 0, 0, 0, 0, gain.g, 0, 0, 0, 0, gain.b, 0, 0, 0, 0, gain.a);
+    return createColorTransformTask(name, sampleRate, m, Color4f(0, 0, 0, 0), std::move(input));
+}
+
+TaskPtr createHueShiftTask(const std::string& name, float sampleRate,
+                           const HueShiftParams& params, TaskPtr input) {
+    Imath::Matrix44<float> hue, saturation;
+    IMGLIB::BuildMatrix_HueShift(&hue, params.hueShift);
+    IMGLIB::BuildMatrix_Saturation(&saturation, params.saturation, params.weights);
+    // Row vectors: the hue turns first, then the saturation applies.
+    return createColorTransformTask(name, sampleRate, hue * saturation, Color4f(0, 0, 0, 0),
+                                    std::move(input));
+}
+
+}  // namespace TESSERA
