@@ -19,8 +19,8 @@ namespace TESSERA {
 enum HSVComponent : int { HSV_HUE = 0, HSV_SATURATION = 1, HSV_VALUE = 2 };
 
 struct TESSERA_API HueShiftParams {
-    float hueShift = 0.0f;    // degrees about the grey axis
-    float saturation = 1.0f;  // 0 grey, 1 unchanged
+    float hueShift = 0.0f;                                    // degrees about the grey axis
+    float saturation = 1.0f;                                  // 0 grey, 1 unchanged
     Imath::Color3<float> weights{0.2126f, 0.7152f, 0.0722f};  // luma of grey
 };
 
@@ -51,16 +51,16 @@ TESSERA_API TaskPtr createContrastTask(const std::string& name, float sampleRate
                                        const Color4f& contrast, const Color4f& pivot,
                                        TaskPtr input);
 // pivot * (c / pivot)^(1 / gamma) for c > 0. Returns input when gamma is 1 in all four.
-TESSERA_API TaskPtr createGammaTask(const std::string& name, float sampleRate,
-                                    const Color4f& gamma, const Color4f& pivot, TaskPtr input);
+TESSERA_API TaskPtr createGammaTask(const std::string& name, float sampleRate, const Color4f& gamma,
+                                    const Color4f& pivot, TaskPtr input);
 // pivot * (c / pivot)^exponent for c > 0. Returns input when exponent is 1 in all four.
 TESSERA_API TaskPtr createExponentialTask(const std::string& name, float sampleRate,
                                           const Color4f& exponent, const Color4f& pivot,
                                           TaskPtr input);
 // Log2 compression of RGB about midGrey mapping maximum to scale, or its inverse.
 TESSERA_API TaskPtr createCompressRangeTask(const std::string& name, float sampleRate,
-                                            float midGrey, float maximum, float scale,
-                                            bool expand, TaskPtr input);
+                                            float midGrey, float maximum, float scale, bool expand,
+                                            TaskPtr input);
 TESSERA_API TaskPtr createStandardCompressRangeTask(const std::string& name, float sampleRate,
                                                     TaskPtr input);
 TESSERA_API TaskPtr createStandardExpandRangeTask(const std::string& name, float sampleRate,
@@ -92,21 +92,18 @@ TESSERA_API TaskPtr createMinRGBToAlphaTask(const std::string& name, float sampl
 TESSERA_API TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sampleRate,
                                                uint64_t channel, TaskPtr input);
 // Unpremultiplies: RGB / alpha where alpha is not 0.
-TESSERA_API TaskPtr createMultInverseTask(const std::string& name, float sampleRate,
-                                          TaskPtr input);
+TESSERA_API TaskPtr createMultInverseTask(const std::string& name, float sampleRate, TaskPtr input);
 TESSERA_API TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels,
                                         float low, float high, bool alphaToo, bool clampToRange,
                                         TaskPtr input);
 // Cineon-style log conversion with black and white code values and density.
 TESSERA_API TaskPtr createAnalyticalLogConvertTask(const std::string& name, float sampleRate,
                                                    const Color4f& blackCode,
-                                                   const Color4f& whiteCode,
-                                                   const Color4f& density, bool toLog,
-                                                   bool alphaToo, TaskPtr input);
+                                                   const Color4f& whiteCode, const Color4f& density,
+                                                   bool toLog, bool alphaToo, TaskPtr input);
 TESSERA_API TaskPtr createBloomTask(const std::string& name, float sampleRate,
                                     const BloomControlSettings& settings, TaskPtr input);
-TESSERA_API TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate,
-                                          TaskPtr input);
+TESSERA_API TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate, TaskPtr input);
 // out = in M + offset (row vectors, as Imath multiplies).
 TESSERA_API TaskPtr createColorTransformTask(const std::string& name, float sampleRate,
                                              const Imath::Matrix44<float>& matrix,

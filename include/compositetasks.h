@@ -11,26 +11,26 @@ namespace TESSERA {
 // a is the foreground (A), b the background (B): createCompositeTask with
 // COMPOSITE_OVER renders "a over b".
 enum CompositeOp : int {
-    COMPOSITE_ADD = 0,           // A + B
-    COMPOSITE_ATOP = 1,          // A atop B
-    COMPOSITE_AVERAGE = 2,       // (A + B) / 2
-    COMPOSITE_DIFFERENCE = 3,    // |B - A|
-    COMPOSITE_DIVIDE = 4,        // A / B
-    COMPOSITE_EXCLUSION = 5,     // A + B - 2AB
-    COMPOSITE_FROM = 6,          // B - A
-    COMPOSITE_GEOMETRIC = 7,     // 2AB / (A + B)
+    COMPOSITE_ADD = 0,         // A + B
+    COMPOSITE_ATOP = 1,        // A atop B
+    COMPOSITE_AVERAGE = 2,     // (A + B) / 2
+    COMPOSITE_DIFFERENCE = 3,  // |B - A|
+    COMPOSITE_DIVIDE = 4,      // A / B
+    COMPOSITE_EXCLUSION = 5,   // A + B - 2AB
+    COMPOSITE_FROM = 6,        // B - A
+    COMPOSITE_GEOMETRIC = 7,   // 2AB / (A + B)
     // 8 is not an operator.
-    COMPOSITE_HYPOTENUSE = 9,    // sqrt(A^2 + B^2)
-    COMPOSITE_MAX = 10,          // max(A, B)
-    COMPOSITE_OVER_PLAIN = 11,   // A over B, alphas used as they are
-    COMPOSITE_MIN = 12,          // min(A, B)
-    COMPOSITE_MULTIPLY = 13,     // A B
-    COMPOSITE_IN = 14,           // A in B
-    COMPOSITE_OUT = 15,          // A out B
-    COMPOSITE_OVER = 16,         // A over B
-    COMPOSITE_UNDER = 17,        // A under B
-    COMPOSITE_SCREEN = 18,       // A + B - AB
-    COMPOSITE_MINUS = 19,        // A - B
+    COMPOSITE_HYPOTENUSE = 9,   // sqrt(A^2 + B^2)
+    COMPOSITE_MAX = 10,         // max(A, B)
+    COMPOSITE_OVER_PLAIN = 11,  // A over B, alphas used as they are
+    COMPOSITE_MIN = 12,         // min(A, B)
+    COMPOSITE_MULTIPLY = 13,    // A B
+    COMPOSITE_IN = 14,          // A in B
+    COMPOSITE_OUT = 15,         // A out B
+    COMPOSITE_OVER = 16,        // A over B
+    COMPOSITE_UNDER = 17,       // A under B
+    COMPOSITE_SCREEN = 18,      // A + B - AB
+    COMPOSITE_MINUS = 19,       // A - B
 };
 
 // Builds the operator's task. extremaFlag goes to max and min (whole pixels

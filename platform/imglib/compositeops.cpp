@@ -56,15 +56,15 @@ Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color
     return Imath::Color4<float>(pixel[0], pixel[1], pixel[2], pixel[3]);
 }
 
-#define IMGLIB_BINARY_OP(NAME, KIND)                                                         \
-    int NAME(const Image* out, const Image* in0, const Image* in1,                           \
-             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {             \
-        return run(out, in0, in1, KIND, false, 1.0f, bg0, bg1, #NAME);                       \
+#define IMGLIB_BINARY_OP(NAME, KIND)                                             \
+    int NAME(const Image* out, const Image* in0, const Image* in1,               \
+             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
+        return run(out, in0, in1, KIND, false, 1.0f, bg0, bg1, #NAME);           \
     }
-#define IMGLIB_FLAGGED_BINARY_OP(NAME, KIND)                                                 \
-    int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,                \
-             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {             \
-        return run(out, in0, in1, KIND, flag, 1.0f, bg0, bg1, #NAME);                        \
+#define IMGLIB_FLAGGED_BINARY_OP(NAME, KIND)                                     \
+    int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,    \
+             const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
+        return run(out, in0, in1, KIND, flag, 1.0f, bg0, bg1, #NAME);            \
     }
 IMGLIB_BINARY_OP(Add, BINARYOP_ADD)
 IMGLIB_FLAGGED_BINARY_OP(Atop, BINARYOP_ATOP)

@@ -49,11 +49,11 @@ TESSERA_API Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op,
                                                       const Imath::Color4<float>& c1);
 
 // The operators by name.
-#define IMGLIB_BINARY_OP(NAME)                                                                 \
-    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1,                 \
+#define IMGLIB_BINARY_OP(NAME)                                                 \
+    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1, \
                          const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
-#define IMGLIB_FLAGGED_BINARY_OP(NAME)                                                         \
-    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,      \
+#define IMGLIB_FLAGGED_BINARY_OP(NAME)                                                    \
+    TESSERA_API int NAME(const Image* out, const Image* in0, const Image* in1, bool flag, \
                          const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
 IMGLIB_BINARY_OP(Add)
 IMGLIB_FLAGGED_BINARY_OP(Atop)

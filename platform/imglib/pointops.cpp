@@ -24,8 +24,9 @@ int checkImages(const Image* out, const Image* in, const char* name) {
 }
 
 int run(const Image* out, const Image* in, const PointOp& op, const char* name) {
-    return ApplyPointOps(out, in, &op, 1) == ERROR_NONE ? ERROR_NONE
-                                                        : SetError(GetError(), name + (": " + GetErrorMessage()));
+    return ApplyPointOps(out, in, &op, 1) == ERROR_NONE
+               ? ERROR_NONE
+               : SetError(GetError(), name + (": " + GetErrorMessage()));
 }
 
 Imath::Color4<float> runColor(const Imath::Color4<float>& c, const PointOp& op) {
@@ -40,7 +41,8 @@ void copy4(float* dst, const float* src) {
 
 int ApplyPointOps(const Image* out, const Image* in, const PointOp* ops, size_t count) {
     if (int err = checkImages(out, in, "ApplyPointOps")) return err;
-    if (out->width() > 0 && out->height() > 0 && out->channels) DispatchPointOps(out, in, ops, count);
+    if (out->width() > 0 && out->height() > 0 && out->channels)
+        DispatchPointOps(out, in, ops, count);
     return ERROR_NONE;
 }
 
@@ -66,8 +68,8 @@ PointOp MakeClamp(const float low[4], const float high[4], bool clampLow, bool c
     op.i[1] = clampHigh;
     return op;
 }
-int Clamp(const Image* out, const Image* in, const float low[4], const float high[4],
-          bool clampLow, bool clampHigh) {
+int Clamp(const Image* out, const Image* in, const float low[4], const float high[4], bool clampLow,
+          bool clampHigh) {
     return run(out, in, MakeClamp(low, high, clampLow, clampHigh), "Clamp");
 }
 Imath::Color4<float> ClampColor(const Imath::Color4<float>& c, const float low[4],
@@ -176,12 +178,16 @@ static PointOp makeSimple(PointOpKind kind, int64_t i0 = 0) {
     op.i[0] = i0;
     return op;
 }
-int Fringe(const Image* out, const Image* in) { return run(out, in, makeSimple(POINTOP_FRINGE), "Fringe"); }
+int Fringe(const Image* out, const Image* in) {
+    return run(out, in, makeSimple(POINTOP_FRINGE), "Fringe");
+}
 Imath::Color4<float> FringeColor(const Imath::Color4<float>& c) {
     return runColor(c, makeSimple(POINTOP_FRINGE));
 }
 
-PointOp MakeHSVToAlpha(int component) { return makeSimple(POINTOP_HSV_TO_ALPHA, component); }
+PointOp MakeHSVToAlpha(int component) {
+    return makeSimple(POINTOP_HSV_TO_ALPHA, component);
+}
 int HSVConvert_HueToA(const Image* out, const Image* in) {
     return run(out, in, MakeHSVToAlpha(0), "HSVConvert_HueToA");
 }
@@ -191,11 +197,15 @@ int HSVConvert_SatToA(const Image* out, const Image* in) {
 int HSVConvert_ValToA(const Image* out, const Image* in) {
     return run(out, in, MakeHSVToAlpha(2), "HSVConvert_ValToA");
 }
-PointOp MakeHSVConvert(bool toHSV) { return makeSimple(POINTOP_HSV_CONVERT, toHSV); }
+PointOp MakeHSVConvert(bool toHSV) {
+    return makeSimple(POINTOP_HSV_CONVERT, toHSV);
+}
 int HSVConvert(const Image* out, const Image* in, bool toHSV) {
     return run(out, in, MakeHSVConvert(toHSV), "HSVConvert");
 }
-PointOp MakeLabConvert(bool toLab) { return makeSimple(POINTOP_LAB_CONVERT, toLab); }
+PointOp MakeLabConvert(bool toLab) {
+    return makeSimple(POINTOP_LAB_CONVERT, toLab);
+}
 int LabConvert(const Image* out, const Image* in, bool toLab) {
     return run(out, in, MakeLabConvert(toLab), "LabConvert");
 }
@@ -238,9 +248,9 @@ int ApplyRGBACurves(const Image* out, const Image* in, const float* r, int64_t n
     const int64_t n[4] = {nr, ng, nb, na};
     return run(out, in, MakeRGBACurves(pts, n), "ApplyRGBACurves");
 }
-Imath::Color4<float> ApplyRGBACurvesColor(const Imath::Color4<float>& c, const float* r,
-                                          int64_t nr, const float* g, int64_t ng, const float* b,
-                                          int64_t nb, const float* a, int64_t na) {
+Imath::Color4<float> ApplyRGBACurvesColor(const Imath::Color4<float>& c, const float* r, int64_t nr,
+                                          const float* g, int64_t ng, const float* b, int64_t nb,
+                                          const float* a, int64_t na) {
     const float* pts[4] = {r, g, b, a};
     const int64_t n[4] = {nr, ng, nb, na};
     return runColor(c, MakeRGBACurves(pts, n));
@@ -275,8 +285,8 @@ PointOp MakePosterize(float levels, float low, float high, bool alphaToo, bool c
     op.i[1] = clampToRange;
     return op;
 }
-int Posterize(const Image* out, const Image* in, float levels, float low, float high,
-              bool alphaToo, bool clampToRange) {
+int Posterize(const Image* out, const Image* in, float levels, float low, float high, bool alphaToo,
+              bool clampToRange) {
     return run(out, in, MakePosterize(levels, low, high, alphaToo, clampToRange), "Posterize");
 }
 Imath::Color4<float> PosterizeColor(const Imath::Color4<float>& c, float levels, float low,
@@ -317,8 +327,7 @@ int LuminanceBloomControl(const Image* out, const Image* in, float threshold, fl
                           bool isolate) {
     return run(out, in, MakeBloomControl(threshold, gain, isolate, true), "LuminanceBloomControl");
 }
-int RGBBloomControl(const Image* out, const Image* in, float threshold, float gain,
-                    bool isolate) {
+int RGBBloomControl(const Image* out, const Image* in, float threshold, float gain, bool isolate) {
     return run(out, in, MakeBloomControl(threshold, gain, isolate, false), "RGBBloomControl");
 }
 

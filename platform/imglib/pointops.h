@@ -32,17 +32,18 @@ enum PointOpKind : int32_t {
     POINTOP_EXPAND_RANGE,     // the inverse, same parameters
     POINTOP_NCONTRAST_BOOST,  // p0 amount; i0 alpha too
     POINTOP_FRINGE,
-    POINTOP_HSV_TO_ALPHA,     // i0 component: 0 hue, 1 saturation, 2 value
-    POINTOP_HSV_CONVERT,      // i0 true: RGB to HSV, false: HSV to RGB
-    POINTOP_LAB_CONVERT,      // i0 true: RGB to L*a*b*, false: back
-    POINTOP_LUMA_CURVE,       // p0-2 luma weights; curve 0
-    POINTOP_RGBA_CURVES,      // curves 0-3 (an empty curve leaves its channel alone)
+    POINTOP_HSV_TO_ALPHA,  // i0 component: 0 hue, 1 saturation, 2 value
+    POINTOP_HSV_CONVERT,   // i0 true: RGB to HSV, false: HSV to RGB
+    POINTOP_LAB_CONVERT,   // i0 true: RGB to L*a*b*, false: back
+    POINTOP_LUMA_CURVE,    // p0-2 luma weights; curve 0
+    POINTOP_RGBA_CURVES,   // curves 0-3 (an empty curve leaves its channel alone)
     POINTOP_MAX_RGB_TO_ALPHA,
     POINTOP_MIN_RGB_TO_ALPHA,
     POINTOP_SCREEN_RGB_TO_ALPHA,  // i0 channel bit: 1, 2 or 4
     POINTOP_MULT_INVERSE,
-    POINTOP_POSTERIZE,        // p0 levels, p1 low, p2 high; i0 alpha too, i1 clamp to [low, high]
-    POINTOP_LOG_CONVERT,      // p0-3 black code, p4-7 white code, p8-11 density; i0 to log, i1 alpha too
+    POINTOP_POSTERIZE,    // p0 levels, p1 low, p2 high; i0 alpha too, i1 clamp to [low, high]
+    POINTOP_LOG_CONVERT,  // p0-3 black code, p4-7 white code, p8-11 density; i0 to log, i1 alpha
+                          // too
     POINTOP_BLOOM_LUMINANCE,  // p0 threshold, p1 gain; i0 isolate (below the threshold becomes 0)
     POINTOP_BLOOM_RGB,        // the same per channel
     POINTOP_COLOR_MATRIX,     // p0-19: 4 rows of (r, g, b, a, offset)
@@ -71,8 +72,8 @@ TESSERA_API int Clamp(const Image* out, const Image* in, const float low[4], con
                       bool clampLow, bool clampHigh);
 TESSERA_API Imath::Color4<float> ClampColor(const Imath::Color4<float>& c, const float low[4],
                                             const float high[4], bool clampLow, bool clampHigh);
-TESSERA_API PointOp MakeThreshold(const float threshold[4], bool replaceBelow,
-                                  const float below[4], bool replaceAbove, const float above[4]);
+TESSERA_API PointOp MakeThreshold(const float threshold[4], bool replaceBelow, const float below[4],
+                                  bool replaceAbove, const float above[4]);
 TESSERA_API int Threshold(const Image* out, const Image* in, const float threshold[4],
                           bool replaceBelow, const float below[4], bool replaceAbove,
                           const float above[4]);
@@ -86,8 +87,8 @@ TESSERA_API int Contrast(const Image* out, const Image* in, const float contrast
 TESSERA_API PointOp MakeExponential(const float exponent[4], const float pivot[4]);
 TESSERA_API int Exponential(const Image* out, const Image* in, const float exponent[4],
                             const float pivot[4]);
-TESSERA_API Imath::Color4<float> Exponential(const Imath::Color4<float>& c,
-                                             const float exponent[4], const float pivot[4]);
+TESSERA_API Imath::Color4<float> Exponential(const Imath::Color4<float>& c, const float exponent[4],
+                                             const float pivot[4]);
 TESSERA_API PointOp MakeCompressRange(float midGrey, float maximum, float scale, bool expand);
 TESSERA_API int CompressRange(const Image* out, const Image* in, float midGrey, float maximum,
                               float scale);
@@ -124,10 +125,10 @@ TESSERA_API PointOp MakeRGBACurves(const float* const points[4], const int64_t p
 TESSERA_API int ApplyRGBACurves(const Image* out, const Image* in, const float* r, int64_t nr,
                                 const float* g, int64_t ng, const float* b, int64_t nb,
                                 const float* a, int64_t na);
-TESSERA_API Imath::Color4<float> ApplyRGBACurvesColor(const Imath::Color4<float>& c,
-                                                      const float* r, int64_t nr, const float* g,
-                                                      int64_t ng, const float* b, int64_t nb,
-                                                      const float* a, int64_t na);
+TESSERA_API Imath::Color4<float> ApplyRGBACurvesColor(const Imath::Color4<float>& c, const float* r,
+                                                      int64_t nr, const float* g, int64_t ng,
+                                                      const float* b, int64_t nb, const float* a,
+                                                      int64_t na);
 TESSERA_API int MaxRGBToAlpha(const Image* out, const Image* in);
 TESSERA_API int MinRGBToAlpha(const Image* out, const Image* in);
 TESSERA_API PointOp MakeScreenRGBToAlpha(uint64_t channel);
@@ -144,8 +145,7 @@ TESSERA_API Imath::Color4<float> PosterizeColor(const Imath::Color4<float>& c, f
 TESSERA_API PointOp MakeLogConvert(const float black[4], const float white[4],
                                    const float density[4], bool toLog, bool alphaToo);
 TESSERA_API int LogConvert(const Image* out, const Image* in, const float black[4],
-                           const float white[4], const float density[4], bool toLog,
-                           bool alphaToo);
+                           const float white[4], const float density[4], bool toLog, bool alphaToo);
 TESSERA_API Imath::Color4<float> LogConvert(const Imath::Color4<float>& c, const float black[4],
                                             const float white[4], const float density[4],
                                             bool toLog, bool alphaToo);
@@ -156,8 +156,7 @@ TESSERA_API int RGBBloomControl(const Image* out, const Image* in, float thresho
                                 bool isolate);
 TESSERA_API PointOp MakeColorMatrix(const float matrix[20]);
 TESSERA_API int ColorMatrix(const Image* out, const Image* in, const float matrix[20]);
-TESSERA_API Imath::Color4<float> ColorMatrix(const Imath::Color4<float>& c,
-                                             const float matrix[20]);
+TESSERA_API Imath::Color4<float> ColorMatrix(const Imath::Color4<float>& c, const float matrix[20]);
 
 // Imath multiplies row vectors (v' = v M): IMGLIB row c, column k is M[k][c],
 // column 4 the offset.

@@ -34,7 +34,9 @@ struct Layout {
     int stride;
 };
 
-HWY_INLINE V Pow(D d, V x, V e) { return hn::Exp(d, hn::Mul(e, hn::Log(d, x))); }
+HWY_INLINE V Pow(D d, V x, V e) {
+    return hn::Exp(d, hn::Mul(e, hn::Log(d, x)));
+}
 
 // Lanes as four planes of floats, for the operators done a lane at a time.
 struct Planes {
@@ -146,9 +148,9 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             for (int c = 0; c < 3; ++c) {
                 const V x = v[c];
                 if (op.kind == POINTOP_COMPRESS_RANGE) {
-                    const V y = hn::Mul(hn::Set(d, k / ln2),
-                                        hn::Log(d, hn::MulAdd(x, hn::Set(d, 1.0f / mid),
-                                                              hn::Set(d, 1.0f))));
+                    const V y = hn::Mul(
+                        hn::Set(d, k / ln2),
+                        hn::Log(d, hn::MulAdd(x, hn::Set(d, 1.0f / mid), hn::Set(d, 1.0f))));
                     v[c] = hn::IfThenElse(hn::Gt(x, hn::Zero(d)), y,
                                           hn::Mul(x, hn::Set(d, k / (mid * ln2))));
                 } else {
@@ -164,9 +166,10 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             for (int c = 0; c < (op.i[0] ? 4 : 3); ++c) {
                 const V x = v[c];
                 // s = 6x^5 - 15x^4 + 10x^3 on [0, 1]; x itself outside.
-                const V s = hn::Mul(hn::Mul(hn::Mul(x, x), x),
-                                    hn::MulAdd(x, hn::MulAdd(x, hn::Set(d, 6.0f), hn::Set(d, -15.0f)),
-                                               hn::Set(d, 10.0f)));
+                const V s =
+                    hn::Mul(hn::Mul(hn::Mul(x, x), x),
+                            hn::MulAdd(x, hn::MulAdd(x, hn::Set(d, 6.0f), hn::Set(d, -15.0f)),
+                                       hn::Set(d, 10.0f)));
                 const auto inside = hn::And(hn::Ge(x, hn::Zero(d)), hn::Le(x, hn::Set(d, 1.0f)));
                 const V boosted = hn::MulAdd(hn::Sub(s, x), hn::Set(d, p[0]), x);
                 v[c] = hn::IfThenElse(inside, boosted, x);
@@ -199,8 +202,7 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
         }
         case POINTOP_MULT_INVERSE: {
             const auto covered = hn::Ne(v[3], hn::Zero(d));
-            for (int c = 0; c < 3; ++c)
-                v[c] = hn::IfThenElse(covered, hn::Div(v[c], v[3]), v[c]);
+            for (int c = 0; c < 3; ++c) v[c] = hn::IfThenElse(covered, hn::Div(v[c], v[3]), v[c]);
             break;
         }
         case POINTOP_POSTERIZE: {
@@ -224,13 +226,13 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
                 const float b = std::pow(10.0f, (p[c] - p[4 + c]) * density);
                 if (op.i[0]) {
                     const V lin = hn::MulAdd(v[c], hn::Set(d, 1.0f - b), hn::Set(d, b));
-                    const V code = hn::MulAdd(hn::Log(d, hn::Max(lin, hn::Set(d, 1e-30f))),
-                                              hn::Set(d, 1.0f / (ln10 * density)),
-                                              hn::Set(d, p[4 + c]));
+                    const V code =
+                        hn::MulAdd(hn::Log(d, hn::Max(lin, hn::Set(d, 1e-30f))),
+                                   hn::Set(d, 1.0f / (ln10 * density)), hn::Set(d, p[4 + c]));
                     v[c] = code;
                 } else {
-                    const V e = hn::Exp(
-                        d, hn::Mul(hn::Sub(v[c], hn::Set(d, p[4 + c])), hn::Set(d, density * ln10)));
+                    const V e = hn::Exp(d, hn::Mul(hn::Sub(v[c], hn::Set(d, p[4 + c])),
+                                                   hn::Set(d, density * ln10)));
                     v[c] = hn::Mul(hn::Sub(e, hn::Set(d, b)),
                                    hn::Set(d, 1.0f / (b != 1.0f ? 1.0f - b : 1.0f)));
                 }
@@ -248,9 +250,9 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
                 for (int c = 0; c < 3; ++c) v[c] = curve(v[c]);
                 break;
             }
-            const V luma = hn::MulAdd(v[0], hn::Set(d, 0.2126f),
-                                      hn::MulAdd(v[1], hn::Set(d, 0.7152f),
-                                                 hn::Mul(v[2], hn::Set(d, 0.0722f))));
+            const V luma = hn::MulAdd(
+                v[0], hn::Set(d, 0.2126f),
+                hn::MulAdd(v[1], hn::Set(d, 0.7152f), hn::Mul(v[2], hn::Set(d, 0.0722f))));
             const auto positive = hn::Gt(luma, hn::Zero(d));
             const V scale = hn::IfThenElse(positive, hn::Div(curve(luma), luma),
                                            op.i[0] ? hn::Zero(d) : hn::Set(d, 1.0f));
@@ -261,11 +263,11 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             V o[4];
             for (int r = 0; r < 4; ++r) {
                 const float* m = p + 5 * r;
-                o[r] = hn::MulAdd(v[0], hn::Set(d, m[0]),
-                                  hn::MulAdd(v[1], hn::Set(d, m[1]),
-                                             hn::MulAdd(v[2], hn::Set(d, m[2]),
-                                                        hn::MulAdd(v[3], hn::Set(d, m[3]),
-                                                                   hn::Set(d, m[4])))));
+                o[r] = hn::MulAdd(
+                    v[0], hn::Set(d, m[0]),
+                    hn::MulAdd(v[1], hn::Set(d, m[1]),
+                               hn::MulAdd(v[2], hn::Set(d, m[2]),
+                                          hn::MulAdd(v[3], hn::Set(d, m[3]), hn::Set(d, m[4])))));
             }
             for (int c = 0; c < 4; ++c) v[c] = o[c];
             break;
@@ -365,8 +367,8 @@ HWY_INLINE void loadInput(D d, const Image* image, const float bg[4], int64_t x,
     const Layout layout(image ? image->channels : CHANNELS_RGBA);
     for (size_t i = 0; i < N; ++i) {
         const int64_t px = x + static_cast<int64_t>(i);
-        const bool inside = image && i < n && y >= image->y1 && y < image->y2 && px >= image->x1 &&
-                            px < image->x2;
+        const bool inside =
+            image && i < n && y >= image->y1 && y < image->y2 && px >= image->x1 && px < image->x2;
         const float* pixel = inside ? GetPixelAddress(image, px, y, 4 * layout.stride) : nullptr;
         for (int c = 0; c < 4; ++c)
             p.c[c][i] = !inside ? bg[c] : layout.slot[c] >= 0 ? pixel[layout.slot[c]] : 0.0f;
@@ -401,14 +403,15 @@ HWY_INLINE void applyBinary(D d, const BinaryOp& op, const V (&x0)[4], const V (
             break;
         case BINARYOP_EXCLUSION:
             for (int c = 0; c < 4; ++c)
-                o[c] = hn::Sub(hn::Add(x0[c], x1[c]), hn::Mul(hn::Set(d, 2.0f), hn::Mul(x0[c], x1[c])));
+                o[c] = hn::Sub(hn::Add(x0[c], x1[c]),
+                               hn::Mul(hn::Set(d, 2.0f), hn::Mul(x0[c], x1[c])));
             break;
         case BINARYOP_GEOMETRIC:
             for (int c = 0; c < 4; ++c) {
                 const V sum = hn::Add(x0[c], x1[c]);
-                o[c] = hn::IfThenElse(hn::Ne(sum, zero),
-                                      hn::Div(hn::Mul(hn::Set(d, 2.0f), hn::Mul(x0[c], x1[c])), sum),
-                                      zero);
+                o[c] = hn::IfThenElse(
+                    hn::Ne(sum, zero),
+                    hn::Div(hn::Mul(hn::Set(d, 2.0f), hn::Mul(x0[c], x1[c])), sum), zero);
             }
             break;
         case BINARYOP_HYPOTENUSE:
@@ -427,9 +430,10 @@ HWY_INLINE void applyBinary(D d, const BinaryOp& op, const V (&x0)[4], const V (
                 break;
             }
             // Whole pixels, chosen by luminance.
-            auto luma = [&](const V (&x)[4]) {
-                return hn::MulAdd(x[0], hn::Set(d, 0.2126f),
-                                  hn::MulAdd(x[1], hn::Set(d, 0.7152f), hn::Mul(x[2], hn::Set(d, 0.0722f))));
+            auto luma = [&](const V(&x)[4]) {
+                return hn::MulAdd(
+                    x[0], hn::Set(d, 0.2126f),
+                    hn::MulAdd(x[1], hn::Set(d, 0.7152f), hn::Mul(x[2], hn::Set(d, 0.0722f))));
             };
             const auto pickSecond = isMax ? hn::Gt(luma(x1), luma(x0)) : hn::Lt(luma(x1), luma(x0));
             for (int c = 0; c < 4; ++c) o[c] = hn::IfThenElse(pickSecond, x1[c], x0[c]);

@@ -17,10 +17,14 @@ enum class ChannelRule { Same, PlusAlpha, PlusRGB, RGBIfAny };
 
 uint64_t applyRule(ChannelRule rule, uint64_t mask) {
     switch (rule) {
-        case ChannelRule::PlusAlpha: return mask | IMGLIB::CHANNEL_A;
-        case ChannelRule::PlusRGB: return mask | IMGLIB::CHANNELS_RGB;
-        case ChannelRule::RGBIfAny: return mask & IMGLIB::CHANNELS_RGB ? mask | IMGLIB::CHANNELS_RGB : mask;
-        default: return mask;
+        case ChannelRule::PlusAlpha:
+            return mask | IMGLIB::CHANNEL_A;
+        case ChannelRule::PlusRGB:
+            return mask | IMGLIB::CHANNELS_RGB;
+        case ChannelRule::RGBIfAny:
+            return mask & IMGLIB::CHANNELS_RGB ? mask | IMGLIB::CHANNELS_RGB : mask;
+        default:
+            return mask;
     }
 }
 
@@ -31,7 +35,10 @@ public:
 
     TableOp(std::string type, const IMGLIB::PointOp& op, CacheWriter cacheID,
             ChannelRule output = ChannelRule::Same, ChannelRule required = ChannelRule::Same)
-        : m_type(std::move(type)), m_op(op), m_cacheID(std::move(cacheID)), m_output(output),
+        : m_type(std::move(type)),
+          m_op(op),
+          m_cacheID(std::move(cacheID)),
+          m_output(output),
           m_required(required) {}
 
     // Keeps the curve points the table entry points at.
@@ -92,11 +99,14 @@ TaskPtr wrap(const InPlaceOpPtr& op, const std::string& name, float sampleRate, 
 TaskPtr make(const std::string& name, float sampleRate, TaskPtr input, std::string type,
              const IMGLIB::PointOp& op, TableOp::CacheWriter cacheID,
              ChannelRule output = ChannelRule::Same, ChannelRule required = ChannelRule::Same) {
-    return wrap(InPlaceOpPtr(new TableOp(std::move(type), op, std::move(cacheID), output, required)),
-                name, sampleRate, std::move(input));
+    return wrap(
+        InPlaceOpPtr(new TableOp(std::move(type), op, std::move(cacheID), output, required)), name,
+        sampleRate, std::move(input));
 }
 
-bool allOnes(const Color4f& c) { return c.r == 1.0f && c.g == 1.0f && c.b == 1.0f && c.a == 1.0f; }
+bool allOnes(const Color4f& c) {
+    return c.r == 1.0f && c.g == 1.0f && c.b == 1.0f && c.a == 1.0f;
+}
 
 void toArray(const Color4f& c, float out[4]) {
     out[0] = c.r, out[1] = c.g, out[2] = c.b, out[3] = c.a;
@@ -216,19 +226,17 @@ TaskPtr createFringeTask(const std::string& name, float sampleRate, TaskPtr inpu
 TaskPtr createHSVComponentToAlphaTask(const std::string& name, float sampleRate,
                                       HSVComponent component, TaskPtr input) {
     return make(name, sampleRate, input, "HSVComponentToAlpha", IMGLIB::MakeHSVToAlpha(component),
-                params(static_cast<int>(component)), ChannelRule::PlusAlpha,
-                ChannelRule::PlusRGB);
+                params(static_cast<int>(component)), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
 }
 
-TaskPtr createHSVConvertTask(const std::string& name, float sampleRate, bool toHSV,
-                             TaskPtr input) {
-    return make(name, sampleRate, input, "HSVConvert", IMGLIB::MakeHSVConvert(toHSV),
-                params(toHSV), ChannelRule::PlusRGB, ChannelRule::PlusRGB);
+TaskPtr createHSVConvertTask(const std::string& name, float sampleRate, bool toHSV, TaskPtr input) {
+    return make(name, sampleRate, input, "HSVConvert", IMGLIB::MakeHSVConvert(toHSV), params(toHSV),
+                ChannelRule::PlusRGB, ChannelRule::PlusRGB);
 }
 
 TaskPtr createLabTask(const std::string& name, float sampleRate, bool toLab, TaskPtr input) {
-    return make(name, sampleRate, input, "LabConvert", IMGLIB::MakeLabConvert(toLab),
-                params(toLab), ChannelRule::Same, ChannelRule::RGBIfAny);
+    return make(name, sampleRate, input, "LabConvert", IMGLIB::MakeLabConvert(toLab), params(toLab),
+                ChannelRule::Same, ChannelRule::RGBIfAny);
 }
 
 TaskPtr createLumaCurvesTask(const std::string& name, float sampleRate,
@@ -253,13 +261,13 @@ TaskPtr createRGBACurvesTask(const std::string& name, float sampleRate,
     const std::vector<std::vector<float>> curves{red, green, blue, alpha};
     const float* none[4] = {};
     const int64_t zero[4] = {};
-    TableOpPtr op(new TableOp("RGBACurves", IMGLIB::MakeRGBACurves(none, zero),
-                              [curves](CacheIDStream& s) {
-                                  for (const auto& curve : curves) {
-                                      s << curve.size() << ':';
-                                      for (float v : curve) s << v << ' ';
-                                  }
-                              }));
+    TableOpPtr op(
+        new TableOp("RGBACurves", IMGLIB::MakeRGBACurves(none, zero), [curves](CacheIDStream& s) {
+            for (const auto& curve : curves) {
+                s << curve.size() << ':';
+                for (float v : curve) s << v << ' ';
+            }
+        }));
     op->adoptCurves(curves);
     return wrap(op, name, sampleRate, std::move(input));
 }
@@ -316,8 +324,7 @@ TaskPtr createBloomTask(const std::string& name, float sampleRate,
                 IMGLIB::MakeBloomControl(settings.threshold, settings.gain, settings.isolate,
                                          settings.luminance),
                 params(settings.threshold, settings.gain, settings.isolate, settings.luminance),
-                ChannelRule::Same,
-                settings.luminance ? ChannelRule::RGBIfAny : ChannelRule::Same);
+                ChannelRule::Same, settings.luminance ? ChannelRule::RGBIfAny : ChannelRule::Same);
 }
 
 TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate, TaskPtr input) {
@@ -347,8 +354,8 @@ TaskPtr createGainTask(const std::string& name, float sampleRate, const Color4f&
     return createColorTransformTask(name, sampleRate, m, Color4f(0, 0, 0, 0), std::move(input));
 }
 
-TaskPtr createHueShiftTask(const std::string& name, float sampleRate,
-                           const HueShiftParams& params, TaskPtr input) {
+TaskPtr createHueShiftTask(const std::string& name, float sampleRate, const HueShiftParams& params,
+                           TaskPtr input) {
     Imath::Matrix44<float> hue, saturation;
     IMGLIB::BuildMatrix_HueShift(&hue, params.hueShift);
     IMGLIB::BuildMatrix_Saturation(&saturation, params.saturation, params.weights);

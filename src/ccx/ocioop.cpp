@@ -67,7 +67,8 @@ private:
 
 TaskPtr createOCIOProcessorTask(const std::string& name, float sampleRate,
                                 OCIO::ConstProcessorRcPtr processor, TaskPtr input) {
-    if (!processor) throw std::invalid_argument(name + ": createOCIOProcessorTask needs a processor");
+    if (!processor)
+        throw std::invalid_argument(name + ": createOCIOProcessorTask needs a processor");
     return TaskPtr(new InPlaceTask(InPlaceOpPtr(new OCIOOp("OCIOProcessor", std::move(processor))),
                                    name, sampleRate, std::move(input)));
 }
@@ -75,7 +76,8 @@ TaskPtr createOCIOProcessorTask(const std::string& name, float sampleRate,
 TaskPtr createOCIOTransformTask(const std::string& name, float sampleRate,
                                 OCIO::ConstTransformRcPtr transform,
                                 OCIO::TransformDirection direction, TaskPtr input) {
-    if (!transform) throw std::invalid_argument(name + ": createOCIOTransformTask needs a transform");
+    if (!transform)
+        throw std::invalid_argument(name + ": createOCIOTransformTask needs a transform");
     // A transform needs no colour spaces: a raw configuration resolves it.
     OCIO::ConstProcessorRcPtr processor =
         OCIO::Config::CreateRaw()->getProcessor(transform, direction);

@@ -172,8 +172,8 @@ constexpr Operator kOperators[20] = {
 template <class First, class Second>
 TaskPtr optimized(const std::string& name, float time, const Operator& row,
                   const IMGLIB::BinaryOp& op, TaskPtr in0, TaskPtr in1) {
-    return TaskPtr(new Private::OptimizedCompositeTask<First, Second>(name, time, row.type, op,
-                                                                      in0, in1));
+    return TaskPtr(
+        new Private::OptimizedCompositeTask<First, Second>(name, time, row.type, op, in0, in1));
 }
 
 TaskPtr build(const std::string& name, float time, const Operator& row, const IMGLIB::BinaryOp& op,
@@ -218,8 +218,8 @@ TaskPtr createMixTask(const std::string& name, float sampleRate, float amount, T
     IMGLIB::BinaryOp op;
     op.kind = IMGLIB::BINARYOP_MIX;
     op.mix = amount;
-    return TaskPtr(new BaseCompositeTask(name, sampleRate, "Mix", op, std::move(first),
-                                         std::move(second)));
+    return TaskPtr(
+        new BaseCompositeTask(name, sampleRate, "Mix", op, std::move(first), std::move(second)));
 }
 
 }  // namespace TESSERA

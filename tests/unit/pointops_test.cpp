@@ -43,8 +43,8 @@ struct TestImage {
 };
 
 // Values a grade meets: 0, 1, negatives, above 1, alpha 0 and 1.
-const std::vector<float> kValues = {0.0f, 1.0f, 0.25f, 0.5f, -0.5f, 2.5f, 0.75f, 0.0f, 0.1f,
-                                    1.0f, 3.0f, 0.9f,  0.6f, 0.3f,  0.2f, 1.0f, 0.05f, 0.4f};
+const std::vector<float> kValues = {0.0f, 1.0f, 0.25f, 0.5f, -0.5f, 2.5f, 0.75f, 0.0f,  0.1f,
+                                    1.0f, 3.0f, 0.9f,  0.6f, 0.3f,  0.2f, 1.0f,  0.05f, 0.4f};
 
 bool near(float a, float b, float tol) {
     if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
@@ -71,7 +71,8 @@ void expectMatches(const PointOp& op, const std::function<Color(Color)>& referen
                 }
             }
         if (channels & CHANNEL_Z) {  // carried through from the input
-            EXPECT_EQ(GetPixelAddress(&out.image, 3, 1, 12)[2], GetPixelAddress(&in.image, 3, 1, 12)[2]);
+            EXPECT_EQ(GetPixelAddress(&out.image, 3, 1, 12)[2],
+                      GetPixelAddress(&in.image, 3, 1, 12)[2]);
         }
     }
     const Color c(0.3f, -0.2f, 1.7f, 0.6f);
@@ -103,7 +104,8 @@ TEST(PointOps, ClampThresholdAndCleanup) {
     });
     for (bool atOne : {false, true})
         expectMatches(MakeCleanupClamp(atOne), [&](Color c) {
-            for (int k = 0; k < 3; ++k) c[k] = atOne ? std::clamp(c[k], 0.0f, 1.0f) : std::max(c[k], 0.0f);
+            for (int k = 0; k < 3; ++k)
+                c[k] = atOne ? std::clamp(c[k], 0.0f, 1.0f) : std::max(c[k], 0.0f);
             c.a = std::clamp(c.a, 0.0f, 1.0f);
             return c;
         });
@@ -116,20 +118,27 @@ TEST(PointOps, ContrastExponentialAndRange) {
         return c;
     });
     const float exponent[4] = {2.2f, 0.5f, 1.0f, 1.0f / 2.2f}, epivot[4] = {1, 0.18f, 1, 0};
-    expectMatches(MakeExponential(exponent, epivot), [&](Color c) {
-        for (int k = 0; k < 4; ++k) {
-            const float p = epivot[k] > 0 ? epivot[k] : 1.0f;
-            if (c[k] > 0) c[k] = p * std::pow(c[k] / p, exponent[k]);
-        }
-        return c;
-    }, 2e-6f);
+    expectMatches(
+        MakeExponential(exponent, epivot),
+        [&](Color c) {
+            for (int k = 0; k < 4; ++k) {
+                const float p = epivot[k] > 0 ? epivot[k] : 1.0f;
+                if (c[k] > 0) c[k] = p * std::pow(c[k] / p, exponent[k]);
+            }
+            return c;
+        },
+        2e-6f);
     // Compress: log2 about mid grey mapping 16 to 1; expand is its inverse.
     const float L = std::log2(1.0f + 16.0f / 0.18f);
-    expectMatches(MakeCompressRange(0.18f, 16.0f, 1.0f, false), [&](Color c) {
-        for (int k = 0; k < 3; ++k)
-            c[k] = c[k] > 0 ? std::log2(1 + c[k] / 0.18f) / L : c[k] / (0.18f * std::log(2.0f) * L);
-        return c;
-    }, 2e-6f);
+    expectMatches(
+        MakeCompressRange(0.18f, 16.0f, 1.0f, false),
+        [&](Color c) {
+            for (int k = 0; k < 3; ++k)
+                c[k] = c[k] > 0 ? std::log2(1 + c[k] / 0.18f) / L
+                                : c[k] / (0.18f * std::log(2.0f) * L);
+            return c;
+        },
+        2e-6f);
     PointOp roundTrip[2] = {MakeCompressRange(0.18f, 16.0f, 1.0f, false),
                             MakeCompressRange(0.18f, 16.0f, 1.0f, true)};
     const Color back = ApplyPointOpsToColor(Color(12.0f, 0.18f, -0.3f, 0.5f), roundTrip, 2);
@@ -143,7 +152,9 @@ TEST(PointOps, AlphaFromColourAndBack) {
     expectMatches(MakeNContrastBoost(0.7f, false), [](Color c) {
         for (int k = 0; k < 3; ++k) {
             const float x = c[k];
-            if (x >= 0 && x <= 1) c[k] = ((6 * x * x * x * x * x - 15 * x * x * x * x + 10 * x * x * x) - x) * 0.7f + x;
+            if (x >= 0 && x <= 1)
+                c[k] =
+                    ((6 * x * x * x * x * x - 15 * x * x * x * x + 10 * x * x * x) - x) * 0.7f + x;
         }
         return c;
     });
@@ -177,11 +188,13 @@ TEST(PointOps, AlphaFromColourAndBack) {
 }
 
 TEST(PointOps, MatrixPosterizeLogAndBloom) {
-    const float m[20] = {1, 0.1f, 0, 0, 0.01f, 0, 2, 0, 0, 0, 0.5f, 0.5f, 0.5f, 0, -0.1f, 0, 0, 0, 1, 0};
+    const float m[20] = {1,    0.1f, 0,    0, 0.01f, 0, 2, 0, 0, 0,
+                         0.5f, 0.5f, 0.5f, 0, -0.1f, 0, 0, 0, 1, 0};
     expectMatches(MakeColorMatrix(m), [&](Color c) {
         Color o;
         for (int r = 0; r < 4; ++r)
-            o[r] = m[5 * r] * c.r + m[5 * r + 1] * c.g + m[5 * r + 2] * c.b + m[5 * r + 3] * c.a + m[5 * r + 4];
+            o[r] = m[5 * r] * c.r + m[5 * r + 1] * c.g + m[5 * r + 2] * c.b + m[5 * r + 3] * c.a +
+                   m[5 * r + 4];
         return o;
     });
     expectMatches(MakePosterize(4, 0, 1, false, true), [](Color c) {
@@ -239,9 +252,8 @@ TEST(PointOps, ColourSpacesAndCurves) {
     // Curves pass through their points, stay monotone, continue linearly.
     const std::vector<float> pts = {0, 0, 0.5f, 0.8f, 1, 1};
     const std::vector<float> none;
-    const Color curved =
-        ApplyRGBACurvesColor(Color(0.5f, 0.25f, 2.0f, 0.7f), pts.data(), 3, pts.data(), 3,
-                             pts.data(), 3, none.data(), 0);
+    const Color curved = ApplyRGBACurvesColor(Color(0.5f, 0.25f, 2.0f, 0.7f), pts.data(), 3,
+                                              pts.data(), 3, pts.data(), 3, none.data(), 0);
     EXPECT_NEAR(curved.r, 0.8f, 1e-6f);
     EXPECT_GT(curved.g, 0.25f);
     EXPECT_LT(curved.g, 0.8f);
@@ -255,12 +267,15 @@ TEST(PointOps, ColourSpacesAndCurves) {
 
 TEST(PointOps, ChainsAndSpecialValuesPassThrough) {
     // A chain runs in one call exactly as its steps run one by one.
-    const float g[4] = {2, 2, 2, 1}, p[4] = {1, 1, 1, 1}, k[4] = {0.5f, 2, 1, 1}, z[4] = {0, 0, 0, 0};
+    const float g[4] = {2, 2, 2, 1}, p[4] = {1, 1, 1, 1}, k[4] = {0.5f, 2, 1, 1},
+                z[4] = {0, 0, 0, 0};
     PointOp chain[3] = {MakeExponential(g, p), MakeContrast(k, z), MakeCleanupClamp(false)};
-    TestImage in(CHANNELS_RGBA, 23, kValues), once(CHANNELS_RGBA, 23, {0}), steps(CHANNELS_RGBA, 23, {0});
+    TestImage in(CHANNELS_RGBA, 23, kValues), once(CHANNELS_RGBA, 23, {0}),
+        steps(CHANNELS_RGBA, 23, {0});
     ASSERT_EQ(ApplyPointOps(&once.image, &in.image, chain, 3), ERROR_NONE);
     ASSERT_EQ(ApplyPointOps(&steps.image, &in.image, &chain[0], 1), ERROR_NONE);
-    for (int s = 1; s < 3; ++s) ASSERT_EQ(ApplyPointOps(&steps.image, &steps.image, &chain[s], 1), ERROR_NONE);
+    for (int s = 1; s < 3; ++s)
+        ASSERT_EQ(ApplyPointOps(&steps.image, &steps.image, &chain[s], 1), ERROR_NONE);
     EXPECT_EQ(once.storage, steps.storage);
 
     // NaN and infinities go through without trouble.

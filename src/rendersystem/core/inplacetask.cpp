@@ -142,9 +142,9 @@ void InPlaceTask::renderRect(const IMGLIB::Image* out,
     for (size_t i = 0; i < steps.size(); ++i) {
         const IMGLIB::Image* source = i == 0 ? in : work;
         const IMGLIB::Image* target = i + 1 == steps.size() ? out : work;
-        const int status =
-            steps[i] ? steps[i]->apply(target, source)
-                     : IMGLIB::ApplyPointOps(target, source, fused[group].data(), fused[group].size());
+        const int status = steps[i] ? steps[i]->apply(target, source)
+                                    : IMGLIB::ApplyPointOps(target, source, fused[group].data(),
+                                                            fused[group].size());
         if (!steps[i]) ++group;
         Private::checkImglib(status, getNameAtTime());
     }
