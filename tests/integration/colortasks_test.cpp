@@ -100,13 +100,15 @@ TEST_F(ColorTasksTest, CacheIDsLeaveInactiveParametersOut) {
 
 TEST_F(ColorTasksTest, BackgroundColoursFollowTheOperators) {
     TaskPtr bgSource(new Source(Color(0.5f, 0.25f, 2.0f, 0.5f)));
-    EXPECT_EQ(createNContrastBoostTask("n", 0, 0.5f, false, bgSource)->getBackgroundColor().a, 1.0f);
+    EXPECT_EQ(createNContrastBoostTask("n", 0, 0.5f, false, bgSource)->getBackgroundColor().a,
+              1.0f);
     EXPECT_EQ(createScreenRGBToAlphaTask("s", 0, 3, bgSource)->getBackgroundColor().a, 0.0f);
     EXPECT_EQ(createMaxRGBToAlphaTask("m", 0, bgSource)->getBackgroundColor().a, 2.0f);
     // Through a chain that render set-up collapses: upstream first.
     auto gain = createGainTask("gain", 0, Color(2, 2, 2, 1), bgSource);
     auto contrast = createContrastTask("k", 0, Color(2, 2, 2, 1), Color(0.5f, 0.5f, 0.5f, 0), gain);
-    auto clamp = createClampTask("clamp", 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), true, true, contrast);
+    auto clamp =
+        createClampTask("clamp", 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), true, true, contrast);
     const Color bg = clamp->getBackgroundColor();
     // gain: (1, 0.5, 4, 0.5); contrast: (1.5, 0.5, 7.5, 0.5); clamp: (1, 0.5, 1, 0.5)
     EXPECT_EQ(bg, Color(1, 0.5f, 1, 0.5f));
@@ -123,8 +125,8 @@ TEST_F(ColorTasksTest, ChannelRulesWidenTheRequests) {
     auto maxToAlpha = createMaxRGBToAlphaTask("max", 0, source);
     renderSerially({RenderOutput{maxToAlpha, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_A, 0}}, observer);
     EXPECT_EQ(source->imp().m_requiredOutputChannels, IMGLIB::CHANNELS_RGBA);
-    EXPECT_NEAR(observer->pixel(0, 3, 2).a, std::max({Source::at(3, 2).r, Source::at(3, 2).g,
-                                                      Source::at(3, 2).b}), 1e-6f);
+    EXPECT_NEAR(observer->pixel(0, 3, 2).a,
+                std::max({Source::at(3, 2).r, Source::at(3, 2).g, Source::at(3, 2).b}), 1e-6f);
     RenderManager::ClearRenderTaskCache();
     auto compress = createStandardCompressRangeTask("cr", 0, source);
     renderSerially({RenderOutput{compress, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_R, 0}}, observer);
@@ -139,10 +141,13 @@ TEST_F(ColorTasksTest, MatrixFamilyAndOpenColorIO) {
     // degrees moves red to green.
     HueShiftParams grey;
     grey.saturation = 0.0f;
-    expectPixels(createHueShiftTask("grey", 0, grey, source), [](Color c) {
-        const float l = 0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b;
-        return Color(l, l, l, c.a);
-    }, 1e-5f);
+    expectPixels(
+        createHueShiftTask("grey", 0, grey, source),
+        [](Color c) {
+            const float l = 0.2126f * c.r + 0.7152f * c.g + 0.0722f * c.b;
+            return Color(l, l, l, c.a);
+        },
+        1e-5f);
     HueShiftParams turn;
     turn.hueShift = 120.0f;
     const Color turned = createHueShiftTask("turn", 0, turn, TaskPtr(new Source(Color(1, 0, 0, 1))))
@@ -158,13 +163,18 @@ TEST_F(ColorTasksTest, MatrixFamilyAndOpenColorIO) {
     matrix->setMatrix(m);
     matrix->setOffset(offset);
     auto ocio = createOCIOTransformTask("ocio", 0, matrix, OCIO::TRANSFORM_DIR_FORWARD, source);
-    expectPixels(ocio, [](Color c) {
-        return Color(0.5f * c.r + 0.1f * c.g + 0.01f, c.g + 0.02f, 0.2f * c.r + 2 * c.b + 0.03f, c.a);
-    }, 1e-5f);
+    expectPixels(
+        ocio,
+        [](Color c) {
+            return Color(0.5f * c.r + 0.1f * c.g + 0.01f, c.g + 0.02f, 0.2f * c.r + 2 * c.b + 0.03f,
+                         c.a);
+        },
+        1e-5f);
     auto inverse = createOCIOProcessorTask(
         "inverse", 0, OCIO::Config::CreateRaw()->getProcessor(matrix, OCIO::TRANSFORM_DIR_INVERSE),
         ocio);
-    expectPixels(inverse, [](Color c) { return c; }, 1e-4f);
+    expectPixels(
+        inverse, [](Color c) { return c; }, 1e-4f);
     for (int c = 0; c < 4; ++c) EXPECT_NEAR(inverse->getBackgroundColor()[c], 0.0f, 1e-6f);
 }
 
@@ -191,18 +201,23 @@ TEST_F(ColorTasksTest, EveryFactoryRendersItsFormula) {
         return c;
     });
     // Round trips come back where they started.
-    expectPixels(createHSVConvertTask("back", 0, false, createHSVConvertTask("hsv", 0, true, source)),
-                 [](Color c) {
-                     // HSV of negative values is undefined: the source has some in R.
-                     return c;
-                 }, 2e-5f, IMGLIB::CHANNELS_RGB | IMGLIB::CHANNEL_A);
-    expectPixels(createLabTask("rgb", 0, false, createLabTask("lab", 0, true, source)),
-                 [](Color c) { return c; }, 1e-4f);
-    expectPixels(createStandardExpandRangeTask("ex", 0, createStandardCompressRangeTask("co", 0, source)),
-                 [](Color c) { return c; }, 1e-4f);
+    expectPixels(
+        createHSVConvertTask("back", 0, false, createHSVConvertTask("hsv", 0, true, source)),
+        [](Color c) {
+            // HSV of negative values is undefined: the source has some in R.
+            return c;
+        },
+        2e-5f, IMGLIB::CHANNELS_RGB | IMGLIB::CHANNEL_A);
+    expectPixels(
+        createLabTask("rgb", 0, false, createLabTask("lab", 0, true, source)),
+        [](Color c) { return c; }, 1e-4f);
+    expectPixels(
+        createStandardExpandRangeTask("ex", 0, createStandardCompressRangeTask("co", 0, source)),
+        [](Color c) { return c; }, 1e-4f);
     const std::vector<float> identity = {0, 0, 1, 1};
-    expectPixels(createLumaCurvesTask("luma", 0, Imath::Color3<float>(0.3f, 0.6f, 0.1f), identity, source),
-                 [](Color c) { return c; }, 1e-5f);
+    expectPixels(
+        createLumaCurvesTask("luma", 0, Imath::Color3<float>(0.3f, 0.6f, 0.1f), identity, source),
+        [](Color c) { return c; }, 1e-5f);
     BloomControlSettings bloom;
     bloom.luminance = false;
     bloom.threshold = 0.5f;

@@ -57,7 +57,8 @@ protected:
 
     std::vector<float> render(const TaskPtr& task) {
         auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
-        renderSerially({RenderOutput{task, Rect(0, 0, kW, kH), IMGLIB::CHANNELS_RGBA, 0}}, observer);
+        renderSerially({RenderOutput{task, Rect(0, 0, kW, kH), IMGLIB::CHANNELS_RGBA, 0}},
+                       observer);
         std::vector<float> pixels;
         for (int y = 0; y < kH; ++y)
             for (int x = 0; x < kW; ++x) {
@@ -109,7 +110,8 @@ TEST_F(CompositeTest, AgreesWithOpenImageIO) {
         RenderManager::ClearRenderTaskCache();
         const std::vector<float> got = render(composite(c.op, a, b));
         std::vector<float> want(got.size());
-        c.expected.get_pixels(OIIO::ROI(0, kW, 0, kH, 0, 1, 0, 4), OIIO::TypeDesc::FLOAT, want.data());
+        c.expected.get_pixels(OIIO::ROI(0, kW, 0, kH, 0, 1, 0, 4), OIIO::TypeDesc::FLOAT,
+                              want.data());
         for (size_t i = 0; i < got.size(); ++i)
             ASSERT_NEAR(got[i], want[i], 1e-6f * std::max(1.0f, std::fabs(want[i])))
                 << "operator " << c.op << " value " << i;
@@ -119,12 +121,14 @@ TEST_F(CompositeTest, AgreesWithOpenImageIO) {
 TEST_F(CompositeTest, InputOrderAndFlagsFollowTheTable) {
     // In, out, atop and under against their definitions (a is the foreground).
     const std::vector<float> pa = layerPixels(3), pb = layerPixels(7);
-    auto check = [&](CompositeOp op, const std::function<float(float, float, float, float, int)>& f) {
+    auto check = [&](CompositeOp op,
+                     const std::function<float(float, float, float, float, int)>& f) {
         RenderManager::ClearRenderTaskCache();
         const std::vector<float> got = render(composite(op, a, b));
         for (size_t p = 0; p < got.size() / 4; ++p)
             for (int c = 0; c < 4; ++c)
-                ASSERT_NEAR(got[4 * p + c], f(pa[4 * p + c], pb[4 * p + c], pa[4 * p + 3], pb[4 * p + 3], c), 1e-6f)
+                ASSERT_NEAR(got[4 * p + c],
+                            f(pa[4 * p + c], pb[4 * p + c], pa[4 * p + 3], pb[4 * p + 3], c), 1e-6f)
                     << "operator " << op;
     };
     check(COMPOSITE_IN, [](float x, float, float, float bA, int) { return x * bA; });
@@ -191,7 +195,8 @@ TEST_F(CompositeTest, CleanupClampAndMixWrappers) {
     // A NaN or negative mix counts as 0: b itself.
     for (float m : {std::nanf(""), -3.0f}) {
         RenderManager::ClearRenderTaskCache();
-        EXPECT_EQ(render(createCompositeTask("n", 0, COMPOSITE_OVER, false, false, false, m, a, b)), pb);
+        EXPECT_EQ(render(createCompositeTask("n", 0, COMPOSITE_OVER, false, false, false, m, a, b)),
+                  pb);
     }
     RenderManager::ClearRenderTaskCache();
     const std::vector<float> sum = render(clamped);

@@ -64,7 +64,9 @@ void expectOperator(BinaryOpKind kind, bool flag, const Formula& formula, float 
     for (int c = 0; c < 4; ++c) EXPECT_NEAR(colour[c], expected[c], 1e-6f);
 }
 
-float clamp01(float v) { return std::min(std::max(v, 0.0f), 1.0f); }
+float clamp01(float v) {
+    return std::min(std::max(v, 0.0f), 1.0f);
+}
 
 }  // namespace
 
@@ -83,7 +85,8 @@ TEST(CompositeOps, ArithmeticBlends) {
         return perChannel(b, a, [](float x, float y) { return x + y - 2 * x * y; });
     });
     expectOperator(BINARYOP_GEOMETRIC, false, [](Color b, Color a) {
-        return perChannel(b, a, [](float x, float y) { return x + y != 0 ? 2 * x * y / (x + y) : 0.0f; });
+        return perChannel(b, a,
+                          [](float x, float y) { return x + y != 0 ? 2 * x * y / (x + y) : 0.0f; });
     });
     expectOperator(BINARYOP_HYPOTENUSE, false, [](Color b, Color a) {
         return perChannel(b, a, [](float x, float y) { return std::sqrt(x * x + y * y); });
@@ -102,8 +105,10 @@ TEST(CompositeOps, ArithmeticBlends) {
 TEST(CompositeOps, PorterDuffAndScreen) {
     for (bool flag : {false, true}) {
         auto cov = [flag](float alpha) { return flag ? clamp01(alpha) : alpha; };
-        expectOperator(BINARYOP_OVER, flag, [&](Color b, Color a) { return a + b * (1 - cov(a.a)); });
-        expectOperator(BINARYOP_UNDER, flag, [&](Color b, Color a) { return b + a * (1 - cov(b.a)); });
+        expectOperator(BINARYOP_OVER, flag,
+                       [&](Color b, Color a) { return a + b * (1 - cov(a.a)); });
+        expectOperator(BINARYOP_UNDER, flag,
+                       [&](Color b, Color a) { return b + a * (1 - cov(b.a)); });
         expectOperator(BINARYOP_IN, flag, [&](Color b, Color a) { return b * cov(a.a); });
         expectOperator(BINARYOP_OUT, flag, [&](Color b, Color a) { return b * (1 - cov(a.a)); });
         expectOperator(BINARYOP_ATOP, flag, [&](Color b, Color a) {
@@ -116,7 +121,8 @@ TEST(CompositeOps, PorterDuffAndScreen) {
         return perChannel(b, a, [](float x, float y) { return x + y - x * y; });
     });
     expectOperator(BINARYOP_SCREEN, true, [](Color b, Color a) {
-        return perChannel(b, a, [](float x, float y) { return x > 1 || y > 1 ? std::max(x, y) : x + y - x * y; });
+        return perChannel(
+            b, a, [](float x, float y) { return x > 1 || y > 1 ? std::max(x, y) : x + y - x * y; });
     });
 }
 

@@ -50,7 +50,48 @@ std::string randomSwapName() {
     return name;
 }
 
+size_t blockBytes(int64_t size) {
+    // aligned_alloc wants a whole number of alignment units.
+    return (static_cast<size_t>(size) + kPixelAlignment - 1) & ~(kPixelAlignment - 1);
+}
+
 }  // namespace
+
+void* BlockPool::take(size_t bytes) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_free.find(bytes);
+    if (it == m_free.end() || it->second.empty()) return nullptr;
+    void* block = it->second.back();  // the most recently freed: warmest in cache
+    it->second.pop_back();
+    m_bytes -= bytes;
+    return block;
+}
+
+bool BlockPool::give(void* block, size_t bytes, int64_t maxMemory) {
+    const size_t cap = std::min<size_t>(size_t(256) << 20,
+                                        static_cast<size_t>(std::max<int64_t>(maxMemory, 0)) / 4);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_bytes + bytes > cap) return false;
+    m_free[bytes].push_back(block);
+    m_bytes += bytes;
+    return true;
+}
+
+void BlockPool::clear() {
+    std::map<size_t, std::vector<void*>> blocks;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        blocks.swap(m_free);
+        m_bytes = 0;
+    }
+    for (auto& entry : blocks)
+        for (void* block : entry.second) std::free(block);
+}
+
+size_t BlockPool::bytesHeld() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_bytes;
+}
 
 std::atomic<bool> ImageAllocator::s_overran{false};
 
@@ -176,10 +217,8 @@ void ImageAllocator::allocate(Impl* image) {
     }
     const int64_t size = image->size();
     reserve(image, size);
-    // aligned_alloc wants a whole number of alignment units.
-    const size_t blockBytes =
-        (static_cast<size_t>(size) + kPixelAlignment - 1) & ~(kPixelAlignment - 1);
-    void* block = std::aligned_alloc(kPixelAlignment, blockBytes);
+    void* block = m_blocks.take(blockBytes(size));
+    if (!block) block = std::aligned_alloc(kPixelAlignment, blockBytes(size));
     if (!block) {
         unaccount(image->isFileIn(), size);
         throw std::bad_alloc();
@@ -199,6 +238,7 @@ void ImageAllocator::reserve(Impl* image, int64_t size) {
     // and an overrun is declared, while usage is at or above it.
     if (m_memUsage > m_maxMemory.load()) {
         try {
+            m_blocks.clear();
             m_cache->release(m_memUsage - m_maxMemory.load());
             if (m_memUsage > m_maxMemory.load()) {
                 do {
@@ -278,7 +318,8 @@ void ImageAllocator::loadFromDisk(Impl* image) {
 }
 
 void ImageAllocator::freePixels(Impl* imagePtr) noexcept {
-    std::free(imagePtr->m_image.pixelPtr);
+    void* block = imagePtr->m_image.pixelPtr;
+    if (!m_blocks.give(block, blockBytes(imagePtr->size()), m_maxMemory.load())) std::free(block);
     imagePtr->m_image.pixelPtr = nullptr;
     unaccount(imagePtr->isFileIn(), imagePtr->size());
 }
