@@ -31,7 +31,8 @@ struct Frame {
         image.rowBytes = kWidth * 16;
         image.pixelPtr = pixels.data();
         for (size_t i = 0; i < pixels.size(); ++i)
-            pixels[i] = (i % 4 == 3) ? float((i / 4) % 97) / 96.0f : seed + float(i % 1013) / 1013.0f;
+            pixels[i] =
+                (i % 4 == 3) ? float((i / 4) % 97) / 96.0f : seed + float(i % 1013) / 1013.0f;
     }
     std::vector<float> pixels;
     IMGLIB::Image image;
@@ -104,8 +105,8 @@ IMGLIB::PointOp powOp(float e) {
     return IMGLIB::MakeExponential(ex, pivot);
 }
 std::vector<IMGLIB::PointOp> tenOps() {
-    return {gainOp(1.1f), addOp(0.01f), powOp(0.9f), gainOp(0.95f), addOp(-0.005f),
-            powOp(1.1f),  gainOp(1.02f), addOp(0.002f), powOp(0.98f), gainOp(1.01f)};
+    return {gainOp(1.1f), addOp(0.01f),  powOp(0.9f),   gainOp(0.95f), addOp(-0.005f),
+            powOp(1.1f),  gainOp(1.02f), addOp(0.002f), powOp(0.98f),  gainOp(1.01f)};
 }
 
 void BM_OverKernel(benchmark::State& state) {
@@ -144,9 +145,9 @@ void renderPipeline(benchmark::State& state, const std::function<TaskPtr()>& bui
     const TaskPtr graph = build();
     const RenderObserverPtr observer(new NullObserver);
     for (auto _ : state)
-        RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight),
-                                                 IMGLIB::CHANNELS_RGBA)},
-                              observer, nullptr, true, RENDERTYPE_BATCH);
+        RenderManager::Render(
+            {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},
+            observer, nullptr, true, RENDERTYPE_BATCH);
     setRates(state, threads);
     RenderManager::setSpeculativeCachingEnable(true);
 }
@@ -177,7 +178,8 @@ void BM_TenOpChainPipeline(benchmark::State& state) {
                     pows[3] = {0.9f, 1.1f, 0.98f};
         for (int i = 0; i < 3; ++i) {
             t = createGainTask("mul", 0, Color(gains[i], gains[i], gains[i], 1), t);
-            t = createColorTransformTask("add", 0, identity, Color(adds[i], adds[i], adds[i], 0), t);
+            t = createColorTransformTask("add", 0, identity, Color(adds[i], adds[i], adds[i], 0),
+                                         t);
             t = createExponentialTask("pow", 0, Color(pows[i], pows[i], pows[i], 1), one, t);
         }
         return createGainTask("mul", 0, Color(gains[3], gains[3], gains[3], 1), t);

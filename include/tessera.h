@@ -19,3 +19,4 @@
 #include "rendertask.h"
 #include "tessera_export.h"
 #include "tileid.h"
+#include "transformtasks.h"

@@ -1,0 +1,444 @@
+#include "imglib/resample.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "imglib/channels.h"
+#include "imglib/error.h"
+#include "imglib/pixels.h"
+
+namespace IMGLIB {
+
+UnaryOperation::~UnaryOperation() = default;
+
+namespace {
+
+using M33 = Imath::Matrix33<float>;
+constexpr int kMaxTaps = 512;
+constexpr int kPhases = 1024;
+
+// The filter along one input axis for a footprint of `scale` input pixels per
+// output pixel.
+struct Axis {
+    KernelType kernel;
+    float width;  // full, in input pixels
+    float radius() const { return 0.5f * width; }
+};
+
+Axis axisFor(KernelType primary, KernelType secondary, float scale) {
+    if (scale > 1.0f) return Axis{secondary, GetKernelWidth(secondary) * scale};
+    return Axis{primary, GetKernelWidth(primary)};
+}
+
+// How far from a sample position the filter reads, in whole pixels.
+int64_t reach(const Axis& a) { return static_cast<int64_t>(std::ceil(a.radius())) + 1; }
+
+// Taps for a sample at continuous coordinate c (pixel i has its centre at
+// i + 0.5): the first tap's index, normalised weights, their count.
+int axisTaps(const Axis& a, float c, int64_t& first, float* w) {
+    const float r = a.radius();
+    int64_t lo = static_cast<int64_t>(std::ceil(c - 0.5f - r));
+    int64_t hi = static_cast<int64_t>(std::floor(c - 0.5f + r));
+    if (hi < lo) lo = hi = static_cast<int64_t>(std::floor(c));  // narrower than a pixel
+    const int n = static_cast<int>(std::min<int64_t>(hi - lo + 1, kMaxTaps));
+    float sum = 0.0f;
+    for (int i = 0; i < n; ++i) {
+        w[i] = EvalKernel(a.kernel, float(lo + i) + 0.5f - c, a.width);
+        sum += w[i];
+    }
+    if (sum == 0.0f) {  // only zero-weight taps: the nearest pixel
+        first = static_cast<int64_t>(std::floor(c));
+        w[0] = 1.0f;
+        return 1;
+    }
+    for (int i = 0; i < n; ++i) w[i] /= sum;
+    first = lo;
+    return n;
+}
+
+// Reads images channel-agnostically: a pixel of `in` as n floats, or the
+// background colour in the input's layout outside it.
+struct Source {
+    Source(const Image* image, const Imath::Color4<float>& bg)
+        : in(image), n(GetChannelCount(image->channels)), pixelBytes(GetPixelBytes(image->channels)) {
+        for (int c = 0; c < NUM_KNOWN_CHANNELS; ++c) background[c] = 0.0f;
+        for (int c = 0; c < 4; ++c) {
+            const int slot = GetChannelIndex(image->channels, uint64_t(1) << c);
+            if (slot >= 0) background[slot] = bg[c];
+        }
+    }
+    bool contains(int64_t x0, int64_t y0, int nx, int ny) const {
+        return x0 >= in->x1 && y0 >= in->y1 && x0 + nx <= in->x2 && y0 + ny <= in->y2;
+    }
+    bool overlaps(int64_t x0, int64_t y0, int nx, int ny) const {
+        return x0 < in->x2 && y0 < in->y2 && x0 + nx > in->x1 && y0 + ny > in->y1;
+    }
+    const float* pixel(int64_t x, int64_t y) const {
+        if (x < in->x1 || x >= in->x2 || y < in->y1 || y >= in->y2) return background;
+        return GetPixelAddress(in, x, y, pixelBytes);
+    }
+    const Image* in;
+    int n;
+    int64_t pixelBytes;
+    float background[NUM_KNOWN_CHANNELS];
+};
+
+// Sum over the taps, into acc (the input's layout). N > 0: a fixed channel
+// count the compiler can unroll; N = 0: any.
+template <int N>
+void filter(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0, int ny,
+            const float* wy, float* acc) {
+    const int n = N > 0 ? N : s.n;
+    float total[NUM_KNOWN_CHANNELS] = {};
+    const bool inside = s.contains(x0, y0, nx, ny);
+    for (int j = 0; j < ny; ++j) {
+        float row[NUM_KNOWN_CHANNELS] = {};
+        if (inside) {
+            const float* p = GetPixelAddress(s.in, x0, y0 + j, s.pixelBytes);
+            for (int i = 0; i < nx; ++i, p += n)
+                for (int c = 0; c < n; ++c) row[c] += wx[i] * p[c];
+        } else {
+            for (int i = 0; i < nx; ++i) {
+                const float* p = s.pixel(x0 + i, y0 + j);
+                for (int c = 0; c < n; ++c) row[c] += wx[i] * p[c];
+            }
+        }
+        for (int c = 0; c < n; ++c) total[c] += wy[j] * row[c];
+    }
+    for (int c = 0; c < n; ++c) acc[c] = total[c];
+}
+
+void filterAny(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0, int ny,
+               const float* wy, float* acc) {
+    switch (s.n) {
+        case 4: filter<4>(s, x0, nx, wx, y0, ny, wy, acc); break;
+        case 3: filter<3>(s, x0, nx, wx, y0, ny, wy, acc); break;
+        case 1: filter<1>(s, x0, nx, wx, y0, ny, wy, acc); break;
+        default: filter<0>(s, x0, nx, wx, y0, ny, wy, acc); break;
+    }
+}
+
+// Where each output channel comes from in the input's layout (-1: nowhere).
+struct ChannelMap {
+    ChannelMap(uint64_t outChannels, uint64_t inChannels) {
+        for (int bit = 0; bit < NUM_KNOWN_CHANNELS; ++bit)
+            if (outChannels & (uint64_t(1) << bit))
+                slot[count++] = GetChannelIndex(inChannels, uint64_t(1) << bit);
+    }
+    void write(float* dst, const float* acc) const {
+        for (int c = 0; c < count; ++c) dst[c] = slot[c] >= 0 ? acc[slot[c]] : 0.0f;
+    }
+    int slot[NUM_KNOWN_CHANNELS];
+    int count = 0;
+};
+
+bool invert(const M33& m, M33& inverse) {
+    const float det = m.determinant();
+    if (!(std::fabs(det) > 1e-20f) || !std::isfinite(det)) return false;
+    inverse = m.inverse(false);
+    return true;
+}
+
+// Maps p through the inverse with the local footprint (input pixels per
+// output pixel along each input axis); false behind the projection centre.
+struct Mapped {
+    float u, v, su, sv;
+};
+
+bool mapPoint(const M33& mi, float x, float y, Mapped& out) {
+    const float w = x * mi[0][2] + y * mi[1][2] + mi[2][2];
+    if (!(w > 0.0f)) return false;
+    const float u = (x * mi[0][0] + y * mi[1][0] + mi[2][0]) / w;
+    const float v = (x * mi[0][1] + y * mi[1][1] + mi[2][1]) / w;
+    const float dudx = (mi[0][0] - u * mi[0][2]) / w, dudy = (mi[1][0] - u * mi[1][2]) / w;
+    const float dvdx = (mi[0][1] - v * mi[0][2]) / w, dvdy = (mi[1][1] - v * mi[1][2]) / w;
+    out = Mapped{u, v, std::sqrt(dudx * dudx + dudy * dudy), std::sqrt(dvdx * dvdx + dvdy * dvdy)};
+    return true;
+}
+
+// One sample at output point (x, y) through inverse mi, into acc.
+bool samplePoint(const Source& s, const M33& mi, KernelType primary, KernelType secondary, float x,
+                 float y, float* acc) {
+    Mapped m;
+    if (!mapPoint(mi, x, y, m)) return false;
+    float wx[kMaxTaps], wy[kMaxTaps];
+    int64_t x0, y0;
+    const int nx = axisTaps(axisFor(primary, secondary, m.su), m.u, x0, wx);
+    const int ny = axisTaps(axisFor(primary, secondary, m.sv), m.v, y0, wy);
+    filterAny(s, x0, nx, wx, y0, ny, wy, acc);
+    return true;
+}
+
+int checkImages(const Image* out, const Image* in, const char* name) {
+    if (!out || !in) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null image");
+    if (!IsChannelMaskValid(out->channels) || !IsChannelMaskValid(in->channels))
+        return SetError(ERROR_INVALID_CHANNEL_MASK, std::string(name) + ": invalid channel mask");
+    if ((!out->pixelPtr && out->width() && out->height() && out->channels) ||
+        (!in->pixelPtr && in->width() && in->height() && in->channels))
+        return SetError(ERROR_NULL_IMAGE, std::string(name) + ": image has no pixel memory");
+    return ERROR_NONE;
+}
+
+// Bounding box of the corners of r mapped through m (false if any lies
+// behind the projection centre).
+bool mapRect(const M33& m, const UTIL::Rect& r, float& x0, float& y0, float& x1, float& y1,
+             float& maxSu, float& maxSv) {
+    x0 = y0 = 1e30f;
+    x1 = y1 = -1e30f;
+    maxSu = maxSv = 0.0f;
+    const float xs[2] = {float(r.xmin), float(r.xmax)}, ys[2] = {float(r.ymin), float(r.ymax)};
+    for (float x : xs)
+        for (float y : ys) {
+            Mapped p;
+            if (!mapPoint(m, x, y, p)) return false;
+            x0 = std::min(x0, p.u), x1 = std::max(x1, p.u);
+            y0 = std::min(y0, p.v), y1 = std::max(y1, p.v);
+            maxSu = std::max(maxSu, p.su), maxSv = std::max(maxSv, p.sv);
+        }
+    return true;
+}
+
+UTIL::Rect grownBox(float x0, float y0, float x1, float y1, int64_t gx, int64_t gy) {
+    const float limit = float(UTIL::Rect::INFINITE_EXTENT);
+    auto clampToInt = [&](float v) { return static_cast<int64_t>(std::clamp(v, -limit, limit)); };
+    return UTIL::Rect(clampToInt(std::floor(x0)) - gx, clampToInt(std::floor(y0)) - gy,
+                      clampToInt(std::ceil(x1)) + gx, clampToInt(std::ceil(y1)) + gy);
+}
+
+}  // namespace
+
+UTIL::Rect GetRequiredTransformInputRect(const M33& inverse, KernelType primary,
+                                         KernelType secondary, const UTIL::Rect& outputRect) {
+    if (outputRect.isNull()) return UTIL::Rect();
+    float x0, y0, x1, y1, su, sv;
+    if (!mapRect(inverse, outputRect, x0, y0, x1, y1, su, sv)) return UTIL::Rect::infinite();
+    return grownBox(x0, y0, x1, y1, reach(axisFor(primary, secondary, su)),
+                    reach(axisFor(primary, secondary, sv)));
+}
+
+UTIL::Rect GetTransformedOutputRect(const M33& m, KernelType primary, KernelType secondary,
+                                    const UTIL::Rect& inputRect) {
+    if (inputRect.isNull()) return UTIL::Rect();
+    M33 inverse;
+    if (!invert(m, inverse)) return UTIL::Rect();
+    // The input's pixels reach as far as the filter of the inverse reads:
+    // grow the input by that reach, then map it forward.
+    float x0, y0, x1, y1, su, sv;
+    const UTIL::Rect probe = inputRect;
+    if (!mapRect(m, probe, x0, y0, x1, y1, su, sv)) return UTIL::Rect::infinite();
+    const UTIL::Rect outBox = grownBox(x0, y0, x1, y1, 0, 0);
+    float ix0, iy0, ix1, iy1, isu, isv;
+    if (!mapRect(inverse, outBox, ix0, iy0, ix1, iy1, isu, isv)) return UTIL::Rect::infinite();
+    const int64_t gx = reach(axisFor(primary, secondary, isu)),
+                  gy = reach(axisFor(primary, secondary, isv));
+    const UTIL::Rect grown = inputRect.grown(gx, gy);
+    if (!mapRect(m, grown, x0, y0, x1, y1, su, sv)) return UTIL::Rect::infinite();
+    return grownBox(x0, y0, x1, y1, 1, 1);
+}
+
+int ProjTransformImage(const Image* out, const Image* in, const M33& m, KernelType primary,
+                       KernelType secondary, const Imath::Color4<float>& background) {
+    if (int err = checkImages(out, in, "ProjTransformImage")) return err;
+    M33 inverse;
+    if (!invert(m, inverse))
+        return SetError(ERROR_INVALID_ARGUMENT, "ProjTransformImage: singular matrix");
+    const Source source(in, background);
+    const ChannelMap map(out->channels, in->channels);
+    const int64_t pixelBytes = GetPixelBytes(out->channels);
+    float acc[NUM_KNOWN_CHANNELS], bg[NUM_KNOWN_CHANNELS];
+    std::memcpy(bg, source.background, sizeof bg);
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            const bool hit = samplePoint(source, inverse, primary, secondary, float(x) + 0.5f,
+                                         float(y) + 0.5f, acc);
+            map.write(GetPixelAddress(out, x, y, pixelBytes), hit ? acc : bg);
+        }
+    return ERROR_NONE;
+}
+
+namespace {
+
+// Weights for one axis of an affine map: the footprint is the same at every
+// pixel, so the taps depend only on the sample's phase within a pixel. One
+// contiguous table, `stride` weights a phase.
+class PhaseTable {
+public:
+    explicit PhaseTable(const Axis& axis) {
+        std::vector<std::vector<float>> rows;
+        for (int p = 0; p < kPhases; ++p) {
+            // A sample at c = 0.5 + p / kPhases: phase 0 is a pixel centre
+            // exactly, so whole-pixel moves stay exact.
+            float w[kMaxTaps];
+            int64_t first;
+            const float c = 0.5f + float(p) / float(kPhases);
+            const int n = axisTaps(axis, c, first, w);
+            m_first.push_back(first);
+            m_counts.push_back(n);
+            rows.emplace_back(w, w + n);
+            m_stride = std::max(m_stride, n);
+        }
+        m_weights.assign(static_cast<size_t>(kPhases * m_stride), 0.0f);
+        for (int p = 0; p < kPhases; ++p)
+            std::copy(rows[p].begin(), rows[p].end(), m_weights.begin() + p * m_stride);
+    }
+    // Taps for a sample at continuous coordinate c.
+    int taps(float c, int64_t& first, const float*& w) const {
+        const float shifted = c - 0.5f;
+        float base = std::floor(shifted);
+        int phase = static_cast<int>(std::nearbyint((shifted - base) * kPhases));
+        if (phase == kPhases) {  // rounds up to the next pixel centre
+            phase = 0;
+            base += 1.0f;
+        }
+        first = static_cast<int64_t>(base) + m_first[static_cast<size_t>(phase)];
+        w = m_weights.data() + phase * m_stride;
+        return m_counts[static_cast<size_t>(phase)];
+    }
+
+private:
+    std::vector<int64_t> m_first;
+    std::vector<int> m_counts;
+    std::vector<float> m_weights;
+    int m_stride = 1;
+};
+
+// Four floats as one register: RGBA pixels filtered a whole pixel at a time.
+typedef float Float4 __attribute__((vector_size(16)));
+
+inline Float4 load4(const float* p) {
+    Float4 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+class AffineTransform : public UnaryOperation {
+public:
+    AffineTransform(const M33& inverse, const Axis& ax, const Axis& ay,
+                    const Imath::Color4<float>& bg)
+        : m_inverse(inverse), m_x(ax), m_y(ay), m_background(bg) {}
+
+    int apply(const Image* out, const Image* in) const override {
+        if (int err = checkImages(out, in, "AffineTransform")) return err;
+        const Source source(in, m_background);
+        const ChannelMap map(out->channels, in->channels);
+        const int64_t pixelBytes = GetPixelBytes(out->channels);
+        const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
+        const M33& mi = m_inverse;
+        float acc[NUM_KNOWN_CHANNELS];
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            const float py = float(y) + 0.5f;
+            float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
+            for (int64_t x = out->x1; x < out->x2; ++x, dst += map.count) {
+                // Computed from the pixel's own coordinates, never
+                // accumulated along the row: a pixel gets the same value in
+                // any tile.
+                const float px = float(x) + 0.5f;
+                const float u = px * mi[0][0] + py * mi[1][0] + mi[2][0];
+                const float v = px * mi[0][1] + py * mi[1][1] + mi[2][1];
+                int64_t x0, y0;
+                const float *wx, *wy;
+                const int nx = m_x.taps(u, x0, wx), ny = m_y.taps(v, y0, wy);
+                if (!source.overlaps(x0, y0, nx, ny)) {
+                    map.write(dst, source.background);  // wholly outside the input
+                    continue;
+                }
+                if (rgba && source.contains(x0, y0, nx, ny)) {
+                    Float4 total = {0, 0, 0, 0};
+                    const float* rowPtr = GetPixelAddress(in, x0, y0, 16);
+                    for (int j = 0; j < ny; ++j, rowPtr += in->rowBytes / 4) {
+                        Float4 row = {0, 0, 0, 0};
+                        for (int i = 0; i < nx; ++i) row += wx[i] * load4(rowPtr + 4 * i);
+                        total += wy[j] * row;
+                    }
+                    std::memcpy(dst, &total, sizeof total);
+                    continue;
+                }
+                filterAny(source, x0, nx, wx, y0, ny, wy, acc);
+                map.write(dst, acc);
+            }
+        }
+        return ERROR_NONE;
+    }
+
+private:
+    M33 m_inverse;
+    PhaseTable m_x, m_y;
+    Imath::Color4<float> m_background;
+};
+
+class MotionBlurTransform : public UnaryOperation {
+public:
+    MotionBlurTransform(std::vector<M33> inverses, std::vector<std::vector<size_t>> sets,
+                        KernelType primary, KernelType secondary, const Imath::Color4<float>& bg)
+        : m_inverses(std::move(inverses)), m_sets(std::move(sets)), m_primary(primary),
+          m_secondary(secondary), m_background(bg) {
+        // Without index sets, every pixel averages every matrix.
+        for (size_t i = 0; i < m_inverses.size(); ++i) m_all.push_back(i);
+    }
+
+    int apply(const Image* out, const Image* in) const override {
+        if (int err = checkImages(out, in, "MotionBlurTransform")) return err;
+        const Source source(in, m_background);
+        const ChannelMap map(out->channels, in->channels);
+        const int64_t pixelBytes = GetPixelBytes(out->channels);
+        float acc[NUM_KNOWN_CHANNELS], sum[NUM_KNOWN_CHANNELS];
+        for (int64_t y = out->y1; y < out->y2; ++y)
+            for (int64_t x = out->x1; x < out->x2; ++x) {
+                const std::vector<size_t>& set = m_sets.empty() ? m_all : setFor(x, y);
+                std::fill(sum, sum + source.n, 0.0f);
+                for (size_t index : set) {
+                    const bool hit = index < m_inverses.size() &&
+                                     samplePoint(source, m_inverses[index], m_primary, m_secondary,
+                                                 float(x) + 0.5f, float(y) + 0.5f, acc);
+                    const float* value = hit ? acc : source.background;
+                    for (int c = 0; c < source.n; ++c) sum[c] += value[c];
+                }
+                const float scale = set.empty() ? 0.0f : 1.0f / float(set.size());
+                for (int c = 0; c < source.n; ++c) sum[c] *= scale;
+                map.write(GetPixelAddress(out, x, y, pixelBytes), sum);
+            }
+        return ERROR_NONE;
+    }
+
+private:
+    // The set of a pixel depends on its coordinates only.
+    const std::vector<size_t>& setFor(int64_t x, int64_t y) const {
+        const uint64_t h = (static_cast<uint64_t>(x) * 73856093u) ^ (static_cast<uint64_t>(y) * 19349663u);
+        return m_sets[static_cast<size_t>((h ^ (h >> 17)) % m_sets.size())];
+    }
+
+    std::vector<M33> m_inverses;
+    std::vector<std::vector<size_t>> m_sets;
+    std::vector<size_t> m_all;
+    KernelType m_primary, m_secondary;
+    Imath::Color4<float> m_background;
+};
+
+}  // namespace
+
+UnaryOperation* createAffineTransformFunction(const UTIL::Rect&, const M33& m, KernelType primary,
+                                              KernelType secondary,
+                                              const Imath::Color4<float>& background) {
+    M33 inverse;
+    if (!invert(m, inverse)) return nullptr;
+    const float su = std::sqrt(inverse[0][0] * inverse[0][0] + inverse[1][0] * inverse[1][0]);
+    const float sv = std::sqrt(inverse[0][1] * inverse[0][1] + inverse[1][1] * inverse[1][1]);
+    return new AffineTransform(inverse, axisFor(primary, secondary, su),
+                               axisFor(primary, secondary, sv), background);
+}
+
+UnaryOperation* createMotionBlurTransformFunction(const std::vector<M33>& matrices,
+                                                  const std::vector<std::vector<size_t>>& indexSets,
+                                                  KernelType primary, KernelType secondary,
+                                                  const Imath::Color4<float>& background) {
+    std::vector<M33> inverses;
+    for (const M33& m : matrices) {
+        M33 inverse;
+        inverses.push_back(invert(m, inverse) ? inverse : M33());
+    }
+    return new MotionBlurTransform(std::move(inverses), indexSets, primary, secondary, background);
+}
+
+}  // namespace IMGLIB
