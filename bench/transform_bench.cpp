@@ -49,8 +49,8 @@ void BM_RotateKernel(benchmark::State& state) {
         UTIL::Rect(0, 0, kWidth, kHeight), rotation(), IMGLIB::KERNEL_CATMULL_ROM,
         IMGLIB::KERNEL_CATMULL_ROM, Color(0, 0, 0, 0)));
     for (auto _ : state) op->apply(&out.image, &source().image);
-    state.counters["Mpix/s/thread"] =
-        benchmark::Counter(kWidth * kHeight / 1e6 * double(state.iterations()), benchmark::Counter::kIsRate);
+    state.counters["Mpix/s/thread"] = benchmark::Counter(
+        kWidth * kHeight / 1e6 * double(state.iterations()), benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_RotateKernel)->UseRealTime()->Unit(benchmark::kMillisecond);
 
@@ -76,12 +76,13 @@ void BM_RotatePipeline(benchmark::State& state) {
     RenderManager::SetMaxImageMemory(4096);
     HomTransformParams params;
     params.useAffine = true;
-    const TaskPtr graph = createHomTransformTask("rotate", 0, params, {rotation()}, TaskPtr(new MemorySource));
+    const TaskPtr graph =
+        createHomTransformTask("rotate", 0, params, {rotation()}, TaskPtr(new MemorySource));
     const RenderObserverPtr observer(new NullObserver);
     for (auto _ : state)
-        RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight),
-                                                 IMGLIB::CHANNELS_RGBA)},
-                              observer, nullptr, true, RENDERTYPE_BATCH);
+        RenderManager::Render(
+            {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},
+            observer, nullptr, true, RENDERTYPE_BATCH);
     state.counters["Mpix/s/thread"] = benchmark::Counter(
         kWidth * kHeight / 1e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
     RenderManager::setSpeculativeCachingEnable(true);

@@ -58,12 +58,17 @@ float blackmanHarris(float x) {
 float GetKernelWidth(KernelType kernel) {
     switch (kernel) {
         case KERNEL_NEAREST:
-        case KERNEL_BOX: return 1.0f;
-        case KERNEL_TRIANGLE: return 2.0f;
+        case KERNEL_BOX:
+            return 1.0f;
+        case KERNEL_TRIANGLE:
+            return 2.0f;
         case KERNEL_GAUSSIAN:
-        case KERNEL_BLACKMAN_HARRIS: return 3.0f;
-        case KERNEL_LANCZOS3: return 6.0f;
-        default: return 4.0f;
+        case KERNEL_BLACKMAN_HARRIS:
+            return 3.0f;
+        case KERNEL_LANCZOS3:
+            return 6.0f;
+        default:
+            return 4.0f;
     }
 }
 
@@ -73,14 +78,22 @@ float EvalKernel(KernelType kernel, float x, float width) {
     const float t = x / half;  // [-1, 1]
     switch (kernel) {
         case KERNEL_NEAREST:
-        case KERNEL_BOX: return 1.0f;
-        case KERNEL_TRIANGLE: return 1.0f - std::fabs(t);
-        case KERNEL_GAUSSIAN: return std::exp(-2.0f * t * t);
-        case KERNEL_CATMULL_ROM: return cubic(2.0f * t, 0.0f, 0.5f);
-        case KERNEL_MITCHELL: return cubic(2.0f * t, 1.0f / 3.0f, 1.0f / 3.0f);
-        case KERNEL_LANCZOS3: return lanczos3(3.0f * t);
-        case KERNEL_BLACKMAN_HARRIS: return blackmanHarris(t);
-        case KERNEL_BSPLINE: return bspline(2.0f * t);
+        case KERNEL_BOX:
+            return 1.0f;
+        case KERNEL_TRIANGLE:
+            return 1.0f - std::fabs(t);
+        case KERNEL_GAUSSIAN:
+            return std::exp(-2.0f * t * t);
+        case KERNEL_CATMULL_ROM:
+            return cubic(2.0f * t, 0.0f, 0.5f);
+        case KERNEL_MITCHELL:
+            return cubic(2.0f * t, 1.0f / 3.0f, 1.0f / 3.0f);
+        case KERNEL_LANCZOS3:
+            return lanczos3(3.0f * t);
+        case KERNEL_BLACKMAN_HARRIS:
+            return blackmanHarris(t);
+        case KERNEL_BSPLINE:
+            return bspline(2.0f * t);
     }
     return 0.0f;
 }

@@ -10,15 +10,15 @@
 namespace IMGLIB {
 
 enum KernelType : int32_t {
-    KERNEL_NEAREST = 0,     // the nearest pixel (width 1, a box when minifying)
-    KERNEL_BOX = 1,         // width 1
-    KERNEL_TRIANGLE = 2,    // bilinear; width 2
-    KERNEL_GAUSSIAN = 3,    // exp(-2 (2x / width)^2): sigma = width / 4; width 3
-    KERNEL_CATMULL_ROM = 4, // bicubic, B = 0, C = 1/2; width 4
-    KERNEL_MITCHELL = 5,    // bicubic, B = C = 1/3; width 4
-    KERNEL_LANCZOS3 = 6,    // width 6
+    KERNEL_NEAREST = 0,          // the nearest pixel (width 1, a box when minifying)
+    KERNEL_BOX = 1,              // width 1
+    KERNEL_TRIANGLE = 2,         // bilinear; width 2
+    KERNEL_GAUSSIAN = 3,         // exp(-2 (2x / width)^2): sigma = width / 4; width 3
+    KERNEL_CATMULL_ROM = 4,      // bicubic, B = 0, C = 1/2; width 4
+    KERNEL_MITCHELL = 5,         // bicubic, B = C = 1/3; width 4
+    KERNEL_LANCZOS3 = 6,         // width 6
     KERNEL_BLACKMAN_HARRIS = 7,  // width 3
-    KERNEL_BSPLINE = 8,     // cubic B-spline; width 4
+    KERNEL_BSPLINE = 8,          // cubic B-spline; width 4
 };
 using FilterType = KernelType;
 constexpr int KERNEL_COUNT = 9;

@@ -33,7 +33,9 @@ Axis axisFor(KernelType primary, KernelType secondary, float scale) {
 }
 
 // How far from a sample position the filter reads, in whole pixels.
-int64_t reach(const Axis& a) { return static_cast<int64_t>(std::ceil(a.radius())) + 1; }
+int64_t reach(const Axis& a) {
+    return static_cast<int64_t>(std::ceil(a.radius())) + 1;
+}
 
 // Taps for a sample at continuous coordinate c (pixel i has its centre at
 // i + 0.5): the first tap's index, normalised weights, their count.
@@ -62,7 +64,9 @@ int axisTaps(const Axis& a, float c, int64_t& first, float* w) {
 // background colour in the input's layout outside it.
 struct Source {
     Source(const Image* image, const Imath::Color4<float>& bg)
-        : in(image), n(GetChannelCount(image->channels)), pixelBytes(GetPixelBytes(image->channels)) {
+        : in(image),
+          n(GetChannelCount(image->channels)),
+          pixelBytes(GetPixelBytes(image->channels)) {
         for (int c = 0; c < NUM_KNOWN_CHANNELS; ++c) background[c] = 0.0f;
         for (int c = 0; c < 4; ++c) {
             const int slot = GetChannelIndex(image->channels, uint64_t(1) << c);
@@ -113,10 +117,18 @@ void filter(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0, in
 void filterAny(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0, int ny,
                const float* wy, float* acc) {
     switch (s.n) {
-        case 4: filter<4>(s, x0, nx, wx, y0, ny, wy, acc); break;
-        case 3: filter<3>(s, x0, nx, wx, y0, ny, wy, acc); break;
-        case 1: filter<1>(s, x0, nx, wx, y0, ny, wy, acc); break;
-        default: filter<0>(s, x0, nx, wx, y0, ny, wy, acc); break;
+        case 4:
+            filter<4>(s, x0, nx, wx, y0, ny, wy, acc);
+            break;
+        case 3:
+            filter<3>(s, x0, nx, wx, y0, ny, wy, acc);
+            break;
+        case 1:
+            filter<1>(s, x0, nx, wx, y0, ny, wy, acc);
+            break;
+        default:
+            filter<0>(s, x0, nx, wx, y0, ny, wy, acc);
+            break;
     }
 }
 
@@ -313,6 +325,28 @@ inline Float4 load4(const float* p) {
     return v;
 }
 
+// One RGBA pixel from an nx x ny block of taps; NX fixed lets the compiler
+// unroll the row (0: any count).
+template <int NX>
+inline Float4 filterRGBA(const float* rowPtr, int64_t rowFloats, int nx, const float* wx, int ny,
+                         const float* wy) {
+    Float4 total = {0, 0, 0, 0};
+    for (int j = 0; j < ny; ++j, rowPtr += rowFloats) {
+        Float4 row = {0, 0, 0, 0};
+        const int n = NX > 0 ? NX : nx;
+        for (int i = 0; i < n; ++i) row += wx[i] * load4(rowPtr + 4 * i);
+        total += wy[j] * row;
+    }
+    return total;
+}
+
+class AffineTransform;
+
+// The rows of an affine transform. Built twice: for the baseline and for
+// machines with AVX2 and FMA (chosen when the library loads).
+__attribute__((target_clones("arch=x86-64-v3", "default"))) void affineRows(
+    const AffineTransform& t, const Image* out, const Image* in);
+
 class AffineTransform : public UnaryOperation {
 public:
     AffineTransform(const M33& inverse, const Axis& ax, const Axis& ay,
@@ -321,59 +355,74 @@ public:
 
     int apply(const Image* out, const Image* in) const override {
         if (int err = checkImages(out, in, "AffineTransform")) return err;
-        const Source source(in, m_background);
-        const ChannelMap map(out->channels, in->channels);
-        const int64_t pixelBytes = GetPixelBytes(out->channels);
-        const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
-        const M33& mi = m_inverse;
-        float acc[NUM_KNOWN_CHANNELS];
-        for (int64_t y = out->y1; y < out->y2; ++y) {
-            const float py = float(y) + 0.5f;
-            float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
-            for (int64_t x = out->x1; x < out->x2; ++x, dst += map.count) {
-                // Computed from the pixel's own coordinates, never
-                // accumulated along the row: a pixel gets the same value in
-                // any tile.
-                const float px = float(x) + 0.5f;
-                const float u = px * mi[0][0] + py * mi[1][0] + mi[2][0];
-                const float v = px * mi[0][1] + py * mi[1][1] + mi[2][1];
-                int64_t x0, y0;
-                const float *wx, *wy;
-                const int nx = m_x.taps(u, x0, wx), ny = m_y.taps(v, y0, wy);
-                if (!source.overlaps(x0, y0, nx, ny)) {
-                    map.write(dst, source.background);  // wholly outside the input
-                    continue;
-                }
-                if (rgba && source.contains(x0, y0, nx, ny)) {
-                    Float4 total = {0, 0, 0, 0};
-                    const float* rowPtr = GetPixelAddress(in, x0, y0, 16);
-                    for (int j = 0; j < ny; ++j, rowPtr += in->rowBytes / 4) {
-                        Float4 row = {0, 0, 0, 0};
-                        for (int i = 0; i < nx; ++i) row += wx[i] * load4(rowPtr + 4 * i);
-                        total += wy[j] * row;
-                    }
-                    std::memcpy(dst, &total, sizeof total);
-                    continue;
-                }
-                filterAny(source, x0, nx, wx, y0, ny, wy, acc);
-                map.write(dst, acc);
-            }
-        }
+        affineRows(*this, out, in);
         return ERROR_NONE;
     }
 
-private:
     M33 m_inverse;
     PhaseTable m_x, m_y;
     Imath::Color4<float> m_background;
 };
 
+void affineRows(const AffineTransform& t, const Image* out, const Image* in) {
+    const Source source(in, t.m_background);
+    const ChannelMap map(out->channels, in->channels);
+    const int64_t pixelBytes = GetPixelBytes(out->channels);
+    const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
+    const int64_t rowFloats = in->rowBytes / 4;
+    const M33& mi = t.m_inverse;
+    float acc[NUM_KNOWN_CHANNELS];
+    for (int64_t y = out->y1; y < out->y2; ++y) {
+        const float py = float(y) + 0.5f;
+        float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
+        for (int64_t x = out->x1; x < out->x2; ++x, dst += map.count) {
+            // Computed from the pixel's own coordinates, never accumulated
+            // along the row: a pixel gets the same value in any tile.
+            const float px = float(x) + 0.5f;
+            const float u = px * mi[0][0] + py * mi[1][0] + mi[2][0];
+            const float v = px * mi[0][1] + py * mi[1][1] + mi[2][1];
+            int64_t x0, y0;
+            const float *wx, *wy;
+            const int nx = t.m_x.taps(u, x0, wx), ny = t.m_y.taps(v, y0, wy);
+            if (!source.overlaps(x0, y0, nx, ny)) {
+                map.write(dst, source.background);  // wholly outside the input
+                continue;
+            }
+            if (rgba && source.contains(x0, y0, nx, ny)) {
+                const float* rowPtr = GetPixelAddress(in, x0, y0, 16);
+                Float4 total;
+                switch (nx) {
+                    case 4:
+                        total = filterRGBA<4>(rowPtr, rowFloats, nx, wx, ny, wy);
+                        break;
+                    case 5:
+                        total = filterRGBA<5>(rowPtr, rowFloats, nx, wx, ny, wy);
+                        break;
+                    case 6:
+                        total = filterRGBA<6>(rowPtr, rowFloats, nx, wx, ny, wy);
+                        break;
+                    default:
+                        total = filterRGBA<0>(rowPtr, rowFloats, nx, wx, ny, wy);
+                        break;
+                }
+                std::memcpy(dst, &total, sizeof total);
+                continue;
+            }
+            filterAny(source, x0, nx, wx, y0, ny, wy, acc);
+            map.write(dst, acc);
+        }
+    }
+}
+
 class MotionBlurTransform : public UnaryOperation {
 public:
     MotionBlurTransform(std::vector<M33> inverses, std::vector<std::vector<size_t>> sets,
                         KernelType primary, KernelType secondary, const Imath::Color4<float>& bg)
-        : m_inverses(std::move(inverses)), m_sets(std::move(sets)), m_primary(primary),
-          m_secondary(secondary), m_background(bg) {
+        : m_inverses(std::move(inverses)),
+          m_sets(std::move(sets)),
+          m_primary(primary),
+          m_secondary(secondary),
+          m_background(bg) {
         // Without index sets, every pixel averages every matrix.
         for (size_t i = 0; i < m_inverses.size(); ++i) m_all.push_back(i);
     }
@@ -405,7 +454,8 @@ public:
 private:
     // The set of a pixel depends on its coordinates only.
     const std::vector<size_t>& setFor(int64_t x, int64_t y) const {
-        const uint64_t h = (static_cast<uint64_t>(x) * 73856093u) ^ (static_cast<uint64_t>(y) * 19349663u);
+        const uint64_t h =
+            (static_cast<uint64_t>(x) * 73856093u) ^ (static_cast<uint64_t>(y) * 19349663u);
         return m_sets[static_cast<size_t>((h ^ (h >> 17)) % m_sets.size())];
     }
 

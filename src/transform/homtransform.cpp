@@ -32,8 +32,7 @@ TaskPtr takeCaching(TaskPtr wrapper, const TaskPtr& wrapped) {
 
 TaskPtr createHomTransformTask(const std::string& name, float time,
                                const HomTransformParams& params,
-                               const std::vector<Imath::Matrix33<float>>& matrices,
-                               TaskPtr input) {
+                               const std::vector<Imath::Matrix33<float>>& matrices, TaskPtr input) {
     if (matrices.empty())
         throw std::invalid_argument(name + ": createHomTransformTask needs at least one matrix");
     const bool motion = matrices.size() > 1 && !allEqual(matrices);
@@ -42,9 +41,9 @@ TaskPtr createHomTransformTask(const std::string& name, float time,
                                     std::to_string(params.motionSamplesPerStratum));
 
     if (input && params.filterInCompressedRange)
-        input = takeCaching(
-            createStandardCompressRangeTask(input->getName() + ".compressRange", input->getTime(), input),
-            input);
+        input = takeCaching(createStandardCompressRangeTask(input->getName() + ".compressRange",
+                                                            input->getTime(), input),
+                            input);
 
     TaskPtr transform;
     if (motion)
@@ -52,8 +51,8 @@ TaskPtr createHomTransformTask(const std::string& name, float time,
             name, time, matrices, params.primaryKernel, params.secondaryKernel,
             params.motionSamplesPerStratum, input));
     else if (matrices.size() == 1 && params.useAffine)
-        transform = TaskPtr(new Private::AffineTransformTask(name, time, matrices[0], params.primaryKernel,
-                                                             params.secondaryKernel, input));
+        transform = TaskPtr(new Private::AffineTransformTask(
+            name, time, matrices[0], params.primaryKernel, params.secondaryKernel, input));
     else
         transform = TaskPtr(new Private::ProjectiveTransformTask(
             name, time, matrices[0], params.primaryKernel, params.secondaryKernel, input));

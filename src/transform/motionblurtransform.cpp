@@ -73,8 +73,8 @@ std::vector<std::vector<size_t>> MotionBlurTransformTask::buildIndexSets() const
     for (std::vector<size_t>& set : sets)
         for (size_t k = 0; k < K; ++k) {
             uint64_t r = 0;
-            if (S > 1)
-                do r = generator() / divisor;
+            if (S > 1) do
+                    r = generator() / divisor;
                 while (r > S - 1);
             set[k] = static_cast<size_t>(k * S + r);
         }

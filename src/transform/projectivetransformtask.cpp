@@ -41,9 +41,9 @@ void ProjectiveTransformTask::makeInputFormatRequests() {
 
 void ProjectiveTransformTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,
                                                              std::vector<UTIL::Rect>& inputRects) {
-    inputRects.assign(1, IMGLIB::GetRequiredTransformInputRect(m_inverse, m_primary, m_secondary,
-                                                               outputRect)
-                             .intersection(m_inputBounds));
+    inputRects.assign(
+        1, IMGLIB::GetRequiredTransformInputRect(m_inverse, m_primary, m_secondary, outputRect)
+               .intersection(m_inputBounds));
 }
 
 void ProjectiveTransformTask::renderRect(const IMGLIB::Image* output,

@@ -71,7 +71,8 @@ protected:
         renderSerially({RenderOutput{task, rect, IMGLIB::CHANNELS_RGBA, 0}}, observer);
         std::vector<Color> pixels;
         for (int64_t y = rect.ymin; y < rect.ymax; ++y)
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
+            for (int64_t x = rect.xmin; x < rect.xmax; ++x)
+                pixels.push_back(observer->pixel(0, x, y));
         return pixels;
     }
 };
@@ -200,12 +201,14 @@ TEST_F(TransformTest, FactoryRules) {
 
     // Bad input.
     try {
-        createHomTransformTask("singular", 0, HomTransformParams(), {M33(0, 0, 0, 0, 0, 0, 0, 0, 1)}, field);
+        createHomTransformTask("singular", 0, HomTransformParams(),
+                               {M33(0, 0, 0, 0, 0, 0, 0, 0, 1)}, field);
         FAIL();
     } catch (const std::exception& e) {
         EXPECT_STREQ(e.what(), "Cannot invert singular matrix.");
     }
-    EXPECT_THROW(createHomTransformTask("empty", 0, HomTransformParams(), {}, field), std::invalid_argument);
+    EXPECT_THROW(createHomTransformTask("empty", 0, HomTransformParams(), {}, field),
+                 std::invalid_argument);
     HomTransformParams zero;
     zero.motionSamplesPerStratum = 0;
     EXPECT_THROW(createHomTransformTask("zero", 0, zero, {m, other}, field), std::invalid_argument);
@@ -217,7 +220,8 @@ TEST_F(TransformTest, FactoryRules) {
         EXPECT_EQ(e.source(), "transform/projectivetransformtask");
     }
     // Singular matrices in a motion blur stand for identity.
-    EXPECT_NO_THROW(createHomTransformTask("mb", 0, HomTransformParams(), {m, M33(0, 0, 0, 0, 0, 0, 0, 0, 0)}, field));
+    EXPECT_NO_THROW(createHomTransformTask("mb", 0, HomTransformParams(),
+                                           {m, M33(0, 0, 0, 0, 0, 0, 0, 0, 0)}, field));
 }
 
 TEST_F(TransformTest, IndexSetsDrawOneMatrixPerStratumReproducibly) {
@@ -243,7 +247,7 @@ TEST_F(TransformTest, IndexSetsDrawOneMatrixPerStratumReproducibly) {
     }
     EXPECT_EQ(first, (std::set<size_t>{0, 1}));
     EXPECT_EQ(second, (std::set<size_t>{2, 3}));  // matrix 4 is never used
-    EXPECT_EQ(blur->buildIndexSets(), sets);     // the same on every run
+    EXPECT_EQ(blur->buildIndexSets(), sets);      // the same on every run
 }
 
 TEST_F(TransformTest, RequiredInputOutsideTheDataIsEmpty) {
@@ -268,23 +272,27 @@ TEST_F(TransformTest, IdentityTranslationAndQuarterTurnsAreExact) {
         for (bool affine : {false, true}) {
             params.useAffine = affine;
             RenderManager::ClearRenderTaskCache();
-            EXPECT_EQ(render(createHomTransformTask("id", 0, params, {M33()}, checker), rect, 16), original)
+            EXPECT_EQ(render(createHomTransformTask("id", 0, params, {M33()}, checker), rect, 16),
+                      original)
                 << "kernel " << k;
             // Moved by (3, -2): pixel (x, y) comes from (x - 3, y + 2).
             M33 move;
             move.setTranslation(Imath::V2f(3, -2));
             const std::vector<Color> moved =
-                render(createHomTransformTask("move", 0, params, {move}, checker), Rect(3, -2, 43, 28), 16);
+                render(createHomTransformTask("move", 0, params, {move}, checker),
+                       Rect(3, -2, 43, 28), 16);
             EXPECT_EQ(moved, original) << "kernel " << k;
             // A quarter turn about the origin: (x, y) -> (-y, x) for row vectors.
             const M33 quarter(0, 1, 0, -1, 0, 0, 0, 0, 1);
             const std::vector<Color> turned =
-                render(createHomTransformTask("turn", 0, params, {quarter}, checker), Rect(-30, 0, 0, 40), 16);
+                render(createHomTransformTask("turn", 0, params, {quarter}, checker),
+                       Rect(-30, 0, 0, 40), 16);
             for (int64_t y = 0; y < 40; ++y)
                 for (int64_t x = -30; x < 0; ++x) {
                     // Output pixel (x, y) has its centre at the input point (y, -x - 1) + 0.5.
                     const Color want = original[static_cast<size_t>((-x - 1) * 40 + y)];
-                    ASSERT_EQ(turned[static_cast<size_t>(y * 30 + (x + 30))], want) << "kernel " << k;
+                    ASSERT_EQ(turned[static_cast<size_t>(y * 30 + (x + 30))], want)
+                        << "kernel " << k;
                 }
         }
     }
@@ -298,13 +306,15 @@ TEST_F(TransformTest, AgreesWithOpenImageIOWarp) {
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x)
             for (int c = 0; c < 4; ++c)
-                src[(y * W + x) * 4 + c] = 0.5f + 0.4f * std::sin(0.2f * x + 0.3f * c) * std::cos(0.15f * y);
+                src[(y * W + x) * 4 + c] =
+                    0.5f + 0.4f * std::sin(0.2f * x + 0.3f * c) * std::cos(0.15f * y);
     class Buffer : public ConstantTask {
     public:
         explicit Buffer(const std::vector<float>& pixels)
             : ConstantTask("buffer", Color(0, 0, 0, 0), Rect(0, 0, W, H)), pixels(pixels) {}
         std::string getTypeString() override { return "Buffer"; }
-        void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
+        void renderRect(const IMGLIB::Image* out,
+                        const std::vector<const IMGLIB::Image*>&) override {
             for (int64_t y = out->y1; y < out->y2; ++y)
                 for (int64_t x = out->x1; x < out->x2; ++x)
                     IMGLIB::SetPixel(out, x, y, &pixels[static_cast<size_t>((y * W + x) * 4)]);
@@ -321,7 +331,8 @@ TEST_F(TransformTest, AgreesWithOpenImageIOWarp) {
         params.primaryKernel = params.secondaryKernel = kernel;
         RenderManager::ClearRenderTaskCache();
         const Rect inner(0, 0, 100, 100);
-        const std::vector<Color> got = render(createHomTransformTask("t", 0, params, {m}, buffer), inner, 16);
+        const std::vector<Color> got =
+            render(createHomTransformTask("t", 0, params, {m}, buffer), inner, 16);
         float worst = 0;
         int compared = 0;
         const M33 inverse = m.inverse();
