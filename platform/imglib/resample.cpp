@@ -341,11 +341,7 @@ inline Float4 filterRGBA(const float* rowPtr, int64_t rowFloats, int nx, const f
 }
 
 class AffineTransform;
-
-// The rows of an affine transform. Built twice: for the baseline and for
-// machines with AVX2 and FMA (chosen when the library loads).
-__attribute__((target_clones("arch=x86-64-v3", "default"))) void affineRows(
-    const AffineTransform& t, const Image* out, const Image* in);
+void affineRows(const AffineTransform& t, const Image* out, const Image* in);
 
 class AffineTransform : public UnaryOperation {
 public:
@@ -364,7 +360,10 @@ public:
     Imath::Color4<float> m_background;
 };
 
-void affineRows(const AffineTransform& t, const Image* out, const Image* in) {
+// The rows of an affine transform, inlined into two builds below: the
+// baseline, and one for machines with AVX2 and FMA, chosen at run time.
+__attribute__((always_inline)) inline void affineRowsBody(const AffineTransform& t,
+                                                          const Image* out, const Image* in) {
     const Source source(in, t.m_background);
     const ChannelMap map(out->channels, in->channels);
     const int64_t pixelBytes = GetPixelBytes(out->channels);
@@ -412,6 +411,23 @@ void affineRows(const AffineTransform& t, const Image* out, const Image* in) {
             map.write(dst, acc);
         }
     }
+}
+
+void affineRowsBaseline(const AffineTransform& t, const Image* out, const Image* in) {
+    affineRowsBody(t, out, in);
+}
+
+__attribute__((target("avx2,fma"))) void affineRowsAvx2(const AffineTransform& t, const Image* out,
+                                                        const Image* in) {
+    affineRowsBody(t, out, in);
+}
+
+void affineRows(const AffineTransform& t, const Image* out, const Image* in) {
+    static const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    if (avx2)
+        affineRowsAvx2(t, out, in);
+    else
+        affineRowsBaseline(t, out, in);
 }
 
 class MotionBlurTransform : public UnaryOperation {

@@ -259,9 +259,12 @@ void RenderController::finish(const ActiveRenderPtr& render) {
                                 : render->cancelled ? RenderStatus::Cancelled
                                                     : RenderStatus::Success;
     {
+        // The slot frees before the observer hears of the end (it may start
+        // the next render from renderFinished); waiters wait for both.
         std::lock_guard<std::mutex> lock(m_mutex);
         ActiveRenderPtr& slot = render->analysis ? m_analysisRender : m_render;
         if (slot == render) slot.reset();
+        ++m_finishing;
     }
     RenderObserverPtr observer;
     {
@@ -284,6 +287,7 @@ void RenderController::finish(const ActiveRenderPtr& render) {
     }
     render->finishedSignal.notify_all();
     std::lock_guard<std::mutex> lock(m_mutex);
+    --m_finishing;
     m_idle.notify_all();
 }
 
@@ -326,7 +330,7 @@ void RenderController::cancel(bool wait) {
 void RenderController::finishRender() {
     const auto step = std::chrono::microseconds(sleepMicroseconds());
     std::unique_lock<std::mutex> lock(m_mutex);
-    while (m_render || m_analysisRender) m_idle.wait_for(lock, step);
+    while (m_render || m_analysisRender || m_finishing > 0) m_idle.wait_for(lock, step);
 }
 
 bool RenderController::isRenderInProgress() const {

@@ -104,6 +104,7 @@ private:
     std::condition_variable m_idle;
     ActiveRenderPtr m_render;
     ActiveRenderPtr m_analysisRender;
+    int m_finishing = 0;  // renders whose observer is being told of their end
     bool m_analysisStarted = false;
     uint64_t m_analysisJobs = 0;
 };
