@@ -7,6 +7,7 @@
 #include "compositetasks.h"
 #include "exceptions.h"
 #include "expressionimage.h"
+#include "filtertasks.h"
 #include "imagebuffer.h"
 #include "imglib/channels.h"
 #include "imglib/error.h"

@@ -1,0 +1,170 @@
+// The separable blur: one task per pass, and the per-channel merge.
+#include <array>
+
+#include "filtertasks.h"
+#include "imglib/channels.h"
+#include "imglib/fastfilter.h"
+#include "imglib/pixels.h"
+#include "private/imglibcall.h"
+
+namespace TESSERA {
+namespace Private {
+
+// One pass of a separable blur (the other axis has size 0).
+class Blur : public RenderTask {
+public:
+    Blur(const std::string& name, float time, float sizeX, float sizeY, const BlurParams& params,
+         TaskPtr input)
+        : RenderTask(name, time),
+          m_sizeX(sizeX),
+          m_sizeY(sizeY),
+          m_params(params),
+          m_padX(IMGLIB::GetFilterPadding(sizeX)),
+          m_padY(IMGLIB::GetFilterPadding(sizeY)) {
+        registerInputTask(std::move(input));
+    }
+
+protected:
+    std::string getTypeString() override { return "Blur"; }
+    void computeCacheID(CacheIDStream& s) override {
+        s << m_sizeX << "," << m_sizeY << "," << int(m_params.filterX) << ","
+          << int(m_params.filterY) << "," << int(m_params.extendMethod) << ","
+          << m_params.extendFlag << "," << m_params.extendRect;
+    }
+    uint64_t computeOutputChannels() override { return getDefinedInputChannels(0); }
+    UTIL::Region computeOutputDataRegion() override {
+        UTIL::Region region;
+        for (const UTIL::Rect& r : getDefinedInputDataRegion(0).rects())
+            region.add(r.grown(m_padX, m_padY));
+        return region;
+    }
+    void makeInputFormatRequests() override {
+        // Extension needs an edge to start from: the input's data when the
+        // caller named none.
+        UTIL::Rect edge = m_params.extendRect;
+        if (edge.isNull() && m_params.extendMethod != IMGLIB::EXTEND_BACKGROUND)
+            edge = getDefinedInputDataRegion(0).boundingBox();
+        if (edge.isNull() && m_params.extendMethod != IMGLIB::EXTEND_BACKGROUND) {
+            addInputRequest(0, getRequiredOutputChannels());  // no data: nothing to extend
+            return;
+        }
+        addInputRequest(0, getRequiredOutputChannels(), m_params.extendMethod, m_params.extendFlag,
+                        edge);
+    }
+    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                        std::vector<UTIL::Rect>& inputRects) override {
+        inputRects.assign(1, outputRect.grown(m_padX, m_padY));
+    }
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& inputs) override {
+        if (inputs.empty() || !inputs[0]) {
+            const Imath::Color4<float>& bg = getInputBackgroundColor(0);
+            const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
+            checkImglib(IMGLIB::Fill(out, rgba), getNameAtTime());
+            return;
+        }
+        checkImglib(IMGLIB::FastFilter(out, inputs[0], m_params.filterX, m_sizeX, m_params.filterY,
+                                       m_sizeY),
+                    getNameAtTime());
+    }
+
+private:
+    float m_sizeX, m_sizeY;
+    BlurParams m_params;
+    int64_t m_padX, m_padY;
+};
+
+// Channel c of the output from input c (red, green, blue, alpha).
+class FilterChannelMergeTask : public RenderTask {
+public:
+    FilterChannelMergeTask(const std::string& name, float time, const std::array<TaskPtr, 4>& inputs)
+        : RenderTask(name, time) {
+        for (const TaskPtr& input : inputs) registerInputTask(input);
+    }
+
+protected:
+    std::string getTypeString() override { return "BlurChannelMerge"; }
+    void computeCacheID(CacheIDStream&) override {}
+    uint64_t computeOutputChannels() override {
+        uint64_t channels = 0;
+        for (int c = 0; c < 4; ++c) channels |= getDefinedInputChannels(c) & (uint64_t(1) << c);
+        return IMGLIB::ValidateChannelMask(channels);
+    }
+    UTIL::Region computeOutputDataRegion() override {
+        UTIL::Region region;
+        for (size_t c = 0; c < 4; ++c) region.add(getDefinedInputDataRegion(c));
+        return region;
+    }
+    Imath::Color4<float> computeBackgroundColor() override {
+        Imath::Color4<float> bg;
+        for (int c = 0; c < 4; ++c) bg[c] = getInputBackgroundColor(c)[c];
+        return bg;
+    }
+    void makeInputFormatRequests() override {
+        for (int c = 0; c < 4; ++c)
+            addInputRequest(c, getRequiredOutputChannels() & (uint64_t(1) << c));
+    }
+    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                        std::vector<UTIL::Rect>& inputRects) override {
+        inputRects.assign(4, outputRect);
+    }
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& inputs) override {
+        const int64_t pixelBytes = IMGLIB::GetPixelBytes(out->channels);
+        for (int c = 0; c < 4; ++c) {
+            const uint64_t channel = uint64_t(1) << c;
+            const int slot = IMGLIB::GetChannelIndex(out->channels, channel);
+            if (slot < 0) continue;
+            const IMGLIB::Image* in = inputs[static_cast<size_t>(c)];
+            const float bg = getInputBackgroundColor(static_cast<size_t>(c))[c];
+            const int inSlot = in ? IMGLIB::GetChannelIndex(in->channels, channel) : -1;
+            for (int64_t y = out->y1; y < out->y2; ++y) {
+                float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, pixelBytes) + slot;
+                const int n = IMGLIB::GetChannelCount(out->channels);
+                if (inSlot < 0) {
+                    for (int64_t x = 0; x < out->width(); ++x) dst[x * n] = bg;
+                    continue;
+                }
+                const int m = IMGLIB::GetChannelCount(in->channels);
+                const float* src = IMGLIB::GetPixelAddress(in, out->x1, y, 4 * m) + inSlot;
+                for (int64_t x = 0; x < out->width(); ++x) dst[x * n] = src[x * m];
+            }
+        }
+    }
+};
+
+}  // namespace Private
+
+namespace {
+
+TaskPtr separableChain(const std::string& name, float time, float sizeX, float sizeY,
+                       const BlurParams& params, TaskPtr input) {
+    TaskPtr horizontal(new Private::Blur(name + ".horzBlur", time, sizeX, 0.0f, params, input));
+    horizontal->setCaching(false);
+    return TaskPtr(new Private::Blur(name + ".vertBlur", time, 0.0f, sizeY, params, horizontal));
+}
+
+}  // namespace
+
+TaskPtr createBlur(const std::string& name, float time, const PerChannelBlurParameters& params,
+                   TaskPtr input) {
+    const float* scale = params.channelScale;
+    const BlurParams& blur = params.blur;
+    if (scale[0] == scale[1] && scale[1] == scale[2] && scale[2] == scale[3])
+        return separableChain(name, time, blur.sizeX * scale[0], blur.sizeY * scale[0], blur, input);
+    static const char* const kWords[4] = {"red", "green", "blue", "alpha"};
+    std::array<TaskPtr, 4> chains;
+    for (int c = 0; c < 4; ++c) {
+        chains[c] = separableChain(name + "." + kWords[c], time, blur.sizeX * scale[c],
+                                   blur.sizeY * scale[c], blur, input);
+        chains[c]->setCaching(false);
+    }
+    return TaskPtr(new Private::FilterChannelMergeTask(name + ".ChannelMerge", time, chains));
+}
+
+TaskPtr createBlurTask(const std::string& name, float time, const PerChannelBlurParameters& params,
+                       TaskPtr input) {
+    return createBlur(name, time, params, std::move(input));
+}
+
+}  // namespace TESSERA
