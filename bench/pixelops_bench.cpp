@@ -7,36 +7,24 @@
 #include <thread>
 #include <vector>
 
+#include "bench_support.h"
 #include "colortasks.h"
 #include "compositetasks.h"
 #include "imglib/compositeops.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops.h"
-#include "support/serial_render.h"
 
 using namespace TESSERA;
 using Color = Imath::Color4<float>;
 
 namespace {
 
-constexpr int64_t kWidth = 3840, kHeight = 2160;
+using bench::Frame;
+using bench::kHeight;
+using bench::kWidth;
+using bench::MemorySource;
+using bench::NullObserver;
 constexpr double kMegapixels = kWidth * kHeight / 1e6;
-
-// An RGBA float image in memory, rows aligned.
-struct Frame {
-    explicit Frame(float seed) : pixels(static_cast<size_t>(kWidth * kHeight * 4)) {
-        image.channels = IMGLIB::CHANNELS_RGBA;
-        image.x2 = kWidth;
-        image.y2 = kHeight;
-        image.rowBytes = kWidth * 16;
-        image.pixelPtr = pixels.data();
-        for (size_t i = 0; i < pixels.size(); ++i)
-            pixels[i] =
-                (i % 4 == 3) ? float((i / 4) % 97) / 96.0f : seed + float(i % 1013) / 1013.0f;
-    }
-    std::vector<float> pixels;
-    IMGLIB::Image image;
-};
 
 Frame& frameA() {
     static Frame f(0.1f);
@@ -46,24 +34,6 @@ Frame& frameB() {
     static Frame f(0.3f);
     return f;
 }
-
-// Decoded pixels in memory as a graph source: a tile is a copy of its part.
-class MemorySource : public testing::ConstantTask {
-public:
-    MemorySource(const std::string& name, const Frame& frame)
-        : ConstantTask(name, Color(0, 0, 0, 0), UTIL::Rect(0, 0, kWidth, kHeight)), frame(frame) {}
-    std::string getTypeString() override { return "MemorySource"; }
-    void computeCacheID(CacheIDStream& s) override { s << static_cast<const void*>(&frame); }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        IMGLIB::CopyInto(out, &frame.image);
-    }
-    const Frame& frame;
-};
-
-class NullObserver : public RenderObserver {
-public:
-    void tileDone(const ImageBuffer&, const OutputTileID&) override {}
-};
 
 void setRates(benchmark::State& state, int threads) {
     state.counters["Mpix/s/thread"] = benchmark::Counter(

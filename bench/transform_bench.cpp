@@ -5,8 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "bench_support.h"
 #include "imglib/resample.h"
-#include "support/serial_render.h"
 #include "transformtasks.h"
 
 using namespace TESSERA;
@@ -14,20 +14,9 @@ using Color = Imath::Color4<float>;
 
 namespace {
 
-constexpr int64_t kWidth = 3840, kHeight = 2160;
-
-struct Frame {
-    Frame() : pixels(static_cast<size_t>(kWidth * kHeight * 4)) {
-        image.channels = IMGLIB::CHANNELS_RGBA;
-        image.x2 = kWidth;
-        image.y2 = kHeight;
-        image.rowBytes = kWidth * 16;
-        image.pixelPtr = pixels.data();
-        for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float(i % 1009) / 1009.0f;
-    }
-    std::vector<float> pixels;
-    IMGLIB::Image image;
-};
+using bench::Frame;
+using bench::kHeight;
+using bench::kWidth;
 
 Frame& source() {
     static Frame f;
@@ -54,20 +43,6 @@ void BM_RotateKernel(benchmark::State& state) {
 }
 BENCHMARK(BM_RotateKernel)->UseRealTime()->Unit(benchmark::kMillisecond);
 
-class MemorySource : public testing::ConstantTask {
-public:
-    MemorySource() : ConstantTask("frame", Color(0, 0, 0, 0), UTIL::Rect(0, 0, kWidth, kHeight)) {}
-    std::string getTypeString() override { return "MemorySource"; }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        IMGLIB::CopyInto(out, &source().image);
-    }
-};
-
-class NullObserver : public RenderObserver {
-public:
-    void tileDone(const ImageBuffer&, const OutputTileID&) override {}
-};
-
 void BM_RotatePipeline(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(0));
     RenderManager::setRenderThreads(threads);
@@ -76,9 +51,9 @@ void BM_RotatePipeline(benchmark::State& state) {
     RenderManager::SetMaxImageMemory(4096);
     HomTransformParams params;
     params.useAffine = true;
-    const TaskPtr graph =
-        createHomTransformTask("rotate", 0, params, {rotation()}, TaskPtr(new MemorySource));
-    const RenderObserverPtr observer(new NullObserver);
+    const TaskPtr graph = createHomTransformTask(
+        "rotate", 0, params, {rotation()}, TaskPtr(new bench::MemorySource("frame", source())));
+    const RenderObserverPtr observer(new bench::NullObserver);
     for (auto _ : state)
         RenderManager::Render(
             {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},

@@ -45,12 +45,7 @@ Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color
                                           const Imath::Color4<float>& c1) {
     // One pixel whose inputs are both "outside": their colours stand in.
     alignas(16) float pixel[4] = {};
-    Image image;
-    image.channels = CHANNELS_RGBA;
-    image.x2 = 1;
-    image.y2 = 1;
-    image.rowBytes = 16;
-    image.pixelPtr = pixel;
+    const Image image = SinglePixelImage(pixel);
     const float b0[4] = {c0.r, c0.g, c0.b, c0.a}, b1[4] = {c1.r, c1.g, c1.b, c1.a};
     DispatchBinaryOp(&image, nullptr, nullptr, op, b0, b1);
     return Imath::Color4<float>(pixel[0], pixel[1], pixel[2], pixel[3]);

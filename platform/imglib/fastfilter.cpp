@@ -56,8 +56,9 @@ int FastFilter(const Image* out, const Image* in, FilterType filterX, float size
     const int64_t padX = GetFilterPadding(sizeX), padY = GetFilterPadding(sizeY);
     if (in->x1 > out->x1 - padX || in->x2 < out->x2 + padX || in->y1 > out->y1 - padY ||
         in->y2 < out->y2 + padY)
-        return SetError(ERROR_OUT_OF_BOUNDS, "FastFilter: the input does not cover the output "
-                                             "grown by the filter's reach");
+        return SetError(ERROR_OUT_OF_BOUNDS,
+                        "FastFilter: the input does not cover the output "
+                        "grown by the filter's reach");
     if (out->width() == 0 || out->height() == 0 || !out->channels) return ERROR_NONE;
     const int n = GetChannelCount(out->channels);
     const size_t rowFloats = static_cast<size_t>(out->width()) * n;

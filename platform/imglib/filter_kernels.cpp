@@ -83,7 +83,8 @@ void FilterRow(float* dst, const float* src, size_t count, int stride, const flo
         return;
     }
     if (box) {
-        boxSum(dst, src, count / static_cast<size_t>(stride), stride, static_cast<size_t>(stride), w, pad);
+        boxSum(dst, src, count / static_cast<size_t>(stride), stride, static_cast<size_t>(stride),
+               w, pad);
         return;
     }
     convolve(dst, src, count, stride, w, pad);

@@ -51,4 +51,16 @@ struct Image {
     }
 };
 
+// A record for one RGBA pixel at (0, 0) held in rgba[4]: how the colour
+// forms of operators run the image arithmetic on a single colour.
+inline Image SinglePixelImage(float* rgba) {
+    Image image;
+    image.channels = CHANNELS_RGBA;
+    image.x2 = 1;
+    image.y2 = 1;
+    image.rowBytes = 16;
+    image.pixelPtr = rgba;
+    return image;
+}
+
 }  // namespace IMGLIB

@@ -49,12 +49,7 @@ int ApplyPointOps(const Image* out, const Image* in, const PointOp* ops, size_t 
 Imath::Color4<float> ApplyPointOpsToColor(const Imath::Color4<float>& color, const PointOp* ops,
                                           size_t count) {
     alignas(16) float pixel[4] = {color.r, color.g, color.b, color.a};
-    Image image;
-    image.channels = CHANNELS_RGBA;
-    image.x2 = 1;
-    image.y2 = 1;
-    image.rowBytes = 16;
-    image.pixelPtr = pixel;
+    const Image image = SinglePixelImage(pixel);
     DispatchPointOps(&image, &image, ops, count);
     return Imath::Color4<float>(pixel[0], pixel[1], pixel[2], pixel[3]);
 }

@@ -77,7 +77,8 @@ private:
 // Channel c of the output from input c (red, green, blue, alpha).
 class FilterChannelMergeTask : public RenderTask {
 public:
-    FilterChannelMergeTask(const std::string& name, float time, const std::array<TaskPtr, 4>& inputs)
+    FilterChannelMergeTask(const std::string& name, float time,
+                           const std::array<TaskPtr, 4>& inputs)
         : RenderTask(name, time) {
         for (const TaskPtr& input : inputs) registerInputTask(input);
     }
@@ -151,7 +152,8 @@ TaskPtr createBlur(const std::string& name, float time, const PerChannelBlurPara
     const float* scale = params.channelScale;
     const BlurParams& blur = params.blur;
     if (scale[0] == scale[1] && scale[1] == scale[2] && scale[2] == scale[3])
-        return separableChain(name, time, blur.sizeX * scale[0], blur.sizeY * scale[0], blur, input);
+        return separableChain(name, time, blur.sizeX * scale[0], blur.sizeY * scale[0], blur,
+                              input);
     static const char* const kWords[4] = {"red", "green", "blue", "alpha"};
     std::array<TaskPtr, 4> chains;
     for (int c = 0; c < 4; ++c) {

@@ -72,12 +72,14 @@ TEST(FastFilter, PaddingAndWeights) {
     EXPECT_EQ(IMGLIB::GetFilterPadding(-3.0f), 0);
     EXPECT_EQ(IMGLIB::GetFilterPadding(std::nanf("")), 0);
     EXPECT_EQ(IMGLIB::GetFilterPadding(40.0f), 20);
-    for (auto [f, size] : {std::pair{IMGLIB::KERNEL_GAUSSIAN, 40.0f}, std::pair{IMGLIB::KERNEL_BOX, 4.5f},
-                           std::pair{IMGLIB::KERNEL_BOX, 4.0f}, std::pair{IMGLIB::KERNEL_TRIANGLE, 7.0f}}) {
+    for (auto [f, size] :
+         {std::pair{IMGLIB::KERNEL_GAUSSIAN, 40.0f}, std::pair{IMGLIB::KERNEL_BOX, 4.5f},
+          std::pair{IMGLIB::KERNEL_BOX, 4.0f}, std::pair{IMGLIB::KERNEL_TRIANGLE, 7.0f}}) {
         const std::vector<float> got = IMGLIB::GetFilterWeights(f, size);
         const std::vector<double> want = reference(f, size);
         ASSERT_EQ(got.size(), want.size());
-        for (size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i], want[i], 1e-6) << f << " " << size;
+        for (size_t i = 0; i < got.size(); ++i)
+            EXPECT_NEAR(got[i], want[i], 1e-6) << f << " " << size;
     }
 }
 
@@ -88,10 +90,12 @@ TEST(FastFilter, MatchesDirectConvolution) {
           std::tuple{IMGLIB::KERNEL_BOX, 5.5f, IMGLIB::KERNEL_BOX, 4.0f},
           std::tuple{IMGLIB::KERNEL_TRIANGLE, 6.0f, IMGLIB::KERNEL_BOX, 0.0f},
           std::tuple{IMGLIB::KERNEL_BOX, 1.0f, IMGLIB::KERNEL_TRIANGLE, 5.0f}}) {
-        for (uint64_t channels : {IMGLIB::CHANNELS_RGBA, IMGLIB::CHANNELS_RGB, uint64_t(IMGLIB::CHANNEL_A)}) {
+        for (uint64_t channels :
+             {IMGLIB::CHANNELS_RGBA, IMGLIB::CHANNELS_RGB, uint64_t(IMGLIB::CHANNEL_A)}) {
             const int64_t px = IMGLIB::GetFilterPadding(sx), py = IMGLIB::GetFilterPadding(sy);
             Plane in(outRect.grown(px, py), channels, 7), out(outRect, channels, 1);
-            ASSERT_EQ(IMGLIB::FastFilter(&out.image, &in.image, fx, sx, fy, sy), IMGLIB::ERROR_NONE);
+            ASSERT_EQ(IMGLIB::FastFilter(&out.image, &in.image, fx, sx, fy, sy),
+                      IMGLIB::ERROR_NONE);
             const std::vector<double> wx = reference(fx, sx), wy = reference(fy, sy);
             const int n = IMGLIB::GetChannelCount(channels);
             for (int64_t y = outRect.ymin; y < outRect.ymax; y += 3)
@@ -100,14 +104,17 @@ TEST(FastFilter, MatchesDirectConvolution) {
                         double want = 0;
                         for (int64_t j = -py; j <= py; ++j)
                             for (int64_t i = -px; i <= px; ++i)
-                                want += wx[size_t(i + px)] * wy[size_t(j + py)] * in.at(x + i, y + j, c);
-                        ASSERT_NEAR(out.at(x, y, c), want, 2e-5) << fx << " " << sx << " at " << x << "," << y;
+                                want += wx[size_t(i + px)] * wy[size_t(j + py)] *
+                                        in.at(x + i, y + j, c);
+                        ASSERT_NEAR(out.at(x, y, c), want, 2e-5)
+                            << fx << " " << sx << " at " << x << "," << y;
                     }
         }
     }
     // The input must cover the output grown by the reach.
     Plane small(outRect, IMGLIB::CHANNELS_RGBA, 3), out(outRect, IMGLIB::CHANNELS_RGBA, 1);
-    EXPECT_EQ(IMGLIB::FastFilter(&out.image, &small.image, IMGLIB::KERNEL_GAUSSIAN, 5, IMGLIB::KERNEL_GAUSSIAN, 5),
+    EXPECT_EQ(IMGLIB::FastFilter(&out.image, &small.image, IMGLIB::KERNEL_GAUSSIAN, 5,
+                                 IMGLIB::KERNEL_GAUSSIAN, 5),
               IMGLIB::ERROR_OUT_OF_BOUNDS);
 }
 
@@ -115,8 +122,10 @@ TEST(FastFilter, AgreesWithOpenImageIOConvolution) {
     OIIO::attribute("threads", 1);
     const Rect outRect(0, 0, 40, 30);
     const int64_t pad = IMGLIB::GetFilterPadding(9.0f);
-    Plane in(outRect.grown(pad, pad), IMGLIB::CHANNELS_RGBA, 11), out(outRect, IMGLIB::CHANNELS_RGBA, 1);
-    ASSERT_EQ(IMGLIB::FastFilter(&out.image, &in.image, IMGLIB::KERNEL_GAUSSIAN, 9, IMGLIB::KERNEL_GAUSSIAN, 9),
+    Plane in(outRect.grown(pad, pad), IMGLIB::CHANNELS_RGBA, 11),
+        out(outRect, IMGLIB::CHANNELS_RGBA, 1);
+    ASSERT_EQ(IMGLIB::FastFilter(&out.image, &in.image, IMGLIB::KERNEL_GAUSSIAN, 9,
+                                 IMGLIB::KERNEL_GAUSSIAN, 9),
               IMGLIB::ERROR_NONE);
     // OpenImageIO's gaussian kernel of width 9 over the same pixels.
     OIIO::ImageSpec spec(int(in.image.width()), int(in.image.height()), 4, OIIO::TypeDesc::FLOAT);
@@ -162,14 +171,7 @@ protected:
     }
     void TearDown() override { RenderManager::setGlobalTileSize(256, 256); }
     std::vector<Color> render(const TaskPtr& task, const Rect& rect, int tile) {
-        RenderManager::setGlobalTileSize(tile, tile);
-        RenderManager::clearSpeculativeCache();
-        auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
-        renderSerially({RenderOutput{task, rect, IMGLIB::CHANNELS_RGBA, 0}}, observer);
-        std::vector<Color> pixels;
-        for (int64_t y = rect.ymin; y < rect.ymax; ++y)
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
-        return pixels;
+        return renderPixels(task, rect, tile);
     }
 };
 
@@ -225,7 +227,8 @@ TEST_F(BlurTest, TilesEqualTheWholeFrameAndEdgesFollowTheExtension) {
     for (int64_t y = 0; y < 45; y += 7)
         for (int64_t x : {0, 1, 30, 58, 59}) {
             float want = 0;
-            for (int64_t d = -2; d <= 2; ++d) want += Dots::value(std::clamp<int64_t>(x + d, 0, 59), y) / 5;
+            for (int64_t d = -2; d <= 2; ++d)
+                want += Dots::value(std::clamp<int64_t>(x + d, 0, 59), y) / 5;
             ASSERT_NEAR(got[static_cast<size_t>(y * 60 + x)].r, want, 1e-5f) << x << "," << y;
         }
 }
@@ -240,10 +243,12 @@ TEST_F(BlurTest, PerChannelScalesBlurEachChannelApart) {
     p.channelScale[3] = 1.0f;
     const std::vector<Color> got = render(createBlur("pc", 0, p, dots), Rect(0, 0, 40, 40), 16);
     for (int64_t y = 5; y < 35; y += 6)
-        for (int64_t x = 5; x < 35; x += 6) EXPECT_EQ(got[static_cast<size_t>(y * 40 + x)].g, 2 * Dots::value(x, y));
+        for (int64_t x = 5; x < 35; x += 6)
+            EXPECT_EQ(got[static_cast<size_t>(y * 40 + x)].g, 2 * Dots::value(x, y));
     PerChannelBlurParameters same = p;
     same.channelScale[1] = 1.0f;
     RenderManager::ClearRenderTaskCache();
-    const std::vector<Color> uniform = render(createBlur("u", 0, same, dots), Rect(0, 0, 40, 40), 16);
+    const std::vector<Color> uniform =
+        render(createBlur("u", 0, same, dots), Rect(0, 0, 40, 40), 16);
     for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i].r, uniform[i].r, 1e-6f);
 }

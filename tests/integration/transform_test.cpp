@@ -65,15 +65,7 @@ protected:
         RenderManager::ClearRenderTaskCache();
     }
     std::vector<Color> render(const TaskPtr& task, const Rect& rect, int tile) {
-        RenderManager::setGlobalTileSize(tile, tile);
-        RenderManager::clearSpeculativeCache();
-        auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
-        renderSerially({RenderOutput{task, rect, IMGLIB::CHANNELS_RGBA, 0}}, observer);
-        std::vector<Color> pixels;
-        for (int64_t y = rect.ymin; y < rect.ymax; ++y)
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x)
-                pixels.push_back(observer->pixel(0, x, y));
-        return pixels;
+        return renderPixels(task, rect, tile);
     }
 };
 

@@ -2,6 +2,7 @@
 
 #include "imglib/error.h"
 #include "imglib/pixels.h"
+#include "util/exceptions.h"
 
 namespace TESSERA {
 namespace testing {
@@ -51,6 +52,27 @@ size_t renderSerially(const std::vector<RenderOutput>& outputs,
     }
     RenderTask::Imp::endRender(plan);
     return jobs;
+}
+
+std::vector<Imath::Color4<float>> renderPixels(const TaskPtr& task, const UTIL::Rect& rect,
+                                               int tileSize) {
+    RenderManager::setGlobalTileSize(tileSize, tileSize);
+    RenderManager::clearSpeculativeCache();
+    auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
+    renderSerially({RenderOutput{task, rect, IMGLIB::CHANNELS_RGBA, 0}}, observer);
+    std::vector<Imath::Color4<float>> pixels;
+    for (int64_t y = rect.ymin; y < rect.ymax; ++y)
+        for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
+    return pixels;
+}
+
+std::string assertionText(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const UTIL::AssertException& e) {
+        return e.expression() + " @ " + e.source();
+    }
+    return "no assertion";
 }
 
 int ScaleOp::apply(const IMGLIB::Image* out, const IMGLIB::Image* in) {

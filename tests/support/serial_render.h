@@ -2,6 +2,7 @@
 // gathers what the observer is told.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -35,6 +36,14 @@ public:
 // render (also when a job throws). Returns the number of jobs run.
 size_t renderSerially(const std::vector<RenderOutput>& outputs,
                       const RCX_ptr_v4::ref_ptr<CollectingObserver>& observer);
+
+// Renders rect of task with square tiles of `tileSize` on the calling thread
+// (the tile cache emptied first) and returns its pixels, row by row.
+std::vector<Imath::Color4<float>> renderPixels(const TaskPtr& task, const UTIL::Rect& rect,
+                                               int tileSize);
+
+// The assertion a call raises, as "EXPRESSION @ SOURCE", or "no assertion".
+std::string assertionText(const std::function<void()>& call);
 
 // Pixel-wise test operators.
 class ScaleOp : public InPlaceOp {  // RGB x k

@@ -3,23 +3,12 @@
 
 #include "imglib/channels.h"
 #include "support/local_allocator.h"
+#include "support/serial_render.h"
 #include "util/exceptions.h"
 
 using namespace TESSERA;
+using TESSERA::testing::assertionText;
 using TESSERA::testing::LocalAllocator;
-
-namespace {
-
-std::string assertionText(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const UTIL::AssertException& e) {
-        return e.expression() + " @ " + e.source();
-    }
-    return "no assertion";
-}
-
-}  // namespace
 
 TEST(ImageBuffer, NullHandles) {
     ImageBuffer null;

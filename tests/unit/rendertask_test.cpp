@@ -9,6 +9,7 @@
 #include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "rendersystem/images/imageallocator.h"
+#include "support/serial_render.h"
 #include "support/test_tasks.h"
 #include "util/exceptions.h"
 
@@ -17,15 +18,6 @@ using namespace TESSERA::testing;
 using Color = Imath::Color4<float>;
 
 namespace {
-
-std::string assertionText(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const UTIL::AssertException& e) {
-        return e.expression() + " @ " + e.source();
-    }
-    return "no assertion";
-}
 
 RCX_ptr_v4::ref_ptr<ConstantTask> constant(const std::string& name, float value,
                                            UTIL::Rect area = UTIL::Rect(0, 0, 100, 100)) {
