@@ -24,7 +24,8 @@ struct Frame {
         image.rowBytes = (kWidth + 2 * pad) * 16;
         image.pixelPtr = pixels.data();
         for (size_t i = 0; i < pixels.size(); ++i)
-            pixels[i] = (i % 4 == 3) ? float((i / 4) % 97) / 96.0f : seed + float(i % 1013) / 1013.0f;
+            pixels[i] =
+                (i % 4 == 3) ? float((i / 4) % 97) / 96.0f : seed + float(i % 1013) / 1013.0f;
     }
     std::vector<float> pixels;
     IMGLIB::Image image;

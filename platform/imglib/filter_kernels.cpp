@@ -32,16 +32,27 @@ bool symmetric(const float* w, int64_t pad) {
 template <class D>
 HWY_INLINE void convolveGroup(D d, float* dst, const float* s, ptrdiff_t step, const float* w,
                               int64_t pad, bool sym) {
-    auto acc = hn::Mul(hn::Set(d, w[pad]), hn::LoadU(d, s));
-    if (sym) {
-        for (int64_t k = 1; k <= pad; ++k)
+    // Four independent sums, so consecutive multiply-adds do not wait on
+    // each other's results; joined in a fixed order at the end.
+    auto acc0 = hn::Mul(hn::Set(d, w[pad]), hn::LoadU(d, s));
+    auto acc1 = hn::Zero(d), acc2 = hn::Zero(d), acc3 = hn::Zero(d);
+    auto tap = [&](int64_t k, auto& acc) {
+        if (sym)
             acc = hn::MulAdd(hn::Set(d, w[pad + k]),
                              hn::Add(hn::LoadU(d, s + k * step), hn::LoadU(d, s - k * step)), acc);
-    } else {
-        for (int64_t k = -pad; k <= pad; ++k)
-            if (k) acc = hn::MulAdd(hn::Set(d, w[pad + k]), hn::LoadU(d, s + k * step), acc);
+        else
+            acc = hn::MulAdd(hn::Set(d, w[pad + k]), hn::LoadU(d, s + k * step),
+                             hn::MulAdd(hn::Set(d, w[pad - k]), hn::LoadU(d, s - k * step), acc));
+    };
+    int64_t k = 1;
+    for (; k + 3 <= pad; k += 4) {
+        tap(k, acc0);
+        tap(k + 1, acc1);
+        tap(k + 2, acc2);
+        tap(k + 3, acc3);
     }
-    hn::StoreU(acc, d, dst);
+    for (; k <= pad; ++k) tap(k, acc1);
+    hn::StoreU(hn::Add(hn::Add(acc0, acc1), hn::Add(acc2, acc3)), d, dst);
 }
 
 // The general FIR over `count` outputs whose taps are `step` floats apart.
