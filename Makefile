@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build test test-release test-asan test-tsan format clean
+.PHONY: all deps build demo test test-release test-asan test-tsan format clean
 
 all: build
 
@@ -13,6 +13,10 @@ deps:
 build: deps
 	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
 	cmake --build build/release -j$(JOBS)
+
+# Renders the built-in demo graph to out/demo.exr and out/demo.png.
+demo: build
+	build/release/tools/tessera/tessera demo --stats
 
 test: test-release test-asan test-tsan
 

@@ -1,0 +1,42 @@
+// Graph files: a render described in JSON (see docs/graph-format.md).
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fileio.h"
+#include "renderdescription.h"
+#include "tessera_export.h"
+
+namespace TESSERA {
+
+// A mistake in a graph file, naming the node and the field.
+class TESSERA_API GraphFileError : public std::runtime_error {
+public:
+    GraphFileError(const std::string& node, const std::string& field, const std::string& message);
+    const std::string& getNode() const { return m_node; }
+    const std::string& getField() const { return m_field; }
+
+private:
+    std::string m_node, m_field;
+};
+
+struct TESSERA_API GraphOutput {
+    RenderDescription description;
+    std::vector<FileOutParams> files;  // none: not written
+};
+
+struct TESSERA_API Graph {
+    std::vector<GraphOutput> outputs;
+};
+
+// Builds the tasks of a graph file's text. Relative file paths are taken
+// from `baseDirectory`. Throws GraphFileError.
+TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".");
+TESSERA_API Graph loadGraphFile(const std::string& path);
+
+// One line per operation: its name, parameters (name, type, default) and inputs.
+TESSERA_API std::string describeOperations();
+
+}  // namespace TESSERA

@@ -1,0 +1,223 @@
+// The generators: one task class, its pixels from a small table of kinds.
+#include <cmath>
+
+#include "expressionmath/noise.h"
+#include "generatortasks.h"
+#include "imglib/pixels.h"
+#include "imglib/pointops_scalar.h"
+
+namespace TESSERA {
+namespace {
+
+namespace em = Orrery3::Expressionmath::v3;
+
+enum class Kind { Constant, Checkerboard, ColorBars, LinearRamp, RadialRamp, Lattice, HueWheel,
+                  PerlinNoise, RandomNoise };
+
+const char* typeOf(Kind kind) {
+    static const char* const names[] = {"Constant",   "Checkerboard", "ColorBars",
+                                        "LinearRamp", "RadialRamp",   "Lattice",
+                                        "HueWheel",   "PerlinNoise",  "RandomNoise"};
+    return names[static_cast<int>(kind)];
+}
+
+// Every generator's parameters; each kind reads the ones it needs.
+struct Params {
+    Color4f a{0, 0, 0, 0}, b{0, 0, 0, 0};
+    Imath::V2f p{0, 0}, q{0, 0};
+    float size = 1.0f, width = 1.0f, gain = 0.5f;
+    int octaves = 1;
+    uint32_t seed = 0;
+};
+
+Color4f mix(const Color4f& a, const Color4f& b, float t) { return a + (b - a) * t; }
+
+float clamp01(float t) { return std::fmin(1.0f, std::fmax(0.0f, t)); }
+
+// The colour at pixel centre (x, y) of pixel (ix, iy).
+Color4f evaluate(Kind kind, const Params& p, int64_t ix, int64_t iy) {
+    const float x = float(ix) + 0.5f, y = float(iy) + 0.5f;
+    switch (kind) {
+        case Kind::Constant: return p.a;
+        case Kind::Checkerboard: {
+            const int64_t cx = static_cast<int64_t>(std::floor(x / p.size));
+            const int64_t cy = static_cast<int64_t>(std::floor(y / p.size));
+            return ((cx + cy) & 1) ? p.b : p.a;
+        }
+        case Kind::ColorBars: {
+            static const Color4f bars[8] = {{.75f, .75f, .75f, 1}, {.75f, .75f, 0, 1},
+                                            {0, .75f, .75f, 1},    {0, .75f, 0, 1},
+                                            {.75f, 0, .75f, 1},    {.75f, 0, 0, 1},
+                                            {0, 0, .75f, 1},       {0, 0, 0, 1}};
+            const float t = (x - p.p.x) / std::fmax(p.q.x - p.p.x, 1e-6f);
+            return bars[std::min(7, std::max(0, static_cast<int>(std::floor(t * 8))))];
+        }
+        case Kind::LinearRamp: {
+            const Imath::V2f d = p.q - p.p;
+            const float len2 = d.dot(d);
+            const float t = len2 > 0 ? (Imath::V2f(x, y) - p.p).dot(d) / len2 : 0.0f;
+            return mix(p.a, p.b, clamp01(t));
+        }
+        case Kind::RadialRamp: {
+            const float r = (Imath::V2f(x, y) - p.p).length();
+            return mix(p.a, p.b, p.size > 0 ? clamp01(r / p.size) : 1.0f);
+        }
+        case Kind::Lattice: {
+            auto onLine = [&](float c) {
+                const float m = c - std::floor(c / p.size) * p.size;  // [0, spacing)
+                return m < p.width;
+            };
+            return onLine(x) || onLine(y) ? p.a : p.b;
+        }
+        case Kind::HueWheel: {
+            const Imath::V2f d = Imath::V2f(x, y) - p.p;
+            const float r = d.length();
+            if (r > p.size) return Color4f(0, 0, 0, 0);
+            float h = std::atan2(d.y, d.x) / (2.0f * 3.14159265f);
+            if (h < 0) h += 1.0f;
+            Color4f c(0, 0, 0, 1);
+            IMGLIB::scalar::hsvToRgb(h, p.size > 0 ? r / p.size : 0.0f, 1.0f, c.r, c.g, c.b);
+            return c;
+        }
+        case Kind::PerlinNoise: {
+            float sum = 0, amplitude = 1, total = 0, frequency = 1.0f / std::fmax(p.size, 1e-6f);
+            for (int o = 0; o < std::max(1, p.octaves); ++o) {
+                sum += amplitude * em::snoise(x * frequency, y * frequency, float(p.seed) * 0.618f + float(o) * 17.0f);
+                total += amplitude;
+                amplitude *= p.gain;
+                frequency *= 2.0f;
+            }
+            return mix(p.a, p.b, clamp01(0.5f + 0.5f * sum / total));
+        }
+        case Kind::RandomNoise: return mix(p.a, p.b, em::randval(ix, iy, p.seed));
+    }
+    return Color4f(0, 0, 0, 0);
+}
+
+class GeneratorTask : public RenderTask {
+public:
+    GeneratorTask(const std::string& name, float time, Kind kind, const Params& params,
+                  const UTIL::Rect& area)
+        : RenderTask(name, time), m_kind(kind), m_params(params), m_area(area) {}
+
+protected:
+    std::string getTypeString() override { return typeOf(m_kind); }
+    void computeCacheID(CacheIDStream& s) override {
+        const Params& p = m_params;
+        s << m_area << p.a << p.b << p.p << p.q << ' ' << p.size << ' ' << p.width << ' ' << p.gain
+          << ' ' << p.octaves << ' ' << p.seed;
+    }
+    uint64_t computeOutputChannels() override { return IMGLIB::CHANNELS_RGBA; }
+    UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_area); }
+    void makeInputFormatRequests() override {}
+    void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
+    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
+        for (int64_t y = out->y1; y < out->y2; ++y)
+            for (int64_t x = out->x1; x < out->x2; ++x) {
+                const Color4f c = evaluate(m_kind, m_params, x, y);
+                const float rgba[4] = {c.r, c.g, c.b, c.a};
+                IMGLIB::SetPixel(out, x, y, rgba);
+            }
+    }
+
+private:
+    Kind m_kind;
+    Params m_params;
+    UTIL::Rect m_area;
+};
+
+TaskPtr make(const std::string& name, float time, Kind kind, const Params& p, const UTIL::Rect& area) {
+    return TaskPtr(new GeneratorTask(name, time, kind, p, area));
+}
+
+}  // namespace
+
+TaskPtr createConstantTask(const std::string& name, float time, const Color4f& color,
+                           const UTIL::Rect& area) {
+    Params p;
+    p.a = color;
+    return make(name, time, Kind::Constant, p, area);
+}
+
+TaskPtr createCheckerboardTask(const std::string& name, float time, const Color4f& first,
+                               const Color4f& second, float size, const UTIL::Rect& area) {
+    if (!(size > 0)) throw std::invalid_argument(name + ": checkerboard size must be above 0");
+    Params p;
+    p.a = first;
+    p.b = second;
+    p.size = size;
+    return make(name, time, Kind::Checkerboard, p, area);
+}
+
+TaskPtr createColorBarsTask(const std::string& name, float time, const UTIL::Rect& area) {
+    Params p;
+    p.p = Imath::V2f(float(area.xmin), 0);
+    p.q = Imath::V2f(float(area.xmax), 0);
+    return make(name, time, Kind::ColorBars, p, area);
+}
+
+TaskPtr createLinearRampTask(const std::string& name, float time, const Imath::V2f& start,
+                             const Color4f& startColor, const Imath::V2f& end,
+                             const Color4f& endColor, const UTIL::Rect& area) {
+    Params p;
+    p.p = start;
+    p.q = end;
+    p.a = startColor;
+    p.b = endColor;
+    return make(name, time, Kind::LinearRamp, p, area);
+}
+
+TaskPtr createRadialRampTask(const std::string& name, float time, const Imath::V2f& centre,
+                             float radius, const Color4f& inner, const Color4f& outer,
+                             const UTIL::Rect& area) {
+    Params p;
+    p.p = centre;
+    p.size = radius;
+    p.a = inner;
+    p.b = outer;
+    return make(name, time, Kind::RadialRamp, p, area);
+}
+
+TaskPtr createLatticeTask(const std::string& name, float time, const Color4f& lineColor,
+                          const Color4f& fillColor, float spacing, float lineWidth,
+                          const UTIL::Rect& area) {
+    if (!(spacing > 0)) throw std::invalid_argument(name + ": lattice spacing must be above 0");
+    Params p;
+    p.a = lineColor;
+    p.b = fillColor;
+    p.size = spacing;
+    p.width = lineWidth;
+    return make(name, time, Kind::Lattice, p, area);
+}
+
+TaskPtr createHueWheelTask(const std::string& name, float time, const Imath::V2f& centre,
+                           float radius, const UTIL::Rect& area) {
+    Params p;
+    p.p = centre;
+    p.size = radius;
+    return make(name, time, Kind::HueWheel, p, area);
+}
+
+TaskPtr createPerlinNoiseTask(const std::string& name, float time, float scale, int octaves,
+                              float gain, uint32_t seed, const Color4f& low, const Color4f& high,
+                              const UTIL::Rect& area) {
+    Params p;
+    p.size = scale;
+    p.octaves = octaves;
+    p.gain = gain;
+    p.seed = seed;
+    p.a = low;
+    p.b = high;
+    return make(name, time, Kind::PerlinNoise, p, area);
+}
+
+TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,
+                              const Color4f& low, const Color4f& high, const UTIL::Rect& area) {
+    Params p;
+    p.seed = seed;
+    p.a = low;
+    p.b = high;
+    return make(name, time, Kind::RandomNoise, p, area);
+}
+
+}  // namespace TESSERA
