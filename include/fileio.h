@@ -3,8 +3,8 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 

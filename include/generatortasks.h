@@ -43,9 +43,9 @@ TESSERA_API TaskPtr createRadialRampTask(const std::string& name, float time,
                                          const UTIL::Rect& area);
 // Lines `lineWidth` pixels wide every `spacing` pixels (from the origin) in
 // lineColor over fillColor.
-TESSERA_API TaskPtr createLatticeTask(const std::string& name, float time,
-                                      const Color4f& lineColor, const Color4f& fillColor,
-                                      float spacing, float lineWidth, const UTIL::Rect& area);
+TESSERA_API TaskPtr createLatticeTask(const std::string& name, float time, const Color4f& lineColor,
+                                      const Color4f& fillColor, float spacing, float lineWidth,
+                                      const UTIL::Rect& area);
 // Hue by angle about `centre`, saturation by distance up to `radius`, value
 // 1, alpha 1 inside the radius and 0 beyond.
 TESSERA_API TaskPtr createHueWheelTask(const std::string& name, float time,

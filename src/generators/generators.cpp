@@ -11,8 +11,17 @@ namespace {
 
 namespace em = Orrery3::Expressionmath::v3;
 
-enum class Kind { Constant, Checkerboard, ColorBars, LinearRamp, RadialRamp, Lattice, HueWheel,
-                  PerlinNoise, RandomNoise };
+enum class Kind {
+    Constant,
+    Checkerboard,
+    ColorBars,
+    LinearRamp,
+    RadialRamp,
+    Lattice,
+    HueWheel,
+    PerlinNoise,
+    RandomNoise
+};
 
 const char* typeOf(Kind kind) {
     static const char* const names[] = {"Constant",   "Checkerboard", "ColorBars",
@@ -30,25 +39,29 @@ struct Params {
     uint32_t seed = 0;
 };
 
-Color4f mix(const Color4f& a, const Color4f& b, float t) { return a + (b - a) * t; }
+Color4f mix(const Color4f& a, const Color4f& b, float t) {
+    return a + (b - a) * t;
+}
 
-float clamp01(float t) { return std::fmin(1.0f, std::fmax(0.0f, t)); }
+float clamp01(float t) {
+    return std::fmin(1.0f, std::fmax(0.0f, t));
+}
 
 // The colour at pixel centre (x, y) of pixel (ix, iy).
 Color4f evaluate(Kind kind, const Params& p, int64_t ix, int64_t iy) {
     const float x = float(ix) + 0.5f, y = float(iy) + 0.5f;
     switch (kind) {
-        case Kind::Constant: return p.a;
+        case Kind::Constant:
+            return p.a;
         case Kind::Checkerboard: {
             const int64_t cx = static_cast<int64_t>(std::floor(x / p.size));
             const int64_t cy = static_cast<int64_t>(std::floor(y / p.size));
             return ((cx + cy) & 1) ? p.b : p.a;
         }
         case Kind::ColorBars: {
-            static const Color4f bars[8] = {{.75f, .75f, .75f, 1}, {.75f, .75f, 0, 1},
-                                            {0, .75f, .75f, 1},    {0, .75f, 0, 1},
-                                            {.75f, 0, .75f, 1},    {.75f, 0, 0, 1},
-                                            {0, 0, .75f, 1},       {0, 0, 0, 1}};
+            static const Color4f bars[8] = {
+                {.75f, .75f, .75f, 1}, {.75f, .75f, 0, 1}, {0, .75f, .75f, 1}, {0, .75f, 0, 1},
+                {.75f, 0, .75f, 1},    {.75f, 0, 0, 1},    {0, 0, .75f, 1},    {0, 0, 0, 1}};
             const float t = (x - p.p.x) / std::fmax(p.q.x - p.p.x, 1e-6f);
             return bars[std::min(7, std::max(0, static_cast<int>(std::floor(t * 8))))];
         }
@@ -82,14 +95,16 @@ Color4f evaluate(Kind kind, const Params& p, int64_t ix, int64_t iy) {
         case Kind::PerlinNoise: {
             float sum = 0, amplitude = 1, total = 0, frequency = 1.0f / std::fmax(p.size, 1e-6f);
             for (int o = 0; o < std::max(1, p.octaves); ++o) {
-                sum += amplitude * em::snoise(x * frequency, y * frequency, float(p.seed) * 0.618f + float(o) * 17.0f);
+                sum += amplitude * em::snoise(x * frequency, y * frequency,
+                                              float(p.seed) * 0.618f + float(o) * 17.0f);
                 total += amplitude;
                 amplitude *= p.gain;
                 frequency *= 2.0f;
             }
             return mix(p.a, p.b, clamp01(0.5f + 0.5f * sum / total));
         }
-        case Kind::RandomNoise: return mix(p.a, p.b, em::randval(ix, iy, p.seed));
+        case Kind::RandomNoise:
+            return mix(p.a, p.b, em::randval(ix, iy, p.seed));
     }
     return Color4f(0, 0, 0, 0);
 }
@@ -126,7 +141,8 @@ private:
     UTIL::Rect m_area;
 };
 
-TaskPtr make(const std::string& name, float time, Kind kind, const Params& p, const UTIL::Rect& area) {
+TaskPtr make(const std::string& name, float time, Kind kind, const Params& p,
+             const UTIL::Rect& area) {
     return TaskPtr(new GeneratorTask(name, time, kind, p, area));
 }
 

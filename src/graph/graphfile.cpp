@@ -23,19 +23,43 @@ GraphFileError::GraphFileError(const std::string& node, const std::string& field
                                const std::string& message)
     : std::runtime_error("node '" + node + "'" + (field.empty() ? "" : ", field '" + field + "'") +
                          ": " + message),
-      m_node(node), m_field(field) {}
+      m_node(node),
+      m_field(field) {}
 
 namespace {
 
 using json = nlohmann::json;
 
-enum class Type { Number, Int, Bool, Color4, Color3, Vec2, Rect, String, Kernel, Extend, Composite, Matrix33, Floats };
+enum class Type {
+    Number,
+    Int,
+    Bool,
+    Color4,
+    Color3,
+    Vec2,
+    Rect,
+    String,
+    Kernel,
+    Extend,
+    Composite,
+    Matrix33,
+    Floats
+};
 
 const char* typeName(Type t) {
-    static const char* const names[] = {"number", "integer", "bool", "[r, g, b, a]", "[r, g, b]",
-                                        "[x, y]", "[xmin, ymin, xmax, ymax]", "string",
-                                        "kernel name", "\"background\"|\"clamp\"|\"mirror\"",
-                                        "operator name", "[9 numbers]", "[numbers]"};
+    static const char* const names[] = {"number",
+                                        "integer",
+                                        "bool",
+                                        "[r, g, b, a]",
+                                        "[r, g, b]",
+                                        "[x, y]",
+                                        "[xmin, ymin, xmax, ymax]",
+                                        "string",
+                                        "kernel name",
+                                        "\"background\"|\"clamp\"|\"mirror\"",
+                                        "operator name",
+                                        "[9 numbers]",
+                                        "[numbers]"};
     return names[static_cast<int>(t)];
 }
 
@@ -70,9 +94,12 @@ public:
     }
     UTIL::Rect rect(const std::string& n) const {
         const json& v = value(n);
-        return UTIL::Rect(v[0].get<int64_t>(), v[1].get<int64_t>(), v[2].get<int64_t>(), v[3].get<int64_t>());
+        return UTIL::Rect(v[0].get<int64_t>(), v[1].get<int64_t>(), v[2].get<int64_t>(),
+                          v[3].get<int64_t>());
     }
-    std::vector<float> floats(const std::string& n) const { return value(n).get<std::vector<float>>(); }
+    std::vector<float> floats(const std::string& n) const {
+        return value(n).get<std::vector<float>>();
+    }
     IMGLIB::KernelType kernel(const std::string& n) const;
     IMGLIB::ExtendMethod extend(const std::string& n) const;
     Imath::Matrix33<float> matrix(const std::string& n) const {
@@ -104,20 +131,35 @@ struct Operation {
 };
 
 const std::vector<std::pair<std::string, IMGLIB::KernelType>> kKernels = {
-    {"nearest", IMGLIB::KERNEL_NEAREST},   {"box", IMGLIB::KERNEL_BOX},
-    {"triangle", IMGLIB::KERNEL_TRIANGLE}, {"gaussian", IMGLIB::KERNEL_GAUSSIAN},
-    {"catmull-rom", IMGLIB::KERNEL_CATMULL_ROM}, {"mitchell", IMGLIB::KERNEL_MITCHELL},
-    {"lanczos3", IMGLIB::KERNEL_LANCZOS3}, {"blackman-harris", IMGLIB::KERNEL_BLACKMAN_HARRIS},
+    {"nearest", IMGLIB::KERNEL_NEAREST},
+    {"box", IMGLIB::KERNEL_BOX},
+    {"triangle", IMGLIB::KERNEL_TRIANGLE},
+    {"gaussian", IMGLIB::KERNEL_GAUSSIAN},
+    {"catmull-rom", IMGLIB::KERNEL_CATMULL_ROM},
+    {"mitchell", IMGLIB::KERNEL_MITCHELL},
+    {"lanczos3", IMGLIB::KERNEL_LANCZOS3},
+    {"blackman-harris", IMGLIB::KERNEL_BLACKMAN_HARRIS},
     {"b-spline", IMGLIB::KERNEL_BSPLINE}};
 
 const std::vector<std::pair<std::string, CompositeOp>> kComposites = {
-    {"add", COMPOSITE_ADD}, {"atop", COMPOSITE_ATOP}, {"average", COMPOSITE_AVERAGE},
-    {"difference", COMPOSITE_DIFFERENCE}, {"divide", COMPOSITE_DIVIDE},
-    {"exclusion", COMPOSITE_EXCLUSION}, {"from", COMPOSITE_FROM},
-    {"geometric", COMPOSITE_GEOMETRIC}, {"hypotenuse", COMPOSITE_HYPOTENUSE},
-    {"max", COMPOSITE_MAX}, {"min", COMPOSITE_MIN}, {"multiply", COMPOSITE_MULTIPLY},
-    {"in", COMPOSITE_IN}, {"out", COMPOSITE_OUT}, {"over", COMPOSITE_OVER},
-    {"under", COMPOSITE_UNDER}, {"screen", COMPOSITE_SCREEN}, {"minus", COMPOSITE_MINUS}};
+    {"add", COMPOSITE_ADD},
+    {"atop", COMPOSITE_ATOP},
+    {"average", COMPOSITE_AVERAGE},
+    {"difference", COMPOSITE_DIFFERENCE},
+    {"divide", COMPOSITE_DIVIDE},
+    {"exclusion", COMPOSITE_EXCLUSION},
+    {"from", COMPOSITE_FROM},
+    {"geometric", COMPOSITE_GEOMETRIC},
+    {"hypotenuse", COMPOSITE_HYPOTENUSE},
+    {"max", COMPOSITE_MAX},
+    {"min", COMPOSITE_MIN},
+    {"multiply", COMPOSITE_MULTIPLY},
+    {"in", COMPOSITE_IN},
+    {"out", COMPOSITE_OUT},
+    {"over", COMPOSITE_OVER},
+    {"under", COMPOSITE_UNDER},
+    {"screen", COMPOSITE_SCREEN},
+    {"minus", COMPOSITE_MINUS}};
 
 template <class T>
 T lookup(const std::vector<std::pair<std::string, T>>& table, const std::string& key,
@@ -129,11 +171,14 @@ T lookup(const std::vector<std::pair<std::string, T>>& table, const std::string&
     throw GraphFileError(node, field, "unknown value '" + key + "' (one of: " + names + ")");
 }
 
-IMGLIB::KernelType Args::kernel(const std::string& n) const { return lookup(kKernels, text(n), m_node, n); }
+IMGLIB::KernelType Args::kernel(const std::string& n) const {
+    return lookup(kKernels, text(n), m_node, n);
+}
 
 IMGLIB::ExtendMethod Args::extend(const std::string& n) const {
     static const std::vector<std::pair<std::string, IMGLIB::ExtendMethod>> methods = {
-        {"background", IMGLIB::EXTEND_BACKGROUND}, {"clamp", IMGLIB::EXTEND_CLAMP},
+        {"background", IMGLIB::EXTEND_BACKGROUND},
+        {"clamp", IMGLIB::EXTEND_CLAMP},
         {"mirror", IMGLIB::EXTEND_MIRROR}};
     return lookup(methods, text(n), m_node, n);
 }
@@ -148,74 +193,308 @@ const json kIdentity33 = json::array({1, 0, 0, 0, 1, 0, 0, 0, 1});
 const std::vector<Operation>& operations() {
     static const std::vector<Operation> ops = {
         // Generators.
-        {"constant", "one colour over an area", {{"color", Type::Color4, kWhite}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createConstantTask(a.node(), 0, a.color("color"), a.rect("area")); }},
-        {"checkerboard", "squares of two colours", {{"first", Type::Color4, kWhite}, {"second", Type::Color4, kBlack}, {"size", Type::Number, 64}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createCheckerboardTask(a.node(), 0, a.color("first"), a.color("second"), a.number("size"), a.rect("area")); }},
-        {"colorbars", "eight bars at 75%", {{"area", Type::Rect, kNoDefault}}, {},
+        {"constant",
+         "one colour over an area",
+         {{"color", Type::Color4, kWhite}, {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createConstantTask(a.node(), 0, a.color("color"), a.rect("area"));
+         }},
+        {"checkerboard",
+         "squares of two colours",
+         {{"first", Type::Color4, kWhite},
+          {"second", Type::Color4, kBlack},
+          {"size", Type::Number, 64},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createCheckerboardTask(a.node(), 0, a.color("first"), a.color("second"),
+                                           a.number("size"), a.rect("area"));
+         }},
+        {"colorbars",
+         "eight bars at 75%",
+         {{"area", Type::Rect, kNoDefault}},
+         {},
          [](const Args& a) { return createColorBarsTask(a.node(), 0, a.rect("area")); }},
-        {"linearramp", "a ramp between two points", {{"start", Type::Vec2, kNoDefault}, {"startColor", Type::Color4, kBlack}, {"end", Type::Vec2, kNoDefault}, {"endColor", Type::Color4, kWhite}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createLinearRampTask(a.node(), 0, a.vec2("start"), a.color("startColor"), a.vec2("end"), a.color("endColor"), a.rect("area")); }},
-        {"radialramp", "a ramp out from a centre", {{"centre", Type::Vec2, kNoDefault}, {"radius", Type::Number, kNoDefault}, {"inner", Type::Color4, kWhite}, {"outer", Type::Color4, kBlack}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createRadialRampTask(a.node(), 0, a.vec2("centre"), a.number("radius"), a.color("inner"), a.color("outer"), a.rect("area")); }},
-        {"lattice", "grid lines", {{"lineColor", Type::Color4, kWhite}, {"fillColor", Type::Color4, kBlack}, {"spacing", Type::Number, 32}, {"lineWidth", Type::Number, 1}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createLatticeTask(a.node(), 0, a.color("lineColor"), a.color("fillColor"), a.number("spacing"), a.number("lineWidth"), a.rect("area")); }},
-        {"huewheel", "hues around a centre", {{"centre", Type::Vec2, kNoDefault}, {"radius", Type::Number, kNoDefault}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createHueWheelTask(a.node(), 0, a.vec2("centre"), a.number("radius"), a.rect("area")); }},
-        {"perlinnoise", "fractal Perlin noise", {{"scale", Type::Number, 64}, {"octaves", Type::Int, 4}, {"gain", Type::Number, 0.5}, {"seed", Type::Int, 0}, {"low", Type::Color4, kBlack}, {"high", Type::Color4, kWhite}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createPerlinNoiseTask(a.node(), 0, a.number("scale"), a.integer("octaves"), a.number("gain"), uint32_t(a.integer("seed")), a.color("low"), a.color("high"), a.rect("area")); }},
-        {"randomnoise", "a random value per pixel", {{"seed", Type::Int, 0}, {"low", Type::Color4, kBlack}, {"high", Type::Color4, kWhite}, {"area", Type::Rect, kNoDefault}}, {},
-         [](const Args& a) { return createRandomNoiseTask(a.node(), 0, uint32_t(a.integer("seed")), a.color("low"), a.color("high"), a.rect("area")); }},
-        {"filein", "an image file", {{"path", Type::String, kNoDefault}, {"subimage", Type::Int, 0}}, {},
-         [](const Args& a) { return createFileInTask(a.node(), 0, FileInParams{a.path("path"), a.integer("subimage")}); }},
+        {"linearramp",
+         "a ramp between two points",
+         {{"start", Type::Vec2, kNoDefault},
+          {"startColor", Type::Color4, kBlack},
+          {"end", Type::Vec2, kNoDefault},
+          {"endColor", Type::Color4, kWhite},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createLinearRampTask(a.node(), 0, a.vec2("start"), a.color("startColor"),
+                                         a.vec2("end"), a.color("endColor"), a.rect("area"));
+         }},
+        {"radialramp",
+         "a ramp out from a centre",
+         {{"centre", Type::Vec2, kNoDefault},
+          {"radius", Type::Number, kNoDefault},
+          {"inner", Type::Color4, kWhite},
+          {"outer", Type::Color4, kBlack},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createRadialRampTask(a.node(), 0, a.vec2("centre"), a.number("radius"),
+                                         a.color("inner"), a.color("outer"), a.rect("area"));
+         }},
+        {"lattice",
+         "grid lines",
+         {{"lineColor", Type::Color4, kWhite},
+          {"fillColor", Type::Color4, kBlack},
+          {"spacing", Type::Number, 32},
+          {"lineWidth", Type::Number, 1},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createLatticeTask(a.node(), 0, a.color("lineColor"), a.color("fillColor"),
+                                      a.number("spacing"), a.number("lineWidth"), a.rect("area"));
+         }},
+        {"huewheel",
+         "hues around a centre",
+         {{"centre", Type::Vec2, kNoDefault},
+          {"radius", Type::Number, kNoDefault},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createHueWheelTask(a.node(), 0, a.vec2("centre"), a.number("radius"),
+                                       a.rect("area"));
+         }},
+        {"perlinnoise",
+         "fractal Perlin noise",
+         {{"scale", Type::Number, 64},
+          {"octaves", Type::Int, 4},
+          {"gain", Type::Number, 0.5},
+          {"seed", Type::Int, 0},
+          {"low", Type::Color4, kBlack},
+          {"high", Type::Color4, kWhite},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createPerlinNoiseTask(a.node(), 0, a.number("scale"), a.integer("octaves"),
+                                          a.number("gain"), uint32_t(a.integer("seed")),
+                                          a.color("low"), a.color("high"), a.rect("area"));
+         }},
+        {"randomnoise",
+         "a random value per pixel",
+         {{"seed", Type::Int, 0},
+          {"low", Type::Color4, kBlack},
+          {"high", Type::Color4, kWhite},
+          {"area", Type::Rect, kNoDefault}},
+         {},
+         [](const Args& a) {
+             return createRandomNoiseTask(a.node(), 0, uint32_t(a.integer("seed")), a.color("low"),
+                                          a.color("high"), a.rect("area"));
+         }},
+        {"filein",
+         "an image file",
+         {{"path", Type::String, kNoDefault}, {"subimage", Type::Int, 0}},
+         {},
+         [](const Args& a) {
+             return createFileInTask(a.node(), 0,
+                                     FileInParams{a.path("path"), a.integer("subimage")});
+         }},
         // Colour operations.
-        {"gain", "multiply", {{"gain", Type::Color4, kWhite}}, {"input"},
-         [](const Args& a) { return createGainTask(a.node(), 0, a.color("gain"), a.input("input")); }},
-        {"colortransform", "a 4x4 matrix (row vectors) and an offset", {{"matrix", Type::Floats, json::array({1,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1})}, {"offset", Type::Color4, kClear}}, {"input"},
+        {"gain",
+         "multiply",
+         {{"gain", Type::Color4, kWhite}},
+         {"input"},
+         [](const Args& a) {
+             return createGainTask(a.node(), 0, a.color("gain"), a.input("input"));
+         }},
+        {"colortransform",
+         "a 4x4 matrix (row vectors) and an offset",
+         {{"matrix", Type::Floats, json::array({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1})},
+          {"offset", Type::Color4, kClear}},
+         {"input"},
          [](const Args& a) {
              const std::vector<float> m = a.floats("matrix");
              if (m.size() != 16) throw GraphFileError(a.node(), "matrix", "needs 16 numbers");
-             return createColorTransformTask(a.node(), 0, Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9], m[10], m[11], m[12], m[13], m[14], m[15]), a.color("offset"), a.input("input"));
+             return createColorTransformTask(
+                 a.node(), 0,
+                 Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9],
+                                        m[10], m[11], m[12], m[13], m[14], m[15]),
+                 a.color("offset"), a.input("input"));
          }},
-        {"clamp", "clamp to [low, high]", {{"low", Type::Color4, kClear}, {"high", Type::Color4, kWhite}, {"clampLow", Type::Bool, true}, {"clampHigh", Type::Bool, true}}, {"input"},
-         [](const Args& a) { return createClampTask(a.node(), 0, a.color("low"), a.color("high"), a.flag("clampLow"), a.flag("clampHigh"), a.input("input")); }},
-        {"threshold", "replace below or above a threshold", {{"threshold", Type::Color4, json::array({0.5, 0.5, 0.5, 0.5})}, {"replaceBelow", Type::Bool, true}, {"belowColor", Type::Color4, kClear}, {"replaceAbove", Type::Bool, false}, {"aboveColor", Type::Color4, kWhite}}, {"input"},
-         [](const Args& a) { return createThresholdTask(a.node(), 0, a.color("threshold"), a.flag("replaceBelow"), a.color("belowColor"), a.flag("replaceAbove"), a.color("aboveColor"), a.input("input")); }},
-        {"cleanupclamp", "alpha to [0, 1], colour to 0 and above", {{"clampColorAtOne", Type::Bool, false}}, {"input"},
-         [](const Args& a) { return createCleanupClampTask(a.node(), 0, a.flag("clampColorAtOne"), a.input("input")); }},
-        {"contrast", "(c - pivot) contrast + pivot", {{"contrast", Type::Color4, kWhite}, {"pivot", Type::Color4, json::array({0.18, 0.18, 0.18, 0})}}, {"input"},
-         [](const Args& a) { return createContrastTask(a.node(), 0, a.color("contrast"), a.color("pivot"), a.input("input")); }},
-        {"gamma", "pivot (c / pivot)^(1 / gamma)", {{"gamma", Type::Color4, kWhite}, {"pivot", Type::Color4, kWhite}}, {"input"},
-         [](const Args& a) { return createGammaTask(a.node(), 0, a.color("gamma"), a.color("pivot"), a.input("input")); }},
-        {"exponential", "pivot (c / pivot)^exponent", {{"exponent", Type::Color4, kWhite}, {"pivot", Type::Color4, kWhite}}, {"input"},
-         [](const Args& a) { return createExponentialTask(a.node(), 0, a.color("exponent"), a.color("pivot"), a.input("input")); }},
-        {"compressrange", "log2 range compression, or its inverse", {{"midGrey", Type::Number, 0.18}, {"maximum", Type::Number, 16}, {"scale", Type::Number, 1}, {"expand", Type::Bool, false}}, {"input"},
-         [](const Args& a) { return createCompressRangeTask(a.node(), 0, a.number("midGrey"), a.number("maximum"), a.number("scale"), a.flag("expand"), a.input("input")); }},
-        {"ncontrastboost", "smoothstep contrast", {{"amount", Type::Number, 1}, {"alphaToo", Type::Bool, false}}, {"input"},
-         [](const Args& a) { return createNContrastBoostTask(a.node(), 0, a.number("amount"), a.flag("alphaToo"), a.input("input")); }},
-        {"hueshift", "hue rotation and saturation", {{"hueShift", Type::Number, 0}, {"saturation", Type::Number, 1}, {"weights", Type::Color3, json::array({0.2126, 0.7152, 0.0722})}}, {"input"},
-         [](const Args& a) { HueShiftParams p; p.hueShift = a.number("hueShift"); p.saturation = a.number("saturation"); p.weights = a.color3("weights"); return createHueShiftTask(a.node(), 0, p, a.input("input")); }},
-        {"multinverse", "unpremultiply", {}, {"input"},
+        {"clamp",
+         "clamp to [low, high]",
+         {{"low", Type::Color4, kClear},
+          {"high", Type::Color4, kWhite},
+          {"clampLow", Type::Bool, true},
+          {"clampHigh", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             return createClampTask(a.node(), 0, a.color("low"), a.color("high"),
+                                    a.flag("clampLow"), a.flag("clampHigh"), a.input("input"));
+         }},
+        {"threshold",
+         "replace below or above a threshold",
+         {{"threshold", Type::Color4, json::array({0.5, 0.5, 0.5, 0.5})},
+          {"replaceBelow", Type::Bool, true},
+          {"belowColor", Type::Color4, kClear},
+          {"replaceAbove", Type::Bool, false},
+          {"aboveColor", Type::Color4, kWhite}},
+         {"input"},
+         [](const Args& a) {
+             return createThresholdTask(a.node(), 0, a.color("threshold"), a.flag("replaceBelow"),
+                                        a.color("belowColor"), a.flag("replaceAbove"),
+                                        a.color("aboveColor"), a.input("input"));
+         }},
+        {"cleanupclamp",
+         "alpha to [0, 1], colour to 0 and above",
+         {{"clampColorAtOne", Type::Bool, false}},
+         {"input"},
+         [](const Args& a) {
+             return createCleanupClampTask(a.node(), 0, a.flag("clampColorAtOne"),
+                                           a.input("input"));
+         }},
+        {"contrast",
+         "(c - pivot) contrast + pivot",
+         {{"contrast", Type::Color4, kWhite},
+          {"pivot", Type::Color4, json::array({0.18, 0.18, 0.18, 0})}},
+         {"input"},
+         [](const Args& a) {
+             return createContrastTask(a.node(), 0, a.color("contrast"), a.color("pivot"),
+                                       a.input("input"));
+         }},
+        {"gamma",
+         "pivot (c / pivot)^(1 / gamma)",
+         {{"gamma", Type::Color4, kWhite}, {"pivot", Type::Color4, kWhite}},
+         {"input"},
+         [](const Args& a) {
+             return createGammaTask(a.node(), 0, a.color("gamma"), a.color("pivot"),
+                                    a.input("input"));
+         }},
+        {"exponential",
+         "pivot (c / pivot)^exponent",
+         {{"exponent", Type::Color4, kWhite}, {"pivot", Type::Color4, kWhite}},
+         {"input"},
+         [](const Args& a) {
+             return createExponentialTask(a.node(), 0, a.color("exponent"), a.color("pivot"),
+                                          a.input("input"));
+         }},
+        {"compressrange",
+         "log2 range compression, or its inverse",
+         {{"midGrey", Type::Number, 0.18},
+          {"maximum", Type::Number, 16},
+          {"scale", Type::Number, 1},
+          {"expand", Type::Bool, false}},
+         {"input"},
+         [](const Args& a) {
+             return createCompressRangeTask(a.node(), 0, a.number("midGrey"), a.number("maximum"),
+                                            a.number("scale"), a.flag("expand"), a.input("input"));
+         }},
+        {"ncontrastboost",
+         "smoothstep contrast",
+         {{"amount", Type::Number, 1}, {"alphaToo", Type::Bool, false}},
+         {"input"},
+         [](const Args& a) {
+             return createNContrastBoostTask(a.node(), 0, a.number("amount"), a.flag("alphaToo"),
+                                             a.input("input"));
+         }},
+        {"hueshift",
+         "hue rotation and saturation",
+         {{"hueShift", Type::Number, 0},
+          {"saturation", Type::Number, 1},
+          {"weights", Type::Color3, json::array({0.2126, 0.7152, 0.0722})}},
+         {"input"},
+         [](const Args& a) {
+             HueShiftParams p;
+             p.hueShift = a.number("hueShift");
+             p.saturation = a.number("saturation");
+             p.weights = a.color3("weights");
+             return createHueShiftTask(a.node(), 0, p, a.input("input"));
+         }},
+        {"multinverse",
+         "unpremultiply",
+         {},
+         {"input"},
          [](const Args& a) { return createMultInverseTask(a.node(), 0, a.input("input")); }},
-        {"posterize", "quantise to levels", {{"levels", Type::Number, 8}, {"low", Type::Number, 0}, {"high", Type::Number, 1}, {"alphaToo", Type::Bool, false}, {"clampToRange", Type::Bool, true}}, {"input"},
-         [](const Args& a) { return createPosterizeTask(a.node(), 0, a.number("levels"), a.number("low"), a.number("high"), a.flag("alphaToo"), a.flag("clampToRange"), a.input("input")); }},
-        {"hsvconvert", "RGB to HSV, or back", {{"toHSV", Type::Bool, true}}, {"input"},
-         [](const Args& a) { return createHSVConvertTask(a.node(), 0, a.flag("toHSV"), a.input("input")); }},
-        {"lab", "RGB to L*a*b*, or back", {{"toLab", Type::Bool, true}}, {"input"},
-         [](const Args& a) { return createLabTask(a.node(), 0, a.flag("toLab"), a.input("input")); }},
-        {"maxrgbtoalpha", "alpha = max(R, G, B)", {}, {"input"},
+        {"posterize",
+         "quantise to levels",
+         {{"levels", Type::Number, 8},
+          {"low", Type::Number, 0},
+          {"high", Type::Number, 1},
+          {"alphaToo", Type::Bool, false},
+          {"clampToRange", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             return createPosterizeTask(a.node(), 0, a.number("levels"), a.number("low"),
+                                        a.number("high"), a.flag("alphaToo"),
+                                        a.flag("clampToRange"), a.input("input"));
+         }},
+        {"hsvconvert",
+         "RGB to HSV, or back",
+         {{"toHSV", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             return createHSVConvertTask(a.node(), 0, a.flag("toHSV"), a.input("input"));
+         }},
+        {"lab",
+         "RGB to L*a*b*, or back",
+         {{"toLab", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             return createLabTask(a.node(), 0, a.flag("toLab"), a.input("input"));
+         }},
+        {"maxrgbtoalpha",
+         "alpha = max(R, G, B)",
+         {},
+         {"input"},
          [](const Args& a) { return createMaxRGBToAlphaTask(a.node(), 0, a.input("input")); }},
-        {"minrgbtoalpha", "alpha = min(R, G, B)", {}, {"input"},
+        {"minrgbtoalpha",
+         "alpha = min(R, G, B)",
+         {},
+         {"input"},
          [](const Args& a) { return createMinRGBToAlphaTask(a.node(), 0, a.input("input")); }},
-        {"bloom", "bloom control", {{"threshold", Type::Number, 1}, {"gain", Type::Number, 0.5}, {"isolate", Type::Bool, false}, {"luminance", Type::Bool, true}}, {"input"},
-         [](const Args& a) { BloomControlSettings b; b.threshold = a.number("threshold"); b.gain = a.number("gain"); b.isolate = a.flag("isolate"); b.luminance = a.flag("luminance"); return createBloomTask(a.node(), 0, b, a.input("input")); }},
+        {"bloom",
+         "bloom control",
+         {{"threshold", Type::Number, 1},
+          {"gain", Type::Number, 0.5},
+          {"isolate", Type::Bool, false},
+          {"luminance", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             BloomControlSettings b;
+             b.threshold = a.number("threshold");
+             b.gain = a.number("gain");
+             b.isolate = a.flag("isolate");
+             b.luminance = a.flag("luminance");
+             return createBloomTask(a.node(), 0, b, a.input("input"));
+         }},
         // Compositing.
-        {"composite", "a over b, and the other operators", {{"operator", Type::Composite, "over"}, {"alphaFlag", Type::Bool, false}, {"extremaFlag", Type::Bool, false}, {"cleanupClamp", Type::Bool, false}, {"mix", Type::Number, 1}}, {"a", "b"},
-         [](const Args& a) { return createCompositeTask(a.node(), 0, lookup(kComposites, a.text("operator"), a.node(), "operator"), a.flag("extremaFlag"), a.flag("alphaFlag"), a.flag("cleanupClamp"), a.number("mix"), a.input("a"), a.input("b")); }},
-        {"mix", "first (1 - amount) + second amount", {{"amount", Type::Number, 0.5}}, {"first", "second"},
-         [](const Args& a) { return createMixTask(a.node(), 0, a.number("amount"), a.input("first"), a.input("second")); }},
+        {"composite",
+         "a over b, and the other operators",
+         {{"operator", Type::Composite, "over"},
+          {"alphaFlag", Type::Bool, false},
+          {"extremaFlag", Type::Bool, false},
+          {"cleanupClamp", Type::Bool, false},
+          {"mix", Type::Number, 1}},
+         {"a", "b"},
+         [](const Args& a) {
+             return createCompositeTask(
+                 a.node(), 0, lookup(kComposites, a.text("operator"), a.node(), "operator"),
+                 a.flag("extremaFlag"), a.flag("alphaFlag"), a.flag("cleanupClamp"),
+                 a.number("mix"), a.input("a"), a.input("b"));
+         }},
+        {"mix",
+         "first (1 - amount) + second amount",
+         {{"amount", Type::Number, 0.5}},
+         {"first", "second"},
+         [](const Args& a) {
+             return createMixTask(a.node(), 0, a.number("amount"), a.input("first"),
+                                  a.input("second"));
+         }},
         // Filters and transforms.
-        {"blur", "separable blur", {{"size", Type::Vec2, kNoDefault}, {"filter", Type::Kernel, "gaussian"}, {"extend", Type::Extend, "background"}, {"channelScale", Type::Color4, kWhite}}, {"input"},
+        {"blur",
+         "separable blur",
+         {{"size", Type::Vec2, kNoDefault},
+          {"filter", Type::Kernel, "gaussian"},
+          {"extend", Type::Extend, "background"},
+          {"channelScale", Type::Color4, kWhite}},
+         {"input"},
          [](const Args& a) {
              PerChannelBlurParameters p;
              const Imath::V2f size = a.vec2("size");
@@ -227,9 +506,27 @@ const std::vector<Operation>& operations() {
              for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
              return createBlur(a.node(), 0, p, a.input("input"));
          }},
-        {"transform", "a 3x3 matrix (row vectors)", {{"matrix", Type::Matrix33, kIdentity33}, {"filter", Type::Kernel, "catmull-rom"}, {"minifyFilter", Type::Kernel, "catmull-rom"}}, {"input"},
-         [](const Args& a) { HomTransformParams p; p.primaryKernel = a.kernel("filter"); p.secondaryKernel = a.kernel("minifyFilter"); p.useAffine = true; return createHomTransformTask(a.node(), 0, p, {a.matrix("matrix")}, a.input("input")); }},
-        {"rotate", "rotate and scale about a centre, then move", {{"degrees", Type::Number, 0}, {"scale", Type::Number, 1}, {"centre", Type::Vec2, json::array({0, 0})}, {"translate", Type::Vec2, json::array({0, 0})}, {"filter", Type::Kernel, "catmull-rom"}}, {"input"},
+        {"transform",
+         "a 3x3 matrix (row vectors)",
+         {{"matrix", Type::Matrix33, kIdentity33},
+          {"filter", Type::Kernel, "catmull-rom"},
+          {"minifyFilter", Type::Kernel, "catmull-rom"}},
+         {"input"},
+         [](const Args& a) {
+             HomTransformParams p;
+             p.primaryKernel = a.kernel("filter");
+             p.secondaryKernel = a.kernel("minifyFilter");
+             p.useAffine = true;
+             return createHomTransformTask(a.node(), 0, p, {a.matrix("matrix")}, a.input("input"));
+         }},
+        {"rotate",
+         "rotate and scale about a centre, then move",
+         {{"degrees", Type::Number, 0},
+          {"scale", Type::Number, 1},
+          {"centre", Type::Vec2, json::array({0, 0})},
+          {"translate", Type::Vec2, json::array({0, 0})},
+          {"filter", Type::Kernel, "catmull-rom"}},
+         {"input"},
          [](const Args& a) {
              const Imath::V2f c = a.vec2("centre"), t = a.vec2("translate");
              Imath::Matrix33<float> toOrigin, s, r, back;
@@ -240,7 +537,8 @@ const std::vector<Operation>& operations() {
              HomTransformParams p;
              p.primaryKernel = p.secondaryKernel = a.kernel("filter");
              p.useAffine = true;
-             return createHomTransformTask(a.node(), 0, p, {toOrigin * s * r * back}, a.input("input"));
+             return createHomTransformTask(a.node(), 0, p, {toOrigin * s * r * back},
+                                           a.input("input"));
          }},
     };
     return ops;
@@ -255,30 +553,64 @@ void checkType(const std::string& node, const Param& p, const json& v) {
     };
     bool ok = true;
     switch (p.type) {
-        case Type::Number: ok = v.is_number(); break;
-        case Type::Int: ok = v.is_number_integer(); break;
-        case Type::Bool: ok = v.is_boolean(); break;
-        case Type::Color4: ok = numbers(4); break;
-        case Type::Color3: ok = numbers(3); break;
-        case Type::Vec2: ok = numbers(2); break;
-        case Type::Rect: ok = numbers(4); break;
-        case Type::Matrix33: ok = numbers(9); break;
-        case Type::Floats: ok = numbers(0); break;
-        default: ok = v.is_string(); break;
+        case Type::Number:
+            ok = v.is_number();
+            break;
+        case Type::Int:
+            ok = v.is_number_integer();
+            break;
+        case Type::Bool:
+            ok = v.is_boolean();
+            break;
+        case Type::Color4:
+            ok = numbers(4);
+            break;
+        case Type::Color3:
+            ok = numbers(3);
+            break;
+        case Type::Vec2:
+            ok = numbers(2);
+            break;
+        case Type::Rect:
+            ok = numbers(4);
+            break;
+        case Type::Matrix33:
+            ok = numbers(9);
+            break;
+        case Type::Floats:
+            ok = numbers(0);
+            break;
+        default:
+            ok = v.is_string();
+            break;
     }
-    if (!ok) throw GraphFileError(node, p.name, std::string("expected ") + typeName(p.type) + ", got " + v.dump());
+    if (!ok)
+        throw GraphFileError(node, p.name,
+                             std::string("expected ") + typeName(p.type) + ", got " + v.dump());
 }
 
 uint64_t parseChannels(const std::string& node, const std::string& text) {
     uint64_t mask = 0;
     for (char c : text) {
         switch (c) {
-            case 'R': mask |= IMGLIB::CHANNEL_R; break;
-            case 'G': mask |= IMGLIB::CHANNEL_G; break;
-            case 'B': mask |= IMGLIB::CHANNEL_B; break;
-            case 'A': mask |= IMGLIB::CHANNEL_A; break;
-            case 'Z': mask |= IMGLIB::CHANNEL_Z; break;
-            default: throw GraphFileError(node, "channels", "unknown channel '" + std::string(1, c) + "' (R, G, B, A, Z)");
+            case 'R':
+                mask |= IMGLIB::CHANNEL_R;
+                break;
+            case 'G':
+                mask |= IMGLIB::CHANNEL_G;
+                break;
+            case 'B':
+                mask |= IMGLIB::CHANNEL_B;
+                break;
+            case 'A':
+                mask |= IMGLIB::CHANNEL_A;
+                break;
+            case 'Z':
+                mask |= IMGLIB::CHANNEL_Z;
+                break;
+            default:
+                throw GraphFileError(node, "channels",
+                                     "unknown channel '" + std::string(1, c) + "' (R, G, B, A, Z)");
         }
     }
     return mask;
@@ -307,7 +639,8 @@ Graph loadGraph(const std::string& text, const std::string& base) {
             throw GraphFileError("(file)", "id", "every node needs a string id");
         const std::string id = node["id"];
         for (auto it = node.begin(); it != node.end(); ++it)
-            if (it.key() != "id" && it.key() != "op" && it.key() != "params" && it.key() != "inputs")
+            if (it.key() != "id" && it.key() != "op" && it.key() != "params" &&
+                it.key() != "inputs")
                 throw GraphFileError(id, it.key(), "unknown field");
         if (!nodes.emplace(id, &node).second) throw GraphFileError(id, "id", "used twice");
         order.push_back(id);
@@ -316,18 +649,24 @@ Graph loadGraph(const std::string& text, const std::string& base) {
     std::map<std::string, TaskPtr> built;
     std::set<std::string> building;
     std::function<TaskPtr(const std::string&, const std::string&, const std::string&)> build;
-    build = [&](const std::string& id, const std::string& from, const std::string& field) -> TaskPtr {
+    build = [&](const std::string& id, const std::string& from,
+                const std::string& field) -> TaskPtr {
         auto done = built.find(id);
         if (done != built.end()) return done->second;
         auto found = nodes.find(id);
         if (found == nodes.end()) throw GraphFileError(from, field, "no node '" + id + "'");
-        if (!building.insert(id).second) throw GraphFileError(id, field, "the graph has a cycle through this node");
+        if (!building.insert(id).second)
+            throw GraphFileError(id, field, "the graph has a cycle through this node");
         const json& node = *found->second;
-        if (!node.contains("op") || !node["op"].is_string()) throw GraphFileError(id, "op", "required");
+        if (!node.contains("op") || !node["op"].is_string())
+            throw GraphFileError(id, "op", "required");
         const Operation* op = nullptr;
         for (const Operation& candidate : operations())
             if (candidate.name == node["op"].get<std::string>()) op = &candidate;
-        if (!op) throw GraphFileError(id, "op", "unknown operation '" + node["op"].get<std::string>() + "' (tessera ops lists them)");
+        if (!op)
+            throw GraphFileError(id, "op",
+                                 "unknown operation '" + node["op"].get<std::string>() +
+                                     "' (tessera ops lists them)");
 
         json params = json::object();
         const json given = node.value("params", json::object());
@@ -387,7 +726,8 @@ Graph loadGraph(const std::string& text, const std::string& base) {
         if (out.contains("rect")) {
             checkType(id, Param{"rect", Type::Rect, kNoDefault}, out["rect"]);
             const json& r = out["rect"];
-            g.description.rect = UTIL::Rect(r[0].get<int64_t>(), r[1].get<int64_t>(), r[2].get<int64_t>(), r[3].get<int64_t>());
+            g.description.rect = UTIL::Rect(r[0].get<int64_t>(), r[1].get<int64_t>(),
+                                            r[2].get<int64_t>(), r[3].get<int64_t>());
         } else {
             UTIL::Region region;
             g.description.task->getOutputDescription(nullptr, &region);
@@ -399,14 +739,16 @@ Graph loadGraph(const std::string& text, const std::string& base) {
             std::vector<std::string> paths;
             if (files.is_string())
                 paths.push_back(files.get<std::string>());
-            else if (files.is_array() && std::all_of(files.begin(), files.end(), [](const json& f) { return f.is_string(); }))
+            else if (files.is_array() && std::all_of(files.begin(), files.end(),
+                                                     [](const json& f) { return f.is_string(); }))
                 paths = files.get<std::vector<std::string>>();
             else
                 throw GraphFileError(id, "file", "a path or a list of paths");
             for (const std::string& path : paths) {
                 const std::filesystem::path p(path);
                 FileOutParams file;
-                file.path = p.is_absolute() ? p.string() : (std::filesystem::path(base) / p).string();
+                file.path =
+                    p.is_absolute() ? p.string() : (std::filesystem::path(base) / p).string();
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
                 g.files.push_back(file);

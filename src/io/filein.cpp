@@ -42,9 +42,11 @@ std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::s
                                            int subimage) {
     auto in = OIIO::ImageInput::open(path);
     if (!in)
-        throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + OIIO::geterror(), -1);
+        throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + OIIO::geterror(),
+                                           -1);
     if (subimage != 0 && !in->seek_subimage(subimage, 0))
-        throw RenderTaskRenderingException(task, "'" + path + "' has no subimage " + std::to_string(subimage), -1);
+        throw RenderTaskRenderingException(
+            task, "'" + path + "' has no subimage " + std::to_string(subimage), -1);
     return in;
 }
 
@@ -55,7 +57,8 @@ public:
         auto in = openFile(getNameAtTime(), params.path, params.subimage);
         m_spec = in->spec();
         m_channels = channelsOf(m_spec, m_slots);
-        m_dataWindow = UTIL::Rect(m_spec.x, m_spec.y, m_spec.x + m_spec.width, m_spec.y + m_spec.height);
+        m_dataWindow =
+            UTIL::Rect(m_spec.x, m_spec.y, m_spec.x + m_spec.width, m_spec.y + m_spec.height);
     }
 
 protected:
@@ -69,13 +72,16 @@ protected:
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
     void makeInputFormatRequests() override {}
     void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
-    void preRender() override { m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage); }
+    void preRender() override {
+        m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
+    }
     void postRender() override {
         std::lock_guard<std::mutex> lock(m_fileMutex);
         m_file.reset();
     }
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        const UTIL::Rect rect = UTIL::Rect(out->x1, out->y1, out->x2, out->y2).intersection(m_dataWindow);
+        const UTIL::Rect rect =
+            UTIL::Rect(out->x1, out->y1, out->x2, out->y2).intersection(m_dataWindow);
         if (rect.isNull()) return;
         // Tiled files read whole tiles; scanline files whole rows.
         UTIL::Rect read = rect;
@@ -84,8 +90,10 @@ protected:
             auto down = [](int64_t v, int64_t o, int64_t t) { return o + (v - o) / t * t; };
             read.xmin = down(rect.xmin, m_spec.x, tw);
             read.ymin = down(rect.ymin, m_spec.y, th);
-            read.xmax = std::min<int64_t>(down(rect.xmax - 1, m_spec.x, tw) + tw, m_dataWindow.xmax);
-            read.ymax = std::min<int64_t>(down(rect.ymax - 1, m_spec.y, th) + th, m_dataWindow.ymax);
+            read.xmax =
+                std::min<int64_t>(down(rect.xmax - 1, m_spec.x, tw) + tw, m_dataWindow.xmax);
+            read.ymax =
+                std::min<int64_t>(down(rect.ymax - 1, m_spec.y, th) + th, m_dataWindow.ymax);
         } else {
             read.xmin = m_dataWindow.xmin;
             read.xmax = m_dataWindow.xmax;
@@ -104,11 +112,13 @@ protected:
                                               0, 0, n, OIIO::TypeDesc::FLOAT, pixels.data());
             if (!ok)
                 throw RenderTaskRenderingException(
-                    getNameAtTime(), "cannot read '" + m_params.path + "': " + m_file->geterror(), -1);
+                    getNameAtTime(), "cannot read '" + m_params.path + "': " + m_file->geterror(),
+                    -1);
         }
         const int64_t pixelBytes = IMGLIB::GetPixelBytes(out->channels);
         for (int64_t y = rect.ymin; y < rect.ymax; ++y) {
-            const float* src = pixels.data() + ((y - read.ymin) * read.width() + (rect.xmin - read.xmin)) * n;
+            const float* src =
+                pixels.data() + ((y - read.ymin) * read.width() + (rect.xmin - read.xmin)) * n;
             float* dst = IMGLIB::GetPixelAddress(out, rect.xmin, y, pixelBytes);
             for (int64_t x = rect.xmin; x < rect.xmax; ++x, src += n)
                 for (int bit = 0; bit < IMGLIB::NUM_KNOWN_CHANNELS; ++bit)
@@ -136,8 +146,9 @@ TaskPtr createFileInTask(const std::string& name, float time, const FileInParams
 FileWindows readFileWindows(const std::string& path) {
     auto in = openFile("readFileWindows", path, 0);
     const OIIO::ImageSpec& s = in->spec();
-    return FileWindows{UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height),
-                       UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height)};
+    return FileWindows{
+        UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height),
+        UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height)};
 }
 
 }  // namespace TESSERA

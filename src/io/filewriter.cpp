@@ -53,7 +53,9 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
     spec.full_x = spec.x;
     spec.full_y = spec.y;
     spec.channelnames = channelNames;
-    spec.alpha_channel = (output.channels & IMGLIB::CHANNEL_A) ? IMGLIB::GetChannelIndex(output.channels & 31, IMGLIB::CHANNEL_A) : -1;
+    spec.alpha_channel = (output.channels & IMGLIB::CHANNEL_A)
+                             ? IMGLIB::GetChannelIndex(output.channels & 31, IMGLIB::CHANNEL_A)
+                             : -1;
     target->pixels.reset(spec, OIIO::InitializePixels::Yes);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_targets[index] = target;
@@ -78,7 +80,8 @@ void FileWriter::tileDone(const ImageBuffer& image, const OutputTileID& id) {
         for (int64_t x = area.xmin; x < area.xmax; ++x) {
             const float* p = IMGLIB::GetPixelAddress(img, x, y, pixelBytes);
             for (size_t c = 0; c < target->slots.size(); ++c) {
-                const int slot = IMGLIB::GetChannelIndex(img->channels, uint64_t(1) << target->slots[c]);
+                const int slot =
+                    IMGLIB::GetChannelIndex(img->channels, uint64_t(1) << target->slots[c]);
                 rgba[c] = slot >= 0 ? p[slot] : 0.0f;
             }
             target->pixels.setpixel(int(x), int(y), rgba.data(), int(rgba.size()));
@@ -100,7 +103,8 @@ void FileWriter::outputFinished(size_t outputIndex) {
         target->pixels.specmod().attribute("compression", file.compression);
         target->pixels.set_write_format(typeOf(file));
         if (!target->pixels.write(file.path)) {
-            const std::string error = "cannot write '" + file.path + "': " + target->pixels.geterror();
+            const std::string error =
+                "cannot write '" + file.path + "': " + target->pixels.geterror();
             std::cerr << error << std::endl;
             std::lock_guard<std::mutex> lock(m_mutex);
             m_errors += error + "\n";

@@ -17,8 +17,8 @@
 #include <string>
 #include <thread>
 
-#include "tessera.h"
 #include "demo_graph.h"
+#include "tessera.h"
 
 using namespace TESSERA;
 
@@ -32,9 +32,10 @@ struct Options {
 };
 
 [[noreturn]] void usage(const std::string& problem) {
-    std::cerr << "tessera: " << problem << "\n"
-              << "usage: tessera render GRAPH.json | demo | ops  [--threads N] [--tile N] [--mem MB]"
-                 " [--disk MB] [--stats] [--debug-log FILE]\n";
+    std::cerr
+        << "tessera: " << problem << "\n"
+        << "usage: tessera render GRAPH.json | demo | ops  [--threads N] [--tile N] [--mem MB]"
+           " [--disk MB] [--stats] [--debug-log FILE]\n";
     std::exit(1);
 }
 
@@ -50,18 +51,27 @@ Options parse(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (arg == "--threads") o.threads = number(arg, next), ++i;
-        else if (arg == "--tile") o.tile = number(arg, next), ++i;
-        else if (arg == "--mem") o.mem = number(arg, next), ++i;
-        else if (arg == "--disk") o.disk = number(arg, next), ++i;
-        else if (arg == "--stats") o.stats = true;
+        if (arg == "--threads")
+            o.threads = number(arg, next), ++i;
+        else if (arg == "--tile")
+            o.tile = number(arg, next), ++i;
+        else if (arg == "--mem")
+            o.mem = number(arg, next), ++i;
+        else if (arg == "--disk")
+            o.disk = number(arg, next), ++i;
+        else if (arg == "--stats")
+            o.stats = true;
         else if (arg == "--debug-log") {
             if (!next) usage("--debug-log needs a file");
             o.debugLog = next, ++i;
-        } else if (arg.rfind("--", 0) == 0) usage("unknown option " + arg);
-        else if (o.command.empty()) o.command = arg;
-        else if (o.graph.empty()) o.graph = arg;
-        else usage("unexpected argument " + arg);
+        } else if (arg.rfind("--", 0) == 0)
+            usage("unknown option " + arg);
+        else if (o.command.empty())
+            o.command = arg;
+        else if (o.graph.empty())
+            o.graph = arg;
+        else
+            usage("unexpected argument " + arg);
     }
     if (o.command.empty()) usage("no command");
     return o;
@@ -77,7 +87,8 @@ public:
         if (!m_terminal) return;
         const int width = 40, filled = m_total ? int(width * done / m_total) : width;
         std::fprintf(stderr, "\r[%s%s] %3zu%%", std::string(size_t(filled), '#').c_str(),
-                     std::string(size_t(width - filled), ' ').c_str(), m_total ? 100 * done / m_total : 100);
+                     std::string(size_t(width - filled), ' ').c_str(),
+                     m_total ? 100 * done / m_total : 100);
         if (done == m_total) std::fprintf(stderr, "\n");
     }
 
@@ -100,13 +111,15 @@ int render(const Graph& graph, const Options& o) {
         progress->addOutput(i, graph.outputs[i].description, graph.outputs[i].files);
     const auto start = std::chrono::steady_clock::now();
     RenderManager::Render(outputs, progress, nullptr, true, RENDERTYPE_BATCH);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (!progress->getErrors().empty()) return 1;
     struct rusage usage {};
     getrusage(RUSAGE_SELF, &usage);
     std::cout << "rendered " << tiles << " tiles in " << seconds << " s on "
-              << (RenderManager::getRenderThreads() ? RenderManager::getRenderThreads()
-                                                    : std::max(1u, std::thread::hardware_concurrency()))
+              << (RenderManager::getRenderThreads()
+                      ? RenderManager::getRenderThreads()
+                      : std::max(1u, std::thread::hardware_concurrency()))
               << " threads; peak resident memory " << usage.ru_maxrss / 1024 << " MB\n";
     for (const GraphOutput& out : graph.outputs)
         for (const FileOutParams& file : out.files) std::cout << "wrote " << file.path << "\n";

@@ -1,0 +1,221 @@
+// Generators, file input and output, graph files and the tessera command.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <OpenImageIO/imagebufalgo.h>
+
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+
+#include "expressionmath/noise.h"
+#include "fileio.h"
+#include "generatortasks.h"
+#include "graphfile.h"
+#include "support/serial_render.h"
+
+using namespace TESSERA;
+using namespace TESSERA::testing;
+using Color = Imath::Color4<float>;
+using UTIL::Rect;
+namespace fs = std::filesystem;
+
+namespace {
+
+class ProductTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        RenderManager::ClearRenderTaskCache();
+        OIIO::attribute("threads", 1);
+        dir = fs::temp_directory_path() / ("tessera_product_" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+    }
+    void TearDown() override {
+        fs::remove_all(dir);
+        RenderManager::setGlobalTileSize(256, 256);
+    }
+    Color at(const std::vector<Color>& pixels, const Rect& r, int64_t x, int64_t y) {
+        return pixels[static_cast<size_t>((y - r.ymin) * r.width() + (x - r.xmin))];
+    }
+    fs::path dir;
+};
+
+int run(const std::string& command) {
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(ProductTest, GeneratorsAtKnownPoints) {
+    const Rect area(0, 0, 64, 32);
+    auto pixels = [&](const TaskPtr& t) { return renderPixels(t, area, 16); };
+    const Color red(1, 0, 0, 1), blue(0, 0, 1, 1);
+    const auto checker = pixels(createCheckerboardTask("c", 0, red, blue, 8, area));
+    EXPECT_EQ(at(checker, area, 0, 0), red);
+    EXPECT_EQ(at(checker, area, 8, 0), blue);
+    EXPECT_EQ(at(checker, area, 9, 9), red);
+    const auto ramp = pixels(createLinearRampTask("r", 0, Imath::V2f(0, 0), Color(0, 0, 0, 0),
+                                                  Imath::V2f(64, 0), Color(1, 1, 1, 1), area));
+    EXPECT_FLOAT_EQ(at(ramp, area, 31, 5).r, 31.5f / 64.0f);
+    const auto radial = pixels(createRadialRampTask("rr", 0, Imath::V2f(32, 16), 10, red, blue, area));
+    EXPECT_EQ(at(radial, area, 63, 16), blue);  // beyond the radius
+    EXPECT_NEAR(at(radial, area, 36, 15).r, 1.0f - std::sqrt(4.5f * 4.5f + 0.25f) / 10.0f, 1e-5f);
+    const auto bars = pixels(createColorBarsTask("b", 0, area));
+    EXPECT_EQ(at(bars, area, 0, 0), Color(.75f, .75f, .75f, 1));
+    EXPECT_EQ(at(bars, area, 63, 0), Color(0, 0, 0, 1));
+    const auto lattice = pixels(createLatticeTask("l", 0, red, blue, 16, 2, area));
+    EXPECT_EQ(at(lattice, area, 16, 5), red);
+    EXPECT_EQ(at(lattice, area, 18, 5), blue);
+    const auto wheel = pixels(createHueWheelTask("h", 0, Imath::V2f(32, 16), 15, area));
+    EXPECT_NEAR(at(wheel, area, 46, 15).r, 1.0f, 0.1f);  // hue 0 to the right: red
+    EXPECT_EQ(at(wheel, area, 0, 0).a, 0.0f);           // beyond the radius
+    const auto noise = pixels(createRandomNoiseTask("n", 0, 5, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
+    EXPECT_FLOAT_EQ(at(noise, area, 7, 3).g, Orrery3::Expressionmath::v3::randval(7, 3, 5));
+    const auto perlin = pixels(createPerlinNoiseTask("p", 0, 16, 1, 0.5f, 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
+    EXPECT_NEAR(at(perlin, area, 5, 9).r, Orrery3::Expressionmath::v3::noise(5.5f / 16, 9.5f / 16, 0), 1e-6f);
+    // The defined region is exactly the area; identical parameters share a cache ID.
+    UTIL::Region region;
+    createConstantTask("k", 0, red, Rect(3, 4, 5, 6))->getOutputDescription(nullptr, &region);
+    EXPECT_EQ(region, UTIL::Region(Rect(3, 4, 5, 6)));
+    EXPECT_EQ(createConstantTask("x", 0, red, area)->getCacheID(), createConstantTask("y", 0, red, area)->getCacheID());
+    EXPECT_THROW(createCheckerboardTask("bad", 0, red, blue, 0, area), std::invalid_argument);
+}
+
+TEST_F(ProductTest, FilesRoundTripWithinTheirPrecision) {
+    const Rect area(0, 0, 50, 40);
+    TaskPtr source = createLinearRampTask("ramp", 0, Imath::V2f(0, 0), Color(0, 0.2f, 0, 1),
+                                          Imath::V2f(50, 40), Color(1, 0.8f, 0.5f, 1), area);
+    RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
+    const std::vector<std::pair<std::string, float>> files = {
+        {"ramp.exr", 1e-3f}, {"ramp_float.exr", 0.0f}, {"ramp.tif", 2e-5f}, {"ramp.png", 1.0f / 255}};
+    std::vector<FileOutParams> params;
+    for (const auto& f : files) {
+        FileOutParams p;
+        p.path = (dir / f.first).string();
+        if (f.first == "ramp_float.exr") p.dataType = "float";
+        params.push_back(p);
+    }
+    RenderDescription out(source, area, IMGLIB::CHANNELS_RGBA);
+    writer->addOutput(0, out, params);
+    RenderManager::Render({out}, writer, nullptr, true, RENDERTYPE_BATCH);
+    EXPECT_EQ(writer->getErrors(), "");
+    const auto expected = renderPixels(source, area, 16);
+    for (size_t i = 0; i < files.size(); ++i) {
+        TaskPtr read = createFileInTask("in", 0, FileInParams{params[i].path, 0});
+        uint64_t channels;
+        UTIL::Region region;
+        read->getOutputDescription(&channels, &region);
+        EXPECT_EQ(channels, IMGLIB::CHANNELS_RGBA) << files[i].first;
+        EXPECT_EQ(region, UTIL::Region(area));
+        const auto got = renderPixels(read, area, 16);
+        for (size_t p = 0; p < got.size(); ++p)
+            for (int c = 0; c < 4; ++c)
+                ASSERT_NEAR(got[p][c], expected[p][c], files[i].second + 1e-7f) << files[i].first;
+    }
+}
+
+TEST_F(ProductTest, TiledFilesAreReadInTheRegionsTheRenderNeeds) {
+    // A tiled EXR with a data window away from the origin.
+    const int W = 512, H = 384;
+    OIIO::ImageSpec spec(W, H, 4, OIIO::TypeDesc::FLOAT);
+    spec.x = 100;
+    spec.y = -50;
+    spec.tile_width = spec.tile_height = 64;
+    OIIO::ImageBuf buf(spec);
+    for (int y = spec.y; y < spec.y + H; ++y)
+        for (int x = spec.x; x < spec.x + W; ++x) {
+            const float v[4] = {float(x), float(y), 0.5f, 1};
+            buf.setpixel(x, y, v);
+        }
+    const std::string path = (dir / "tiled.exr").string();
+    ASSERT_TRUE(buf.write(path));
+    const FileWindows windows = readFileWindows(path);
+    EXPECT_EQ(windows.dataWindow, Rect(100, -50, 612, 334));
+    TaskPtr read = createFileInTask("tiled", 0, FileInParams{path, 0});
+    const Rect crop(300, 100, 340, 130);
+    const auto got = renderPixels(read, crop, 16);
+    for (int64_t y = crop.ymin; y < crop.ymax; ++y)
+        for (int64_t x = crop.xmin; x < crop.xmax; ++x) {
+            ASSERT_EQ(at(got, crop, x, y).r, float(x));
+            ASSERT_EQ(at(got, crop, x, y).g, float(y));
+        }
+}
+
+TEST_F(ProductTest, UnreadableFilesNameThemselves) {
+    const std::string missing = (dir / "missing.exr").string();
+    try {
+        createFileInTask("in", 0, FileInParams{missing, 0});
+        FAIL();
+    } catch (const RenderTaskRenderingException& e) {
+        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
+    }
+    const std::string corrupt = (dir / "corrupt.exr").string();
+    std::ofstream(corrupt) << "not an image at all";
+    EXPECT_THROW(createFileInTask("in", 0, FileInParams{corrupt, 0}), RenderTaskRenderingException);
+}
+
+TEST_F(ProductTest, GraphFileErrorsNameTheNodeAndField) {
+    auto error = [](const std::string& json) {
+        try {
+            loadGraph(json);
+        } catch (const GraphFileError& e) {
+            return std::string(e.what());
+        }
+        return std::string("no error");
+    };
+    const std::string bars = R"({"id": "bars", "op": "colorbars", "params": {"area": [0, 0, 8, 8]}})";
+    const std::string out = R"("outputs": [{"node": "x"}])";
+    EXPECT_EQ(error("{"), error("{").substr(0, 0) + error("{"));  // not JSON: reported, not crashed
+    EXPECT_NE(error("{").find("not valid JSON"), std::string::npos);
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "nosuch"}], )" + out + "}"),
+              "node 'x', field 'op': unknown operation 'nosuch' (tessera ops lists them)");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars"}], )" + out + "}"),
+              "node 'x', field 'area': required");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": 5}}], )" + out + "}"),
+              "node 'x', field 'area': expected [xmin, ymin, xmax, ymax], got 5");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": [0,0,1,1], "size": 3}}], )" + out + "}"),
+              "node 'x', field 'size': unknown parameter of colorbars");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "colour": 1}], )" + out + "}"),
+              "node 'x', field 'colour': unknown field");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "gain", "inputs": {"input": "ghost"}}], )" + out + "}"),
+              "node 'x', field 'input': no node 'ghost'");
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "gain", "inputs": {"input": "y"}},
+                                  {"id": "y", "op": "gain", "inputs": {"input": "x"}}], )" + out + "}"),
+              "node 'x', field 'input': the graph has a cycle through this node");
+    EXPECT_EQ(error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars", "channels": "RGBQ"}]})"),
+              "node 'bars', field 'channels': unknown channel 'Q' (R, G, B, A, Z)");
+    EXPECT_EQ(error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars"}], "extra": 1})"),
+              "node '(file)', field 'extra': unknown field");
+    // A well-formed graph loads, its output area defaulting to the node's.
+    const Graph g = loadGraph(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars"}]})");
+    ASSERT_EQ(g.outputs.size(), 1u);
+    EXPECT_EQ(g.outputs[0].description.rect, Rect(0, 0, 8, 8));
+    EXPECT_NE(describeOperations().find("blur: separable blur"), std::string::npos);
+}
+
+TEST_F(ProductTest, TheCommandExitsCleanlyAndTheDemoMatchesItsReference) {
+    const std::string cli = TESSERA_CLI_PATH;
+    EXPECT_EQ(run(cli + " ops > /dev/null"), 0);
+    EXPECT_EQ(run(cli + " > /dev/null 2>&1"), 1);
+    EXPECT_EQ(run(cli + " frobnicate > /dev/null 2>&1"), 1);
+    EXPECT_EQ(run(cli + " render " + (dir / "none.json").string() + " > /dev/null 2>&1"), 1);
+    EXPECT_EQ(run(cli + " demo --threads zero > /dev/null 2>&1"), 1);
+    const std::string bad = (dir / "bad.json").string();
+    std::ofstream(bad) << R"({"nodes": [{"id": "x", "op": "gain"}], "outputs": [{"node": "x"}]})";
+    EXPECT_EQ(run(cli + " render " + bad + " > /dev/null 2>&1"), 1);
+
+    // The demo, written under a scratch folder, against the checked-in reference.
+    ASSERT_EQ(run("cd " + dir.string() + " && " + cli + " demo --threads 2 --tile 128 > /dev/null"), 0);
+    OIIO::ImageBuf rendered((dir / "out/demo.exr").string());
+    ASSERT_TRUE(rendered.read(0, 0, true, OIIO::TypeDesc::FLOAT)) << rendered.geterror();
+    EXPECT_EQ(rendered.spec().width, 1280);
+    // Reduced as the reference was, and clamped as its 8-bit file is.
+    OIIO::ImageBuf small = OIIO::ImageBufAlgo::clamp(
+        OIIO::ImageBufAlgo::resize(rendered, "", 0, OIIO::ROI(0, 160, 0, 90, 0, 1, 0, 4)), 0.0f, 1.0f);
+    OIIO::ImageBuf reference(std::string(TESSERA_TEST_DATA) + "/demo_reference.png");
+    ASSERT_TRUE(reference.read(0, 0, true, OIIO::TypeDesc::FLOAT));
+    const auto comparison = OIIO::ImageBufAlgo::compare(small, reference, 2.5f / 255, 2.5f / 255);
+    EXPECT_EQ(comparison.nfail, 0u) << "max error " << comparison.maxerror;
+    EXPECT_TRUE(fs::exists(dir / "out/demo.png"));
+}
