@@ -464,6 +464,90 @@ const std::vector<Operation>& operations() {
              b.luminance = a.flag("luminance");
              return createBloomTask(a.node(), 0, b, a.input("input"));
          }},
+        {"rgbacurves",
+         "a curve per channel, (x, y) pairs",
+         {{"red", Type::Floats, json::array()},
+          {"green", Type::Floats, json::array()},
+          {"blue", Type::Floats, json::array()},
+          {"alpha", Type::Floats, json::array()}},
+         {"input"},
+         [](const Args& a) {
+             return createRGBACurvesTask(a.node(), 0, a.floats("red"), a.floats("green"),
+                                         a.floats("blue"), a.floats("alpha"), a.input("input"));
+         }},
+        {"lumacurves",
+         "a curve on luma, (x, y) pairs",
+         {{"weights", Type::Color3, json::array({0.2126, 0.7152, 0.0722})},
+          {"points", Type::Floats, json::array({0, 0, 1, 1})}},
+         {"input"},
+         [](const Args& a) {
+             return createLumaCurvesTask(a.node(), 0, a.color3("weights"), a.floats("points"),
+                                         a.input("input"));
+         }},
+        {"fringe",
+         "keep half-covered edge pixels",
+         {},
+         {"input"},
+         [](const Args& a) { return createFringeTask(a.node(), 0, a.input("input")); }},
+        {"screenrgbtoalpha",
+         "a screen key: 1 red, 2 green, 4 blue",
+         {{"channel", Type::Int, 2}},
+         {"input"},
+         [](const Args& a) {
+             return createScreenRGBToAlphaTask(a.node(), 0, uint64_t(a.integer("channel")),
+                                               a.input("input"));
+         }},
+        {"hsvcomponenttoalpha",
+         "alpha = hue (0), saturation (1) or value (2)",
+         {{"component", Type::Int, 2}},
+         {"input"},
+         [](const Args& a) {
+             return createHSVComponentToAlphaTask(a.node(), 0, HSVComponent(a.integer("component")),
+                                                  a.input("input"));
+         }},
+        {"logconvert",
+         "Cineon-style log conversion",
+         {{"blackCode", Type::Color4, json::array({0.0929, 0.0929, 0.0929, 0})},
+          {"whiteCode", Type::Color4, json::array({0.6696, 0.6696, 0.6696, 1})},
+          {"density", Type::Color4, json::array({3.41, 3.41, 3.41, 1})},
+          {"toLog", Type::Bool, true},
+          {"alphaToo", Type::Bool, false}},
+         {"input"},
+         [](const Args& a) {
+             return createAnalyticalLogConvertTask(
+                 a.node(), 0, a.color("blackCode"), a.color("whiteCode"), a.color("density"),
+                 a.flag("toLog"), a.flag("alphaToo"), a.input("input"));
+         }},
+        {"copy",
+         "the input as it is (a cache point)",
+         {},
+         {"input"},
+         [](const Args& a) { return createInPlaceCopyTask(a.node(), 0, a.input("input")); }},
+        {"ociofile",
+         "an OpenColorIO file transform (LUT)",
+         {{"path", Type::String, kNoDefault}, {"inverse", Type::Bool, false}},
+         {"input"},
+         [](const Args& a) {
+             auto t = OCIO_NAMESPACE::FileTransform::Create();
+             t->setSrc(a.path("path").c_str());
+             return createOCIOTransformTask(a.node(), 0, t,
+                                            a.flag("inverse")
+                                                ? OCIO_NAMESPACE::TRANSFORM_DIR_INVERSE
+                                                : OCIO_NAMESPACE::TRANSFORM_DIR_FORWARD,
+                                            a.input("input"));
+         }},
+        {"ociocolorspace",
+         "OpenColorIO colour-space conversion",
+         {{"config", Type::String, kNoDefault},
+          {"from", Type::String, kNoDefault},
+          {"to", Type::String, kNoDefault}},
+         {"input"},
+         [](const Args& a) {
+             auto config = OCIO_NAMESPACE::Config::CreateFromFile(a.path("config").c_str());
+             return createOCIOProcessorTask(
+                 a.node(), 0, config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
+                 a.input("input"));
+         }},
         // Compositing.
         {"composite",
          "a over b, and the other operators",
@@ -518,6 +602,27 @@ const std::vector<Operation>& operations() {
              p.secondaryKernel = a.kernel("minifyFilter");
              p.useAffine = true;
              return createHomTransformTask(a.node(), 0, p, {a.matrix("matrix")}, a.input("input"));
+         }},
+        {"motionblur",
+         "average over a shutter of 3x3 matrices (9 numbers each)",
+         {{"matrices", Type::Floats, kNoDefault},
+          {"samplesPerStratum", Type::Int, 1},
+          {"filter", Type::Kernel, "catmull-rom"}},
+         {"input"},
+         [](const Args& a) {
+             const std::vector<float> values = a.floats("matrices");
+             if (values.empty() || values.size() % 9)
+                 throw GraphFileError(a.node(), "matrices", "needs 9 numbers per matrix");
+             std::vector<Imath::Matrix33<float>> matrices;
+             for (size_t i = 0; i < values.size(); i += 9) {
+                 Imath::Matrix33<float> m;
+                 for (int k = 0; k < 9; ++k) m[k / 3][k % 3] = values[i + size_t(k)];
+                 matrices.push_back(m);
+             }
+             HomTransformParams p;
+             p.primaryKernel = p.secondaryKernel = a.kernel("filter");
+             p.motionSamplesPerStratum = a.integer("samplesPerStratum");
+             return createHomTransformTask(a.node(), 0, p, matrices, a.input("input"));
          }},
         {"rotate",
          "rotate and scale about a centre, then move",

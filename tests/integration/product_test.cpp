@@ -58,7 +58,8 @@ TEST_F(ProductTest, GeneratorsAtKnownPoints) {
     const auto ramp = pixels(createLinearRampTask("r", 0, Imath::V2f(0, 0), Color(0, 0, 0, 0),
                                                   Imath::V2f(64, 0), Color(1, 1, 1, 1), area));
     EXPECT_FLOAT_EQ(at(ramp, area, 31, 5).r, 31.5f / 64.0f);
-    const auto radial = pixels(createRadialRampTask("rr", 0, Imath::V2f(32, 16), 10, red, blue, area));
+    const auto radial =
+        pixels(createRadialRampTask("rr", 0, Imath::V2f(32, 16), 10, red, blue, area));
     EXPECT_EQ(at(radial, area, 63, 16), blue);  // beyond the radius
     EXPECT_NEAR(at(radial, area, 36, 15).r, 1.0f - std::sqrt(4.5f * 4.5f + 0.25f) / 10.0f, 1e-5f);
     const auto bars = pixels(createColorBarsTask("b", 0, area));
@@ -69,16 +70,20 @@ TEST_F(ProductTest, GeneratorsAtKnownPoints) {
     EXPECT_EQ(at(lattice, area, 18, 5), blue);
     const auto wheel = pixels(createHueWheelTask("h", 0, Imath::V2f(32, 16), 15, area));
     EXPECT_NEAR(at(wheel, area, 46, 15).r, 1.0f, 0.1f);  // hue 0 to the right: red
-    EXPECT_EQ(at(wheel, area, 0, 0).a, 0.0f);           // beyond the radius
-    const auto noise = pixels(createRandomNoiseTask("n", 0, 5, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
+    EXPECT_EQ(at(wheel, area, 0, 0).a, 0.0f);            // beyond the radius
+    const auto noise =
+        pixels(createRandomNoiseTask("n", 0, 5, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
     EXPECT_FLOAT_EQ(at(noise, area, 7, 3).g, Orrery3::Expressionmath::v3::randval(7, 3, 5));
-    const auto perlin = pixels(createPerlinNoiseTask("p", 0, 16, 1, 0.5f, 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
-    EXPECT_NEAR(at(perlin, area, 5, 9).r, Orrery3::Expressionmath::v3::noise(5.5f / 16, 9.5f / 16, 0), 1e-6f);
+    const auto perlin = pixels(
+        createPerlinNoiseTask("p", 0, 16, 1, 0.5f, 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area));
+    EXPECT_NEAR(at(perlin, area, 5, 9).r,
+                Orrery3::Expressionmath::v3::noise(5.5f / 16, 9.5f / 16, 0), 1e-6f);
     // The defined region is exactly the area; identical parameters share a cache ID.
     UTIL::Region region;
     createConstantTask("k", 0, red, Rect(3, 4, 5, 6))->getOutputDescription(nullptr, &region);
     EXPECT_EQ(region, UTIL::Region(Rect(3, 4, 5, 6)));
-    EXPECT_EQ(createConstantTask("x", 0, red, area)->getCacheID(), createConstantTask("y", 0, red, area)->getCacheID());
+    EXPECT_EQ(createConstantTask("x", 0, red, area)->getCacheID(),
+              createConstantTask("y", 0, red, area)->getCacheID());
     EXPECT_THROW(createCheckerboardTask("bad", 0, red, blue, 0, area), std::invalid_argument);
 }
 
@@ -87,8 +92,10 @@ TEST_F(ProductTest, FilesRoundTripWithinTheirPrecision) {
     TaskPtr source = createLinearRampTask("ramp", 0, Imath::V2f(0, 0), Color(0, 0.2f, 0, 1),
                                           Imath::V2f(50, 40), Color(1, 0.8f, 0.5f, 1), area);
     RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
-    const std::vector<std::pair<std::string, float>> files = {
-        {"ramp.exr", 1e-3f}, {"ramp_float.exr", 0.0f}, {"ramp.tif", 2e-5f}, {"ramp.png", 1.0f / 255}};
+    const std::vector<std::pair<std::string, float>> files = {{"ramp.exr", 1e-3f},
+                                                              {"ramp_float.exr", 0.0f},
+                                                              {"ramp.tif", 2e-5f},
+                                                              {"ramp.png", 1.0f / 255}};
     std::vector<FileOutParams> params;
     for (const auto& f : files) {
         FileOutParams p;
@@ -164,7 +171,8 @@ TEST_F(ProductTest, GraphFileErrorsNameTheNodeAndField) {
         }
         return std::string("no error");
     };
-    const std::string bars = R"({"id": "bars", "op": "colorbars", "params": {"area": [0, 0, 8, 8]}})";
+    const std::string bars =
+        R"({"id": "bars", "op": "colorbars", "params": {"area": [0, 0, 8, 8]}})";
     const std::string out = R"("outputs": [{"node": "x"}])";
     EXPECT_EQ(error("{"), error("{").substr(0, 0) + error("{"));  // not JSON: reported, not crashed
     EXPECT_NE(error("{").find("not valid JSON"), std::string::npos);
@@ -172,19 +180,26 @@ TEST_F(ProductTest, GraphFileErrorsNameTheNodeAndField) {
               "node 'x', field 'op': unknown operation 'nosuch' (tessera ops lists them)");
     EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars"}], )" + out + "}"),
               "node 'x', field 'area': required");
-    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": 5}}], )" + out + "}"),
-              "node 'x', field 'area': expected [xmin, ymin, xmax, ymax], got 5");
-    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": [0,0,1,1], "size": 3}}], )" + out + "}"),
-              "node 'x', field 'size': unknown parameter of colorbars");
+    EXPECT_EQ(
+        error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": 5}}], )" + out + "}"),
+        "node 'x', field 'area': expected [xmin, ymin, xmax, ymax], got 5");
+    EXPECT_EQ(
+        error(
+            R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": [0,0,1,1], "size": 3}}], )" +
+            out + "}"),
+        "node 'x', field 'size': unknown parameter of colorbars");
     EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "colour": 1}], )" + out + "}"),
               "node 'x', field 'colour': unknown field");
-    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "gain", "inputs": {"input": "ghost"}}], )" + out + "}"),
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "gain", "inputs": {"input": "ghost"}}], )" +
+                    out + "}"),
               "node 'x', field 'input': no node 'ghost'");
     EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "gain", "inputs": {"input": "y"}},
-                                  {"id": "y", "op": "gain", "inputs": {"input": "x"}}], )" + out + "}"),
+                                  {"id": "y", "op": "gain", "inputs": {"input": "x"}}], )" +
+                    out + "}"),
               "node 'x', field 'input': the graph has a cycle through this node");
-    EXPECT_EQ(error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars", "channels": "RGBQ"}]})"),
-              "node 'bars', field 'channels': unknown channel 'Q' (R, G, B, A, Z)");
+    EXPECT_EQ(
+        error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars", "channels": "RGBQ"}]})"),
+        "node 'bars', field 'channels': unknown channel 'Q' (R, G, B, A, Z)");
     EXPECT_EQ(error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars"}], "extra": 1})"),
               "node '(file)', field 'extra': unknown field");
     // A well-formed graph loads, its output area defaulting to the node's.
@@ -206,16 +221,33 @@ TEST_F(ProductTest, TheCommandExitsCleanlyAndTheDemoMatchesItsReference) {
     EXPECT_EQ(run(cli + " render " + bad + " > /dev/null 2>&1"), 1);
 
     // The demo, written under a scratch folder, against the checked-in reference.
-    ASSERT_EQ(run("cd " + dir.string() + " && " + cli + " demo --threads 2 --tile 128 > /dev/null"), 0);
+    ASSERT_EQ(run("cd " + dir.string() + " && " + cli + " demo --threads 2 --tile 128 > /dev/null"),
+              0);
     OIIO::ImageBuf rendered((dir / "out/demo.exr").string());
     ASSERT_TRUE(rendered.read(0, 0, true, OIIO::TypeDesc::FLOAT)) << rendered.geterror();
     EXPECT_EQ(rendered.spec().width, 1280);
     // Reduced as the reference was, and clamped as its 8-bit file is.
     OIIO::ImageBuf small = OIIO::ImageBufAlgo::clamp(
-        OIIO::ImageBufAlgo::resize(rendered, "", 0, OIIO::ROI(0, 160, 0, 90, 0, 1, 0, 4)), 0.0f, 1.0f);
+        OIIO::ImageBufAlgo::resize(rendered, "", 0, OIIO::ROI(0, 160, 0, 90, 0, 1, 0, 4)), 0.0f,
+        1.0f);
     OIIO::ImageBuf reference(std::string(TESSERA_TEST_DATA) + "/demo_reference.png");
     ASSERT_TRUE(reference.read(0, 0, true, OIIO::TypeDesc::FLOAT));
     const auto comparison = OIIO::ImageBufAlgo::compare(small, reference, 2.5f / 255, 2.5f / 255);
     EXPECT_EQ(comparison.nfail, 0u) << "max error " << comparison.maxerror;
     EXPECT_TRUE(fs::exists(dir / "out/demo.png"));
+}
+
+TEST_F(ProductTest, EveryExampleGraphLoadsAndRenders) {
+    for (const auto& entry : fs::directory_iterator(TESSERA_EXAMPLES)) {
+        if (entry.path().extension() != ".json") continue;
+        const Graph graph = loadGraphFile(entry.path().string());
+        ASSERT_FALSE(graph.outputs.empty()) << entry.path();
+        for (const GraphOutput& out : graph.outputs) {
+            const UTIL::Rect& r = out.description.rect;
+            const Rect corner(r.xmin, r.ymin, std::min(r.xmax, r.xmin + 64),
+                              std::min(r.ymax, r.ymin + 64));
+            const auto pixels = renderPixels(out.description.task, corner, 32);
+            EXPECT_EQ(pixels.size(), size_t(corner.area())) << entry.path();
+        }
+    }
 }
