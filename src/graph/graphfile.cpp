@@ -850,10 +850,8 @@ Graph loadGraph(const std::string& text, const std::string& base) {
             else
                 throw GraphFileError(id, "file", "a path or a list of paths");
             for (const std::string& path : paths) {
-                const std::filesystem::path p(path);
                 FileOutParams file;
-                file.path =
-                    p.is_absolute() ? p.string() : (std::filesystem::path(base) / p).string();
+                file.path = path;  // as given: relative to the current folder
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
                 g.files.push_back(file);
