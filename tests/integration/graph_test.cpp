@@ -17,11 +17,6 @@ using UTIL::Rect;
 
 namespace {
 
-template <class T, class... Args>
-RCX_ptr_v4::ref_ptr<T> make(Args&&... args) {
-    return RCX_ptr_v4::ref_ptr<T>(new T(std::forward<Args>(args)...));
-}
-
 // A source whose pixel (x, y) is (x, y, x + y, 1) inside its area.
 class RampTask : public ConstantTask {
 public:

@@ -19,11 +19,6 @@ using UTIL::Rect;
 
 namespace {
 
-template <class T, class... Args>
-RCX_ptr_v4::ref_ptr<T> make(Args&&... args) {
-    return RCX_ptr_v4::ref_ptr<T>(new T(std::forward<Args>(args)...));
-}
-
 // (x, y, x*y mod 7, 1) over its area; records the areas it renders.
 class PatternTask : public ConstantTask {
 public:

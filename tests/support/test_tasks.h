@@ -87,6 +87,12 @@ public:
     }
 };
 
+// A new reference-counted object.
+template <class T, class... Args>
+RCX_ptr_v4::ref_ptr<T> make(Args&&... args) {
+    return RCX_ptr_v4::ref_ptr<T>(new T(std::forward<Args>(args)...));
+}
+
 // A pixel of an image as RGBA (absent channels read 0).
 Imath::Color4<float> pixelAt(const IMGLIB::Image* image, int64_t x, int64_t y);
 
