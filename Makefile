@@ -32,7 +32,7 @@ test-asan: deps
 test-tsan: deps
 	cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=thread
 	cmake --build build/tsan -j$(JOBS)
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) build/tsan
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp $(CTEST) build/tsan
 
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
