@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <vector>
 
 #include "exceptions.h"
@@ -78,63 +80,86 @@ protected:
     void postRender() override {
         std::lock_guard<std::mutex> lock(m_fileMutex);
         m_file.reset();
+        m_blocks.clear();
     }
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
         const UTIL::Rect rect =
             UTIL::Rect(out->x1, out->y1, out->x2, out->y2).intersection(m_dataWindow);
         if (rect.isNull()) return;
-        // Tiled files read whole tiles; scanline files whole rows.
-        UTIL::Rect read = rect;
-        if (m_spec.tile_width > 0) {
-            const int64_t tw = m_spec.tile_width, th = m_spec.tile_height;
-            auto down = [](int64_t v, int64_t o, int64_t t) { return o + (v - o) / t * t; };
-            read.xmin = down(rect.xmin, m_spec.x, tw);
-            read.ymin = down(rect.ymin, m_spec.y, th);
-            read.xmax =
-                std::min<int64_t>(down(rect.xmax - 1, m_spec.x, tw) + tw, m_dataWindow.xmax);
-            read.ymax =
-                std::min<int64_t>(down(rect.ymax - 1, m_spec.y, th) + th, m_dataWindow.ymax);
-        } else {
-            read.xmin = m_dataWindow.xmin;
-            read.xmax = m_dataWindow.xmax;
-        }
-        const int n = m_spec.nchannels;
-        std::vector<float> pixels(static_cast<size_t>(read.area()) * n);
-        bool ok;
-        {
-            std::lock_guard<std::mutex> lock(m_fileMutex);
-            if (!m_file) m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
-            ok = m_spec.tile_width > 0
-                     ? m_file->read_tiles(m_params.subimage, 0, int(read.xmin), int(read.xmax),
-                                          int(read.ymin), int(read.ymax), 0, 1, 0, n,
-                                          OIIO::TypeDesc::FLOAT, pixels.data())
-                     : m_file->read_scanlines(m_params.subimage, 0, int(read.ymin), int(read.ymax),
-                                              0, 0, n, OIIO::TypeDesc::FLOAT, pixels.data());
-            if (!ok)
-                throw RenderTaskRenderingException(
-                    getNameAtTime(), "cannot read '" + m_params.path + "': " + m_file->geterror(),
-                    -1);
-        }
-        const int64_t pixelBytes = IMGLIB::GetPixelBytes(out->channels);
-        for (int64_t y = rect.ymin; y < rect.ymax; ++y) {
-            const float* src =
-                pixels.data() + ((y - read.ymin) * read.width() + (rect.xmin - read.xmin)) * n;
-            float* dst = IMGLIB::GetPixelAddress(out, rect.xmin, y, pixelBytes);
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x, src += n)
-                for (int bit = 0; bit < IMGLIB::NUM_KNOWN_CHANNELS; ++bit)
-                    if (out->channels & (uint64_t(1) << bit))
-                        *dst++ = (bit < 5 && m_slots[bit] >= 0) ? src[m_slots[bit]] : 0.0f;
-        }
+        const UTIL::Rect grid = blockSize();
+        const int64_t bx0 = (rect.xmin - m_dataWindow.xmin) / grid.xmax;
+        const int64_t bx1 = (rect.xmax - 1 - m_dataWindow.xmin) / grid.xmax;
+        const int64_t by0 = (rect.ymin - m_dataWindow.ymin) / grid.ymax;
+        const int64_t by1 = (rect.ymax - 1 - m_dataWindow.ymin) / grid.ymax;
+        for (int64_t by = by0; by <= by1; ++by)
+            for (int64_t bx = bx0; bx <= bx1; ++bx) {
+                ImageBuffer block = this->block(bx, by);
+                ImageBuffer_LockScoper lock(block);
+                IMGLIB::CopyInto(out, block.getImage());
+            }
     }
 
 private:
+    // Files are read in blocks: a tiled file's tiles, a scanline file's bands
+    // of rows. (xmax, ymax) is the block size.
+    UTIL::Rect blockSize() const {
+        if (m_spec.tile_width > 0) return UTIL::Rect(0, 0, m_spec.tile_width, m_spec.tile_height);
+        return UTIL::Rect(0, 0, m_dataWindow.width(), kBandRows);
+    }
+
+    // The decoded block, read on first use and kept for the render (as an
+    // image buffer under the "FILEIN." accounting, so it counts against the
+    // memory budget and may be swapped out).
+    ImageBuffer block(int64_t bx, int64_t by) {
+        std::lock_guard<std::mutex> lock(m_fileMutex);
+        auto found = m_blocks.find({bx, by});
+        if (found != m_blocks.end()) return found->second;
+        const UTIL::Rect size = blockSize();
+        const UTIL::Rect area =
+            UTIL::Rect(m_dataWindow.xmin + bx * size.xmax, m_dataWindow.ymin + by * size.ymax,
+                       m_dataWindow.xmin + (bx + 1) * size.xmax,
+                       m_dataWindow.ymin + (by + 1) * size.ymax)
+                .intersection(m_dataWindow);
+        if (!m_file) m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
+        const int n = m_spec.nchannels;
+        std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
+        const bool ok =
+            m_spec.tile_width > 0
+                ? m_file->read_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
+                                     int(area.ymin), int(area.ymax), 0, 1, 0, n,
+                                     OIIO::TypeDesc::FLOAT, pixels.data())
+                : m_file->read_scanlines(m_params.subimage, 0, int(area.ymin), int(area.ymax), 0, 0,
+                                         n, OIIO::TypeDesc::FLOAT, pixels.data());
+        if (!ok)
+            throw RenderTaskRenderingException(
+                getNameAtTime(), "cannot read '" + m_params.path + "': " + m_file->geterror(), -1);
+        ImageBuffer image(m_channels, area, "FILEIN." + m_params.path);
+        {
+            ImageBuffer_LockScoper imageLock(image);
+            const IMGLIB::Image* dst = image.getImage();
+            const int64_t pixelBytes = IMGLIB::GetPixelBytes(m_channels);
+            const float* src = pixels.data();
+            for (int64_t y = area.ymin; y < area.ymax; ++y) {
+                float* d = IMGLIB::GetPixelAddress(dst, area.xmin, y, pixelBytes);
+                for (int64_t x = area.xmin; x < area.xmax; ++x, src += n)
+                    for (int bit = 0; bit < 5; ++bit)
+                        if (m_channels & (uint64_t(1) << bit)) *d++ = src[m_slots[bit]];
+            }
+        }
+        m_blocks.emplace(std::make_pair(bx, by), image);
+        return image;
+    }
+
+    static constexpr int64_t kBandRows = 64;
+
     FileInParams m_params;
     OIIO::ImageSpec m_spec;
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     UTIL::Rect m_dataWindow;
-    std::mutex m_fileMutex;  // an ImageInput reads one region at a time
+    std::mutex m_fileMutex;  // guards m_file (one read at a time) and m_blocks
     std::unique_ptr<OIIO::ImageInput> m_file;
+    std::map<std::pair<int64_t, int64_t>, ImageBuffer> m_blocks;
 };
 
 }  // namespace

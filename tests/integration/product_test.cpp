@@ -12,6 +12,7 @@
 #include "fileio.h"
 #include "generatortasks.h"
 #include "graphfile.h"
+#include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 
 using namespace TESSERA;
@@ -136,6 +137,7 @@ TEST_F(ProductTest, TiledFilesAreReadInTheRegionsTheRenderNeeds) {
             buf.setpixel(x, y, v);
         }
     const std::string path = (dir / "tiled.exr").string();
+    buf.set_write_tiles(64, 64);
     ASSERT_TRUE(buf.write(path));
     const FileWindows windows = readFileWindows(path);
     EXPECT_EQ(windows.dataWindow, Rect(100, -50, 612, 334));
@@ -147,6 +149,9 @@ TEST_F(ProductTest, TiledFilesAreReadInTheRegionsTheRenderNeeds) {
             ASSERT_EQ(at(got, crop, x, y).r, float(x));
             ASSERT_EQ(at(got, crop, x, y).g, float(y));
         }
+    // The crop lies in one 64x64 file tile: that tile alone was decoded, once
+    // for every render tile that needed it, and counted as file memory.
+    EXPECT_EQ(Private::ImageAllocator::instance().getPeakFileInMemUsage(), 64 * 64 * 16);
 }
 
 TEST_F(ProductTest, UnreadableFilesNameThemselves) {
