@@ -89,9 +89,12 @@ TEST_F(ProductTest, GeneratorsAtKnownPoints) {
 }
 
 TEST_F(ProductTest, FilesRoundTripWithinTheirPrecision) {
-    const Rect area(0, 0, 50, 40);
+    // Several tiles, the last row and column partial.
+    const Rect area(0, 0, RenderManager::getGlobalTileWidth() + 50,
+                    RenderManager::getGlobalTileHeight() + 40);
     TaskPtr source = createLinearRampTask("ramp", 0, Imath::V2f(0, 0), Color(0, 0.2f, 0, 1),
-                                          Imath::V2f(50, 40), Color(1, 0.8f, 0.5f, 1), area);
+                                          Imath::V2f(float(area.xmax), float(area.ymax)),
+                                          Color(1, 0.8f, 0.5f, 1), area);
     RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
     const std::vector<std::pair<std::string, float>> files = {{"ramp.exr", 1e-3f},
                                                               {"ramp_float.exr", 0.0f},
@@ -116,6 +119,15 @@ TEST_F(ProductTest, FilesRoundTripWithinTheirPrecision) {
         read->getOutputDescription(&channels, &region);
         EXPECT_EQ(channels, IMGLIB::CHANNELS_RGBA) << files[i].first;
         EXPECT_EQ(region, UTIL::Region(area));
+        if (params[i].path.size() > 4 &&
+            params[i].path.substr(params[i].path.size() - 4) == ".exr") {
+            // EXR files are streamed as tiles on the render's tile grid.
+            auto in = OIIO::ImageInput::open(params[i].path);
+            ASSERT_TRUE(in);
+            EXPECT_EQ(in->spec().tile_width, RenderManager::getGlobalTileWidth()) << files[i].first;
+            EXPECT_EQ(in->spec().tile_height, RenderManager::getGlobalTileHeight())
+                << files[i].first;
+        }
         const auto got = renderPixels(read, area, 16);
         for (size_t p = 0; p < got.size(); ++p)
             for (int c = 0; c < 4; ++c)
