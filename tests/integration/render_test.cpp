@@ -1,6 +1,7 @@
 // End-to-end renders through RenderManager on the worker threads.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <random>
 #include <thread>
@@ -223,6 +224,33 @@ TEST_F(RenderTest, TilesArriveInThePrioritizersOrder) {
     };
     for (size_t i = 1; i < centre->order.size(); ++i)
         EXPECT_LE(distance(centre->order[i - 1]), distance(centre->order[i]));
+}
+
+TEST_F(RenderTest, AnOutputFinishesOnlyAfterEveryTileWasDelivered) {
+    // The first tile delivered is held up while the other worker renders and
+    // delivers the rest: the output may not be declared finished meanwhile.
+    class SlowFirstDelivery : public RecordingObserver {
+    public:
+        void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+            if (deliveries++ == 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            RecordingObserver::tileDone(image, id);
+        }
+        void outputFinished(size_t index) override {
+            RecordingObserver::outputFinished(index);
+            std::lock_guard<std::mutex> lock(mutex);
+            deliveredAtFinish.push_back(order.size());
+        }
+        std::atomic<int> deliveries{0};
+        std::vector<size_t> deliveredAtFinish;
+    };
+    RenderManager::setGlobalTileSize(16, 16);
+    RenderManager::setRenderThreads(2);
+    auto pattern = make<PatternTask>("p", Rect(0, 0, 64, 64));
+    auto observer = make<SlowFirstDelivery>();
+    RenderManager::Render({RenderDescription(pattern, Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGBA)},
+                          observer, nullptr, true, RENDERTYPE_BATCH);
+    EXPECT_EQ(observer->order.size(), 16u);
+    EXPECT_EQ(observer->deliveredAtFinish, std::vector<size_t>{16});
 }
 
 TEST_F(RenderTest, ASecondRenderIsServedFromTheTileCache) {

@@ -152,7 +152,8 @@ public:
     std::map<TileID, Private::TilePtr> m_tileMap;  // guarded by m_tileMapMutex
     std::mutex m_tileMapMutex;
     uint64_t m_tileCount = 0;
-    uint64_t m_tilesLeft = 0;  // guarded by m_renderLock
+    uint64_t m_tilesLeft = 0;                   // guarded by m_renderLock
+    std::atomic<uint64_t> m_deliveriesLeft{0};  // final tiles not yet handed to the observer
     int m_preRenderState = 0;  // 0 not run, 1 done, 2 failed; guarded by m_renderLock
     std::atomic<bool> m_cancelled{false};
     std::atomic<bool> m_inRender{false};  // part of a render that has not ended

@@ -74,6 +74,7 @@ void RenderTask::Imp::resetForRender(int64_t renderID) {
         m_tileMap.clear();
     }
     m_tileCount = 0;
+    m_deliveriesLeft = 0;
     {
         std::lock_guard<std::mutex> lock(m_renderLock);
         m_tilesLeft = 0;
@@ -190,6 +191,7 @@ uint64_t RenderTask::Imp::setUpTask(std::vector<TilePtr>& readyTiles) {
         for (const auto& entry : m_tileMap) tiles.push_back(entry.second);
     }
     m_tileCount = tiles.size();
+    m_deliveriesLeft = m_tileCount;
     {
         std::lock_guard<std::mutex> lock(m_renderLock);
         m_tilesLeft = m_tileCount;

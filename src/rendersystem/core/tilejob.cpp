@@ -27,7 +27,6 @@ void TileJob::run() {
     Tile& tile = *m_tile;
     RenderTask::Imp& task = *tile.getTask();
     double seconds = 0.0;
-    bool lastOfTask = false;
     if (!tile.hasImage() && !tile.tryGetFromSpeculativeCache()) {
         const auto start = std::chrono::steady_clock::now();
         UTIL_ASSERT(tile.getStage() == InRenderQueue);
@@ -35,7 +34,7 @@ void TileJob::run() {
         ImageBuffer image = tile.createImage();
         {
             ImageBuffer_LockScoper lock(image);
-            lastOfTask = task.renderTile(tile, image.getImage());
+            task.renderTile(tile, image.getImage());
             tile.releaseInputTiles();
             seconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -52,7 +51,7 @@ void TileJob::run() {
             }
         }
     } else {
-        lastOfTask = task.lastTileCheck();
+        task.lastTileCheck();
         tile.releaseInputTiles();
     }
     tile.setStage(FinishedRendering);
@@ -61,7 +60,10 @@ void TileJob::run() {
     if (tile.isFinal()) {
         m_observer->tileDone(tile.getImage(),
                              OutputTileID{tile.getOutputIndex(), tile.getTileID()});
-        if (lastOfTask) m_observer->outputFinished(tile.getOutputIndex());
+        // Counted after delivery: another worker may still be handing over
+        // a tile that finished rendering before this one.
+        if (task.m_deliveriesLeft.fetch_sub(1) == 1)
+            m_observer->outputFinished(tile.getOutputIndex());
         task.removeTile(tile.getTileID());
         return;
     }
