@@ -1,6 +1,8 @@
 #include "imglib/pointops.h"
 
+#include <algorithm>
 #include <cmath>
+#include <initializer_list>
 #include <string>
 
 #include "imglib/channels.h"
@@ -33,8 +35,20 @@ Imath::Color4<float> runColor(const Imath::Color4<float>& c, const PointOp& op) 
     return ApplyPointOpsToColor(c, &op, 1);
 }
 
-void copy4(float* dst, const float* src) {
-    for (int k = 0; k < 4; ++k) dst[k] = src[k];
+// An operator whose parameters start with RGBA vectors, one after another.
+PointOp vectorOp(PointOpKind kind, std::initializer_list<const float*> vectors) {
+    PointOp op;
+    op.kind = kind;
+    float* p = op.p;
+    for (const float* v : vectors) p = std::copy_n(v, 4, p);
+    return op;
+}
+
+PointOp makeSimple(PointOpKind kind, int64_t i0 = 0) {
+    PointOp op;
+    op.kind = kind;
+    op.i[0] = i0;
+    return op;
 }
 
 }  // namespace
@@ -55,10 +69,7 @@ Imath::Color4<float> ApplyPointOpsToColor(const Imath::Color4<float>& color, con
 }
 
 PointOp MakeClamp(const float low[4], const float high[4], bool clampLow, bool clampHigh) {
-    PointOp op;
-    op.kind = POINTOP_CLAMP;
-    copy4(op.p, low);
-    copy4(op.p + 4, high);
+    PointOp op = vectorOp(POINTOP_CLAMP, {low, high});
     op.i[0] = clampLow;
     op.i[1] = clampHigh;
     return op;
@@ -74,11 +85,7 @@ Imath::Color4<float> ClampColor(const Imath::Color4<float>& c, const float low[4
 
 PointOp MakeThreshold(const float threshold[4], bool replaceBelow, const float below[4],
                       bool replaceAbove, const float above[4]) {
-    PointOp op;
-    op.kind = POINTOP_THRESHOLD;
-    copy4(op.p, threshold);
-    copy4(op.p + 4, below);
-    copy4(op.p + 8, above);
+    PointOp op = vectorOp(POINTOP_THRESHOLD, {threshold, below, above});
     op.i[0] = replaceBelow;
     op.i[1] = replaceAbove;
     return op;
@@ -103,22 +110,14 @@ Imath::Color4<float> CleanupClampColor(const Imath::Color4<float>& c, bool clamp
 }
 
 PointOp MakeContrast(const float contrast[4], const float pivot[4]) {
-    PointOp op;
-    op.kind = POINTOP_CONTRAST;
-    copy4(op.p, contrast);
-    copy4(op.p + 4, pivot);
-    return op;
+    return vectorOp(POINTOP_CONTRAST, {contrast, pivot});
 }
 int Contrast(const Image* out, const Image* in, const float contrast[4], const float pivot[4]) {
     return run(out, in, MakeContrast(contrast, pivot), "Contrast");
 }
 
 PointOp MakeExponential(const float exponent[4], const float pivot[4]) {
-    PointOp op;
-    op.kind = POINTOP_EXPONENTIAL;
-    copy4(op.p, exponent);
-    copy4(op.p + 4, pivot);
-    return op;
+    return vectorOp(POINTOP_EXPONENTIAL, {exponent, pivot});
 }
 int Exponential(const Image* out, const Image* in, const float exponent[4], const float pivot[4]) {
     return run(out, in, MakeExponential(exponent, pivot), "Exponential");
@@ -167,12 +166,6 @@ int NContrastBoost(const Image* out, const Image* in, float amount, bool alphaTo
     return run(out, in, MakeNContrastBoost(amount, alphaToo), "NContrastBoost");
 }
 
-static PointOp makeSimple(PointOpKind kind, int64_t i0 = 0) {
-    PointOp op;
-    op.kind = kind;
-    op.i[0] = i0;
-    return op;
-}
 int Fringe(const Image* out, const Image* in) {
     return run(out, in, makeSimple(POINTOP_FRINGE), "Fringe");
 }
@@ -291,11 +284,7 @@ Imath::Color4<float> PosterizeColor(const Imath::Color4<float>& c, float levels,
 
 PointOp MakeLogConvert(const float black[4], const float white[4], const float density[4],
                        bool toLog, bool alphaToo) {
-    PointOp op;
-    op.kind = POINTOP_LOG_CONVERT;
-    copy4(op.p, black);
-    copy4(op.p + 4, white);
-    copy4(op.p + 8, density);
+    PointOp op = vectorOp(POINTOP_LOG_CONVERT, {black, white, density});
     op.i[0] = toLog;
     op.i[1] = alphaToo;
     return op;

@@ -124,27 +124,30 @@ void FileWriter::tileDone(const ImageBuffer& image, const OutputTileID& id) {
             for (size_t c = 0; c < n; ++c) *d++ = slot[c] >= 0 ? p[slot[c]] : 0.0f;
     }
 
+    // Streamed files share the render's tile grid, so this is one file tile;
+    // a tile cut by the image's edge is padded to the full tile size.
+    const float* tilePixels = data.data();
+    std::vector<float> padded;
+    if (!target->streams.empty()) {
+        const int64_t tw = target->streams.front().second->spec().tile_width;
+        const int64_t th = target->streams.front().second->spec().tile_height;
+        if (area.width() != tw || area.height() != th) {
+            padded.assign(static_cast<size_t>(tw * th) * n, 0.0f);
+            for (int64_t row = 0; row < area.height(); ++row)
+                std::copy_n(data.data() + row * area.width() * int64_t(n),
+                            area.width() * int64_t(n), padded.data() + row * tw * int64_t(n));
+            tilePixels = padded.data();
+        }
+    }
+
     std::lock_guard<std::mutex> guard(m_mutex);  // files and buffers, one writer at a time
     if (!target->buffered.empty())
         target->pixels.set_pixels(OIIO::ROI(int(area.xmin), int(area.xmax), int(area.ymin),
                                             int(area.ymax), 0, 1, 0, int(n)),
                                   OIIO::TypeDesc::FLOAT, data.data());
-    for (auto& [file, out] : target->streams) {
-        // The file's tiles within this render tile, each padded to a full tile.
-        const int tw = out->spec().tile_width, th = out->spec().tile_height;
-        std::vector<float> full(static_cast<size_t>(tw) * th * n, 0.0f);
-        for (int64_t ty = area.ymin; ty < area.ymax; ty += th)
-            for (int64_t tx = area.xmin; tx < area.xmax; tx += tw) {
-                const int64_t w = std::min<int64_t>(tw, area.xmax - tx),
-                              h = std::min<int64_t>(th, area.ymax - ty);
-                for (int64_t row = 0; row < h; ++row)
-                    std::copy_n(data.data() +
-                                    ((ty - area.ymin + row) * area.width() + (tx - area.xmin)) * n,
-                                w * int64_t(n), full.data() + row * tw * int64_t(n));
-                if (!out->write_tile(int(tx), int(ty), 0, OIIO::TypeDesc::FLOAT, full.data()))
-                    m_errors += "cannot write '" + file.path + "': " + out->geterror() + "\n";
-            }
-    }
+    for (auto& [file, out] : target->streams)
+        if (!out->write_tile(int(area.xmin), int(area.ymin), 0, OIIO::TypeDesc::FLOAT, tilePixels))
+            m_errors += "cannot write '" + file.path + "': " + out->geterror() + "\n";
 }
 
 void FileWriter::outputFinished(size_t outputIndex) {
