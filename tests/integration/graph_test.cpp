@@ -34,38 +34,6 @@ public:
     static Color at(int64_t x, int64_t y) { return Color(float(x), float(y), float(x + y), 1); }
 };
 
-// Mean of the 2r+1 pixels around x, reading its input extended by `method`
-// beyond the input's data (the display rectangle is the data's bounds).
-class BoxXTask : public GainTask {
-public:
-    BoxXTask(TaskPtr input, int64_t radius, IMGLIB::ExtendMethod method)
-        : GainTask("box", {input}, 1.0f), radius(radius), method(method) {
-        typeString = "BoxX";
-    }
-    void computeCacheID(CacheIDStream& s) override { s << radius << ' ' << int(method); }
-    void makeInputFormatRequests() override {
-        addInputRequest(0, getRequiredOutputChannels(), method, false,
-                        getDefinedInputDataRegion(0).boundingBox());
-    }
-    void computeRequiredInputRectangles(const Rect& out, std::vector<Rect>& in) override {
-        in.assign(1, out.grown(radius, 0));
-    }
-    void renderRect(const IMGLIB::Image* out,
-                    const std::vector<const IMGLIB::Image*>& in) override {
-        ++renderCalls;
-        for (int64_t y = out->y1; y < out->y2; ++y)
-            for (int64_t x = out->x1; x < out->x2; ++x) {
-                Color sum(0, 0, 0, 0);
-                for (int64_t dx = -radius; dx <= radius; ++dx) sum += pixelAt(in[0], x + dx, y);
-                const Color mean = sum / float(2 * radius + 1);
-                const float v[4] = {mean.r, mean.g, mean.b, mean.a};
-                IMGLIB::SetPixel(out, x, y, v);
-            }
-    }
-    int64_t radius;
-    IMGLIB::ExtendMethod method;
-};
-
 // Records the order in which tasks set up their requests.
 std::vector<std::string> g_setUpOrder;
 
@@ -161,7 +129,7 @@ TEST_F(GraphTest, ExtensionAcrossTileBordersMatchesTheClosedForm) {
     for (IMGLIB::ExtendMethod method : {IMGLIB::EXTEND_CLAMP, IMGLIB::EXTEND_MIRROR}) {
         RenderManager::ClearRenderTaskCache();
         auto ramp = make<RampTask>("ramp", Rect(0, 0, 40, 20));
-        auto box = make<BoxXTask>(ramp, 5, method);
+        auto box = make<BoxXTask>("box", ramp, 5, method);
         auto obs = make<CollectingObserver>();
         renderSerially({RenderOutput{box, Rect(0, 0, 40, 20), IMGLIB::CHANNELS_RGBA, 0}}, obs);
         for (int64_t y = 0; y < 20; ++y)

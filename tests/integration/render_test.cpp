@@ -51,35 +51,6 @@ public:
     std::vector<Rect> rendered;
 };
 
-// Mean of the pixels within `radius` columns, clamping at the data's edge.
-class BoxX : public GainTask {
-public:
-    BoxX(const std::string& name, TaskPtr input, int64_t radius)
-        : GainTask(name, {input}, 1.0f), radius(radius) {
-        typeString = "BoxX";
-    }
-    void computeCacheID(CacheIDStream& s) override { s << radius; }
-    void makeInputFormatRequests() override {
-        addInputRequest(0, getRequiredOutputChannels(), IMGLIB::EXTEND_CLAMP, false,
-                        getDefinedInputDataRegion(0).boundingBox());
-    }
-    void computeRequiredInputRectangles(const Rect& out, std::vector<Rect>& in) override {
-        in.assign(1, out.grown(radius, 0));
-    }
-    void renderRect(const IMGLIB::Image* out,
-                    const std::vector<const IMGLIB::Image*>& in) override {
-        for (int64_t y = out->y1; y < out->y2; ++y)
-            for (int64_t x = out->x1; x < out->x2; ++x) {
-                Color sum(0, 0, 0, 0);
-                for (int64_t dx = -radius; dx <= radius; ++dx) sum += pixelAt(in[0], x + dx, y);
-                const Color m = sum / float(2 * radius + 1);
-                const float v[4] = {m.r, m.g, m.b, m.a};
-                IMGLIB::SetPixel(out, x, y, v);
-            }
-    }
-    int64_t radius;
-};
-
 class Throwing : public PatternTask {
 public:
     using PatternTask::PatternTask;
@@ -137,7 +108,7 @@ protected:
         auto pattern = make<PatternTask>("pattern" + tag, Rect(-5, -3, 91, 70));
         auto a = make<InPlaceTask>(InPlaceOpPtr(new ScaleOp(3)), "a" + tag, 0.0f, pattern);
         auto b = make<InPlaceTask>(InPlaceOpPtr(new ScaleOp(0.5f)), "b" + tag, 0.0f, a);
-        auto box = make<BoxX>("box" + tag, b, 3);
+        auto box = make<BoxXTask>("box" + tag, b, 3);
         return make<GainTask>("sum" + tag, std::vector<TaskPtr>{b, box}, 1.0f);
     }
 
@@ -189,7 +160,7 @@ TEST_F(RenderTest, ATileWantedByTwoConsumersRendersOnceOverTheUnion) {
     RenderManager::setGlobalTileSize(64, 64);
     auto pattern = make<PatternTask>("p", Rect(0, 0, 64, 64));
     auto plain = make<GainTask>("plain", std::vector<TaskPtr>{pattern}, 1.0f);
-    auto box = make<BoxX>("box", pattern, 2);
+    auto box = make<BoxXTask>("box", pattern, 2);
     auto sum = make<GainTask>("sum", std::vector<TaskPtr>{plain, box}, 1.0f);
     auto observer = make<RecordingObserver>();
     // The output is the left half: plain needs [0,32), box needs [0,34).
@@ -281,7 +252,7 @@ TEST_F(RenderTest, ATightMemoryBudgetSwapsButKeepsEveryPixel) {
     RenderManager::setRenderThreads(2);
     RenderManager::SetMaxImageMemory(1);  // 1 MiB: 16 tiles of 64 KiB
     auto pattern = make<PatternTask>("p", Rect(0, 0, 512, 256));
-    auto box = make<BoxX>("box", pattern, 1);
+    auto box = make<BoxXTask>("box", pattern, 1);
     auto observer = make<RecordingObserver>();
     RenderManager::Render({RenderDescription(box, Rect(0, 0, 512, 256), IMGLIB::CHANNELS_RGBA)},
                           observer, nullptr, true, RENDERTYPE_BATCH);

@@ -98,6 +98,39 @@ void GainTask::renderRect(const IMGLIB::Image* output,
         }
 }
 
+BoxXTask::BoxXTask(const std::string& name, TaskPtr input, int64_t radius,
+                   IMGLIB::ExtendMethod method)
+    : GainTask(name, {std::move(input)}, 1.0f), radius(radius), method(method) {
+    typeString = "BoxX";
+}
+
+void BoxXTask::computeCacheID(CacheIDStream& stream) {
+    stream << radius << ' ' << int(method);
+}
+
+void BoxXTask::makeInputFormatRequests() {
+    addInputRequest(0, getRequiredOutputChannels(), method, false,
+                    getDefinedInputDataRegion(0).boundingBox());
+}
+
+void BoxXTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                              std::vector<UTIL::Rect>& inputRects) {
+    inputRects.assign(1, outputRect.grown(radius, 0));
+}
+
+void BoxXTask::renderRect(const IMGLIB::Image* output,
+                          const std::vector<const IMGLIB::Image*>& inputs) {
+    ++renderCalls;
+    for (int64_t y = output->y1; y < output->y2; ++y)
+        for (int64_t x = output->x1; x < output->x2; ++x) {
+            Imath::Color4<float> sum(0, 0, 0, 0);
+            for (int64_t dx = -radius; dx <= radius; ++dx) sum += pixelAt(inputs[0], x + dx, y);
+            const Imath::Color4<float> mean = sum / float(2 * radius + 1);
+            const float rgba[4] = {mean.r, mean.g, mean.b, mean.a};
+            IMGLIB::SetPixel(output, x, y, rgba);
+        }
+}
+
 Imath::Color4<float> pixelAt(const IMGLIB::Image* image, int64_t x, int64_t y) {
     float rgba[4] = {0, 0, 0, 0};
     IMGLIB::GetPixel(image, x, y, rgba);

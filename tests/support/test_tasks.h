@@ -76,6 +76,24 @@ public:
     std::string typeString = "Gain";
 };
 
+// Mean of the 2r+1 pixels around x, reading its input extended by `method`
+// beyond the input's data (the request's display rectangle is the data's bounds).
+class BoxXTask : public GainTask {
+public:
+    BoxXTask(const std::string& name, TaskPtr input, int64_t radius,
+             IMGLIB::ExtendMethod method = IMGLIB::EXTEND_CLAMP);
+
+    void computeCacheID(CacheIDStream& stream) override;
+    void makeInputFormatRequests() override;
+    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                        std::vector<UTIL::Rect>& inputRects) override;
+    void renderRect(const IMGLIB::Image* output,
+                    const std::vector<const IMGLIB::Image*>& inputs) override;
+
+    int64_t radius;
+    IMGLIB::ExtendMethod method;
+};
+
 // Overrides neither renderRect: the defaults' assertions fire.
 class NoRenderTask : public ConstantTask {
 public:
