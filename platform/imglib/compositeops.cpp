@@ -4,6 +4,7 @@
 
 #include "imglib/channels.h"
 #include "imglib/error.h"
+#include "imglib/neighbourhood.h"
 #include "imglib/pixelengine.h"
 
 namespace IMGLIB {
@@ -84,6 +85,28 @@ IMGLIB_FLAGGED_BINARY_OP(Screen, BINARYOP_SCREEN)
 int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
         const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
     return run(out, in0, in1, BINARYOP_MIX, false, amount, bg0, bg1, "Mix");
+}
+
+int MixByMask(const Image* out, const Image* in0, const Image* in1, const Image* mask) {
+    if (int status = CheckNeighbourhood("MixByMask", out, in0, 0, 0)) return status;
+    if (int status = CheckNeighbourhood("MixByMask", out, in1, 0, 0)) return status;
+    int alpha = -1;
+    if (int status = CheckControl("MixByMask", out, mask, CHANNEL_A, 0, 0, alpha)) return status;
+    const PixelGrid a(in0), b(in1), m(mask), dst(out);
+    for (int64_t y = out->y1; y < out->y2; ++y) {
+        const float* pa = a.at(out->x1, y);
+        const float* pb = b.at(out->x1, y);
+        const float* pm = m.at(out->x1, y) + alpha;
+        float* o = dst.at(out->x1, y);
+        for (int64_t x = 0; x < out->width(); ++x) {
+            const float k = pm[x * m.n];
+            for (int c = 0; c < dst.n; ++c) {
+                const int64_t i = x * dst.n + c;
+                o[i] = pa[i] + (pb[i] - pa[i]) * k;
+            }
+        }
+    }
+    return ERROR_NONE;
 }
 
 }  // namespace IMGLIB

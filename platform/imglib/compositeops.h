@@ -77,4 +77,8 @@ IMGLIB_FLAGGED_BINARY_OP(Screen)
 TESSERA_API int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
                     const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1);
 
+// out = in0 + (in1 - in0) x the alpha of mask, pixel by pixel: in0 and in1
+// have out's channels and, like mask, cover out (out may be in1).
+TESSERA_API int MixByMask(const Image* out, const Image* in0, const Image* in1, const Image* mask);
+
 }  // namespace IMGLIB

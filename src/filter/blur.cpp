@@ -1,6 +1,7 @@
 // The separable blur: one task per pass, and the per-channel merge.
 #include <array>
 
+#include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/channels.h"
 #include "imglib/fastfilter.h"
@@ -11,67 +12,30 @@ namespace TESSERA {
 namespace Private {
 
 // One pass of a separable blur (the other axis has size 0).
-class Blur : public RenderTask {
+class Blur : public NeighbourhoodTask {
 public:
     Blur(const std::string& name, float time, float sizeX, float sizeY, const BlurParams& params,
          TaskPtr input)
-        : RenderTask(name, time),
+        : NeighbourhoodTask(name, time, "Blur", std::move(input)),
           m_sizeX(sizeX),
           m_sizeY(sizeY),
-          m_params(params),
-          m_padX(IMGLIB::GetFilterPadding(sizeX)),
-          m_padY(IMGLIB::GetFilterPadding(sizeY)) {
-        registerInputTask(std::move(input));
+          m_params(params) {
+        setPadding(IMGLIB::GetFilterPadding(sizeX), IMGLIB::GetFilterPadding(sizeY));
+        setExtension(params.extendMethod, params.extendFlag, params.extendRect);
     }
 
 protected:
-    std::string getTypeString() override { return "Blur"; }
-    void computeCacheID(CacheIDStream& s) override {
+    void describe(CacheIDStream& s) override {
         s << m_sizeX << "," << m_sizeY << "," << int(m_params.filterX) << ","
-          << int(m_params.filterY) << "," << int(m_params.extendMethod) << ","
-          << m_params.extendFlag << "," << m_params.extendRect;
+          << int(m_params.filterY);
     }
-    uint64_t computeOutputChannels() override { return getDefinedInputChannels(0); }
-    UTIL::Region computeOutputDataRegion() override {
-        UTIL::Region region;
-        for (const UTIL::Rect& r : getDefinedInputDataRegion(0).rects())
-            region.add(r.grown(m_padX, m_padY));
-        return region;
-    }
-    void makeInputFormatRequests() override {
-        // Extension needs an edge to start from: the input's data when the
-        // caller named none.
-        UTIL::Rect edge = m_params.extendRect;
-        if (edge.isNull() && m_params.extendMethod != IMGLIB::EXTEND_BACKGROUND)
-            edge = getDefinedInputDataRegion(0).boundingBox();
-        if (edge.isNull() && m_params.extendMethod != IMGLIB::EXTEND_BACKGROUND) {
-            addInputRequest(0, getRequiredOutputChannels());  // no data: nothing to extend
-            return;
-        }
-        addInputRequest(0, getRequiredOutputChannels(), m_params.extendMethod, m_params.extendFlag,
-                        edge);
-    }
-    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
-                                        std::vector<UTIL::Rect>& inputRects) override {
-        inputRects.assign(1, outputRect.grown(m_padX, m_padY));
-    }
-    void renderRect(const IMGLIB::Image* out,
-                    const std::vector<const IMGLIB::Image*>& inputs) override {
-        if (inputs.empty() || !inputs[0]) {
-            const Imath::Color4<float>& bg = getInputBackgroundColor(0);
-            const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
-            checkImglib(IMGLIB::Fill(out, rgba), getNameAtTime());
-            return;
-        }
-        checkImglib(IMGLIB::FastFilter(out, inputs[0], m_params.filterX, m_sizeX, m_params.filterY,
-                                       m_sizeY),
-                    getNameAtTime());
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::FastFilter(out, in[0], m_params.filterX, m_sizeX, m_params.filterY, m_sizeY));
     }
 
 private:
     float m_sizeX, m_sizeY;
     BlurParams m_params;
-    int64_t m_padX, m_padY;
 };
 
 // Channel c of the output from input c (red, green, blue, alpha).

@@ -113,6 +113,11 @@ public:
         return p.is_absolute() ? p.string() : (std::filesystem::path(m_base) / p).string();
     }
     TaskPtr input(const std::string& n) const { return m_inputs.at(n); }
+    // One channel by its name ("r", "g", "b", "a", "z", "u", "v").
+    uint64_t channel(const std::string& n) const;
+    // A value of a table by its name.
+    template <class T>
+    T choice(const std::vector<std::pair<std::string, T>>& table, const std::string& n) const;
     const std::string& node() const { return m_node; }
 
 private:
@@ -171,6 +176,19 @@ T lookup(const std::vector<std::pair<std::string, T>>& table, const std::string&
     throw GraphFileError(node, field, "unknown value '" + key + "' (one of: " + names + ")");
 }
 
+uint64_t Args::channel(const std::string& n) const {
+    static const std::vector<std::pair<std::string, uint64_t>> channels = {
+        {"r", IMGLIB::CHANNEL_R}, {"g", IMGLIB::CHANNEL_G}, {"b", IMGLIB::CHANNEL_B},
+        {"a", IMGLIB::CHANNEL_A}, {"z", IMGLIB::CHANNEL_Z}, {"u", IMGLIB::CHANNEL_U},
+        {"v", IMGLIB::CHANNEL_V}};
+    return lookup(channels, text(n), m_node, n);
+}
+
+template <class T>
+T Args::choice(const std::vector<std::pair<std::string, T>>& table, const std::string& n) const {
+    return lookup(table, text(n), m_node, n);
+}
+
 IMGLIB::KernelType Args::kernel(const std::string& n) const {
     return lookup(kKernels, text(n), m_node, n);
 }
@@ -190,6 +208,51 @@ const json kClear = json::array({0, 0, 0, 0});
 const json kIdentity33 = json::array({1, 0, 0, 0, 1, 0, 0, 0, 1});
 
 // Every operation a graph file can name.
+DefocusParams defocusParams(const Args& a) {
+    DefocusParams p;
+    p.size = a.number("size");
+    p.aspect = a.number("aspect");
+    p.blades = a.integer("blades");
+    p.rotation = a.number("rotation");
+    return p;
+}
+
+// The thin lens and the depth of field's settings, shared by its three
+// operations.
+std::vector<Param> withLens(std::vector<Param> params) {
+    const std::vector<Param> lens = {{"focalLength", Type::Number, 50},
+                                     {"fStop", Type::Number, 2.8},
+                                     {"focusDistance", Type::Number, 5},
+                                     {"unitsPerMetre", Type::Number, 1},
+                                     {"filmBackWidth", Type::Number, 36},
+                                     {"imageWidth", Type::Number, 1920},
+                                     {"maxCoc", Type::Number, 32},
+                                     {"depthChannel", Type::String, "z"},
+                                     {"physical", Type::Bool, false},
+                                     {"blades", Type::Int, 0},
+                                     {"layers", Type::Int, 8},
+                                     {"cleanupRadius", Type::Number, 2}};
+    params.insert(params.begin(), lens.begin(), lens.end());
+    return params;
+}
+
+DepthOfFieldParams dofParams(const Args& a) {
+    DepthOfFieldParams p;
+    p.lens.focalLength = a.number("focalLength");
+    p.lens.fStop = a.number("fStop");
+    p.lens.focusDistance = a.number("focusDistance");
+    p.lens.unitsPerMetre = a.number("unitsPerMetre");
+    p.lens.filmBackWidth = a.number("filmBackWidth");
+    p.lens.imageWidth = a.number("imageWidth");
+    p.lens.maxCoc = a.number("maxCoc");
+    p.depthChannel = a.channel("depthChannel");
+    p.physical = a.flag("physical");
+    p.aperture.blades = a.integer("blades");
+    p.layers = a.integer("layers");
+    p.cleanupRadius = a.number("cleanupRadius");
+    return p;
+}
+
 const std::vector<Operation>& operations() {
     static const std::vector<Operation> ops = {
         // Generators.
@@ -590,6 +653,233 @@ const std::vector<Operation>& operations() {
              for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
              return createBlur(a.node(), 0, p, a.input("input"));
          }},
+        {"defocus",
+         "convolution by a lens aperture (a disc, or a polygon of 3 or more blades)",
+         {{"size", Type::Number, kNoDefault},
+          {"aspect", Type::Number, 1},
+          {"blades", Type::Int, 0},
+          {"rotation", Type::Number, 0},
+          {"smooth", Type::Bool, true}},
+         {"input"},
+         [](const Args& a) {
+             return createDefocusTask(a.node(), 0, defocusParams(a), a.input("input"),
+                                      a.flag("smooth"));
+         }},
+        {"imageDefocus",
+         "defocus whose size follows a channel of the control image (0 to 1)",
+         {{"size", Type::Number, kNoDefault},
+          {"aspect", Type::Number, 1},
+          {"blades", Type::Int, 0},
+          {"rotation", Type::Number, 0},
+          {"smooth", Type::Bool, true},
+          {"channel", Type::String, "a"},
+          {"scale", Type::Number, 1},
+          {"layers", Type::Int, 8}},
+         {"input", "control"},
+         [](const Args& a) {
+             ImageDefocusParams p;
+             p.defocus = defocusParams(a);
+             p.smoothEdges = a.flag("smooth");
+             p.controlChannel = a.channel("channel");
+             p.controlScale = a.number("scale");
+             p.layers = a.integer("layers");
+             return createImageDefocusTask(a.node(), 0, p, a.input("input"), a.input("control"));
+         }},
+        {"imageBlur",
+         "blur whose size follows a channel of the control image (0 to 1)",
+         {{"size", Type::Vec2, kNoDefault},
+          {"filter", Type::Kernel, "gaussian"},
+          {"channel", Type::String, "a"},
+          {"scale", Type::Number, 1},
+          {"layers", Type::Int, 8}},
+         {"input", "control"},
+         [](const Args& a) {
+             ImageBlurParams p;
+             p.sizeX = a.vec2("size").x;
+             p.sizeY = a.vec2("size").y;
+             p.filter = a.kernel("filter");
+             p.controlChannel = a.channel("channel");
+             p.controlScale = a.number("scale");
+             p.layers = a.integer("layers");
+             return createImageBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                                    a.input("control"));
+         }},
+        {"convolve",
+         "convolution by the pixels of a kernel image",
+         {{"normalize", Type::Bool, true}, {"kernelArea", Type::Rect, json::array({0, 0, 0, 0})}},
+         {"input", "kernel"},
+         [](const Args& a) {
+             ImageConvolveParams p;
+             p.kernelRect = a.rect("kernelArea");
+             return createImageConvolveTask(a.node(), 0, a.flag("normalize"), p, a.input("input"),
+                                            a.input("kernel"));
+         }},
+        {"energyNormalize",
+         "a kernel divided by its sum over an area (its data when empty)",
+         {{"area", Type::Rect, json::array({0, 0, 0, 0})}},
+         {"kernel"},
+         [](const Args& a) {
+             return createEnergyNormalizationTask(a.node(), 0, a.rect("area"), a.input("kernel"));
+         }},
+        {"radialBlur",
+         "zoom or spin blur about a centre",
+         {{"type", Type::String, "zoom"},
+          {"centre", Type::Vec2, kNoDefault},
+          {"amount", Type::Number, 0.1},
+          {"samples", Type::Int, 32},
+          {"extend", Type::Extend, "background"}},
+         {"input"},
+         [](const Args& a) {
+             IMGLIB::RadialBlurParams p;
+             p.type = a.choice<IMGLIB::RadialBlurType>(
+                 {{"zoom", IMGLIB::RADIAL_ZOOM}, {"spin", IMGLIB::RADIAL_SPIN}}, "type");
+             p.centreX = a.vec2("centre").x;
+             p.centreY = a.vec2("centre").y;
+             p.amount = a.number("amount");
+             p.samples = a.integer("samples");
+             return createRadialBlur(a.node(), 0, p, a.extend("extend"), false, UTIL::Rect(),
+                                     a.input("input"));
+         }},
+        {"directionalBlur",
+         "blur along a line at an angle (degrees)",
+         {{"length", Type::Number, kNoDefault},
+          {"angle", Type::Number, 0},
+          {"offset", Type::Number, 0},
+          {"filter", Type::Kernel, "box"}},
+         {"input"},
+         [](const Args& a) {
+             DirectionalBlurParams p;
+             p.length = a.number("length");
+             p.angle = a.number("angle");
+             p.offset = a.number("offset");
+             p.filter = a.kernel("filter");
+             return createDirectionalBlur(a.node(), 0, p, noBloom(), a.input("input"));
+         }},
+        {"vectorBlur",
+         "motion blur along per-pixel vectors (channels u and v of the vectors input)",
+         {{"scale", Type::Number, 1},
+          {"maxLength", Type::Number, 64},
+          {"samples", Type::Int, 16},
+          {"splat", Type::Bool, false}},
+         {"input", "vectors"},
+         [](const Args& a) {
+             VectorBlurParams p;
+             p.vectors.scale = a.number("scale");
+             p.vectors.maxLength = a.number("maxLength");
+             p.vectors.samples = a.integer("samples");
+             p.splat = a.flag("splat");
+             return createVectorBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                                     a.input("vectors"));
+         }},
+        {"median",
+         "median of a window",
+         {{"size", Type::Vec2, json::array({3, 3})},
+          {"circular", Type::Bool, false},
+          {"threshold", Type::Number, 0}},
+         {"input"},
+         [](const Args& a) {
+             const MedianFilterParams p{a.vec2("size").x, a.vec2("size").y, a.flag("circular"),
+                                        a.number("threshold")};
+             return createMedianFilterTask(a.node(), 0, p, a.input("input"));
+         }},
+        {"erodeDilate",
+         "dilation (positive radii) or erosion (negative)",
+         {{"radius", Type::Vec2, kNoDefault}},
+         {"input"},
+         [](const Args& a) {
+             const ErodeDilateParams p{a.vec2("radius").x, a.vec2("radius").y};
+             return createErodeDilateTask(a.node(), 0, p, a.input("input"));
+         }},
+        {"bilateral",
+         "edge-preserving blur",
+         {{"radius", Type::Vec2, json::array({5, 5})},
+          {"sigmaSpatial", Type::Number, 3},
+          {"sigmaRange", Type::Number, 0.1}},
+         {"input"},
+         [](const Args& a) {
+             const Imath::V2f r = a.vec2("radius");
+             if (r.x < 0 || r.y < 0 || r.x > 1000 || r.y > 1000)
+                 throw GraphFileError(a.node(), "radius", "must be 0 to 1000");
+             const BilateralFilterParams p{uint32_t(r.x), uint32_t(r.y), a.number("sigmaSpatial"),
+                                           a.number("sigmaRange")};
+             return createBilateralFilterTask(a.node(), 0, p, a.input("input"));
+         }},
+        {"edgeDetect",
+         "gradient magnitude, or thin 0/1 edges with select",
+         {{"method", Type::String, "sobel"},
+          {"select", Type::Bool, false},
+          {"threshold", Type::Number, 0.1}},
+         {"input"},
+         [](const Args& a) {
+             const EdgeDetectParams p{
+                 a.choice<EdgeDetectMethod>({{"sobel", EDGE_SOBEL}, {"babu", EDGE_BABU}}, "method"),
+                 a.flag("select"), a.number("threshold")};
+             return createEdgeDetectTask(a.node(), 0, p, a.input("input"));
+         }},
+        {"unsharp",
+         "input + amount (input - blurred) where the difference exceeds the threshold",
+         {{"amount", Type::Color4, json::array({1, 1, 1, 0})},
+          {"threshold", Type::Color4, json::array({0, 0, 0, 0})}},
+         {"input", "blurred"},
+         [](const Args& a) {
+             return createUnSharpTask(a.node(), 0, a.color("amount"), a.color("threshold"),
+                                      a.input("input"), a.input("blurred"));
+         }},
+        {"perimeterExtend",
+         "colour carried a distance past the matte's edge",
+         {{"distance", Type::Number, kNoDefault}},
+         {"input"},
+         [](const Args& a) {
+             return createPerimeterExtendTask(a.node(), 0, a.number("distance"), a.input("input"));
+         }},
+        {"glintControl",
+         "the highlights a glint streaks",
+         {{"threshold", Type::Number, 1}, {"gain", Type::Number, 1}},
+         {"input"},
+         [](const Args& a) {
+             return createGlintControlTask(a.node(), 0, {a.number("threshold"), a.number("gain")},
+                                           a.input("input"));
+         }},
+        {"glint",
+         "star streaks of the source (the input when none), added to the input",
+         {{"rays", Type::Int, 4},
+          {"length", Type::Number, 50},
+          {"rotation", Type::Number, 45},
+          {"add", Type::Bool, true}},
+         {"input", "source?"},
+         [](const Args& a) {
+             const GlintParams p{a.integer("rays"), a.number("length"), a.number("rotation")};
+             return createGlintTask(a.node(), 0, a.flag("add"), p, a.input("input"),
+                                    a.input("source"));
+         }},
+        {"circleOfConfusion",
+         "circles of confusion (pixels) of a depth channel, in red",
+         withLens({{"output", Type::String, "coc"}}),
+         {"depth"},
+         [](const Args& a) {
+             return createCircleOfConfusionTask(
+                 a.node(), 0, dofParams(a), IMGLIB::CHANNEL_R,
+                 a.choice<CircleOfConfusionOutputType>({{"coc", COC_OUTPUT_COC},
+                                                        {"minimal", COC_OUTPUT_MINIMAL},
+                                                        {"maximal", COC_OUTPUT_MAXIMAL}},
+                                                       "output"),
+                 a.input("depth"));
+         }},
+        {"depthOfField",
+         "the input blurred by the circles of confusion of its depth",
+         withLens({}),
+         {"input", "depth", "mask?"},
+         [](const Args& a) {
+             return createDepthOfFieldTask(a.node(), 0, dofParams(a), noBloom(), a.input("input"),
+                                           a.input("depth"), a.input("mask"));
+         }},
+        {"depthCleanup",
+         "depth with holes filled and foreground widened",
+         withLens({}),
+         {"depth"},
+         [](const Args& a) {
+             return createDOFDepthCleanupTask(a.node(), 0, dofParams(a), a.input("depth"));
+         }},
         {"transform",
          "a 3x3 matrix (row vectors)",
          {{"matrix", Type::Matrix33, kIdentity33},
@@ -794,10 +1084,17 @@ Graph loadGraph(const std::string& text, const std::string& base) {
         const json inputs = node.value("inputs", json::object());
         if (!inputs.is_object()) throw GraphFileError(id, "inputs", "must be an object");
         for (auto it = inputs.begin(); it != inputs.end(); ++it)
-            if (std::find(op->inputs.begin(), op->inputs.end(), it.key()) == op->inputs.end())
+            if (std::find(op->inputs.begin(), op->inputs.end(), it.key()) == op->inputs.end() &&
+                std::find(op->inputs.begin(), op->inputs.end(), it.key() + "?") == op->inputs.end())
                 throw GraphFileError(id, it.key(), "unknown input of " + op->name);
         std::map<std::string, TaskPtr> inputTasks;
-        for (const std::string& name : op->inputs) {
+        for (std::string name : op->inputs) {
+            const bool optional = name.back() == '?';
+            if (optional) name.pop_back();
+            if (optional && !inputs.contains(name)) {
+                inputTasks[name] = TaskPtr();
+                continue;
+            }
             if (!inputs.contains(name) || !inputs[name].is_string())
                 throw GraphFileError(id, name, "input required (a node id)");
             inputTasks[name] = build(inputs[name].get<std::string>(), id, name);
@@ -874,7 +1171,10 @@ std::string describeOperations() {
     std::ostringstream out;
     for (const Operation& op : operations()) {
         out << op.name << ": " << op.summary << "\n";
-        for (const std::string& input : op.inputs) out << "    input " << input << "\n";
+        for (const std::string& input : op.inputs)
+            out << "    input "
+                << (input.back() == '?' ? input.substr(0, input.size() - 1) + " (optional)" : input)
+                << "\n";
         for (const Param& p : op.params)
             out << "    " << p.name << " (" << typeName(p.type) << ")"
                 << (p.fallback.is_null() ? ", required" : ", default " + p.fallback.dump()) << "\n";

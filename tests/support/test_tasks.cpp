@@ -42,6 +42,30 @@ void ConstantTask::renderRect(const IMGLIB::Image* output,
     IMGLIB::Fill(output, rgba);
 }
 
+FunctionTask::FunctionTask(const std::string& tag, const UTIL::Rect& area, Pattern pattern,
+                           uint64_t channels)
+    : ConstantTask(tag, Imath::Color4<float>(0, 0, 0, 0), area, channels),
+      pattern(std::move(pattern)) {}
+
+void FunctionTask::computeCacheID(CacheIDStream& stream) {
+    stream << getName() << ' ' << area << ' ' << channels;
+}
+
+void FunctionTask::renderRect(const IMGLIB::Image* output,
+                              const std::vector<const IMGLIB::Image*>&) {
+    ++renderCalls;
+    const int n = IMGLIB::GetChannelCount(output->channels);
+    for (int64_t y = output->y1; y < output->y2; ++y)
+        for (int64_t x = output->x1; x < output->x2; ++x) {
+            float* p = IMGLIB::GetPixelAddress(output, x, y, 4 * n);
+            const bool inside = area.contains(x, y);
+            int slot = 0;
+            for (int bit = 0; bit < 64; ++bit)
+                if (output->channels >> bit & 1)
+                    p[slot++] = inside ? pattern(x, y, bit) : bit < 4 ? background[bit] : 0.0f;
+        }
+}
+
 GainTask::GainTask(const std::string& name, std::vector<TaskPtr> inputs, float gain)
     : ProbeTask(name), gain(gain) {
     for (TaskPtr& input : inputs) registerInputTask(input);

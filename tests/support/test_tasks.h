@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,21 @@ public:
 
     int64_t radius;
     IMGLIB::ExtendMethod method;
+};
+
+// Pixels given by a function of (x, y, channel bit index: 0 R ... 4 Z, 5 U,
+// 6 V) over an area; `tag` names the function in the cache identity.
+class FunctionTask : public ConstantTask {
+public:
+    using Pattern = std::function<float(int64_t x, int64_t y, int channel)>;
+    FunctionTask(const std::string& tag, const UTIL::Rect& area, Pattern pattern,
+                 uint64_t channels = IMGLIB::CHANNELS_RGBA);
+    std::string getTypeString() override { return "Function"; }
+    void computeCacheID(CacheIDStream& stream) override;
+    void renderRect(const IMGLIB::Image* output,
+                    const std::vector<const IMGLIB::Image*>& inputs) override;
+
+    Pattern pattern;
 };
 
 // Overrides neither renderRect: the defaults' assertions fire.

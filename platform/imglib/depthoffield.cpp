@@ -1,0 +1,155 @@
+#include "imglib/depthoffield.h"
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "imglib/neighbourhood.h"
+#include "imglib/rankfilters.h"
+
+namespace IMGLIB {
+
+float CircleOfConfusion(const LensParams& lens, float depth) {
+    const double f = lens.focalLength, n = lens.fStop;
+    const double mmPerUnit = 1000.0 / double(lens.unitsPerMetre);
+    const double focus = double(lens.focusDistance) * mmPerUnit;
+    if (!(f > 0) || !(n > 0) || !(focus > f) || !(lens.filmBackWidth > 0) ||
+        !(lens.unitsPerMetre > 0))
+        return -1.0f;
+    const double pixelsPerMm = double(lens.imageWidth) / double(lens.filmBackWidth);
+    double coc;
+    if (!(depth > 0.0f) || std::isinf(depth)) {
+        coc = (f / n) * f / (focus - f);  // the limit as the depth grows
+    } else {
+        const double d = double(depth) * mmPerUnit;
+        coc = (f / n) * f * std::fabs(d - focus) / (d * (focus - f));
+    }
+    return float(std::min(coc * pixelsPerMm, double(lens.maxCoc)));
+}
+
+int CalculateCocImage(const Image* out, const Image* depth, uint64_t depthChannel,
+                      const LensParams& lens) {
+    int slot = -1;
+    if (!out) return SetError(ERROR_NULL_IMAGE, "CalculateCocImage: null image");
+    if (int status = CheckControl("CalculateCocImage", out, depth, depthChannel, 0, 0, slot))
+        return status;
+    if (CircleOfConfusion(lens, 1.0f) < 0.0f)
+        return SetError(ERROR_INVALID_ARGUMENT,
+                        "CalculateCocImage: the lens cannot focus at " +
+                            std::to_string(lens.focusDistance));
+    const PixelGrid src(depth), dst(out);
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            const float coc = CircleOfConfusion(lens, src.at(x, y)[slot]);
+            float* o = dst.at(x, y);
+            for (int c = 0; c < dst.n; ++c) o[c] = coc;
+        }
+    return ERROR_NONE;
+}
+
+namespace {
+
+int cocExtreme(const char* name, const Image* out, const Image* depth, uint64_t depthChannel,
+               const LensParams& lens, float radius, bool largest) {
+    if (!out || !depth) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null image");
+    const float r = radius > 0.0f ? radius : 0.0f;
+    const int64_t pad = GetErodeDilatePadding(r);
+    Image grown = *out;
+    grown.x1 -= pad, grown.y1 -= pad, grown.x2 += pad, grown.y2 += pad;
+    const int n = GetChannelCount(out->channels);
+    grown.rowBytes = grown.width() * n * 4;
+    std::vector<float> pixels(static_cast<size_t>(grown.width() * grown.height() * n));
+    grown.pixelPtr = pixels.data();
+    if (int status = CalculateCocImage(&grown, depth, depthChannel, lens)) return status;
+    return ErodeOrDilate(out, &grown, largest ? r : -r, largest ? r : -r);
+}
+
+}  // namespace
+
+int CalculateMinimalCocImage(const Image* out, const Image* depth, uint64_t depthChannel,
+                             const LensParams& lens, float radius) {
+    return cocExtreme("CalculateMinimalCocImage", out, depth, depthChannel, lens, radius, false);
+}
+
+int CalculateMaximalCocImage(const Image* out, const Image* depth, uint64_t depthChannel,
+                             const LensParams& lens, float radius) {
+    return cocExtreme("CalculateMaximalCocImage", out, depth, depthChannel, lens, radius, true);
+}
+
+int64_t GetPhysicalDepthOfFieldPadding(float maxCoc) { return ReachPixels(0.5f * maxCoc); }
+
+int PhysicalDepthOfField(const Image* out, const Image* in, const Image* coc, uint64_t cocChannel,
+                         float maxCoc) {
+    const int64_t pad = GetPhysicalDepthOfFieldPadding(maxCoc);
+    if (int status = CheckNeighbourhood("PhysicalDepthOfField", out, in, pad, pad)) return status;
+    int slot = -1;
+    if (int status = CheckControl("PhysicalDepthOfField", out, coc, cocChannel, pad, pad, slot))
+        return status;
+    const PixelGrid src(in), circles(coc), dst(out);
+    const int n = dst.n;
+    const float largest = maxCoc > 0.0f ? 0.5f * std::min(maxCoc, 1e6f) : 0.0f;
+    const int64_t width = out->width();
+    std::vector<double> sum(static_cast<size_t>(width * out->height() * n), 0.0);
+    std::vector<double> weight(static_cast<size_t>(width * out->height()), 0.0);
+    for (int64_t qy = out->y1 - pad; qy < out->y2 + pad; ++qy)
+        for (int64_t qx = out->x1 - pad; qx < out->x2 + pad; ++qx) {
+            const float diameter = circles.at(qx, qy)[slot];
+            const float radius = diameter > 0.0f ? std::min(0.5f * diameter, largest) : 0.0f;
+            const int64_t reach = static_cast<int64_t>(std::floor(radius));
+            // The disc's pixels (centres within the radius), the source's
+            // own always among them; each receives an equal share.
+            const float r2 = radius * radius;
+            double area = 0.0;
+            for (int64_t dy = -reach; dy <= reach; ++dy)
+                for (int64_t dx = -reach; dx <= reach; ++dx) area += float(dx * dx + dy * dy) <= r2;
+            const double share = 1.0 / area;
+            const float* colour = src.at(qx, qy);
+            for (int64_t dy = -reach; dy <= reach; ++dy) {
+                const int64_t y = qy + dy;
+                if (y < out->y1 || y >= out->y2) continue;
+                for (int64_t dx = -reach; dx <= reach; ++dx) {
+                    const int64_t x = qx + dx;
+                    if (x < out->x1 || x >= out->x2 || float(dx * dx + dy * dy) > r2) continue;
+                    const size_t p = static_cast<size_t>((y - out->y1) * width + (x - out->x1));
+                    weight[p] += share;
+                    for (int c = 0; c < n; ++c) sum[p * n + c] += share * colour[c];
+                }
+            }
+        }
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            const size_t p = static_cast<size_t>((y - out->y1) * width + (x - out->x1));
+            float* o = dst.at(x, y);
+            for (int c = 0; c < n; ++c) o[c] = float(sum[p * n + c] / weight[p]);
+        }
+    return ERROR_NONE;
+}
+
+int CleanupDepth(const Image* out, const Image* in, float radius) {
+    const float r = radius > 0.0f ? radius : 0.0f;
+    const int64_t pad = GetErodeDilatePadding(r);
+    if (int status = CheckNeighbourhood("CleanupDepth", out, in, pad, pad)) return status;
+    constexpr float kFar = std::numeric_limits<float>::infinity();
+    // Missing depth as infinitely far, so the minimum passes over it.
+    Image valid = *in;
+    const int n = GetChannelCount(in->channels);
+    valid.rowBytes = in->width() * n * 4;
+    std::vector<float> pixels(static_cast<size_t>(in->width() * in->height() * n));
+    valid.pixelPtr = pixels.data();
+    const PixelGrid src(in), cleaned(&valid), dst(out);
+    for (int64_t y = in->y1; y < in->y2; ++y) {
+        const float* s = src.at(in->x1, y);
+        float* d = cleaned.at(in->x1, y);
+        for (int64_t i = 0; i < in->width() * n; ++i) d[i] = s[i] > 0.0f ? s[i] : kFar;
+    }
+    if (int status = ErodeOrDilate(out, &valid, -r, -r)) return status;
+    for (int64_t y = out->y1; y < out->y2; ++y) {
+        const float* s = src.at(out->x1, y);
+        float* d = dst.at(out->x1, y);
+        for (int64_t i = 0; i < out->width() * n; ++i)
+            if (d[i] == kFar && !(s[i] > 0.0f)) d[i] = s[i];
+    }
+    return ERROR_NONE;
+}
+
+}  // namespace IMGLIB

@@ -1,0 +1,162 @@
+#include "imglib/lineblur.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "imglib/neighbourhood.h"
+#include "imglib/pixels.h"
+
+namespace IMGLIB {
+
+namespace {
+
+constexpr float kPi = 3.14159265f;
+
+struct LineTap {
+    float dx, dy, weight;
+};
+
+// Direction of an angle in image coordinates (y down the rows).
+void direction(float degrees, float& cx, float& cy) {
+    const float a = degrees * kPi / 180.0f;
+    cx = std::cos(a), cy = -std::sin(a);
+}
+
+// Sums the taps over every pixel of out; weights must be normalised.
+void gatherTaps(const Image* out, const PixelGrid& src, const std::vector<LineTap>& taps,
+                bool bilinear) {
+    const PixelGrid dst(out);
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            float* o = dst.at(x, y);
+            std::fill(o, o + dst.n, 0.0f);
+            for (const LineTap& t : taps) {
+                const float fx = float(x) + t.dx, fy = float(y) + t.dy;
+                if (bilinear) {
+                    for (int c = 0; c < dst.n; ++c) o[c] += t.weight * src.sample(fx, fy, c);
+                    continue;
+                }
+                const float* p = src.at(int64_t(std::lround(fx)), int64_t(std::lround(fy)));
+                for (int c = 0; c < dst.n; ++c) o[c] += t.weight * p[c];
+            }
+        }
+}
+
+}  // namespace
+
+void GetLineBlurPadding(float length, float angle, float offset, int64_t& padX, int64_t& padY) {
+    padX = padY = 0;
+    if (!(length > 1.0f) || !std::isfinite(angle)) return;
+    const float o = std::isfinite(offset) ? std::clamp(offset, -1.0f, 1.0f) : 0.0f;
+    const float reach = std::min(length, 1e6f) * 0.5f * (1.0f + std::fabs(o));
+    float cx, cy;
+    direction(angle, cx, cy);
+    // One more for the bilinear read's second pixel (and rounding).
+    padX = ReachPixels(std::fabs(cx) * reach) + 1;
+    padY = ReachPixels(std::fabs(cy) * reach) + 1;
+}
+
+int LineBlur(const Image* out, const Image* in, float length, float angle, float offset,
+             float density, FilterType filter, bool bilinear) {
+    int64_t padX, padY;
+    GetLineBlurPadding(length, angle, offset, padX, padY);
+    if (int status = CheckNeighbourhood("LineBlur", out, in, padX, padY)) return status;
+    if (padX == 0 && padY == 0) return CopyInto(out, in);
+    const float o = std::isfinite(offset) ? std::clamp(offset, -1.0f, 1.0f) : 0.0f;
+    const float len = std::min(length, 1e6f);
+    const float d = density > 0.0f && std::isfinite(density) ? std::min(density, 64.0f) : 1.0f;
+    const int64_t count = std::max<int64_t>(2, int64_t(std::ceil(len * d)) + 1);
+    float cx, cy;
+    direction(angle, cx, cy);
+    std::vector<LineTap> taps;
+    float total = 0.0f;
+    for (int64_t i = 0; i < count; ++i) {
+        const float u = (float(i) / float(count - 1) - 0.5f) * len;  // along the line, centred
+        const float along = u + 0.5f * o * len;
+        const float w = filter == KERNEL_BOX || filter == KERNEL_NEAREST
+                            ? 1.0f
+                            : EvalKernel(filter, u, len * 1.0001f);
+        if (w == 0.0f) continue;
+        taps.push_back({cx * along, cy * along, w});
+        total += w;
+    }
+    if (total == 0.0f) return CopyInto(out, in);
+    for (LineTap& t : taps) t.weight /= total;
+    gatherTaps(out, PixelGrid(in), taps, bilinear);
+    return ERROR_NONE;
+}
+
+int GlintControl(const Image* out, const Image* in, float threshold, float gain) {
+    if (int status = CheckNeighbourhood("GlintControl", out, in, 0, 0)) return status;
+    int slot[4];
+    for (int c = 0; c < 4; ++c) slot[c] = GetChannelIndex(in->channels, uint64_t(1) << c);
+    static const float kLuma[3] = {0.2126f, 0.7152f, 0.0722f};
+    const PixelGrid src(in), dst(out);
+    for (int64_t y = out->y1; y < out->y2; ++y)
+        for (int64_t x = out->x1; x < out->x2; ++x) {
+            const float* p = src.at(x, y);
+            float* q = dst.at(x, y);
+            std::copy(p, p + dst.n, q);
+            float l = 0.0f;
+            for (int c = 0; c < 3; ++c) l += slot[c] >= 0 ? kLuma[c] * p[slot[c]] : 0.0f;
+            const float k = l > threshold && l > 0.0f ? gain * (l - threshold) / l : 0.0f;
+            for (int c = 0; c < 3; ++c)
+                if (slot[c] >= 0) q[slot[c]] = p[slot[c]] * k;
+            if (slot[3] >= 0) q[slot[3]] = l * k;
+        }
+    return ERROR_NONE;
+}
+
+int64_t GetGlintPadding(float length) { return ReachPixels(std::min(length, 1e6f)) + 1; }
+
+int Glint(const Image* out, const Image* in, const Image* source, int64_t rays, float length,
+          float rotation, bool addToImage) {
+    const int64_t pad = GetGlintPadding(length);
+    if (int status = CheckNeighbourhood("Glint", out, source, pad, pad)) return status;
+    if (addToImage)
+        if (int status = CheckNeighbourhood("Glint", out, in, 0, 0)) return status;
+    if (rays < 1 || rays > 64)
+        return SetError(ERROR_INVALID_ARGUMENT,
+                        "Glint: rays must be 1 to 64, not " + std::to_string(rays));
+    if (addToImage) {
+        if (int status = CopyInto(out, in)) return status;
+    } else {
+        const float zero[4] = {0, 0, 0, 0};
+        if (int status = Fill(out, zero)) return status;
+    }
+    if (!(length > 0.0f) || !std::isfinite(rotation)) return ERROR_NONE;
+    const float len = std::min(length, 1e6f);
+    const int64_t steps = std::max<int64_t>(1, int64_t(std::ceil(len)));
+    std::vector<LineTap> taps;
+    float total = 0.0f;
+    for (int64_t r = 0; r < rays; ++r) {
+        float cx, cy;
+        direction(rotation + 360.0f * float(r) / float(rays), cx, cy);
+        for (int64_t i = 1; i <= steps; ++i) {
+            const float along = len * float(i) / float(steps);
+            const float fade = 1.0f - along / (len + 1.0f);
+            // A ray's light comes from the highlight behind it.
+            taps.push_back({-cx * along, -cy * along, fade * fade});
+            if (r == 0) total += fade * fade;
+        }
+    }
+    for (LineTap& t : taps) t.weight /= total;
+    // The streaks, added to what out holds.
+    Image streaks = *out;
+    const int n = GetChannelCount(out->channels);
+    streaks.rowBytes = out->width() * n * 4;
+    std::vector<float> pixels(static_cast<size_t>(out->width() * out->height() * n));
+    streaks.pixelPtr = pixels.data();
+    gatherTaps(&streaks, PixelGrid(source), taps, true);
+    const PixelGrid dst(out), add(&streaks);
+    for (int64_t y = out->y1; y < out->y2; ++y) {
+        float* o = dst.at(out->x1, y);
+        const float* s = add.at(out->x1, y);
+        for (int64_t i = 0; i < out->width() * n; ++i) o[i] += s[i];
+    }
+    return ERROR_NONE;
+}
+
+}  // namespace IMGLIB

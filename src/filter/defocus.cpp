@@ -1,0 +1,129 @@
+// Defocus by a lens aperture, of one size or of a size that follows a
+// control image; and the blur whose size follows a control image.
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/defocus.h"
+#include "imglib/fastfilter.h"
+#include "imglib/variableblur.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+class Defocus : public NeighbourhoodTask {
+public:
+    Defocus(const std::string& name, float time, const DefocusParams& p, bool smooth,
+            TaskPtr input)
+        : NeighbourhoodTask(name, time, "Defocus", std::move(input)), m_p(p), m_smooth(smooth) {
+        int64_t padX, padY;
+        IMGLIB::GetDefocusPadding(p.size, p.aspect, p.blades, p.rotation, smooth, padX, padY);
+        setPadding(padX, padY);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        s << m_p.size << "," << m_p.aspect << "," << m_p.blades << "," << m_p.rotation << ","
+          << m_smooth;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::Defocus(out, in[0], m_p.size, m_p.aspect, m_p.blades, m_p.rotation,
+                              m_smooth));
+    }
+
+private:
+    DefocusParams m_p;
+    bool m_smooth;
+};
+
+class ImageDefocusTask : public NeighbourhoodTask {
+public:
+    ImageDefocusTask(const std::string& name, float time, const ImageDefocusParams& p,
+                     TaskPtr image, TaskPtr control)
+        : NeighbourhoodTask(name, time, "ImageDefocus", std::move(image)), m_p(p) {
+        int64_t padX, padY;
+        const DefocusParams& d = p.defocus;
+        IMGLIB::GetDefocusPadding(d.size, d.aspect, d.blades, d.rotation, p.smoothEdges, padX,
+                                  padY);
+        setPadding(padX, padY);
+        addAuxiliaryInput(std::move(control), p.controlChannel, 0, 0);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        const DefocusParams& d = m_p.defocus;
+        s << d.size << "," << d.aspect << "," << d.blades << "," << d.rotation << ","
+          << m_p.smoothEdges << "," << m_p.controlChannel << "," << m_p.controlScale << ","
+          << m_p.layers;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        const DefocusParams& d = m_p.defocus;
+        check(IMGLIB::NonPhysicalDepthOfField(
+            out, in[0], in[1], m_p.controlChannel, m_p.controlScale * d.size, d.size, m_p.layers,
+            {d.aspect, d.blades, d.rotation, m_p.smoothEdges}));
+    }
+
+private:
+    ImageDefocusParams m_p;
+};
+
+class ImageBlur : public NeighbourhoodTask {
+public:
+    ImageBlur(const std::string& name, float time, const ImageBlurParams& p, TaskPtr image,
+              TaskPtr control)
+        : NeighbourhoodTask(name, time, "ImageBlur", std::move(image)), m_p(p) {
+        setPadding(IMGLIB::GetFilterPadding(p.sizeX), IMGLIB::GetFilterPadding(p.sizeY));
+        addAuxiliaryInput(std::move(control), p.controlChannel, 0, 0);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        s << m_p.sizeX << "," << m_p.sizeY << "," << int(m_p.filter) << "," << m_p.controlChannel
+          << "," << m_p.controlScale << "," << m_p.layers;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::ImageBlur(out, in[0], in[1], m_p.sizeX, m_p.sizeY, m_p.controlScale,
+                                m_p.layers, m_p.controlChannel, m_p.filter));
+    }
+
+private:
+    ImageBlurParams m_p;
+};
+
+// A control image is read at one channel; a layer count the operator would
+// refuse is refused when the graph is built.
+void checkControl(const std::string& name, const std::string& type, uint64_t channel,
+                  int64_t layers, const TaskPtr& image, const TaskPtr& control) {
+    if (!image) throw UTIL::ErrorException(type + " requires an input.");
+    if (!control) throw UTIL::ErrorException(type + " requires a control input.");
+    if (channel == 0 || (channel & (channel - 1)))
+        throw UTIL::ErrorException(name + ": the control channel must be one channel, not " +
+                                   std::to_string(channel));
+    if (layers < 1 || layers > 256)
+        throw UTIL::ErrorException(name + ": layers must be 1 to 256, not " +
+                                   std::to_string(layers));
+}
+
+}  // namespace Private
+
+TaskPtr createDefocusTask(const std::string& name, float time, const DefocusParams& params,
+                          TaskPtr input, bool smoothEdges) {
+    return TaskPtr(new Private::Defocus(name, time, params, smoothEdges, std::move(input)));
+}
+
+TaskPtr createImageDefocusTask(const std::string& name, float time,
+                               const ImageDefocusParams& params, TaskPtr image, TaskPtr control) {
+    Private::checkControl(name, "ImageDefocus", params.controlChannel, params.layers, image,
+                          control);
+    return TaskPtr(new Private::ImageDefocusTask(name, time, params, std::move(image),
+                                                 std::move(control)));
+}
+
+TaskPtr createImageBlur(const std::string& name, float time, const ImageBlurParams& params,
+                        const BloomControlSettings& bloom, TaskPtr image, TaskPtr control) {
+    Private::checkControl(name, "ImageBlur", params.controlChannel, params.layers, image, control);
+    return TaskPtr(new Private::ImageBlur(name, time, params,
+                                          Private::withBloom(name, time, bloom, std::move(image)),
+                                          std::move(control)));
+}
+
+}  // namespace TESSERA

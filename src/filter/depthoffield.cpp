@@ -1,0 +1,185 @@
+// Depth of field from a depth image: circles of confusion, the blur they
+// drive, and the clean-up of the depth itself.
+#include <algorithm>
+
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/compositeops.h"
+#include "imglib/defocus.h"
+#include "imglib/depthoffield.h"
+#include "imglib/rankfilters.h"
+#include "imglib/variableblur.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+namespace {
+
+void describeLens(CacheIDStream& s, const DepthOfFieldParams& p) {
+    const IMGLIB::LensParams& l = p.lens;
+    s << l.focalLength << "," << l.fStop << "," << l.focusDistance << "," << l.unitsPerMetre << ","
+      << l.filmBackWidth << "," << l.imageWidth << "," << l.maxCoc << "," << p.depthChannel;
+}
+
+// The radius over which the minimal and maximal circles are taken: the
+// reach of the largest circle.
+float extremeRadius(const DepthOfFieldParams& p) { return 0.5f * std::max(p.lens.maxCoc, 0.0f); }
+
+}  // namespace
+
+class CircleOfConfusion : public NeighbourhoodTask {
+public:
+    CircleOfConfusion(const std::string& name, float time, const DepthOfFieldParams& p,
+                      uint64_t channels, CircleOfConfusionOutputType type, TaskPtr depth)
+        : NeighbourhoodTask(name, time, "CircleOfConfusion", std::move(depth)),
+          m_p(p),
+          m_channels(channels ? channels : p.depthChannel),
+          m_type(type) {
+        const int64_t pad =
+            type == COC_OUTPUT_COC ? 0 : IMGLIB::GetErodeDilatePadding(extremeRadius(p));
+        setPadding(pad, pad);
+        setImageChannels(p.depthChannel);
+        // Where there is no depth the circle is that of infinity, not 0.
+        setFillWithoutImage(false);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        describeLens(s, m_p);
+        s << "," << m_channels << "," << int(m_type);
+    }
+    uint64_t computeOutputChannels() override { return m_channels; }
+    Imath::Color4<float> computeBackgroundColor() override {
+        const float coc = IMGLIB::CircleOfConfusion(m_p.lens, 0.0f);
+        return Imath::Color4<float>(coc, coc, coc, coc);
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        const float r = extremeRadius(m_p);
+        switch (m_type) {
+            case COC_OUTPUT_MINIMAL:
+                check(IMGLIB::CalculateMinimalCocImage(out, in[0], m_p.depthChannel, m_p.lens, r));
+                break;
+            case COC_OUTPUT_MAXIMAL:
+                check(IMGLIB::CalculateMaximalCocImage(out, in[0], m_p.depthChannel, m_p.lens, r));
+                break;
+            default:
+                check(IMGLIB::CalculateCocImage(out, in[0], m_p.depthChannel, m_p.lens));
+        }
+    }
+
+private:
+    DepthOfFieldParams m_p;
+    uint64_t m_channels;
+    CircleOfConfusionOutputType m_type;
+};
+
+// Input 0 the image, 1 its circles of confusion (in red), 2 an optional mask.
+class DepthOfField : public NeighbourhoodTask {
+public:
+    DepthOfField(const std::string& name, float time, const DepthOfFieldParams& p, TaskPtr image,
+                 TaskPtr coc, TaskPtr mask)
+        : NeighbourhoodTask(name, time, "DepthOfField", std::move(image)), m_p(p) {
+        int64_t padX, padY;
+        const IMGLIB::ApertureShape& a = p.aperture;
+        if (p.physical) {
+            padX = padY = IMGLIB::GetPhysicalDepthOfFieldPadding(p.lens.maxCoc);
+        } else {
+            IMGLIB::GetDefocusPadding(p.lens.maxCoc, a.aspect, a.blades, a.rotation, a.smooth,
+                                      padX, padY);
+        }
+        setPadding(padX, padY);
+        // The scatter reads the circles of every pixel that can reach the tile.
+        const int64_t cocPad = p.physical ? padX : 0;
+        addAuxiliaryInput(std::move(coc), IMGLIB::CHANNEL_R, cocPad, cocPad);
+        if (mask) addAuxiliaryInput(std::move(mask), IMGLIB::CHANNEL_A, 0, 0);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        describeLens(s, m_p);
+        const IMGLIB::ApertureShape& a = m_p.aperture;
+        s << "," << m_p.physical << "," << a.aspect << "," << a.blades << "," << a.rotation << ","
+          << a.smooth << "," << m_p.layers;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        if (m_p.physical)
+            check(IMGLIB::PhysicalDepthOfField(out, in[0], in[1], IMGLIB::CHANNEL_R,
+                                               m_p.lens.maxCoc));
+        else
+            check(IMGLIB::NonPhysicalDepthOfField(out, in[0], in[1], IMGLIB::CHANNEL_R, 1.0f,
+                                                  m_p.lens.maxCoc, m_p.layers, m_p.aperture));
+        if (in.size() > 2) check(IMGLIB::MixByMask(out, in[0], out, in[2]));
+    }
+
+private:
+    DepthOfFieldParams m_p;
+};
+
+class DOFDepthCleanup : public NeighbourhoodTask {
+public:
+    DOFDepthCleanup(const std::string& name, float time, const DepthOfFieldParams& p,
+                    TaskPtr depth)
+        : NeighbourhoodTask(name, time, "DOFDepthCleanup", std::move(depth)),
+          m_radius(p.cleanupRadius) {
+        const int64_t pad = IMGLIB::GetErodeDilatePadding(std::max(m_radius, 0.0f));
+        setPadding(pad, pad);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override { s << m_radius; }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::CleanupDepth(out, in[0], m_radius));
+    }
+
+private:
+    float m_radius;
+};
+
+void checkLens(const std::string& name, const DepthOfFieldParams& p) {
+    if (IMGLIB::CircleOfConfusion(p.lens, 1.0f) < 0.0f)
+        throw UTIL::ErrorException(
+            name + ": the lens cannot focus at " + std::to_string(p.lens.focusDistance) +
+            " (focal length, f-stop, film back and units must be positive and the focus beyond "
+            "the focal length)");
+    if (p.depthChannel == 0 || (p.depthChannel & (p.depthChannel - 1)))
+        throw UTIL::ErrorException(name + ": the depth channel must be one channel, not " +
+                                   std::to_string(p.depthChannel));
+    if (!p.physical && (p.layers < 1 || p.layers > 256))
+        throw UTIL::ErrorException(name + ": layers must be 1 to 256, not " +
+                                   std::to_string(p.layers));
+}
+
+}  // namespace Private
+
+TaskPtr createCircleOfConfusionTask(const std::string& name, float time,
+                                    const DepthOfFieldParams& params, uint64_t channels,
+                                    CircleOfConfusionOutputType type, TaskPtr depth) {
+    if (!depth) throw UTIL::ErrorException("CircleOfConfusion requires a depth input.");
+    Private::checkLens(name, params);
+    if (type != COC_OUTPUT_COC && type != COC_OUTPUT_MINIMAL && type != COC_OUTPUT_MAXIMAL)
+        throw UTIL::ErrorException(name + ": unknown output type " + std::to_string(int(type)));
+    return TaskPtr(
+        new Private::CircleOfConfusion(name, time, params, channels, type, std::move(depth)));
+}
+
+TaskPtr createDepthOfFieldTask(const std::string& name, float time,
+                               const DepthOfFieldParams& params, const BloomControlSettings& bloom,
+                               TaskPtr image, TaskPtr depth, TaskPtr mask) {
+    if (!image) throw UTIL::ErrorException("DepthOfField requires an input.");
+    if (!depth) throw UTIL::ErrorException("DepthOfField requires a depth input.");
+    TaskPtr coc = createCircleOfConfusionTask(name + ".CircleOfConfusion", time, params,
+                                              IMGLIB::CHANNEL_R, COC_OUTPUT_COC, std::move(depth));
+    coc->setCaching(false);
+    return TaskPtr(new Private::DepthOfField(name, time, params,
+                                             Private::withBloom(name, time, bloom, std::move(image)),
+                                             std::move(coc), std::move(mask)));
+}
+
+TaskPtr createDOFDepthCleanupTask(const std::string& name, float time,
+                                  const DepthOfFieldParams& params, TaskPtr depth) {
+    if (!depth) throw UTIL::ErrorException("DOFDepthCleanup requires a depth input.");
+    return TaskPtr(new Private::DOFDepthCleanup(name, time, params, std::move(depth)));
+}
+
+}  // namespace TESSERA

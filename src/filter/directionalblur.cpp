@@ -1,0 +1,86 @@
+// Blurs along lines: the directional blur and the vector (motion) blur.
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/lineblur.h"
+#include "imglib/vectorblur.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+class DirectionalBlur : public NeighbourhoodTask {
+public:
+    DirectionalBlur(const std::string& name, float time, const DirectionalBlurParams& p,
+                    TaskPtr input)
+        : NeighbourhoodTask(name, time, "DirectionalBlur", std::move(input)), m_p(p) {
+        int64_t padX, padY;
+        IMGLIB::GetLineBlurPadding(p.length, p.angle, p.offset, padX, padY);
+        setPadding(padX, padY);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        s << m_p.length << "," << m_p.angle << "," << m_p.offset << "," << m_p.density << ","
+          << int(m_p.filter) << "," << m_p.bilinear;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::LineBlur(out, in[0], m_p.length, m_p.angle, m_p.offset, m_p.density,
+                               m_p.filter, m_p.bilinear));
+    }
+
+private:
+    DirectionalBlurParams m_p;
+};
+
+class VectorBlur : public NeighbourhoodTask {
+public:
+    VectorBlur(const std::string& name, float time, const VectorBlurParams& p, TaskPtr image,
+               TaskPtr vectors)
+        : NeighbourhoodTask(name, time, "VectorBlur", std::move(image)), m_p(p) {
+        const int64_t pad = IMGLIB::GetVectorBlurPadding(p.vectors.maxLength);
+        setPadding(pad, pad);
+        addAuxiliaryInput(std::move(vectors), p.vectors.uChannel | p.vectors.vChannel, pad, pad);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        const IMGLIB::VectorBlurSettings& v = m_p.vectors;
+        s << v.uChannel << "," << v.vChannel << "," << v.scale << "," << v.maxLength << ","
+          << v.samples << "," << m_p.splat;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(m_p.splat ? IMGLIB::VectorSplat(out, in[0], in[1], m_p.vectors)
+                        : IMGLIB::VectorBlur(out, in[0], in[1], m_p.vectors));
+    }
+
+private:
+    VectorBlurParams m_p;
+};
+
+}  // namespace Private
+
+TaskPtr createDirectionalBlur(const std::string& name, float time,
+                              const DirectionalBlurParams& params,
+                              const BloomControlSettings& bloom, TaskPtr input) {
+    return TaskPtr(new Private::DirectionalBlur(
+        name, time, params, Private::withBloom(name, time, bloom, std::move(input))));
+}
+
+TaskPtr createVectorBlur(const std::string& name, float time, const VectorBlurParams& params,
+                         const BloomControlSettings& bloom, TaskPtr image, TaskPtr vectors) {
+    if (!image) throw UTIL::ErrorException("VectorBlur requires an input.");
+    if (!vectors) throw UTIL::ErrorException("VectorBlur requires a motion vector input.");
+    const IMGLIB::VectorBlurSettings& v = params.vectors;
+    for (uint64_t channel : {v.uChannel, v.vChannel})
+        if (channel == 0 || (channel & (channel - 1)))
+            throw UTIL::ErrorException(name + ": a motion channel must be one channel, not " +
+                                       std::to_string(channel));
+    if (v.samples < 2 || v.samples > 1024)
+        throw UTIL::ErrorException(name + ": samples must be 2 to 1024, not " +
+                                   std::to_string(v.samples));
+    return TaskPtr(new Private::VectorBlur(name, time, params,
+                                           Private::withBloom(name, time, bloom, std::move(image)),
+                                           std::move(vectors)));
+}
+
+}  // namespace TESSERA

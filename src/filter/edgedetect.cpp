@@ -1,0 +1,50 @@
+// Edge detection and selection.
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/edges.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+class SobelEdgeDetectTask : public NeighbourhoodTask {
+public:
+    SobelEdgeDetectTask(const std::string& name, float time, const EdgeDetectParams& p,
+                        TaskPtr input)
+        : NeighbourhoodTask(name, time, "EdgeDetect", std::move(input)), m_p(p) {
+        const int64_t pad = IMGLIB::GetEdgePadding(p.method == EDGE_BABU, p.select);
+        setPadding(pad, pad);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        s << int(m_p.method) << "," << m_p.select << "," << m_p.threshold;
+    }
+    // A constant image has no edges.
+    Imath::Color4<float> computeBackgroundColor() override {
+        return Imath::Color4<float>(0, 0, 0, 0);
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        const bool babu = m_p.method == EDGE_BABU;
+        if (m_p.select)
+            check(babu ? IMGLIB::BabuEdgeSelect(out, in[0], m_p.threshold)
+                       : IMGLIB::SobelEdgeSelect(out, in[0], m_p.threshold));
+        else
+            check(babu ? IMGLIB::BabuEdgeDetect(out, in[0]) : IMGLIB::SobelEdgeDetect(out, in[0]));
+    }
+
+private:
+    EdgeDetectParams m_p;
+};
+
+}  // namespace Private
+
+TaskPtr createEdgeDetectTask(const std::string& name, float time, const EdgeDetectParams& params,
+                             TaskPtr input) {
+    if (params.method != EDGE_SOBEL && params.method != EDGE_BABU)
+        throw UTIL::ErrorException(name + ": unknown edge detection method " +
+                                   std::to_string(int(params.method)));
+    return TaskPtr(new Private::SobelEdgeDetectTask(name, time, params, std::move(input)));
+}
+
+}  // namespace TESSERA

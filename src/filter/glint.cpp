@@ -1,0 +1,93 @@
+// Glints: star-shaped streaks from the highlights of an image.
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/channels.h"
+#include "imglib/lineblur.h"
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+class GlintControl : public NeighbourhoodTask {
+public:
+    GlintControl(const std::string& name, float time, const GlintControlParams& p, TaskPtr input)
+        : NeighbourhoodTask(name, time, "GlintControl", std::move(input)), m_p(p) {}
+
+protected:
+    void describe(CacheIDStream& s) override { s << m_p.threshold << "," << m_p.gain; }
+    Imath::Color4<float> computeBackgroundColor() override {
+        Imath::Color4<float> bg = getInputBackgroundColor(0);
+        float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
+        const IMGLIB::Image pixel = IMGLIB::SinglePixelImage(rgba);
+        check(IMGLIB::GlintControl(&pixel, &pixel, m_p.threshold, m_p.gain));
+        return Imath::Color4<float>(rgba[0], rgba[1], rgba[2], rgba[3]);
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::GlintControl(out, in[0], m_p.threshold, m_p.gain));
+    }
+
+private:
+    GlintControlParams m_p;
+};
+
+// Input 0 the image, input 1 the source of the streaks.
+class Glint : public NeighbourhoodTask {
+public:
+    Glint(const std::string& name, float time, bool addToImage, const GlintParams& p,
+          TaskPtr image, TaskPtr source)
+        : NeighbourhoodTask(name, time, "Glint", std::move(image)), m_add(addToImage), m_p(p) {
+        const int64_t pad = IMGLIB::GetGlintPadding(p.length);
+        addAuxiliaryInput(std::move(source), 0, pad, pad);
+        // Streaks reach where the image has no data.
+        setFillWithoutImage(false);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override {
+        s << m_add << "," << m_p.rays << "," << m_p.length << "," << m_p.rotation;
+    }
+    uint64_t computeOutputChannels() override {
+        return IMGLIB::ValidateChannelMask(getDefinedInputChannels(0) | getDefinedInputChannels(1));
+    }
+    UTIL::Region computeOutputDataRegion() override {
+        const int64_t pad = IMGLIB::GetGlintPadding(m_p.length);
+        UTIL::Region region;
+        if (m_add) region.add(getDefinedInputDataRegion(0));
+        for (const UTIL::Rect& r : getDefinedInputDataRegion(1).rects()) region.add(r.grown(pad, pad));
+        return region;
+    }
+    // Each ray carries a constant source's brightness once.
+    Imath::Color4<float> computeBackgroundColor() override {
+        Imath::Color4<float> bg(0, 0, 0, 0);
+        if (m_p.length > 0.0f) bg = getInputBackgroundColor(1) * float(m_p.rays);
+        if (m_add) bg += getInputBackgroundColor(0);
+        return bg;
+    }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::Glint(out, in[0], in[1], m_p.rays, m_p.length, m_p.rotation, m_add));
+    }
+
+private:
+    bool m_add;
+    GlintParams m_p;
+};
+
+}  // namespace Private
+
+TaskPtr createGlintTask(const std::string& name, float time, bool addToImage,
+                        const GlintParams& params, TaskPtr image, TaskPtr source) {
+    if (!image) throw UTIL::ErrorException("Glint requires an input.");
+    if (params.rays < 1 || params.rays > 64)
+        throw UTIL::ErrorException(name + ": rays must be 1 to 64, not " +
+                                   std::to_string(params.rays));
+    TaskPtr streaked = source ? source : image;
+    return TaskPtr(new Private::Glint(name, time, addToImage, params, std::move(image),
+                                      std::move(streaked)));
+}
+
+TaskPtr createGlintControlTask(const std::string& name, float time,
+                               const GlintControlParams& params, TaskPtr input) {
+    return TaskPtr(new Private::GlintControl(name, time, params, std::move(input)));
+}
+
+}  // namespace TESSERA

@@ -1,0 +1,34 @@
+// Colour carried past the edge of a matte.
+#include "filter/neighbourhoodtask.h"
+#include "filtertasks.h"
+#include "imglib/perimeter.h"
+
+namespace TESSERA {
+namespace Private {
+
+class PerimeterExtend : public NeighbourhoodTask {
+public:
+    PerimeterExtend(const std::string& name, float time, float distance, TaskPtr input)
+        : NeighbourhoodTask(name, time, "PerimeterExtend", std::move(input)), m_distance(distance) {
+        const int64_t pad = IMGLIB::GetPerimeterPadding(distance);
+        setPadding(pad, pad);
+    }
+
+protected:
+    void describe(CacheIDStream& s) override { s << m_distance; }
+    void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
+        check(IMGLIB::ExtendImagePerimeter(out, in[0], m_distance));
+    }
+
+private:
+    float m_distance;
+};
+
+}  // namespace Private
+
+TaskPtr createPerimeterExtendTask(const std::string& name, float time, float distance,
+                                  TaskPtr input) {
+    return TaskPtr(new Private::PerimeterExtend(name, time, distance, std::move(input)));
+}
+
+}  // namespace TESSERA
