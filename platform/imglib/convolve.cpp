@@ -21,10 +21,9 @@ UTIL::Rect GetImageConvolveInputRect(const UTIL::Rect& outRect, const UTIL::Rect
 UTIL::Rect GetImageConvolveOutputRect(const UTIL::Rect& inRect, const UTIL::Rect& kernelRect,
                                       int64_t centreX, int64_t centreY) {
     if (inRect.isNull() || kernelRect.isNull()) return inRect;
-    return UTIL::Rect(inRect.xmin + kernelRect.xmin - centreX,
-                      inRect.ymin + kernelRect.ymin - centreY,
-                      inRect.xmax + kernelRect.xmax - 1 - centreX,
-                      inRect.ymax + kernelRect.ymax - 1 - centreY);
+    return UTIL::Rect(
+        inRect.xmin + kernelRect.xmin - centreX, inRect.ymin + kernelRect.ymin - centreY,
+        inRect.xmax + kernelRect.xmax - 1 - centreX, inRect.ymax + kernelRect.ymax - 1 - centreY);
 }
 
 int ImageConvolve(const Image* out, const Image* in, const Image* kernel, int64_t centreX,
@@ -33,8 +32,8 @@ int ImageConvolve(const Image* out, const Image* in, const Image* kernel, int64_
     if (!kernel || !GetChannelCount(kernel->channels))
         return SetError(ERROR_NULL_IMAGE, "ImageConvolve: no kernel image");
     const UTIL::Rect kernelRect(kernel->x1, kernel->y1, kernel->x2, kernel->y2);
-    const UTIL::Rect need = GetImageConvolveInputRect(UTIL::Rect(out->x1, out->y1, out->x2, out->y2),
-                                                      kernelRect, centreX, centreY);
+    const UTIL::Rect need = GetImageConvolveInputRect(
+        UTIL::Rect(out->x1, out->y1, out->x2, out->y2), kernelRect, centreX, centreY);
     if (!UTIL::Rect(in->x1, in->y1, in->x2, in->y2).contains(need))
         return SetError(ERROR_OUT_OF_BOUNDS,
                         "ImageConvolve: the input does not cover the output grown by the kernel");

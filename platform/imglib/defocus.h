@@ -29,7 +29,7 @@ TESSERA_API void GetDefocusPadding(float size, float aspect, int64_t blades, flo
 // out = in convolved by the normalised aperture. in must cover out grown by
 // the padding. Cost per pixel grows with the aperture's height, not its
 // area: each row of the aperture is summed from running sums of the input.
-TESSERA_API int Defocus(const Image* out, const Image* in, float size, float aspect,
-                        int64_t blades, float rotation, bool smooth);
+TESSERA_API int Defocus(const Image* out, const Image* in, float size, float aspect, int64_t blades,
+                        float rotation, bool smooth);
 
 }  // namespace IMGLIB

@@ -34,9 +34,8 @@ int CalculateCocImage(const Image* out, const Image* depth, uint64_t depthChanne
     if (int status = CheckControl("CalculateCocImage", out, depth, depthChannel, 0, 0, slot))
         return status;
     if (CircleOfConfusion(lens, 1.0f) < 0.0f)
-        return SetError(ERROR_INVALID_ARGUMENT,
-                        "CalculateCocImage: the lens cannot focus at " +
-                            std::to_string(lens.focusDistance));
+        return SetError(ERROR_INVALID_ARGUMENT, "CalculateCocImage: the lens cannot focus at " +
+                                                    std::to_string(lens.focusDistance));
     const PixelGrid src(depth), dst(out);
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
@@ -76,7 +75,9 @@ int CalculateMaximalCocImage(const Image* out, const Image* depth, uint64_t dept
     return cocExtreme("CalculateMaximalCocImage", out, depth, depthChannel, lens, radius, true);
 }
 
-int64_t GetPhysicalDepthOfFieldPadding(float maxCoc) { return ReachPixels(0.5f * maxCoc); }
+int64_t GetPhysicalDepthOfFieldPadding(float maxCoc) {
+    return ReachPixels(0.5f * maxCoc);
+}
 
 int PhysicalDepthOfField(const Image* out, const Image* in, const Image* coc, uint64_t cocChannel,
                          float maxCoc) {

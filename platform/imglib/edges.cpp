@@ -106,8 +106,7 @@ int select(const char* name, const Image* out, const Image* in, float threshold)
                 const Gradient g = Operator::at(src, x, y, c);
                 bool ridge = g.magnitude > 0.0f && g.magnitude >= threshold;
                 if (ridge) {
-                    const float before =
-                        Operator::at(src, x - g.stepX, y - g.stepY, c).magnitude;
+                    const float before = Operator::at(src, x - g.stepX, y - g.stepY, c).magnitude;
                     const float after = Operator::at(src, x + g.stepX, y + g.stepY, c).magnitude;
                     ridge = g.magnitude > before && g.magnitude >= after;
                 }

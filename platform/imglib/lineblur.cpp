@@ -109,7 +109,9 @@ int GlintControl(const Image* out, const Image* in, float threshold, float gain)
     return ERROR_NONE;
 }
 
-int64_t GetGlintPadding(float length) { return ReachPixels(std::min(length, 1e6f)) + 1; }
+int64_t GetGlintPadding(float length) {
+    return ReachPixels(std::min(length, 1e6f)) + 1;
+}
 
 int Glint(const Image* out, const Image* in, const Image* source, int64_t rays, float length,
           float rotation, bool addToImage) {

@@ -18,8 +18,8 @@ namespace IMGLIB {
 // two), weighted by `filter` across the line's length (box: evenly), and
 // read bilinearly, or from the nearest pixel when bilinear is false.
 // Lengths of 1 or less (and NaN) leave the image as it is.
-TESSERA_API int LineBlur(const Image* out, const Image* in, float length, float angle,
-                         float offset, float density, FilterType filter, bool bilinear);
+TESSERA_API int LineBlur(const Image* out, const Image* in, float length, float angle, float offset,
+                         float density, FilterType filter, bool bilinear);
 TESSERA_API void GetLineBlurPadding(float length, float angle, float offset, int64_t& padX,
                                     int64_t& padY);
 

@@ -61,8 +61,9 @@ inline int CheckNeighbourhood(const char* op, const Image* out, const Image* in,
         return SetError(ERROR_INVALID_CHANNEL_MASK, name + ": invalid channel mask");
     if (in->x1 > out->x1 - padX || in->x2 < out->x2 + padX || in->y1 > out->y1 - padY ||
         in->y2 < out->y2 + padY)
-        return SetError(ERROR_OUT_OF_BOUNDS,
-                        name + ": the input does not cover the output grown by the operator's reach");
+        return SetError(
+            ERROR_OUT_OF_BOUNDS,
+            name + ": the input does not cover the output grown by the operator's reach");
     return ERROR_NONE;
 }
 
@@ -78,7 +79,8 @@ inline int CheckControl(const char* op, const Image* out, const Image* control, 
                         name + ": the control image lacks channel " + GetChannelMaskName(channel));
     if (control->x1 > out->x1 - padX || control->x2 < out->x2 + padX ||
         control->y1 > out->y1 - padY || control->y2 < out->y2 + padY)
-        return SetError(ERROR_OUT_OF_BOUNDS, name + ": the control image does not cover the output");
+        return SetError(ERROR_OUT_OF_BOUNDS,
+                        name + ": the control image does not cover the output");
     return ERROR_NONE;
 }
 

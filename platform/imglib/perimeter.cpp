@@ -8,7 +8,9 @@
 
 namespace IMGLIB {
 
-int64_t GetPerimeterPadding(float distance) { return ReachPixels(distance); }
+int64_t GetPerimeterPadding(float distance) {
+    return ReachPixels(distance);
+}
 
 int ExtendImagePerimeter(const Image* out, const Image* in, float distance) {
     const int64_t pad = GetPerimeterPadding(distance);

@@ -61,10 +61,10 @@ int ValidateRadialBlurParams(const RadialBlurParams& p) {
         return SetError(ERROR_INVALID_ARGUMENT,
                         "RadialBlur: unknown type " + std::to_string(int(p.type)));
     if (!std::isfinite(p.amount) || (p.type == RADIAL_ZOOM && p.amount >= 1.0f))
-        return SetError(ERROR_INVALID_ARGUMENT, "RadialBlur: amount " + std::to_string(p.amount) +
-                                                    (p.type == RADIAL_ZOOM
-                                                         ? " (a zoom's must be below 1)"
-                                                         : " (must be finite)"));
+        return SetError(
+            ERROR_INVALID_ARGUMENT,
+            "RadialBlur: amount " + std::to_string(p.amount) +
+                (p.type == RADIAL_ZOOM ? " (a zoom's must be below 1)" : " (must be finite)"));
     if (!std::isfinite(p.centreX) || !std::isfinite(p.centreY))
         return SetError(ERROR_INVALID_ARGUMENT, "RadialBlur: the centre must be finite");
     if (p.samples < 2 || p.samples > 4096)
@@ -101,9 +101,10 @@ void GetRadialBlurredOutputRect(const UTIL::Rect& in, UTIL::Rect& out,
 int RadialBlur(const Image* out, const Image* in, const RadialBlurParams& params) {
     if (int status = ValidateRadialBlurParams(params)) return status;
     UTIL::Rect need;
-    GetRadialBlurredRequiredInputRect(need, UTIL::Rect(out ? out->x1 : 0, out ? out->y1 : 0,
-                                                       out ? out->x2 : 0, out ? out->y2 : 0),
-                                      params);
+    GetRadialBlurredRequiredInputRect(
+        need,
+        UTIL::Rect(out ? out->x1 : 0, out ? out->y1 : 0, out ? out->x2 : 0, out ? out->y2 : 0),
+        params);
     if (int status = CheckNeighbourhood("RadialBlur", out, in, 0, 0)) return status;
     if (!UTIL::Rect(in->x1, in->y1, in->x2, in->y2).contains(need))
         return SetError(ERROR_OUT_OF_BOUNDS,

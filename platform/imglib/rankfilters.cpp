@@ -9,9 +9,13 @@
 
 namespace IMGLIB {
 
-int64_t GetMedianPadding(float size) { return GetFilterPadding(size); }
+int64_t GetMedianPadding(float size) {
+    return GetFilterPadding(size);
+}
 
-int64_t GetErodeDilatePadding(float radius) { return ReachPixels(std::fabs(radius)); }
+int64_t GetErodeDilatePadding(float radius) {
+    return ReachPixels(std::fabs(radius));
+}
 
 int MedianFilter(const Image* out, const Image* in, float sizeX, float sizeY, bool circular,
                  float threshold) {
@@ -40,9 +44,9 @@ int MedianFilter(const Image* out, const Image* in, float sizeX, float sizeY, bo
                                  numberFirst);
                 const float median = values[middle];
                 const float original = src.at(x, y)[c];
-                dst.at(x, y)[c] =
-                    threshold > 0.0f && !(std::fabs(original - median) > threshold) ? original
-                                                                                    : median;
+                dst.at(x, y)[c] = threshold > 0.0f && !(std::fabs(original - median) > threshold)
+                                      ? original
+                                      : median;
             }
     return ERROR_NONE;
 }
@@ -53,7 +57,9 @@ namespace {
 // of src[i + d * step] for |d| <= whole with the one for |d| <= whole + 1.
 void extremeAlong(float* dst, const float* src, size_t count, int64_t step, int64_t whole,
                   float fraction, bool dilate) {
-    const auto pick = [dilate](float a, float b) { return dilate ? std::max(a, b) : std::min(a, b); };
+    const auto pick = [dilate](float a, float b) {
+        return dilate ? std::max(a, b) : std::min(a, b);
+    };
     std::copy(src, src + count, dst);
     for (int64_t d = 1; d <= whole; ++d) {
         const float* left = src - d * step;
@@ -94,9 +100,8 @@ int ErodeOrDilate(const Image* out, const Image* in, float radiusX, float radius
         extremeAlong(temp.data() + r * rowFloats, src.at(out->x1, out->y1 - padY + r), rowFloats,
                      dst.n, wholeX, fractionX, radiusX > 0.0f);
     for (int64_t y = out->y1; y < out->y2; ++y)
-        extremeAlong(dst.at(out->x1, y), temp.data() + (y - out->y1 + padY) * rowFloats,
-                     rowFloats, static_cast<int64_t>(rowFloats), wholeY, fractionY,
-                     radiusY > 0.0f);
+        extremeAlong(dst.at(out->x1, y), temp.data() + (y - out->y1 + padY) * rowFloats, rowFloats,
+                     static_cast<int64_t>(rowFloats), wholeY, fractionY, radiusY > 0.0f);
     return ERROR_NONE;
 }
 

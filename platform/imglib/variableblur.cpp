@@ -20,9 +20,9 @@ int blendLayers(const char* name, const Image* out, const Image* control, uint64
     int slot = -1;
     if (int status = CheckControl(name, out, control, channel, 0, 0, slot)) return status;
     if (layers < 1 || layers > 256)
-        return SetError(ERROR_INVALID_ARGUMENT,
-                        std::string(name) + ": layers must be 1 to 256, not " +
-                            std::to_string(layers));
+        return SetError(
+            ERROR_INVALID_ARGUMENT,
+            std::string(name) + ": layers must be 1 to 256, not " + std::to_string(layers));
     if (out->width() == 0 || out->height() == 0 || !out->channels) return ERROR_NONE;
     const PixelGrid ctl(control), dst(out);
     const int64_t width = out->width(), height = out->height();

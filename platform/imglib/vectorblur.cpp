@@ -17,7 +17,10 @@ namespace {
 
 struct MotionReader {
     MotionReader(const Image* vectors, int u, int v, const VectorBlurSettings& s)
-        : grid(vectors), uSlot(u), vSlot(v), scale(s.scale),
+        : grid(vectors),
+          uSlot(u),
+          vSlot(v),
+          scale(s.scale),
           limit(s.maxLength > 0.0f ? std::min(s.maxLength, 1e6f) : 0.0f) {}
     void at(int64_t x, int64_t y, float& mx, float& my) const {
         const float* p = grid.at(x, y);
@@ -40,8 +43,9 @@ int prepare(const char* name, const Image* out, const Image* in, const Image* ve
     if (int status = CheckControl(name, out, vectors, s.uChannel, pad, pad, uSlot)) return status;
     if (int status = CheckControl(name, out, vectors, s.vChannel, pad, pad, vSlot)) return status;
     if (s.samples < 2 || s.samples > 1024)
-        return SetError(ERROR_INVALID_ARGUMENT, std::string(name) + ": samples must be 2 to 1024, not " +
-                                                    std::to_string(s.samples));
+        return SetError(
+            ERROR_INVALID_ARGUMENT,
+            std::string(name) + ": samples must be 2 to 1024, not " + std::to_string(s.samples));
     return ERROR_NONE;
 }
 

@@ -1,8 +1,8 @@
 // Convolution by a kernel image, and the kernel's normalisation to unit
 // energy.
+#include "imglib/convolve.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
-#include "imglib/convolve.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops.h"
 #include "util/exceptions.h"
@@ -32,13 +32,13 @@ public:
 
 protected:
     void describe(CacheIDStream& s) override {
-        s << m_normalize << "," << m_p.kernelRect << "," << m_p.centred << "," << m_p.centreX
-          << "," << m_p.centreY;
+        s << m_normalize << "," << m_p.kernelRect << "," << m_p.centred << "," << m_p.centreX << ","
+          << m_p.centreY;
     }
     UTIL::Region computeOutputDataRegion() override {
         // The kernel's area is known once its input is described.
-        m_kernelRect = m_p.kernelRect.isNull() ? getDefinedInputDataRegion(1).boundingBox()
-                                               : m_p.kernelRect;
+        m_kernelRect =
+            m_p.kernelRect.isNull() ? getDefinedInputDataRegion(1).boundingBox() : m_p.kernelRect;
         m_centreX = m_p.centred ? (m_kernelRect.xmin + m_kernelRect.xmax - 1) / 2 : m_p.centreX;
         m_centreY = m_p.centred ? (m_kernelRect.ymin + m_kernelRect.ymax - 1) / 2 : m_p.centreY;
         UTIL::Region region;
@@ -81,8 +81,7 @@ private:
 
 class EnergyNormalization : public NeighbourhoodTask {
 public:
-    EnergyNormalization(const std::string& name, float time, const UTIL::Rect& rect,
-                        TaskPtr kernel)
+    EnergyNormalization(const std::string& name, float time, const UTIL::Rect& rect, TaskPtr kernel)
         : NeighbourhoodTask(name, time, "EnergyNormalization", std::move(kernel)), m_rect(rect) {}
 
 protected:

@@ -1,8 +1,8 @@
 // Defocus by a lens aperture, of one size or of a size that follows a
 // control image; and the blur whose size follows a control image.
+#include "imglib/defocus.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
-#include "imglib/defocus.h"
 #include "imglib/fastfilter.h"
 #include "imglib/variableblur.h"
 #include "util/exceptions.h"
@@ -12,8 +12,7 @@ namespace Private {
 
 class Defocus : public NeighbourhoodTask {
 public:
-    Defocus(const std::string& name, float time, const DefocusParams& p, bool smooth,
-            TaskPtr input)
+    Defocus(const std::string& name, float time, const DefocusParams& p, bool smooth, TaskPtr input)
         : NeighbourhoodTask(name, time, "Defocus", std::move(input)), m_p(p), m_smooth(smooth) {
         int64_t padX, padY;
         IMGLIB::GetDefocusPadding(p.size, p.aspect, p.blades, p.rotation, smooth, padX, padY);
@@ -26,8 +25,8 @@ protected:
           << m_smooth;
     }
     void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
-        check(IMGLIB::Defocus(out, in[0], m_p.size, m_p.aspect, m_p.blades, m_p.rotation,
-                              m_smooth));
+        check(
+            IMGLIB::Defocus(out, in[0], m_p.size, m_p.aspect, m_p.blades, m_p.rotation, m_smooth));
     }
 
 private:
@@ -57,9 +56,9 @@ protected:
     }
     void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
         const DefocusParams& d = m_p.defocus;
-        check(IMGLIB::NonPhysicalDepthOfField(
-            out, in[0], in[1], m_p.controlChannel, m_p.controlScale * d.size, d.size, m_p.layers,
-            {d.aspect, d.blades, d.rotation, m_p.smoothEdges}));
+        check(IMGLIB::NonPhysicalDepthOfField(out, in[0], in[1], m_p.controlChannel,
+                                              m_p.controlScale * d.size, d.size, m_p.layers,
+                                              {d.aspect, d.blades, d.rotation, m_p.smoothEdges}));
     }
 
 private:
@@ -114,8 +113,8 @@ TaskPtr createImageDefocusTask(const std::string& name, float time,
                                const ImageDefocusParams& params, TaskPtr image, TaskPtr control) {
     Private::checkControl(name, "ImageDefocus", params.controlChannel, params.layers, image,
                           control);
-    return TaskPtr(new Private::ImageDefocusTask(name, time, params, std::move(image),
-                                                 std::move(control)));
+    return TaskPtr(
+        new Private::ImageDefocusTask(name, time, params, std::move(image), std::move(control)));
 }
 
 TaskPtr createImageBlur(const std::string& name, float time, const ImageBlurParams& params,

@@ -24,7 +24,9 @@ void describeLens(CacheIDStream& s, const DepthOfFieldParams& p) {
 
 // The radius over which the minimal and maximal circles are taken: the
 // reach of the largest circle.
-float extremeRadius(const DepthOfFieldParams& p) { return 0.5f * std::max(p.lens.maxCoc, 0.0f); }
+float extremeRadius(const DepthOfFieldParams& p) {
+    return 0.5f * std::max(p.lens.maxCoc, 0.0f);
+}
 
 }  // namespace
 
@@ -85,8 +87,8 @@ public:
         if (p.physical) {
             padX = padY = IMGLIB::GetPhysicalDepthOfFieldPadding(p.lens.maxCoc);
         } else {
-            IMGLIB::GetDefocusPadding(p.lens.maxCoc, a.aspect, a.blades, a.rotation, a.smooth,
-                                      padX, padY);
+            IMGLIB::GetDefocusPadding(p.lens.maxCoc, a.aspect, a.blades, a.rotation, a.smooth, padX,
+                                      padY);
         }
         setPadding(padX, padY);
         // The scatter reads the circles of every pixel that can reach the tile.
@@ -118,8 +120,7 @@ private:
 
 class DOFDepthCleanup : public NeighbourhoodTask {
 public:
-    DOFDepthCleanup(const std::string& name, float time, const DepthOfFieldParams& p,
-                    TaskPtr depth)
+    DOFDepthCleanup(const std::string& name, float time, const DepthOfFieldParams& p, TaskPtr depth)
         : NeighbourhoodTask(name, time, "DOFDepthCleanup", std::move(depth)),
           m_radius(p.cleanupRadius) {
         const int64_t pad = IMGLIB::GetErodeDilatePadding(std::max(m_radius, 0.0f));
@@ -171,9 +172,9 @@ TaskPtr createDepthOfFieldTask(const std::string& name, float time,
     TaskPtr coc = createCircleOfConfusionTask(name + ".CircleOfConfusion", time, params,
                                               IMGLIB::CHANNEL_R, COC_OUTPUT_COC, std::move(depth));
     coc->setCaching(false);
-    return TaskPtr(new Private::DepthOfField(name, time, params,
-                                             Private::withBloom(name, time, bloom, std::move(image)),
-                                             std::move(coc), std::move(mask)));
+    return TaskPtr(new Private::DepthOfField(
+        name, time, params, Private::withBloom(name, time, bloom, std::move(image)), std::move(coc),
+        std::move(mask)));
 }
 
 TaskPtr createDOFDepthCleanupTask(const std::string& name, float time,

@@ -33,8 +33,8 @@ private:
 // Input 0 the image, input 1 the source of the streaks.
 class Glint : public NeighbourhoodTask {
 public:
-    Glint(const std::string& name, float time, bool addToImage, const GlintParams& p,
-          TaskPtr image, TaskPtr source)
+    Glint(const std::string& name, float time, bool addToImage, const GlintParams& p, TaskPtr image,
+          TaskPtr source)
         : NeighbourhoodTask(name, time, "Glint", std::move(image)), m_add(addToImage), m_p(p) {
         const int64_t pad = IMGLIB::GetGlintPadding(p.length);
         addAuxiliaryInput(std::move(source), 0, pad, pad);
@@ -53,7 +53,8 @@ protected:
         const int64_t pad = IMGLIB::GetGlintPadding(m_p.length);
         UTIL::Region region;
         if (m_add) region.add(getDefinedInputDataRegion(0));
-        for (const UTIL::Rect& r : getDefinedInputDataRegion(1).rects()) region.add(r.grown(pad, pad));
+        for (const UTIL::Rect& r : getDefinedInputDataRegion(1).rects())
+            region.add(r.grown(pad, pad));
         return region;
     }
     // Each ray carries a constant source's brightness once.
@@ -81,8 +82,8 @@ TaskPtr createGlintTask(const std::string& name, float time, bool addToImage,
         throw UTIL::ErrorException(name + ": rays must be 1 to 64, not " +
                                    std::to_string(params.rays));
     TaskPtr streaked = source ? source : image;
-    return TaskPtr(new Private::Glint(name, time, addToImage, params, std::move(image),
-                                      std::move(streaked)));
+    return TaskPtr(
+        new Private::Glint(name, time, addToImage, params, std::move(image), std::move(streaked)));
 }
 
 TaskPtr createGlintControlTask(const std::string& name, float time,

@@ -39,7 +39,9 @@ void NeighbourhoodTask::computeCacheID(CacheIDStream& stream) {
     describe(stream);
 }
 
-uint64_t NeighbourhoodTask::computeOutputChannels() { return getDefinedInputChannels(0); }
+uint64_t NeighbourhoodTask::computeOutputChannels() {
+    return getDefinedInputChannels(0);
+}
 
 UTIL::Region NeighbourhoodTask::computeOutputDataRegion() {
     UTIL::Region region;
@@ -105,7 +107,9 @@ void NeighbourhoodTask::renderRect(const IMGLIB::Image* out,
     filter(out, images);
 }
 
-void NeighbourhoodTask::check(int status) { checkImglib(status, getNameAtTime()); }
+void NeighbourhoodTask::check(int status) {
+    checkImglib(status, getNameAtTime());
+}
 
 TaskPtr withBloom(const std::string& name, float time, const BloomControlSettings& bloom,
                   TaskPtr input) {

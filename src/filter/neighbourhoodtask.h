@@ -22,8 +22,7 @@ class NeighbourhoodTask : public RenderTask {
 public:
     static constexpr uint64_t kAllDefinedChannels = ~uint64_t(0);
 
-    NeighbourhoodTask(const std::string& name, float time, const std::string& type,
-                      TaskPtr image);
+    NeighbourhoodTask(const std::string& name, float time, const std::string& type, TaskPtr image);
 
 protected:
     // The reach of the operator on the image, and so the growth of the
@@ -40,8 +39,8 @@ protected:
     size_t addAuxiliaryInput(TaskPtr input, uint64_t channels, int64_t padX, int64_t padY,
                              std::optional<UTIL::Rect> fixedRect = std::nullopt);
     // Without the image's data (input 0 missing) a tile is filled with the
-    // task's background colour (by default the image's) unless this is switched off; then the operator
-    // gets a background image instead, like any missing input.
+    // task's background colour (by default the image's) unless this is switched off; then the
+    // operator gets a background image instead, like any missing input.
     void setFillWithoutImage(bool fill) { m_fillWithoutImage = fill; }
 
     int64_t padX() const { return m_padX; }

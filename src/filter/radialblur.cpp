@@ -1,8 +1,8 @@
 // Zoom and spin blurs about a centre.
+#include "imglib/radialblur.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/error.h"
-#include "imglib/radialblur.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -51,8 +51,8 @@ TaskPtr createRadialBlur(const std::string& name, float time,
                          bool extendFlag, const UTIL::Rect& extendRect, TaskPtr input) {
     if (IMGLIB::ValidateRadialBlurParams(params) != IMGLIB::ERROR_NONE)
         throw UTIL::ErrorException(name + ": " + IMGLIB::GetErrorMessage());
-    return TaskPtr(new Private::RadialBlur(name, time, params, extendMethod, extendFlag,
-                                           extendRect, std::move(input)));
+    return TaskPtr(new Private::RadialBlur(name, time, params, extendMethod, extendFlag, extendRect,
+                                           std::move(input)));
 }
 
 }  // namespace TESSERA

@@ -1,9 +1,9 @@
 // Median, erode/dilate and bilateral filters: single-input neighbourhood
 // operators with a fixed window.
+#include "imglib/rankfilters.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/bilateral.h"
-#include "imglib/rankfilters.h"
 
 namespace TESSERA {
 namespace Private {
@@ -56,8 +56,7 @@ public:
 
 protected:
     void describe(CacheIDStream& s) override {
-        s << m_p.radiusX << "," << m_p.radiusY << "," << m_p.sigmaSpatial << ","
-          << m_p.sigmaRange;
+        s << m_p.radiusX << "," << m_p.radiusY << "," << m_p.sigmaSpatial << "," << m_p.sigmaRange;
     }
     void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
         check(IMGLIB::BilateralFilter(out, in[0], m_p.radiusX, m_p.radiusY, m_p.sigmaSpatial,
@@ -75,8 +74,8 @@ TaskPtr createMedianFilterTask(const std::string& name, float time,
     return TaskPtr(new Private::MedianFilterTask(name, time, params, std::move(input)));
 }
 
-TaskPtr createErodeDilateTask(const std::string& name, float time,
-                              const ErodeDilateParams& params, TaskPtr input) {
+TaskPtr createErodeDilateTask(const std::string& name, float time, const ErodeDilateParams& params,
+                              TaskPtr input) {
     return TaskPtr(new Private::ErodeDilate(name, time, params, std::move(input)));
 }
 

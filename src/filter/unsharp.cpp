@@ -20,8 +20,7 @@ public:
 protected:
     void describe(CacheIDStream& s) override {
         s << m_amount.r << "," << m_amount.g << "," << m_amount.b << "," << m_amount.a << ","
-          << m_threshold.r << "," << m_threshold.g << "," << m_threshold.b << ","
-          << m_threshold.a;
+          << m_threshold.r << "," << m_threshold.g << "," << m_threshold.b << "," << m_threshold.a;
     }
     void filter(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in) override {
         const float amount[4] = {m_amount.r, m_amount.g, m_amount.b, m_amount.a};
@@ -39,8 +38,8 @@ TaskPtr createUnSharpTask(const std::string& name, float time, Imath::Color4<flo
                           Imath::Color4<float> threshold, TaskPtr image, TaskPtr blurred) {
     if (!image) throw UTIL::ErrorException("UnSharp requires an input.");
     if (!blurred) throw UTIL::ErrorException("UnSharp requires a blurred input.");
-    return TaskPtr(new Private::UnSharp(name, time, amount, threshold, std::move(image),
-                                        std::move(blurred)));
+    return TaskPtr(
+        new Private::UnSharp(name, time, amount, threshold, std::move(image), std::move(blurred)));
 }
 
 }  // namespace TESSERA

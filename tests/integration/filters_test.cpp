@@ -66,7 +66,8 @@ protected:
         ASSERT_EQ(got.size(), want.size()) << what;
         for (size_t i = 0; i < got.size(); ++i)
             for (int c = 0; c < 4; ++c)
-                ASSERT_NEAR(got[i][c], want[i][c], tolerance) << what << " pixel " << i << " c" << c;
+                ASSERT_NEAR(got[i][c], want[i][c], tolerance)
+                    << what << " pixel " << i << " c" << c;
     }
 };
 
@@ -82,9 +83,10 @@ TEST_F(FilterTest, EveryMemberRendersTheSamePixelsInTilesAsWhole) {
     TaskPtr depth = channelPattern("depth", kArea, IMGLIB::CHANNEL_Z, [](int64_t x, int64_t, int) {
         return x < 30 ? 5.0f : 1.0f + 0.1f * float(x % 5);
     });
-    TaskPtr vectors = channelPattern(
-        "vectors", kArea, IMGLIB::CHANNEL_U | IMGLIB::CHANNEL_V,
-        [](int64_t x, int64_t y, int c) { return c == 5 ? float(x % 7) - 3.0f : float(y % 5) - 2.0f; });
+    TaskPtr vectors = channelPattern("vectors", kArea, IMGLIB::CHANNEL_U | IMGLIB::CHANNEL_V,
+                                     [](int64_t x, int64_t y, int c) {
+                                         return c == 5 ? float(x % 7) - 3.0f : float(y % 5) - 2.0f;
+                                     });
     TaskPtr kernel = pattern("kernel", Rect(0, 0, 4, 3), [](int64_t x, int64_t y, int) {
         return float(1 + x + 2 * y) / 20.0f;
     });
@@ -127,13 +129,13 @@ TEST_F(FilterTest, EveryMemberRendersTheSamePixelsInTilesAsWhole) {
         {"blur", createBlur("blur", 0, blur, image)},
         {"defocus", createDefocusTask("defocus", 0, hexagon, image, true)},
         {"hard defocus", createDefocusTask("hard", 0, hexagon, image, false)},
-        {"image defocus",
-         createImageDefocusTask("imageDefocus", 0, imageDefocus, image, control)},
+        {"image defocus", createImageDefocusTask("imageDefocus", 0, imageDefocus, image, control)},
         {"image blur", createImageBlur("imageBlur", 0, imageBlur, bloom, image, control)},
         {"convolve", createImageConvolveTask("convolve", 0, true, {}, image, kernel)},
         {"energy", createEnergyNormalizationTask("energy", 0, Rect(0, 0, 4, 3), kernel)},
         {"zoom", createRadialBlur("zoom", 0, zoom, IMGLIB::EXTEND_CLAMP, false, Rect(), image)},
-        {"spin", createRadialBlur("spin", 0, spin, IMGLIB::EXTEND_BACKGROUND, false, Rect(), image)},
+        {"spin",
+         createRadialBlur("spin", 0, spin, IMGLIB::EXTEND_BACKGROUND, false, Rect(), image)},
         {"line", createDirectionalBlur("line", 0, line, bloom, image)},
         {"nearest line", createDirectionalBlur("nearestLine", 0, nearestLine, bloom, image)},
         {"vector gather", createVectorBlur("gather", 0, gather, bloom, image, vectors)},
@@ -170,11 +172,11 @@ TEST_F(FilterTest, MedianRemovesSaltAndPepperAndKeepsEdges) {
         return (x % 6 == 3 && y % 6 == 3 && x != 27 && x != 33) ? (x % 12 == 3 ? 5.0f : -5.0f)
                                                                 : 0.0f;
     };
-    TaskPtr noisy = grey("impulses", kArea, [&](int64_t x, int64_t y) {
-        return clean(x, y) + impulse(x, y);
-    });
+    TaskPtr noisy =
+        grey("impulses", kArea, [&](int64_t x, int64_t y) { return clean(x, y) + impulse(x, y); });
     const Rect inside(2, 2, 59, 45);
-    const std::vector<Color> got = render(createMedianFilterTask("m", 0, {3, 3, false, 0}, noisy), inside);
+    const std::vector<Color> got =
+        render(createMedianFilterTask("m", 0, {3, 3, false, 0}, noisy), inside);
     for (int64_t y = inside.ymin; y < inside.ymax; ++y)
         for (int64_t x = inside.xmin; x < inside.xmax; ++x)
             ASSERT_EQ(at(got, inside, x, y).r, clean(x, y)) << x << "," << y;
@@ -202,8 +204,8 @@ TEST_F(FilterTest, ErodeAndDilateMoveASquaresEdgesByTheRadius) {
             ASSERT_EQ(at(grown, rect, x, y).r, inBox(x, y, 17, 33) ? 1.0f : 0.0f) << x << "," << y;
             ASSERT_EQ(at(shrunk, rect, x, y).r, inBox(x, y, 23, 27) ? 1.0f : 0.0f) << x << "," << y;
             const bool rows = y >= 20 && y < 30;
-            const float expectHalf = !rows ? 0.0f
-                                     : (x >= 18 && x < 32) ? 1.0f
+            const float expectHalf = !rows                  ? 0.0f
+                                     : (x >= 18 && x < 32)  ? 1.0f
                                      : (x == 17 || x == 32) ? 0.5f
                                                             : 0.0f;
             ASSERT_EQ(at(half, rect, x, y).r, expectHalf) << x << "," << y;
@@ -269,7 +271,8 @@ TEST_F(FilterTest, DefocusSpreadsAPointOverTheAperture) {
     for (int64_t y = 0; y < 51; ++y)
         for (int64_t x = 0; x < 51; ++x) {
             const double d2 = double((x - 25) * (x - 25) + (y - 25) * (y - 25));
-            ASSERT_NEAR(at(hard, rect, x, y).r, d2 <= 4.5 * 4.5 ? 1.0f / float(inside) : 0.0f, 1e-6f);
+            ASSERT_NEAR(at(hard, rect, x, y).r, d2 <= 4.5 * 4.5 ? 1.0f / float(inside) : 0.0f,
+                        1e-6f);
             total += at(hard, rect, x, y).r;
         }
     EXPECT_NEAR(total, 1.0, 1e-5);
@@ -335,15 +338,18 @@ TEST_F(FilterTest, ImageConvolutionAndEnergyNormalization) {
                render(createBlur("box", 0, box, image), rect), 1e-6f, "3x3 mean");
     // A kernel whose only weight sits one pixel right of its centre moves
     // the image one pixel right.
-    TaskPtr shift = grey("shift", Rect(0, 0, 3, 1), [](int64_t x, int64_t) { return x == 2 ? 1.0f : 0.0f; });
-    const std::vector<Color> moved = render(createImageConvolveTask("s", 0, false, {}, image, shift), rect);
+    TaskPtr shift =
+        grey("shift", Rect(0, 0, 3, 1), [](int64_t x, int64_t) { return x == 2 ? 1.0f : 0.0f; });
+    const std::vector<Color> moved =
+        render(createImageConvolveTask("s", 0, false, {}, image, shift), rect);
     const std::vector<Color> original = render(image, Rect(1, 2, 57, 44));
     for (int64_t y = rect.ymin; y < rect.ymax; ++y)
         for (int64_t x = rect.xmin; x < rect.xmax; ++x)
             ASSERT_EQ(at(moved, rect, x, y).g, at(original, Rect(1, 2, 57, 44), x - 1, y).g);
 
     TaskPtr twos = grey("twos", Rect(0, 0, 2, 2), [](int64_t, int64_t) { return 2.0f; });
-    const std::vector<Color> unit = render(createEnergyNormalizationTask("e", 0, Rect(0, 0, 2, 2), twos), Rect(0, 0, 2, 2));
+    const std::vector<Color> unit =
+        render(createEnergyNormalizationTask("e", 0, Rect(0, 0, 2, 2), twos), Rect(0, 0, 2, 2));
     for (const Color& c : unit) EXPECT_FLOAT_EQ(c.r, 0.25f);
 
     const auto message = [](const std::function<void()>& f) {
@@ -363,7 +369,8 @@ TEST_F(FilterTest, ImageConvolutionAndEnergyNormalization) {
     for (TaskPtr task : {createEnergyNormalizationTask("e", 0, Rect(), ones),
                          createImageConvolveTask("c", 0, true, {}, image, ones)}) {
         task->getCacheID();  // describes the task, its type included
-        EXPECT_EQ(task->imp().m_typeString, task->getName() == "e" ? "EnergyNormalization" : "ImageConvolve");
+        EXPECT_EQ(task->imp().m_typeString,
+                  task->getName() == "e" ? "EnergyNormalization" : "ImageConvolve");
     }
 }
 
@@ -417,15 +424,18 @@ TEST_F(FilterTest, DirectionalAndVectorBlursFollowTheirLines) {
     TaskPtr square = grey("sq", Rect(0, 0, 60, 40), [](int64_t x, int64_t y) {
         return x >= 20 && x < 30 && y >= 10 && y < 20 ? 1.0f : 0.0f;
     });
-    TaskPtr motion = channelPattern("motion", Rect(0, 0, 60, 40), IMGLIB::CHANNEL_U | IMGLIB::CHANNEL_V,
-                                    [](int64_t x, int64_t y, int c) {
-                                        return c == 5 && x >= 20 && x < 30 && y >= 10 && y < 20 ? 8.0f : 0.0f;
-                                    });
+    TaskPtr motion =
+        channelPattern("motion", Rect(0, 0, 60, 40), IMGLIB::CHANNEL_U | IMGLIB::CHANNEL_V,
+                       [](int64_t x, int64_t y, int c) {
+                           return c == 5 && x >= 20 && x < 30 && y >= 10 && y < 20 ? 8.0f : 0.0f;
+                       });
     VectorBlurParams params;
     const Rect strip(18, 15, 36, 16);
-    const std::vector<Color> gathered = render(createVectorBlur("g", 0, params, none, square, motion), strip);
+    const std::vector<Color> gathered =
+        render(createVectorBlur("g", 0, params, none, square, motion), strip);
     params.splat = true;
-    const std::vector<Color> splatted = render(createVectorBlur("s", 0, params, none, square, motion), strip);
+    const std::vector<Color> splatted =
+        render(createVectorBlur("s", 0, params, none, square, motion), strip);
     EXPECT_EQ(at(gathered, strip, 31, 15).r, 0.0f);
     EXPECT_GT(at(splatted, strip, 31, 15).r, 0.1f);
     EXPECT_EQ(at(splatted, strip, 35, 15).r, 0.0f);  // beyond half the motion
@@ -456,7 +466,8 @@ TEST_F(FilterTest, UnsharpMaskSteepensAnEdgeAndPerimeterExtendCarriesColourOut) 
         return in ? premultiplied[c] : 0.0f;
     });
     const Rect area(15, 15, 35, 35);
-    const std::vector<Color> extended = render(createPerimeterExtendTask("p", 0, 3.0f, matte), area);
+    const std::vector<Color> extended =
+        render(createPerimeterExtendTask("p", 0, 3.0f, matte), area);
     EXPECT_EQ(at(extended, area, 31, 25), Color(0.8f, 0.4f, 0.2f, 0.0f));  // 2 from the edge
     EXPECT_EQ(at(extended, area, 31, 31), Color(0.8f, 0.4f, 0.2f, 0.0f));  // sqrt(8) away
     EXPECT_EQ(at(extended, area, 33, 25), Color(0, 0, 0, 0));              // 4 away
@@ -507,7 +518,8 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
                                    [](int64_t x, int64_t, int) { return x < 30 ? 5.0f : 10.0f; });
     const Rect row(20, 20, 40, 21);
     const auto coc = [&](CircleOfConfusionOutputType type) {
-        return render(createCircleOfConfusionTask("coc", 0, p, IMGLIB::CHANNEL_R, type, depth), row);
+        return render(createCircleOfConfusionTask("coc", 0, p, IMGLIB::CHANNEL_R, type, depth),
+                      row);
     };
     const std::vector<Color> own = coc(COC_OUTPUT_COC), low = coc(COC_OUTPUT_MINIMAL),
                              high = coc(COC_OUTPUT_MAXIMAL);
@@ -520,8 +532,10 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
     // All in focus: the image as it is. All at infinity (circle clamped to
     // maxCoc): the defocus of maxCoc. A mask of alpha 0: the image.
     TaskPtr image = pattern("noise", kArea, noise);
-    TaskPtr focused = channelPattern("focused", kArea, IMGLIB::CHANNEL_Z, [](int64_t, int64_t, int) { return 5.0f; });
-    TaskPtr far = channelPattern("far", kArea, IMGLIB::CHANNEL_Z, [](int64_t, int64_t, int) { return 0.0f; });
+    TaskPtr focused = channelPattern("focused", kArea, IMGLIB::CHANNEL_Z,
+                                     [](int64_t, int64_t, int) { return 5.0f; });
+    TaskPtr far =
+        channelPattern("far", kArea, IMGLIB::CHANNEL_Z, [](int64_t, int64_t, int) { return 0.0f; });
     TaskPtr clear = pattern("clear", kArea, [](int64_t, int64_t, int) { return 0.0f; });
     const Rect rect(8, 8, 52, 38);
     const BloomControlSettings none = noBloom();
@@ -530,8 +544,8 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
         p.physical = physical;
         expectNear(render(createDepthOfFieldTask("f", 0, p, none, image, focused, nullptr), rect),
                    original, 1e-6f, "in focus");
-        expectNear(render(createDepthOfFieldTask("m", 0, p, none, image, far, clear), rect), original,
-                   1e-6f, "masked out");
+        expectNear(render(createDepthOfFieldTask("m", 0, p, none, image, far, clear), rect),
+                   original, 1e-6f, "masked out");
     }
     p.physical = false;
     DefocusParams disc;
@@ -539,7 +553,10 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
     expectNear(render(createDepthOfFieldTask("far", 0, p, none, image, far, nullptr), rect),
                render(createDefocusTask("d", 0, disc, image, true), rect), 1e-5f, "at infinity");
     RenderManager::ClearRenderTaskCache();  // else the graph re-uses the renders' own task
-    EXPECT_EQ(createDepthOfFieldTask("n", 0, p, none, image, far, nullptr)->imp().getInputTask(1)->getName(),
+    EXPECT_EQ(createDepthOfFieldTask("n", 0, p, none, image, far, nullptr)
+                  ->imp()
+                  .getInputTask(1)
+                  ->getName(),
               "n.CircleOfConfusion");
 
     // A blurred bright square in front of a sharp dark background: gathering
@@ -551,18 +568,21 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
         return x >= 20 && x < 30 && y >= 15 && y < 25 ? 0.5f : 5.0f;
     });
     const Rect beside(31, 20, 32, 21);
-    EXPECT_EQ(render(createDepthOfFieldTask("g", 0, p, none, square, near, nullptr), beside)[0].r, 0.0f);
+    EXPECT_EQ(render(createDepthOfFieldTask("g", 0, p, none, square, near, nullptr), beside)[0].r,
+              0.0f);
     p.physical = true;
-    EXPECT_GT(render(createDepthOfFieldTask("s", 0, p, none, square, near, nullptr), beside)[0].r, 0.05f);
+    EXPECT_GT(render(createDepthOfFieldTask("s", 0, p, none, square, near, nullptr), beside)[0].r,
+              0.05f);
 
     // Clean-up: a hole takes the nearest depth around it; the foreground
     // widens by the radius.
     p.cleanupRadius = 2.0f;
-    TaskPtr holes = channelPattern("holes", kArea, IMGLIB::CHANNEL_R, [](int64_t x, int64_t y, int) {
-        if (x == 10 && y == 10) return 0.0f;
-        if (x == 12 && y == 30) return std::numeric_limits<float>::quiet_NaN();
-        return x < 30 ? 3.0f : 7.0f;
-    });
+    TaskPtr holes =
+        channelPattern("holes", kArea, IMGLIB::CHANNEL_R, [](int64_t x, int64_t y, int) {
+            if (x == 10 && y == 10) return 0.0f;
+            if (x == 12 && y == 30) return std::numeric_limits<float>::quiet_NaN();
+            return x < 30 ? 3.0f : 7.0f;
+        });
     const Rect band(5, 5, 40, 35);
     const std::vector<Color> cleaned = render(createDOFDepthCleanupTask("c", 0, p, holes), band);
     EXPECT_EQ(at(cleaned, band, 10, 10).r, 3.0f);
@@ -570,7 +590,8 @@ TEST_F(FilterTest, DepthOfFieldFollowsTheThinLens) {
     EXPECT_EQ(at(cleaned, band, 31, 20).r, 3.0f);
     EXPECT_EQ(at(cleaned, band, 32, 20).r, 7.0f);
     p.lens.focusDistance = 0.01f;  // nearer than the focal length
-    EXPECT_THROW(createDepthOfFieldTask("bad", 0, p, none, image, far, nullptr), UTIL::ErrorException);
+    EXPECT_THROW(createDepthOfFieldTask("bad", 0, p, none, image, far, nullptr),
+                 UTIL::ErrorException);
 }
 
 // Sizes of 0, negative or NaN reach nothing and leave the image as it is;
@@ -586,16 +607,21 @@ TEST_F(FilterTest, DegenerateAndHugeSizes) {
         d.size = size;
         DirectionalBlurParams line;
         line.length = size;
-        expectNear(render(createDefocusTask("d" + s, 0, d, image, true), rect), original, 0, "defocus " + s);
-        expectNear(render(createMedianFilterTask("m" + s, 0, {size, size, false, 0}, image), rect), original, 0, "median " + s);
+        expectNear(render(createDefocusTask("d" + s, 0, d, image, true), rect), original, 0,
+                   "defocus " + s);
+        expectNear(render(createMedianFilterTask("m" + s, 0, {size, size, false, 0}, image), rect),
+                   original, 0, "median " + s);
         if (!(size < 0))  // a negative radius erodes
             expectNear(render(createErodeDilateTask("e" + s, 0, {size, size}, image), rect),
                        original, 0, "erode " + s);
-        expectNear(render(createDirectionalBlur("l" + s, 0, line, none, image), rect), original, 0, "line " + s);
-        expectNear(render(createPerimeterExtendTask("p" + s, 0, size, image), rect), original, 0, "perimeter " + s);
+        expectNear(render(createDirectionalBlur("l" + s, 0, line, none, image), rect), original, 0,
+                   "line " + s);
+        expectNear(render(createPerimeterExtendTask("p" + s, 0, size, image), rect), original, 0,
+                   "perimeter " + s);
     }
     // A dilation far wider than the image: every pixel the image's maximum.
-    const std::vector<Color> wide = render(createErodeDilateTask("w", 0, {500, 500}, image), Rect(0, 0, 8, 8));
+    const std::vector<Color> wide =
+        render(createErodeDilateTask("w", 0, {500, 500}, image), Rect(0, 0, 8, 8));
     float most = 0;
     for (const Color& c : original) most = std::max(most, c.g);
     for (const Color& c : wide) ASSERT_EQ(c.g, most);
