@@ -14,11 +14,8 @@ int BilateralFilter(const Image* out, const Image* in, uint32_t radiusX, uint32_
     if (int status = CheckNeighbourhood("BilateralFilter", out, in, rx, ry)) return status;
     if (!(sigmaRange > 0.0f)) return CopyInto(out, in);
     const PixelGrid src(in), dst(out);
-    int colour[3], colours = 0;
-    for (uint64_t bit : {uint64_t(CHANNEL_R), uint64_t(CHANNEL_G), uint64_t(CHANNEL_B)}) {
-        const int slot = GetChannelIndex(in->channels, bit);
-        if (slot >= 0) colour[colours++] = slot;
-    }
+    int colour[3];
+    const int colours = ColourSlots(in->channels, colour);
     struct Tap {
         int64_t dx, dy;
         float weight;

@@ -53,14 +53,9 @@ int cocExtreme(const char* name, const Image* out, const Image* depth, uint64_t 
     if (!out || !depth) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null image");
     const float r = radius > 0.0f ? radius : 0.0f;
     const int64_t pad = GetErodeDilatePadding(r);
-    Image grown = *out;
-    grown.x1 -= pad, grown.y1 -= pad, grown.x2 += pad, grown.y2 += pad;
-    const int n = GetChannelCount(out->channels);
-    grown.rowBytes = grown.width() * n * 4;
-    std::vector<float> pixels(static_cast<size_t>(grown.width() * grown.height() * n));
-    grown.pixelPtr = pixels.data();
-    if (int status = CalculateCocImage(&grown, depth, depthChannel, lens)) return status;
-    return ErodeOrDilate(out, &grown, largest ? r : -r, largest ? r : -r);
+    ScratchImage grown(*out, out->x1 - pad, out->y1 - pad, out->x2 + pad, out->y2 + pad);
+    if (int status = CalculateCocImage(&grown.image, depth, depthChannel, lens)) return status;
+    return ErodeOrDilate(out, &grown.image, largest ? r : -r, largest ? r : -r);
 }
 
 }  // namespace
@@ -132,18 +127,15 @@ int CleanupDepth(const Image* out, const Image* in, float radius) {
     if (int status = CheckNeighbourhood("CleanupDepth", out, in, pad, pad)) return status;
     constexpr float kFar = std::numeric_limits<float>::infinity();
     // Missing depth as infinitely far, so the minimum passes over it.
-    Image valid = *in;
+    ScratchImage valid(*in);
     const int n = GetChannelCount(in->channels);
-    valid.rowBytes = in->width() * n * 4;
-    std::vector<float> pixels(static_cast<size_t>(in->width() * in->height() * n));
-    valid.pixelPtr = pixels.data();
-    const PixelGrid src(in), cleaned(&valid), dst(out);
+    const PixelGrid src(in), cleaned(&valid.image), dst(out);
     for (int64_t y = in->y1; y < in->y2; ++y) {
         const float* s = src.at(in->x1, y);
         float* d = cleaned.at(in->x1, y);
         for (int64_t i = 0; i < in->width() * n; ++i) d[i] = s[i] > 0.0f ? s[i] : kFar;
     }
-    if (int status = ErodeOrDilate(out, &valid, -r, -r)) return status;
+    if (int status = ErodeOrDilate(out, &valid.image, -r, -r)) return status;
     for (int64_t y = out->y1; y < out->y2; ++y) {
         const float* s = src.at(out->x1, y);
         float* d = dst.at(out->x1, y);

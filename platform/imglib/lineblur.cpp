@@ -146,13 +146,10 @@ int Glint(const Image* out, const Image* in, const Image* source, int64_t rays, 
     }
     for (LineTap& t : taps) t.weight /= total;
     // The streaks, added to what out holds.
-    Image streaks = *out;
+    ScratchImage streaks(*out);
     const int n = GetChannelCount(out->channels);
-    streaks.rowBytes = out->width() * n * 4;
-    std::vector<float> pixels(static_cast<size_t>(out->width() * out->height() * n));
-    streaks.pixelPtr = pixels.data();
-    gatherTaps(&streaks, PixelGrid(source), taps, true);
-    const PixelGrid dst(out), add(&streaks);
+    gatherTaps(&streaks.image, PixelGrid(source), taps, true);
+    const PixelGrid dst(out), add(&streaks.image);
     for (int64_t y = out->y1; y < out->y2; ++y) {
         float* o = dst.at(out->x1, y);
         const float* s = add.at(out->x1, y);

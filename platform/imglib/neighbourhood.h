@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "imglib/channels.h"
 #include "imglib/error.h"
@@ -48,6 +49,33 @@ struct PixelGrid {
     int64_t stride;  // floats from one row to the next
     int n;           // channels per pixel
 };
+
+// A working image owned by the operator: `like`'s channels over the given
+// bounds (`like`'s own when none are given), rows packed.
+struct ScratchImage {
+    explicit ScratchImage(const Image& like)
+        : ScratchImage(like, like.x1, like.y1, like.x2, like.y2) {}
+    ScratchImage(const Image& like, int64_t x1, int64_t y1, int64_t x2, int64_t y2) {
+        image.channels = like.channels;
+        image.x1 = x1, image.y1 = y1, image.x2 = x2, image.y2 = y2;
+        image.rowBytes = image.width() * GetChannelCount(like.channels) * 4;
+        pixels.resize(static_cast<size_t>(image.rowBytes / 4 * image.height()));
+        image.pixelPtr = pixels.data();
+    }
+    Image image;
+    std::vector<float> pixels;
+};
+
+// The slots of the R, G and B channels an image has, in that order; returns
+// how many it has.
+inline int ColourSlots(uint64_t channels, int slots[3]) {
+    int count = 0;
+    for (uint64_t bit : {uint64_t(CHANNEL_R), uint64_t(CHANNEL_G), uint64_t(CHANNEL_B)}) {
+        const int slot = GetChannelIndex(channels, bit);
+        if (slot >= 0) slots[count++] = slot;
+    }
+    return count;
+}
 
 // Checks shared by every neighbourhood operator: both images present, the
 // same valid channels, and `in` covering `out` grown by (padX, padY).

@@ -29,11 +29,8 @@ int ExtendImagePerimeter(const Image* out, const Image* in, float distance) {
                 offsets.push_back({dx, dy, dx * dx + dy * dy});
     std::stable_sort(offsets.begin(), offsets.end(),
                      [](const Offset& a, const Offset& b) { return a.d2 < b.d2; });
-    int colour[3], colours = 0;
-    for (uint64_t bit : {uint64_t(CHANNEL_R), uint64_t(CHANNEL_G), uint64_t(CHANNEL_B)}) {
-        const int slot = GetChannelIndex(in->channels, bit);
-        if (slot >= 0) colour[colours++] = slot;
-    }
+    int colour[3];
+    const int colours = ColourSlots(in->channels, colour);
     const PixelGrid src(in), dst(out);
     const auto opaque = [&](const float* p) { return p[alpha] > 0.0f; };
     for (int64_t y = out->y1; y < out->y2; ++y)

@@ -36,14 +36,12 @@ int blendLayers(const char* name, const Image* out, const Image* control, uint64
             lowest = std::min(lowest, t), highest = std::max(highest, t);
         }
     // One layer image of the output's size, re-used.
-    Image layer = *out;
-    layer.rowBytes = width * dst.n * 4;
-    std::vector<float> layerPixels(static_cast<size_t>(width * height * dst.n));
-    layer.pixelPtr = layerPixels.data();
+    ScratchImage layer(*out);
+    const std::vector<float>& layerPixels = layer.pixels;
     std::vector<float> acc(layerPixels.size(), 0.0f);
     for (int64_t k = std::max<int64_t>(0, int64_t(std::floor(lowest)));
          k <= std::min<int64_t>(layers, int64_t(std::ceil(highest))); ++k) {
-        if (int status = blurLevel(&layer, float(k) / float(layers))) return status;
+        if (int status = blurLevel(&layer.image, float(k) / float(layers))) return status;
         for (size_t p = 0; p < position.size(); ++p) {
             const float w = 1.0f - std::fabs(position[p] - float(k));
             if (w <= 0.0f) continue;
