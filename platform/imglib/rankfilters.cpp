@@ -6,6 +6,7 @@
 
 #include "imglib/fastfilter.h"
 #include "imglib/neighbourhood.h"
+#include "imglib/rowops.h"
 
 namespace IMGLIB {
 
@@ -61,11 +62,8 @@ void extremeAlong(float* dst, const float* src, size_t count, int64_t step, int6
         return dilate ? std::max(a, b) : std::min(a, b);
     };
     std::copy(src, src + count, dst);
-    for (int64_t d = 1; d <= whole; ++d) {
-        const float* left = src - d * step;
-        const float* right = src + d * step;
-        for (size_t i = 0; i < count; ++i) dst[i] = pick(dst[i], pick(left[i], right[i]));
-    }
+    for (int64_t d = 1; d <= whole; ++d)
+        RowExtreme(dst, src - d * step, src + d * step, count, dilate);
     if (fraction <= 0.0f) return;
     const float* left = src - (whole + 1) * step;
     const float* right = src + (whole + 1) * step;

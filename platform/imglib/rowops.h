@@ -1,0 +1,15 @@
+// Row primitives of the neighbourhood operators, vectorized for the best
+// instruction set of the machine (chosen at run time).
+#pragma once
+
+#include <cstddef>
+
+namespace IMGLIB {
+
+// dst[i] += w src[i]
+void RowMulAdd(float* dst, const float* src, float w, size_t count);
+// dst[i] = extreme(dst[i], a[i], b[i]): the maximum when dilating, else the
+// minimum.
+void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate);
+
+}  // namespace IMGLIB

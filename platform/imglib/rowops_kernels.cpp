@@ -1,0 +1,68 @@
+// The row primitives, compiled once per instruction set.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "imglib/rowops_kernels.cpp"
+#include <hwy/foreach_target.h>  // NOLINT: must come before highway.h
+
+#include <hwy/highway.h>
+
+#include <algorithm>
+
+#include "imglib/rowops.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace IMGLIB {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+void MulAddRow(float* dst, const float* src, float w, size_t count) {
+    const hn::ScalableTag<float> d;
+    const size_t N = hn::Lanes(d);
+    const auto weight = hn::Set(d, w);
+    size_t i = 0;
+    for (; i + N <= count; i += N)
+        hn::StoreU(hn::MulAdd(weight, hn::LoadU(d, src + i), hn::LoadU(d, dst + i)), d, dst + i);
+    // The remainder through the same multiply-add, so a float's value does
+    // not depend on where the row ends.
+    const hn::CappedTag<float, 1> one;
+    for (; i < count; ++i)
+        hn::StoreU(hn::MulAdd(hn::Set(one, w), hn::LoadU(one, src + i), hn::LoadU(one, dst + i)),
+                   one, dst + i);
+}
+
+void ExtremeRow(float* dst, const float* a, const float* b, size_t count, bool dilate) {
+    const hn::ScalableTag<float> d;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    if (dilate) {
+        for (; i + N <= count; i += N)
+            hn::StoreU(hn::Max(hn::LoadU(d, dst + i), hn::Max(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
+                       d, dst + i);
+        for (; i < count; ++i) dst[i] = std::max(dst[i], std::max(a[i], b[i]));
+    } else {
+        for (; i + N <= count; i += N)
+            hn::StoreU(hn::Min(hn::LoadU(d, dst + i), hn::Min(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
+                       d, dst + i);
+        for (; i < count; ++i) dst[i] = std::min(dst[i], std::min(a[i], b[i]));
+    }
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace IMGLIB
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace IMGLIB {
+
+HWY_EXPORT(MulAddRow);
+HWY_EXPORT(ExtremeRow);
+
+void RowMulAdd(float* dst, const float* src, float w, size_t count) {
+    HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
+}
+
+void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate) {
+    HWY_DYNAMIC_DISPATCH(ExtremeRow)(dst, a, b, count, dilate);
+}
+
+}  // namespace IMGLIB
+#endif
