@@ -5,6 +5,7 @@
 
 #include "imglib/neighbourhood.h"
 #include "imglib/pixels.h"
+#include "imglib/rowops.h"
 
 namespace IMGLIB {
 
@@ -135,14 +136,13 @@ int Defocus(const Image* out, const Image* in, float size, float aspect, int64_t
             if (ar.first <= ar.last) {
                 // Pixel x reads input columns x + first .. x + last, which sit at
                 // offset padX in the row.
-                const double* hi = prefix.data() + (ar.last + aperture.padX + 1) * n;
-                const double* lo = prefix.data() + (ar.first + aperture.padX) * n;
-                for (int64_t i = 0; i < width * n; ++i) a[i] += hi[i] - lo[i];
+                RowAddDifference(a, prefix.data() + (ar.last + aperture.padX + 1) * n,
+                                 prefix.data() + (ar.first + aperture.padX) * n,
+                                 static_cast<size_t>(width * n));
             }
-            for (const ApertureRows::Partial& p : ar.partials) {
-                const float* s = row + (p.dx + aperture.padX) * n;
-                for (int64_t i = 0; i < width * n; ++i) a[i] += double(p.weight) * s[i];
-            }
+            for (const ApertureRows::Partial& p : ar.partials)
+                RowMulAddWiden(a, row + (p.dx + aperture.padX) * n, p.weight,
+                               static_cast<size_t>(width * n));
         }
     }
     const double scale = 1.0 / aperture.total;

@@ -12,4 +12,9 @@ void RowMulAdd(float* dst, const float* src, float w, size_t count);
 // minimum.
 void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate);
 
+// acc[i] += hi[i] - lo[i] (differences of running sums, in double)
+void RowAddDifference(double* acc, const double* hi, const double* lo, size_t count);
+// acc[i] += w src[i], the floats widened to double
+void RowMulAddWiden(double* acc, const float* src, float w, size_t count);
+
 }  // namespace IMGLIB

@@ -6,6 +6,7 @@
 #include <hwy/highway.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "imglib/rowops.h"
 
@@ -35,15 +36,41 @@ void ExtremeRow(float* dst, const float* a, const float* b, size_t count, bool d
     size_t i = 0;
     if (dilate) {
         for (; i + N <= count; i += N)
-            hn::StoreU(hn::Max(hn::LoadU(d, dst + i), hn::Max(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
-                       d, dst + i);
+            hn::StoreU(
+                hn::Max(hn::LoadU(d, dst + i), hn::Max(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
+                d, dst + i);
         for (; i < count; ++i) dst[i] = std::max(dst[i], std::max(a[i], b[i]));
     } else {
         for (; i + N <= count; i += N)
-            hn::StoreU(hn::Min(hn::LoadU(d, dst + i), hn::Min(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
-                       d, dst + i);
+            hn::StoreU(
+                hn::Min(hn::LoadU(d, dst + i), hn::Min(hn::LoadU(d, a + i), hn::LoadU(d, b + i))),
+                d, dst + i);
         for (; i < count; ++i) dst[i] = std::min(dst[i], std::min(a[i], b[i]));
     }
+}
+
+void AddDifferenceRow(double* acc, const double* hi, const double* lo, size_t count) {
+    const hn::ScalableTag<double> d;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    for (; i + N <= count; i += N)
+        hn::StoreU(
+            hn::Add(hn::LoadU(d, acc + i), hn::Sub(hn::LoadU(d, hi + i), hn::LoadU(d, lo + i))), d,
+            acc + i);
+    for (; i < count; ++i) acc[i] += hi[i] - lo[i];
+}
+
+void MulAddWidenRow(double* acc, const float* src, float w, size_t count) {
+    const hn::ScalableTag<double> d;
+    const hn::Rebind<float, decltype(d)> f;
+    const size_t N = hn::Lanes(d);
+    const auto weight = hn::Set(d, double(w));
+    size_t i = 0;
+    for (; i + N <= count; i += N)
+        hn::StoreU(
+            hn::MulAdd(weight, hn::PromoteTo(d, hn::LoadU(f, src + i)), hn::LoadU(d, acc + i)), d,
+            acc + i);
+    for (; i < count; ++i) acc[i] = std::fma(double(w), double(src[i]), acc[i]);
 }
 
 }  // namespace HWY_NAMESPACE
@@ -55,6 +82,8 @@ namespace IMGLIB {
 
 HWY_EXPORT(MulAddRow);
 HWY_EXPORT(ExtremeRow);
+HWY_EXPORT(AddDifferenceRow);
+HWY_EXPORT(MulAddWidenRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
@@ -62,6 +91,14 @@ void RowMulAdd(float* dst, const float* src, float w, size_t count) {
 
 void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate) {
     HWY_DYNAMIC_DISPATCH(ExtremeRow)(dst, a, b, count, dilate);
+}
+
+void RowAddDifference(double* acc, const double* hi, const double* lo, size_t count) {
+    HWY_DYNAMIC_DISPATCH(AddDifferenceRow)(acc, hi, lo, count);
+}
+
+void RowMulAddWiden(double* acc, const float* src, float w, size_t count) {
+    HWY_DYNAMIC_DISPATCH(MulAddWidenRow)(acc, src, w, count);
 }
 
 }  // namespace IMGLIB
