@@ -36,19 +36,37 @@ int MedianFilter(const Image* out, const Image* in, float sizeX, float sizeY, bo
     };
     std::vector<float> values(window.size());
     const size_t middle = values.size() / 2;
-    for (int64_t y = out->y1; y < out->y2; ++y)
-        for (int64_t x = out->x1; x < out->x2; ++x)
-            for (int c = 0; c < dst.n; ++c) {
-                for (size_t i = 0; i < window.size(); ++i)
-                    values[i] = src.at(x + window[i].first, y + window[i].second)[c];
-                std::nth_element(values.begin(), values.begin() + middle, values.end(),
-                                 numberFirst);
-                const float median = values[middle];
-                const float original = src.at(x, y)[c];
-                dst.at(x, y)[c] = threshold > 0.0f && !(std::fabs(original - median) > threshold)
-                                      ? original
-                                      : median;
-            }
+    const size_t rowFloats = static_cast<size_t>(out->width() * dst.n);
+    for (int64_t y = out->y1; y < out->y2; ++y) {
+        float* o = dst.at(out->x1, y);
+        // A 3x3 window over rows without NaN: the median network, a row at a
+        // time; anything else sorts each window.
+        bool network = window.size() == 9;
+        for (int64_t r = y - 1; network && r <= y + 1; ++r) {
+            const float* row = src.at(out->x1 - 1, r);
+            for (size_t i = 0; network && i < rowFloats + 2 * dst.n; ++i)
+                network = !std::isnan(row[i]);
+        }
+        if (network) {
+            const float* rows[9];
+            for (size_t i = 0; i < 9; ++i)
+                rows[i] = src.at(out->x1 + window[i].first, y + window[i].second);
+            RowMedian9(o, rows, rowFloats);
+        } else {
+            for (int64_t x = out->x1; x < out->x2; ++x)
+                for (int c = 0; c < dst.n; ++c) {
+                    for (size_t i = 0; i < window.size(); ++i)
+                        values[i] = src.at(x + window[i].first, y + window[i].second)[c];
+                    std::nth_element(values.begin(), values.begin() + middle, values.end(),
+                                     numberFirst);
+                    dst.at(x, y)[c] = values[middle];
+                }
+        }
+        if (!(threshold > 0.0f)) continue;
+        const float* original = src.at(out->x1, y);
+        for (size_t i = 0; i < rowFloats; ++i)
+            if (!(std::fabs(original[i] - o[i]) > threshold)) o[i] = original[i];
+    }
     return ERROR_NONE;
 }
 

@@ -12,6 +12,9 @@ void RowMulAdd(float* dst, const float* src, float w, size_t count);
 // minimum.
 void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate);
 
+// dst[i] = the median of rows[0][i] .. rows[8][i], by a network of 19
+// compare-exchanges. The rows must hold no NaN.
+void RowMedian9(float* dst, const float* const rows[9], size_t count);
 // acc[i] += hi[i] - lo[i] (differences of running sums, in double)
 void RowAddDifference(double* acc, const double* hi, const double* lo, size_t count);
 // acc[i] += w src[i], the floats widened to double

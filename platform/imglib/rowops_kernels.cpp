@@ -73,6 +73,38 @@ void MulAddWidenRow(double* acc, const float* src, float w, size_t count) {
     for (; i < count; ++i) acc[i] = std::fma(double(w), double(src[i]), acc[i]);
 }
 
+// The median-of-nine network (Devillard): 19 compare-exchanges.
+constexpr int kMedian9[19][2] = {{1, 2}, {4, 5}, {7, 8}, {0, 1}, {3, 4}, {6, 7}, {1, 2},
+                                 {4, 5}, {7, 8}, {0, 3}, {5, 8}, {4, 7}, {3, 6}, {1, 4},
+                                 {2, 5}, {4, 7}, {4, 2}, {6, 4}, {4, 2}};
+
+template <class D, class V>
+HWY_INLINE V median9(D, V p[9]) {
+    for (const auto& pair : kMedian9) {
+        const V lo = hn::Min(p[pair[0]], p[pair[1]]);
+        p[pair[1]] = hn::Max(p[pair[0]], p[pair[1]]);
+        p[pair[0]] = lo;
+    }
+    return p[4];
+}
+
+void Median9Row(float* dst, const float* const rows[9], size_t count) {
+    const hn::ScalableTag<float> d;
+    const hn::CappedTag<float, 1> one;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    for (; i + N <= count; i += N) {
+        hn::Vec<decltype(d)> p[9];
+        for (int k = 0; k < 9; ++k) p[k] = hn::LoadU(d, rows[k] + i);
+        hn::StoreU(median9(d, p), d, dst + i);
+    }
+    for (; i < count; ++i) {
+        hn::Vec<decltype(one)> p[9];
+        for (int k = 0; k < 9; ++k) p[k] = hn::LoadU(one, rows[k] + i);
+        hn::StoreU(median9(one, p), one, dst + i);
+    }
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace IMGLIB
 HWY_AFTER_NAMESPACE();
@@ -83,6 +115,7 @@ namespace IMGLIB {
 HWY_EXPORT(MulAddRow);
 HWY_EXPORT(ExtremeRow);
 HWY_EXPORT(AddDifferenceRow);
+HWY_EXPORT(Median9Row);
 HWY_EXPORT(MulAddWidenRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
@@ -91,6 +124,10 @@ void RowMulAdd(float* dst, const float* src, float w, size_t count) {
 
 void RowExtreme(float* dst, const float* a, const float* b, size_t count, bool dilate) {
     HWY_DYNAMIC_DISPATCH(ExtremeRow)(dst, a, b, count, dilate);
+}
+
+void RowMedian9(float* dst, const float* const rows[9], size_t count) {
+    HWY_DYNAMIC_DISPATCH(Median9Row)(dst, rows, count);
 }
 
 void RowAddDifference(double* acc, const double* hi, const double* lo, size_t count) {

@@ -3,6 +3,7 @@
 // frame), its construction rules and its handling of bad sizes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -184,6 +185,24 @@ TEST_F(FilterTest, MedianRemovesSaltAndPepperAndKeepsEdges) {
     const std::vector<Color> kept =
         render(createMedianFilterTask("k", 0, {3, 3, false, 6.0f}, noisy), inside);
     EXPECT_EQ(at(kept, inside, 3, 3).r, 0.2f + 5.0f);
+    // Any 3x3 window, with NaN sorting after every number.
+    const auto value = [](int64_t x, int64_t y, int c) {
+        return x == 20 && y == 20 ? std::nanf("") : noise(x, y, c);
+    };
+    TaskPtr random = pattern("random", kArea, value);
+    const std::vector<Color> median =
+        render(createMedianFilterTask("r", 0, {3, 3, false, 0}, random), inside);
+    for (int64_t y = inside.ymin; y < inside.ymax; ++y)
+        for (int64_t x = inside.xmin; x < inside.xmax; ++x)
+            for (int c = 0; c < 4; ++c) {
+                std::vector<float> window;
+                for (int64_t dy = -1; dy <= 1; ++dy)
+                    for (int64_t dx = -1; dx <= 1; ++dx) window.push_back(value(x + dx, y + dy, c));
+                std::sort(window.begin(), window.end(), [](float a, float b) {
+                    return !std::isnan(a) && (std::isnan(b) || a < b);
+                });
+                ASSERT_EQ(at(median, inside, x, y)[c], window[4]) << x << "," << y;
+            }
     EXPECT_EQ(IMGLIB::GetMedianPadding(3.0f), 1);
     EXPECT_EQ(IMGLIB::GetMedianPadding(std::nanf("")), 0);
 }
