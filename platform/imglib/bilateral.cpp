@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "imglib/bilateralengine.h"
 #include "imglib/neighbourhood.h"
 #include "imglib/pixels.h"
 
@@ -16,11 +17,7 @@ int BilateralFilter(const Image* out, const Image* in, uint32_t radiusX, uint32_
     const PixelGrid src(in), dst(out);
     int colour[3];
     const int colours = ColourSlots(in->channels, colour);
-    struct Tap {
-        int64_t dx, dy;
-        float weight;
-    };
-    std::vector<Tap> taps;
+    std::vector<BilateralTap> taps;
     for (int64_t dy = -ry; dy <= ry; ++dy)
         for (int64_t dx = -rx; dx <= rx; ++dx) {
             const float d2 = float(dx * dx + dy * dy);
@@ -30,13 +27,20 @@ int BilateralFilter(const Image* out, const Image* in, uint32_t radiusX, uint32_
                                 : 1.0f});
         }
     const float rangeScale = -1.0f / (2.0f * sigmaRange * sigmaRange);
+    if (in->channels == CHANNELS_RGBA) {  // vectorized, N pixels at a time
+        for (int64_t y = out->y1; y < out->y2; ++y)
+            DispatchBilateralRowRGBA(dst.at(out->x1, y), src.at(out->x1, y),
+                                     static_cast<size_t>(out->width()), src.stride, taps.data(),
+                                     taps.size(), rangeScale);
+        return ERROR_NONE;
+    }
     std::vector<double> sum(static_cast<size_t>(dst.n));
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
             const float* centre = src.at(x, y);
             std::fill(sum.begin(), sum.end(), 0.0);
             double total = 0.0;
-            for (const Tap& tap : taps) {
+            for (const BilateralTap& tap : taps) {
                 const float* p = src.at(x + tap.dx, y + tap.dy);
                 float r2 = 0.0f;
                 for (int i = 0; i < colours; ++i) {

@@ -243,6 +243,15 @@ TEST_F(FilterTest, BilateralSmoothsNoiseButNotAcrossAnEdge) {
             const float side = x < 30 ? 0.2f : 0.8f;
             ASSERT_NEAR(at(got, rect, x, y).r, side, 0.005f) << x << "," << y;
         }
+    // Images without alpha take the general path: the same weights.
+    TaskPtr rgb = pattern("rgb", kArea, noise, IMGLIB::CHANNELS_RGB);
+    TaskPtr rgba = pattern("rgba", kArea, noise);
+    const std::vector<Color> general =
+        render(createBilateralFilterTask("g", 0, {3, 2, 2.0f, 0.3f}, rgb), rect);
+    const std::vector<Color> vector =
+        render(createBilateralFilterTask("v", 0, {3, 2, 2.0f, 0.3f}, rgba), rect);
+    for (size_t i = 0; i < general.size(); ++i)
+        for (int c = 0; c < 3; ++c) ASSERT_NEAR(general[i][c], vector[i][c], 2e-5f) << i;
 }
 
 TEST_F(FilterTest, EdgeDetectorsFindAStepWhereItIs) {
