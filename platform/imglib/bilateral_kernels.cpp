@@ -67,8 +67,8 @@ HWY_EXPORT(BilateralRowRGBA);
 
 void DispatchBilateralRowRGBA(float* out, const float* centre, size_t pixels, ptrdiff_t rowFloats,
                               const BilateralTap* taps, size_t tapCount, float rangeScale) {
-    HWY_DYNAMIC_DISPATCH(BilateralRowRGBA)(out, centre, pixels, rowFloats, taps, tapCount,
-                                           rangeScale);
+    HWY_DYNAMIC_DISPATCH(BilateralRowRGBA)
+    (out, centre, pixels, rowFloats, taps, tapCount, rangeScale);
 }
 
 }  // namespace IMGLIB

@@ -28,9 +28,10 @@ struct PixelGrid {
     float* at(int64_t x, int64_t y) const { return base + (y - y1) * stride + (x - x1) * n; }
     bool contains(int64_t x, int64_t y) const { return x >= x1 && x < x2 && y >= y1 && y < y2; }
 
-    // Channel c at a continuous position (pixel centres on whole numbers),
-    // bilinear between the four nearest pixels, the grid's edge repeated.
-    float sample(float fx, float fy, int c) const {
+    // Every channel at a continuous position (pixel centres on whole
+    // numbers), bilinear between the four nearest pixels with the grid's edge
+    // repeated, times `weight`, added to acc[0 .. n).
+    void addSample(float fx, float fy, float weight, float* acc) const {
         fx = std::clamp(fx, float(x1), float(x2 - 1));
         fy = std::clamp(fy, float(y1), float(y2 - 1));
         const int64_t ix = std::min(int64_t(fx), x2 - 2 < x1 ? x1 : x2 - 2);
@@ -38,10 +39,12 @@ struct PixelGrid {
         const float tx = x2 - x1 > 1 ? fx - float(ix) : 0.0f;
         const float ty = y2 - y1 > 1 ? fy - float(iy) : 0.0f;
         const int64_t dx = x2 - x1 > 1 ? n : 0, dy = y2 - y1 > 1 ? stride : 0;
-        const float* p = at(ix, iy) + c;
-        const float top = p[0] + (p[dx] - p[0]) * tx;
-        const float bottom = p[dy] + (p[dy + dx] - p[dy]) * tx;
-        return top + (bottom - top) * ty;
+        const float* p = at(ix, iy);
+        for (int c = 0; c < n; ++c) {
+            const float top = p[c] + (p[c + dx] - p[c]) * tx;
+            const float bottom = p[c + dy] + (p[c + dy + dx] - p[c + dy]) * tx;
+            acc[c] += weight * (top + (bottom - top) * ty);
+        }
     }
 
     float* base;

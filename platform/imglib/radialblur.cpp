@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <string>
+#include <vector>
 
 #include "imglib/neighbourhood.h"
 #include "imglib/pixels.h"
@@ -112,27 +113,28 @@ int RadialBlur(const Image* out, const Image* in, const RadialBlurParams& params
     if (params.amount == 0.0f) return CopyInto(out, in);
     const PixelGrid src(in), dst(out);
     const int64_t samples = params.samples;
+    // Each sample's motion, the same for every pixel: a scale, or a turn.
+    std::vector<double> scale(static_cast<size_t>(samples)), cosine(scale), sine(scale);
+    for (int64_t i = 0; i < samples; ++i) {
+        const double t = double(i) / double(samples - 1);
+        const double a = params.amount * (t - 0.5) * kPi / 180.0;
+        scale[i] = 1.0 - params.amount * t;
+        cosine[i] = std::cos(a), sine[i] = std::sin(a);
+    }
+    const float share = 1.0f / float(samples);
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
             const double dx = x + 0.5 - params.centreX, dy = y + 0.5 - params.centreY;
             float* o = dst.at(x, y);
             std::fill(o, o + dst.n, 0.0f);
-            for (int64_t i = 0; i < samples; ++i) {
-                const double t = double(i) / double(samples - 1);
-                double sx, sy;
-                if (params.type == RADIAL_ZOOM) {
-                    const double s = 1.0 - params.amount * t;
-                    sx = dx * s, sy = dy * s;
-                } else {
-                    const double a = params.amount * (t - 0.5) * kPi / 180.0;
-                    sx = dx * std::cos(a) - dy * std::sin(a);
-                    sy = dx * std::sin(a) + dy * std::cos(a);
-                }
-                const float fx = float(params.centreX + sx - 0.5);
-                const float fy = float(params.centreY + sy - 0.5);
-                for (int c = 0; c < dst.n; ++c) o[c] += src.sample(fx, fy, c);
+            for (size_t i = 0; i < scale.size(); ++i) {
+                const double sx =
+                    params.type == RADIAL_ZOOM ? dx * scale[i] : dx * cosine[i] - dy * sine[i];
+                const double sy =
+                    params.type == RADIAL_ZOOM ? dy * scale[i] : dx * sine[i] + dy * cosine[i];
+                src.addSample(float(params.centreX + sx - 0.5), float(params.centreY + sy - 0.5),
+                              share, o);
             }
-            for (int c = 0; c < dst.n; ++c) o[c] /= float(samples);
         }
     return ERROR_NONE;
 }

@@ -63,12 +63,11 @@ int VectorBlur(const Image* out, const Image* in, const Image* vectors,
             motion.at(x, y, mx, my);
             float* o = dst.at(x, y);
             std::fill(o, o + dst.n, 0.0f);
+            const float share = 1.0f / float(s.samples);
             for (int64_t i = 0; i < s.samples; ++i) {
                 const float t = float(i) / float(s.samples - 1) - 0.5f;
-                for (int c = 0; c < dst.n; ++c)
-                    o[c] += src.sample(float(x) + t * mx, float(y) + t * my, c);
+                src.addSample(float(x) + t * mx, float(y) + t * my, share, o);
             }
-            for (int c = 0; c < dst.n; ++c) o[c] /= float(s.samples);
         }
     return ERROR_NONE;
 }
