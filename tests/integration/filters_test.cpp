@@ -687,3 +687,94 @@ TEST_F(FilterTest, GraphFilesBuildTheFiltersWithOptionalInputs) {
               "node 'f', field 'mask': unknown input of median");
     EXPECT_NE(describeOperations().find("    input mask (optional)"), std::string::npos);
 }
+
+// The parameters each member documents change its pixels as documented.
+TEST_F(FilterTest, ParametersShapeTheResult) {
+    const BloomControlSettings none = noBloom();
+    const Rect rect(10, 10, 50, 36);
+    // A vector blur of a constant motion leaves a linear image as it is.
+    TaskPtr plane =
+        grey("plane", kArea, [](int64_t x, int64_t y) { return 0.02f * x + 0.01f * y; });
+    TaskPtr motion = channelPattern("still", kArea, IMGLIB::CHANNEL_U | IMGLIB::CHANNEL_V,
+                                    [](int64_t, int64_t, int c) { return c == 5 ? 5.0f : -3.0f; });
+    VectorBlurParams gather;
+    gather.vectors.maxLength = 8.0f;
+    expectNear(render(createVectorBlur("vb", 0, gather, none, plane, motion), rect),
+               render(plane, rect), 1e-5f, "linear under constant motion");
+
+    // A hexagon's bokeh: inside the corner radius along a corner, outside it
+    // between two corners (where the apothem is shorter).
+    TaskPtr point = grey("point", Rect(0, 0, 41, 41),
+                         [](int64_t x, int64_t y) { return x == 20 && y == 20 ? 1.0f : 0.0f; });
+    DefocusParams hexagon;
+    hexagon.size = 20.0f, hexagon.blades = 6;
+    const Rect all(0, 0, 41, 41);
+    const std::vector<Color> bokeh =
+        render(createDefocusTask("hex", 0, hexagon, point, false), all);
+    // Corners of the hexagon at 90 + 60k degrees (y up): one straight above.
+    EXPECT_GT(at(bokeh, all, 20, 11).r, 0.0f);  // 9 pixels up, towards a corner
+    EXPECT_EQ(at(bokeh, all, 29, 20).r, 0.0f);  // 9 pixels right: past the apothem (8.66)
+    EXPECT_GT(at(bokeh, all, 28, 20).r, 0.0f);
+
+    // A grey kernel with an explicit centre serves every channel.
+    TaskPtr image = pattern("noise", kArea, noise);
+    TaskPtr grey1 = channelPattern("k", Rect(0, 0, 2, 1), IMGLIB::CHANNEL_R,
+                                   [](int64_t x, int64_t, int) { return x == 0 ? 1.0f : 0.0f; });
+    ImageConvolveParams corner;
+    corner.centred = false, corner.centreX = 1, corner.centreY = 0;
+    const std::vector<Color> shifted =
+        render(createImageConvolveTask("kc", 0, false, corner, image, grey1), rect);
+    const Rect source(rect.xmin + 1, rect.ymin, rect.xmax + 1, rect.ymax);
+    const std::vector<Color> original = render(image, source);
+    for (int64_t y = rect.ymin; y < rect.ymax; ++y)
+        for (int64_t x = rect.xmin; x < rect.xmax; ++x)
+            ASSERT_EQ(at(shifted, rect, x, y),
+                      at(original, source, x + 1, y));  // out(p) = in(p + 1)
+
+    // Energy normalisation over the kernel's data when no area is given.
+    TaskPtr ramp = grey("kramp", Rect(0, 0, 3, 1), [](int64_t x, int64_t) { return float(x + 1); });
+    const std::vector<Color> unit =
+        render(createEnergyNormalizationTask("en", 0, Rect(), ramp), Rect(0, 0, 3, 1));
+    EXPECT_FLOAT_EQ(unit[2].g, 3.0f / 6.0f);
+
+    // Weak edges fall below the select threshold; strong ones stay.
+    TaskPtr steps = grey(
+        "steps", kArea, [](int64_t x, int64_t) { return x < 20 ? 0.0f : (x < 40 ? 0.05f : 1.0f); });
+    const std::vector<Color> edges =
+        render(createEdgeDetectTask("sel", 0, {EDGE_SOBEL, true, 0.1f}, steps), rect);
+    EXPECT_EQ(at(edges, rect, 19, 20).r, 0.0f);
+    EXPECT_EQ(at(edges, rect, 39, 20).r, 1.0f);
+
+    // Perimeter extension needs a matte: without alpha the image is kept.
+    TaskPtr rgb = pattern("rgbOnly", kArea, noise, IMGLIB::CHANNELS_RGB);
+    expectNear(render(createPerimeterExtendTask("pe", 0, 4.0f, rgb), rect), render(rgb, rect), 0,
+               "no alpha");
+
+    // Unsharp thresholds are per channel: red's stops its sharpening only.
+    TaskPtr edge = grey("edge", kArea, [](int64_t x, int64_t) { return x < 30 ? 0.2f : 0.8f; });
+    PerChannelBlurParameters soft;
+    soft.blur.sizeX = soft.blur.sizeY = 5.0f;
+    soft.blur.extendMethod = IMGLIB::EXTEND_CLAMP;
+    const std::vector<Color> sharp =
+        render(createUnSharpTask("us", 0, Color(1, 1, 1, 0), Color(1, 0, 0, 0), edge,
+                                 createBlur("s", 0, soft, edge)),
+               rect);
+    EXPECT_EQ(at(sharp, rect, 30, 20).r, 0.8f);
+    EXPECT_GT(at(sharp, rect, 30, 20).g, 0.8f);
+
+    // Glints added to the image keep it under the streaks; a bloom in front
+    // of a filter is its own task.
+    TaskPtr spark = grey("spark", Rect(0, 0, 41, 41),
+                         [](int64_t x, int64_t y) { return x == 20 && y == 20 ? 4.0f : 0.5f; });
+    const std::vector<Color> added =
+        render(createGlintTask("ga", 0, true, {4, 6.0f, 0.0f}, spark,
+                               createGlintControlTask("gc", 0, {1, 1}, spark)),
+               all);
+    EXPECT_FLOAT_EQ(at(added, all, 20, 20).r, 4.0f);
+    EXPECT_GT(at(added, all, 23, 20).r, 0.5f);
+    EXPECT_FLOAT_EQ(at(added, all, 30, 30).r, 0.5f);
+    BloomControlSettings bloom;
+    bloom.gain = 2.0f;
+    EXPECT_EQ(createDirectionalBlur("db", 0, {}, bloom, spark)->imp().getInputTask(0)->getName(),
+              "db.Bloom");
+}
