@@ -111,6 +111,10 @@ protected:
     int getTileWidth() const;
     int getTileHeight() const;
     void setRenderLocalLocking(bool localLocking);
+    // An image of input i's background colour over rect with the given
+    // channels (unlocked): what a missing input stands for.
+    ImageBuffer makeBackgroundInputImage(size_t input, uint64_t channels, const UTIL::Rect& rect,
+                                         const std::string& comment);
 
     // ---- Hooks ----
     virtual std::string getTypeString() = 0;

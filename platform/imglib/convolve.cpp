@@ -45,23 +45,29 @@ int ImageConvolve(const Image* out, const Image* in, const Image* kernel, int64_
         kernelSlot.push_back(slot >= 0 ? slot : 0);
     }
     const size_t rowFloats = static_cast<size_t>(out->width() * dst.n);
+    if (rowFloats == 0) return ERROR_NONE;
+    for (int64_t y = out->y1; y < out->y2; ++y) std::fill_n(dst.at(out->x1, y), rowFloats, 0.0f);
+    // Tap by tap over the whole tile (each pixel still sums its taps in the
+    // kernel's order): a tap's weights are laid along a row once, so the
+    // inner loop is one multiply-add per float.
     std::vector<float> weights(rowFloats);
-    for (int64_t y = out->y1; y < out->y2; ++y) {
-        float* o = dst.at(out->x1, y);
-        std::fill(o, o + rowFloats, 0.0f);
-        for (int64_t ky = kernel->y1; ky < kernel->y2; ++ky)
-            for (int64_t kx = kernel->x1; kx < kernel->x2; ++kx) {
-                const float* k = taps.at(kx, ky);
-                bool any = false;
-                for (int c = 0; c < dst.n; ++c) any |= k[kernelSlot[c]] != 0.0f;
-                if (!any) continue;
-                // The weights repeated along the row, so the inner loop is one
-                // multiply-add per float.
-                for (size_t i = 0; i < rowFloats; ++i) weights[i] = k[kernelSlot[i % dst.n]];
+    for (int64_t ky = kernel->y1; ky < kernel->y2; ++ky)
+        for (int64_t kx = kernel->x1; kx < kernel->x2; ++kx) {
+            const float* k = taps.at(kx, ky);
+            bool any = false;
+            for (int c = 0; c < dst.n; ++c) {
+                weights[static_cast<size_t>(c)] = k[kernelSlot[static_cast<size_t>(c)]];
+                any |= weights[static_cast<size_t>(c)] != 0.0f;
+            }
+            if (!any) continue;
+            for (size_t i = static_cast<size_t>(dst.n); i < rowFloats; ++i)
+                weights[i] = weights[i - static_cast<size_t>(dst.n)];
+            for (int64_t y = out->y1; y < out->y2; ++y) {
+                float* o = dst.at(out->x1, y);
                 const float* s = src.at(out->x1 - (kx - centreX), y - (ky - centreY));
                 for (size_t i = 0; i < rowFloats; ++i) o[i] += weights[i] * s[i];
             }
-    }
+        }
     return ERROR_NONE;
 }
 

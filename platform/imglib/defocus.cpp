@@ -1,6 +1,7 @@
 #include "imglib/defocus.h"
 
 #include <cmath>
+#include <utility>
 #include <vector>
 
 #include "imglib/neighbourhood.h"
@@ -38,20 +39,24 @@ struct ApertureTest {
         const float angle = shape.rotation * kPi / 180.0f;
         cosine = std::cos(angle), sine = std::sin(angle);
         apothem = blades >= 3 ? std::cos(kPi / float(blades)) : 1.0f;
+        // The edges' outward normals, once for every point tested.
+        for (int64_t k = 0; blades >= 3 && k < blades; ++k) {
+            const float normal = (2.0f * float(k) + 1.0f) * kPi / float(blades) + 0.5f * kPi;
+            normals.emplace_back(std::cos(normal), std::sin(normal));
+        }
     }
     bool inside(float x, float y) const {
         // To the unit circle, then turned back by the rotation.
         const float u0 = x / rx, v0 = y / ry;
         const float u = u0 * cosine + v0 * sine, v = -u0 * sine + v0 * cosine;
         if (blades < 3) return u * u + v * v <= 1.0f;
-        for (int64_t k = 0; k < blades; ++k) {
-            const float normal = (2.0f * float(k) + 1.0f) * kPi / float(blades) + 0.5f * kPi;
-            if (u * std::cos(normal) + v * std::sin(normal) > apothem) return false;
-        }
+        for (const auto& [nx, ny] : normals)
+            if (u * nx + v * ny > apothem) return false;
         return true;
     }
     float rx, ry, cosine, sine, apothem;
     int64_t blades;
+    std::vector<std::pair<float, float>> normals;
 };
 
 ApertureRows buildAperture(float size, const ApertureShape& shape) {

@@ -9,22 +9,39 @@
 
 namespace IMGLIB {
 
-float CircleOfConfusion(const LensParams& lens, float depth) {
-    const double f = lens.focalLength, n = lens.fStop;
-    const double mmPerUnit = 1000.0 / double(lens.unitsPerMetre);
-    const double focus = double(lens.focusDistance) * mmPerUnit;
-    if (!(f > 0) || !(n > 0) || !(focus > f) || !(lens.filmBackWidth > 0) ||
-        !(lens.unitsPerMetre > 0))
-        return -1.0f;
-    const double pixelsPerMm = double(lens.imageWidth) / double(lens.filmBackWidth);
-    double coc;
-    if (!(depth > 0.0f) || std::isinf(depth)) {
-        coc = (f / n) * f / (focus - f);  // the limit as the depth grows
-    } else {
-        const double d = double(depth) * mmPerUnit;
-        coc = (f / n) * f * std::fabs(d - focus) / (d * (focus - f));
+namespace {
+
+// The thin lens with its constants worked out once, for every pixel.
+struct ThinLens {
+    explicit ThinLens(const LensParams& lens)
+        : f(lens.focalLength),
+          mmPerUnit(1000.0 / double(lens.unitsPerMetre)),
+          focus(double(lens.focusDistance) * mmPerUnit),
+          pixelsPerMm(double(lens.imageWidth) / double(lens.filmBackWidth)),
+          maxCoc(lens.maxCoc),
+          valid(f > 0 && lens.fStop > 0 && focus > f && lens.filmBackWidth > 0 &&
+                lens.unitsPerMetre > 0),
+          scale(f / double(lens.fStop) * f / (focus - f)) {}
+    // The circle in pixels; -1 for a lens that cannot focus.
+    float operator()(float depth) const {
+        if (!valid) return -1.0f;
+        double coc = scale;  // the limit as the depth grows
+        if (depth > 0.0f && !std::isinf(depth)) {
+            const double d = double(depth) * mmPerUnit;
+            coc = scale * std::fabs(d - focus) / d;
+        }
+        return float(std::min(coc * pixelsPerMm, double(maxCoc)));
     }
-    return float(std::min(coc * pixelsPerMm, double(lens.maxCoc)));
+    double f, mmPerUnit, focus, pixelsPerMm;
+    float maxCoc;
+    bool valid;
+    double scale;  // (f / N) f / (F - f)
+};
+
+}  // namespace
+
+float CircleOfConfusion(const LensParams& lens, float depth) {
+    return ThinLens(lens)(depth);
 }
 
 int CalculateCocImage(const Image* out, const Image* depth, uint64_t depthChannel,
@@ -33,13 +50,14 @@ int CalculateCocImage(const Image* out, const Image* depth, uint64_t depthChanne
     if (!out) return SetError(ERROR_NULL_IMAGE, "CalculateCocImage: null image");
     if (int status = CheckControl("CalculateCocImage", out, depth, depthChannel, 0, 0, slot))
         return status;
-    if (CircleOfConfusion(lens, 1.0f) < 0.0f)
+    const ThinLens circle(lens);
+    if (!circle.valid)
         return SetError(ERROR_INVALID_ARGUMENT, "CalculateCocImage: the lens cannot focus at " +
                                                     std::to_string(lens.focusDistance));
     const PixelGrid src(depth), dst(out);
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
-            const float coc = CircleOfConfusion(lens, src.at(x, y)[slot]);
+            const float coc = circle(src.at(x, y)[slot]);
             float* o = dst.at(x, y);
             for (int c = 0; c < dst.n; ++c) o[c] = coc;
         }
@@ -87,25 +105,30 @@ int PhysicalDepthOfField(const Image* out, const Image* in, const Image* coc, ui
     const int64_t width = out->width();
     std::vector<double> sum(static_cast<size_t>(width * out->height() * n), 0.0);
     std::vector<double> weight(static_cast<size_t>(width * out->height()), 0.0);
+    std::vector<int64_t> halfWidth;  // of the disc's row dy, at halfWidth[dy + reach]
     for (int64_t qy = out->y1 - pad; qy < out->y2 + pad; ++qy)
         for (int64_t qx = out->x1 - pad; qx < out->x2 + pad; ++qx) {
             const float diameter = circles.at(qx, qy)[slot];
             const float radius = diameter > 0.0f ? std::min(0.5f * diameter, largest) : 0.0f;
             const int64_t reach = static_cast<int64_t>(std::floor(radius));
             // The disc's pixels (centres within the radius), the source's
-            // own always among them; each receives an equal share.
+            // own always among them, row by row; each receives an equal share.
             const float r2 = radius * radius;
+            halfWidth.assign(static_cast<size_t>(2 * reach + 1), reach);
             double area = 0.0;
-            for (int64_t dy = -reach; dy <= reach; ++dy)
-                for (int64_t dx = -reach; dx <= reach; ++dx) area += float(dx * dx + dy * dy) <= r2;
+            for (int64_t dy = -reach; dy <= reach; ++dy) {
+                int64_t& half = halfWidth[static_cast<size_t>(dy + reach)];
+                while (half >= 0 && float(half * half + dy * dy) > r2) --half;
+                area += double(2 * half + 1);
+            }
             const double share = 1.0 / area;
             const float* colour = src.at(qx, qy);
             for (int64_t dy = -reach; dy <= reach; ++dy) {
                 const int64_t y = qy + dy;
+                const int64_t half = halfWidth[static_cast<size_t>(dy + reach)];
                 if (y < out->y1 || y >= out->y2) continue;
-                for (int64_t dx = -reach; dx <= reach; ++dx) {
-                    const int64_t x = qx + dx;
-                    if (x < out->x1 || x >= out->x2 || float(dx * dx + dy * dy) > r2) continue;
+                for (int64_t x = std::max(qx - half, out->x1);
+                     x <= std::min(qx + half, out->x2 - 1); ++x) {
                     const size_t p = static_cast<size_t>((y - out->y1) * width + (x - out->x1));
                     weight[p] += share;
                     for (int c = 0; c < n; ++c) sum[p * n + c] += share * colour[c];

@@ -14,14 +14,16 @@ namespace {
 // The gradient of every channel of every pixel of an area: its magnitude,
 // and the neighbour across the edge (one of eight directions) as a step.
 struct GradientField {
-    GradientField(int64_t x1, int64_t y1, int64_t width, int64_t height, int n)
+    // Directions are kept only when asked for (selection needs them).
+    GradientField(int64_t x1, int64_t y1, int64_t width, int64_t height, int n, bool directions)
         : x1(x1),
           y1(y1),
           width(width),
           n(n),
           magnitude(static_cast<size_t>(width * height * n)),
-          stepX(magnitude.size()),
-          stepY(magnitude.size()) {}
+          stepX(directions ? magnitude.size() : 0),
+          stepY(stepX.size()) {}
+    bool hasDirections() const { return !stepX.empty(); }
     size_t index(int64_t x, int64_t y, int c) const {
         return static_cast<size_t>(((y - y1) * width + (x - x1)) * n + c);
     }
@@ -43,7 +45,8 @@ struct Sobel {
     // A row at a time: smoothing across (v) and differencing down (d) the
     // three rows, then the same along the row; plain loops the compiler
     // vectorizes.
-    static void field(const PixelGrid& g, GradientField& f, int64_t height, bool directions) {
+    static void field(const PixelGrid& g, GradientField& f, int64_t height) {
+        const bool directions = f.hasDirections();
         const int n = f.n;
         const size_t span = static_cast<size_t>((f.width + 2) * n), count = f.width * n;
         std::vector<float> v(span), d(span), gx(count), gy(count);
@@ -101,7 +104,8 @@ struct Babu {
     };
     // Each mask's response over a row as 25 row multiply-adds; then the
     // strongest mask per float.
-    static void field(const PixelGrid& g, GradientField& f, int64_t height, bool directions) {
+    static void field(const PixelGrid& g, GradientField& f, int64_t height) {
+        const bool directions = f.hasDirections();
         static const Masks masks;
         const int n = f.n;
         const size_t count = static_cast<size_t>(f.width * n);
@@ -138,8 +142,8 @@ int detect(const char* name, const Image* out, const Image* in) {
     if (int status = CheckNeighbourhood(name, out, in, Operator::kReach, Operator::kReach))
         return status;
     const PixelGrid src(in), dst(out);
-    GradientField f(out->x1, out->y1, out->width(), out->height(), dst.n);
-    Operator::field(src, f, out->height(), false);
+    GradientField f(out->x1, out->y1, out->width(), out->height(), dst.n, false);
+    Operator::field(src, f, out->height());
     for (int64_t y = out->y1; y < out->y2; ++y)
         std::copy_n(f.magnitude.data() + f.index(out->x1, y, 0), out->width() * dst.n,
                     dst.at(out->x1, y));
@@ -152,8 +156,8 @@ int select(const char* name, const Image* out, const Image* in, float threshold)
     if (int status = CheckNeighbourhood(name, out, in, reach, reach)) return status;
     const PixelGrid src(in), dst(out);
     // The gradient one pixel around the output, for the neighbours' strength.
-    GradientField f(out->x1 - 1, out->y1 - 1, out->width() + 2, out->height() + 2, dst.n);
-    Operator::field(src, f, out->height() + 2, true);
+    GradientField f(out->x1 - 1, out->y1 - 1, out->width() + 2, out->height() + 2, dst.n, true);
+    Operator::field(src, f, out->height() + 2);
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x)
             for (int c = 0; c < dst.n; ++c) {

@@ -84,17 +84,19 @@ inline int ColourSlots(uint64_t channels, int slots[3]) {
 // same valid channels, and `in` covering `out` grown by (padX, padY).
 inline int CheckNeighbourhood(const char* op, const Image* out, const Image* in, int64_t padX,
                               int64_t padY) {
-    const std::string name(op);
-    if (!out || !in) return SetError(ERROR_NULL_IMAGE, name + ": null image");
+    // The message is made only when there is an error to report.
+    const auto fail = [op](int code, const char* what) {
+        return SetError(code, std::string(op) + ": " + what);
+    };
+    if (!out || !in) return fail(ERROR_NULL_IMAGE, "null image");
     if (out->channels != in->channels)
-        return SetError(ERROR_INVALID_CHANNEL_MASK, name + ": input and output channels differ");
+        return fail(ERROR_INVALID_CHANNEL_MASK, "input and output channels differ");
     if (!IsChannelMaskValid(out->channels))
-        return SetError(ERROR_INVALID_CHANNEL_MASK, name + ": invalid channel mask");
+        return fail(ERROR_INVALID_CHANNEL_MASK, "invalid channel mask");
     if (in->x1 > out->x1 - padX || in->x2 < out->x2 + padX || in->y1 > out->y1 - padY ||
         in->y2 < out->y2 + padY)
-        return SetError(
-            ERROR_OUT_OF_BOUNDS,
-            name + ": the input does not cover the output grown by the operator's reach");
+        return fail(ERROR_OUT_OF_BOUNDS,
+                    "the input does not cover the output grown by the operator's reach");
     return ERROR_NONE;
 }
 
@@ -102,16 +104,17 @@ inline int CheckNeighbourhood(const char* op, const Image* out, const Image* in,
 // paddings; returns the channel's slot in `slot`.
 inline int CheckControl(const char* op, const Image* out, const Image* control, uint64_t channel,
                         int64_t padX, int64_t padY, int& slot) {
-    const std::string name(op);
-    if (!control) return SetError(ERROR_NULL_IMAGE, name + ": null control image");
+    const auto fail = [op](int code, const std::string& what) {
+        return SetError(code, std::string(op) + ": " + what);
+    };
+    if (!control) return fail(ERROR_NULL_IMAGE, "null control image");
     slot = GetChannelIndex(control->channels, channel);
     if (slot < 0)
-        return SetError(ERROR_INVALID_CHANNEL_MASK,
-                        name + ": the control image lacks channel " + GetChannelMaskName(channel));
+        return fail(ERROR_INVALID_CHANNEL_MASK,
+                    "the control image lacks channel " + GetChannelMaskName(channel));
     if (control->x1 > out->x1 - padX || control->x2 < out->x2 + padX ||
         control->y1 > out->y1 - padY || control->y2 < out->y2 + padY)
-        return SetError(ERROR_OUT_OF_BOUNDS,
-                        name + ": the control image does not cover the output");
+        return fail(ERROR_OUT_OF_BOUNDS, "the control image does not cover the output");
     return ERROR_NONE;
 }
 

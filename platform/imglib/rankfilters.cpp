@@ -37,16 +37,21 @@ int MedianFilter(const Image* out, const Image* in, float sizeX, float sizeY, bo
     std::vector<float> values(window.size());
     const size_t middle = values.size() / 2;
     const size_t rowFloats = static_cast<size_t>(out->width() * dst.n);
+    // A 3x3 window over rows without NaN: the median network, a row at a
+    // time; anything else sorts each window. Each input row is looked at
+    // once for NaN.
+    std::vector<bool> numbersOnly;
+    if (window.size() == 9)
+        for (int64_t r = out->y1 - 1; r < out->y2 + 1; ++r) {
+            const float* row = src.at(out->x1 - 1, r);
+            numbersOnly.push_back(std::none_of(row, row + rowFloats + 2 * dst.n,
+                                               [](float v) { return std::isnan(v); }));
+        }
     for (int64_t y = out->y1; y < out->y2; ++y) {
         float* o = dst.at(out->x1, y);
-        // A 3x3 window over rows without NaN: the median network, a row at a
-        // time; anything else sorts each window.
-        bool network = window.size() == 9;
-        for (int64_t r = y - 1; network && r <= y + 1; ++r) {
-            const float* row = src.at(out->x1 - 1, r);
-            for (size_t i = 0; network && i < rowFloats + 2 * dst.n; ++i)
-                network = !std::isnan(row[i]);
-        }
+        const size_t r = static_cast<size_t>(y - out->y1);  // numbersOnly[r] is row y - 1
+        const bool network =
+            !numbersOnly.empty() && numbersOnly[r] && numbersOnly[r + 1] && numbersOnly[r + 2];
         if (network) {
             const float* rows[9];
             for (size_t i = 0; i < 9; ++i)

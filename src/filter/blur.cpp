@@ -76,6 +76,7 @@ protected:
     void renderRect(const IMGLIB::Image* out,
                     const std::vector<const IMGLIB::Image*>& inputs) override {
         const int64_t pixelBytes = IMGLIB::GetPixelBytes(out->channels);
+        const int n = IMGLIB::GetChannelCount(out->channels);
         for (int c = 0; c < 4; ++c) {
             const uint64_t channel = uint64_t(1) << c;
             const int slot = IMGLIB::GetChannelIndex(out->channels, channel);
@@ -83,14 +84,13 @@ protected:
             const IMGLIB::Image* in = inputs[static_cast<size_t>(c)];
             const float bg = getInputBackgroundColor(static_cast<size_t>(c))[c];
             const int inSlot = in ? IMGLIB::GetChannelIndex(in->channels, channel) : -1;
+            const int m = in ? IMGLIB::GetChannelCount(in->channels) : 0;
             for (int64_t y = out->y1; y < out->y2; ++y) {
                 float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, pixelBytes) + slot;
-                const int n = IMGLIB::GetChannelCount(out->channels);
                 if (inSlot < 0) {
                     for (int64_t x = 0; x < out->width(); ++x) dst[x * n] = bg;
                     continue;
                 }
-                const int m = IMGLIB::GetChannelCount(in->channels);
                 const float* src = IMGLIB::GetPixelAddress(in, out->x1, y, 4 * m) + inSlot;
                 for (int64_t x = 0; x < out->width(); ++x) dst[x * n] = src[x * m];
             }

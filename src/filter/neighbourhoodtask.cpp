@@ -1,5 +1,7 @@
 #include "filter/neighbourhoodtask.h"
 
+#include <algorithm>
+
 #include "cacheidstream.h"
 #include "filtertasks.h"
 #include "imglib/channels.h"
@@ -88,21 +90,22 @@ void NeighbourhoodTask::renderRect(const IMGLIB::Image* out,
         check(IMGLIB::Fill(out, rgba));
         return;
     }
+    if (std::find(inputs.begin(), inputs.end(), nullptr) == inputs.end()) {
+        filter(out, inputs);
+        return;
+    }
     // Missing inputs stand in as images of their background colour.
     std::vector<const IMGLIB::Image*> images(inputs);
-    std::vector<std::unique_ptr<TempImageBuffer>> standIns;
+    ImageBuffer_MultiLockScoper locks;
     std::vector<UTIL::Rect> rects;
     computeRequiredInputRectangles(UTIL::Rect(out->x1, out->y1, out->x2, out->y2), rects);
     for (size_t i = 0; i < images.size(); ++i) {
         if (images[i]) continue;
         const uint64_t asked = i == 0 ? m_imageChannels : auxiliaryChannels(i);
-        const uint64_t channels = IMGLIB::ValidateChannelMask(asked ? asked : out->channels);
-        standIns.push_back(std::make_unique<TempImageBuffer>(
-            channels, rects[i], getName() + ".background" + std::to_string(i)));
-        const Imath::Color4<float>& bg = getInputBackgroundColor(i);
-        const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
-        check(IMGLIB::Fill(standIns.back()->getImage(), rgba));
-        images[i] = standIns.back()->getImage();
+        ImageBuffer standIn =
+            makeBackgroundInputImage(i, IMGLIB::ValidateChannelMask(asked ? asked : out->channels),
+                                     rects[i], getName() + ".background" + std::to_string(i));
+        images[i] = locks.push(standIn);
     }
     filter(out, images);
 }

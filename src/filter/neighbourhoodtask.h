@@ -5,7 +5,6 @@
 // call and the parameters that make up their cache identity.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

@@ -170,6 +170,17 @@ void RenderTask::setRenderLocalLocking(bool localLocking) {
     m_renderLocalLocking = localLocking;
 }
 
+ImageBuffer RenderTask::makeBackgroundInputImage(size_t input, uint64_t channels,
+                                                 const UTIL::Rect& rect,
+                                                 const std::string& comment) {
+    ImageBuffer image(channels, rect, comment);
+    ImageBuffer_LockScoper fillLock(image);
+    const Imath::Color4<float>& bg = getInputBackgroundColor(input);
+    const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
+    Private::checkImglib(IMGLIB::Fill(image.getImage(), rgba), getNameAtTime());
+    return image;
+}
+
 Imath::Color4<float> RenderTask::computeBackgroundColor() {
     if (getInputTaskCount() == 0) return Imath::Color4<float>(0, 0, 0, 0);
     return getInputBackgroundColor(0);
@@ -217,12 +228,9 @@ void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& i
                 const Private::InputRequest* request = m_imp->getInputRequest(i);
                 const uint64_t channels =
                     request ? request->getChannels() : getDefinedInputChannels(i);
-                inputs[i] = ImageBuffer(channels, m_requiredInputRects[i],
-                                        "BufferTaskBackgroungImage_" + std::to_string(i));
-                ImageBuffer_LockScoper fillLock(inputs[i]);
-                const Imath::Color4<float>& bg = getInputBackgroundColor(i);
-                const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
-                Private::checkImglib(IMGLIB::Fill(inputs[i].getImage(), rgba), getNameAtTime());
+                inputs[i] =
+                    makeBackgroundInputImage(i, channels, m_requiredInputRects[i],
+                                             "BufferTaskBackgroungImage_" + std::to_string(i));
             }
         }
         if (outputImageRect == m_requiredOutputRect) {
