@@ -19,12 +19,12 @@ using bench::Frame;
 using bench::kHeight;
 using bench::kWidth;
 
-// One pass over one 256x256 tile (range 1: 0 along x, 1 along y), its
-// padded input laid out as the render system lays out tiles. The rate is in
-// megapixels per second on one thread.
+// One 256x256 tile (range 1: 0 along x, 1 along y, 2 both axes in one
+// call), its padded input laid out as the render system lays out tiles. The
+// rate is in megapixels per second on one thread.
 void BM_GaussianTilePass(benchmark::State& state) {
     const float size = float(state.range(0));
-    const bool vertical = state.range(1) == 1;
+    const bool horizontal = state.range(1) != 1, vertical = state.range(1) != 0;
     const int64_t pad = IMGLIB::GetFilterPadding(size);
     constexpr int64_t kTile = 256;
     const auto image = [](int64_t width, int64_t height, std::vector<float>& pixels) {
@@ -37,14 +37,14 @@ void BM_GaussianTilePass(benchmark::State& state) {
         return im;
     };
     std::vector<float> inPixels, outPixels;
-    IMGLIB::Image in =
-        image(kTile + (vertical ? 0 : 2 * pad), kTile + (vertical ? 2 * pad : 0), inPixels);
-    in.x1 -= vertical ? 0 : pad, in.x2 -= vertical ? 0 : pad;
-    in.y1 -= vertical ? pad : 0, in.y2 -= vertical ? pad : 0;
+    const int64_t padX = horizontal ? pad : 0, padY = vertical ? pad : 0;
+    IMGLIB::Image in = image(kTile + 2 * padX, kTile + 2 * padY, inPixels);
+    in.x1 -= padX, in.x2 -= padX;
+    in.y1 -= padY, in.y2 -= padY;
     for (size_t i = 0; i < inPixels.size(); ++i) inPixels[i] = float(i % 1013) / 1013.0f;
     const IMGLIB::Image out = image(kTile, kTile, outPixels);
     for (auto _ : state)
-        IMGLIB::FastFilter(&out, &in, IMGLIB::KERNEL_GAUSSIAN, vertical ? 0.0f : size,
+        IMGLIB::FastFilter(&out, &in, IMGLIB::KERNEL_GAUSSIAN, horizontal ? size : 0.0f,
                            IMGLIB::KERNEL_GAUSSIAN, vertical ? size : 0.0f);
     state.counters["Mpix/s"] = benchmark::Counter(kTile * kTile / 1e6 * double(state.iterations()),
                                                   benchmark::Counter::kIsRate);
@@ -52,8 +52,10 @@ void BM_GaussianTilePass(benchmark::State& state) {
 BENCHMARK(BM_GaussianTilePass)
     ->Args({40, 0})
     ->Args({40, 1})
+    ->Args({40, 2})
     ->Args({9, 0})
     ->Args({9, 1})
+    ->Args({9, 2})
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
 

@@ -5,6 +5,9 @@
 
 #include "exceptions.h"
 #include "imglib/error.h"
+#include "imglib/image.h"
+#include "imglib/pixels.h"
+#include "util/region.h"
 
 namespace TESSERA {
 namespace Private {
@@ -14,6 +17,19 @@ namespace Private {
 inline void checkImglib(int status, const std::string& taskName) {
     if (status != IMGLIB::ERROR_NONE && status < 256)
         throw ImageLibRenderingException(taskName, IMGLIB::GetErrorMessage(), status);
+}
+
+// Fills the pixels of `image` outside `keep` with `rgba`, leaving the rest
+// for whatever is written there next (each pixel is written once).
+inline void fillOutside(const IMGLIB::Image* image, const UTIL::Region& keep, const float rgba[4],
+                        const std::string& taskName) {
+    const UTIL::Rect bounds(image->x1, image->y1, image->x2, image->y2);
+    const UTIL::Region outside = UTIL::Region(bounds).subtracted(keep);
+    for (const UTIL::Rect& r : outside.rects()) {
+        IMGLIB::Image part;
+        checkImglib(IMGLIB::GetSubImage(image, r.xmin, r.ymin, r.xmax, r.ymax, &part), taskName);
+        checkImglib(IMGLIB::Fill(&part, rgba), taskName);
+    }
 }
 
 }  // namespace Private

@@ -75,25 +75,41 @@ int FastFilter(const Image* out, const Image* in, FilterType filterX, float size
                               padX, boxX);
         return ERROR_NONE;
     }
-    // Along x into rows that cover the vertical reach, then along y. The
-    // intermediate rows live in one buffer of the output's width.
-    const int64_t rows = out->height() + 2 * padY;
-    std::vector<float> temp;
-    const float* source = nullptr;
-    size_t sourceStride = 0;
-    if (padX > 0) {
-        temp.resize(rowFloats * static_cast<size_t>(rows));
-        for (int64_t r = 0; r < rows; ++r)
-            DispatchFilterRow(temp.data() + r * rowFloats,
-                              GetPixelAddress(in, out->x1, out->y1 - padY + r, pixelBytes),
-                              rowFloats, n, wx.data(), padX, boxX);
-        source = temp.data() + padY * rowFloats;
-        sourceStride = rowFloats;
-    } else {
-        source = GetPixelAddress(in, out->x1, out->y1, pixelBytes);
-        sourceStride = static_cast<size_t>(in->rowBytes / 4);
+    if (padX == 0) {
+        DispatchFilterColumns(out, GetPixelAddress(in, out->x1, out->y1, pixelBytes),
+                              static_cast<size_t>(in->rowBytes / 4), rowFloats, wy.data(), padY,
+                              boxY);
+        return ERROR_NONE;
     }
-    DispatchFilterColumns(out, source, sourceStride, rowFloats, wy.data(), padY, boxY);
+    // Both axes: along x into rows that cover the vertical reach, then along
+    // y, in bands of output rows. Each band filters along x only the rows the
+    // previous band did not, just before the vertical pass reads them, so the
+    // intermediate rows are still in cache when they are read.
+    const int64_t rows = out->height() + 2 * padY;
+    const size_t stride =
+        static_cast<size_t>(GetPaddedRowBytes(out->width(), pixelBytes, rows) / 4);
+    // Each thread keeps its rows for the next tile (a fresh allocation
+    // would fault its pages in every time), unless they are unusually many.
+    const size_t floats = stride * static_cast<size_t>(rows);
+    constexpr size_t kKeptFloats = size_t(4) << 20;
+    thread_local std::vector<float> kept;
+    std::vector<float> local;
+    std::vector<float>& rowsBuffer = floats <= kKeptFloats ? kept : local;
+    if (rowsBuffer.size() < floats) rowsBuffer.resize(floats);
+    float* const temp = rowsBuffer.data();
+    constexpr int64_t kBand = 64;
+    int64_t filtered = 0;  // intermediate rows done, from out->y1 - padY
+    for (int64_t y = out->y1; y < out->y2; y += kBand) {
+        const int64_t bandEnd = std::min(out->y2, y + kBand);
+        for (; filtered < bandEnd + padY - (out->y1 - padY); ++filtered)
+            DispatchFilterRow(temp + filtered * stride,
+                              GetPixelAddress(in, out->x1, out->y1 - padY + filtered, pixelBytes),
+                              rowFloats, n, wx.data(), padX, boxX);
+        Image band;
+        GetSubImage(out, out->x1, y, out->x2, bandEnd, &band);
+        DispatchFilterColumns(&band, temp + (y - out->y1 + padY) * stride, stride, rowFloats,
+                              wy.data(), padY, boxY);
+    }
     return ERROR_NONE;
 }
 

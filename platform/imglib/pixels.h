@@ -19,6 +19,15 @@ inline float* GetPixelAddress(const Image* image, int64_t x, int64_t y, int64_t 
                                     (x - image->x1) * pixelBytes);
 }
 
+// The row stride, in bytes, for rows of `width` pixels: padded to 16 bytes,
+// and one cache line more when that is a multiple of 4 KiB, because rows
+// 4 KiB apart share cache sets and a pass reading many rows at once (a
+// vertical filter) would evict its own rows.
+inline int64_t GetPaddedRowBytes(int64_t width, int64_t pixelBytes, int64_t height) {
+    const int64_t rowBytes = (width * pixelBytes + 15) & ~int64_t(15);
+    return rowBytes % 4096 == 0 && height > 1 ? rowBytes + 64 : rowBytes;
+}
+
 // Every pixel: R, G, B, A from rgba, every other channel 0.
 TESSERA_API int Fill(const Image* image, const float rgba[4]);
 // Every channel of every pixel 0.

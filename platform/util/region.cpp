@@ -74,6 +74,15 @@ Region Region::subtracted(const Rect& r) const {
     return out;
 }
 
+Region Region::subtracted(const Region& other) const {
+    Region rest = *this;
+    for (const Rect& r : other.m_rects) {
+        if (rest.isEmpty()) break;
+        rest = rest.subtracted(r);
+    }
+    return rest;
+}
+
 Rect Region::boundingBox() const {
     Rect box;
     for (const Rect& r : m_rects) box = box.boundingBox(r);
@@ -87,13 +96,7 @@ bool Region::contains(int64_t x, int64_t y) const {
 }
 
 bool Region::contains(const Rect& r) const {
-    if (r.isNull()) return true;
-    Region rest(r);
-    for (const Rect& held : m_rects) {
-        rest = rest.subtracted(held);
-        if (rest.isEmpty()) return true;
-    }
-    return false;
+    return r.isNull() || Region(r).subtracted(*this).isEmpty();
 }
 
 bool Region::intersects(const Rect& r) const {

@@ -29,8 +29,9 @@ public:
     // Pixels of this region inside r / inside other.
     Region intersection(const Rect& r) const;
     Region intersection(const Region& other) const;
-    // Pixels of this region not in r.
+    // Pixels of this region not in r / not in other.
     Region subtracted(const Rect& r) const;
+    Region subtracted(const Region& other) const;
 
     // The smallest rectangle holding the region (null when empty).
     Rect boundingBox() const;

@@ -7,12 +7,15 @@
 #include "imglib/fastfilter.h"
 #include "imglib/pixels.h"
 #include "private/imglibcall.h"
+#include "private/inputabsorber.h"
 
 namespace TESSERA {
 namespace Private {
 
-// One pass of a separable blur (the other axis has size 0).
-class Blur : public NeighbourhoodTask {
+// One pass of a separable blur (the other axis has size 0). A vertical pass
+// whose horizontal pass has no other consumer does both in one sweep per
+// tile, so the horizontal result is read back from cache, not memory.
+class Blur : public NeighbourhoodTask, public InputAbsorber {
 public:
     Blur(const std::string& name, float time, float sizeX, float sizeY, const BlurParams& params,
          TaskPtr input)
@@ -22,6 +25,19 @@ public:
           m_params(params) {
         setPadding(IMGLIB::GetFilterPadding(sizeX), IMGLIB::GetFilterPadding(sizeY));
         setExtension(params.extendMethod, params.extendFlag, params.extendRect);
+    }
+
+    bool absorbInput(RenderTask& input) override {
+        auto* horizontal = dynamic_cast<Blur*>(&input);
+        if (!horizontal || m_sizeX != 0.0f || horizontal->m_sizeY != 0.0f ||
+            horizontal->m_params.extendMethod != m_params.extendMethod ||
+            horizontal->m_params.extendFlag != m_params.extendFlag ||
+            !(horizontal->m_params.extendRect == m_params.extendRect))
+            return false;
+        m_sizeX = horizontal->m_sizeX;
+        m_params.filterX = horizontal->m_params.filterX;
+        setPadding(horizontal->padX(), padY());
+        return true;
     }
 
 protected:

@@ -11,6 +11,7 @@
 #include "imglib/fastfilter.h"
 #include "imglib/pixels.h"
 #include "support/serial_render.h"
+#include "support/test_tasks.h"
 
 using namespace TESSERA;
 using namespace TESSERA::testing;
@@ -202,6 +203,36 @@ TEST_F(BlurTest, ChainsNamesAndRegions) {
               "BlurChannelMerge");
     EXPECT_EQ(split->imp().getInputTask(3)->getName(), "s.alpha.vertBlur");
     EXPECT_EQ(split->imp().getInputTask(0)->getName(), "s.red.vertBlur");
+}
+
+// A vertical pass whose horizontal pass feeds nothing else renders both in
+// one sweep; shared, the horizontal pass renders on its own. Either way the
+// pixels are those of the two passes.
+TEST_F(BlurTest, PassesRunAsOneUnlessTheFirstIsShared) {
+    TaskPtr dots(new Dots(Rect(0, 0, 50, 40), Color(0, 0, 0, 0)));
+    PerChannelBlurParameters p;
+    p.blur.sizeX = 9.0f;
+    p.blur.sizeY = 7.0f;
+    const Rect rect(-6, -5, 56, 45);
+    TaskPtr alone = createBlur("a", 0, p, dots);
+    const std::vector<Color> got = render(alone, rect, 16);
+    EXPECT_EQ(alone->imp().getInputTask(0).get(), dots.get());
+    UTIL::Region region;
+    alone->getOutputDescription(nullptr, &region);
+    EXPECT_EQ(region.boundingBox(), Rect(-4, -3, 54, 43));
+    EXPECT_EQ(render(alone, rect, 16), got) << "a second render of the merged passes";
+
+    // Shared with a sum of both passes: rendered apart, and the same pixels.
+    TaskPtr shared = createBlur("s", 0, p, dots);
+    TaskPtr horizontal = shared->imp().getInputTask(0);
+    const std::vector<Color> first = render(horizontal, rect, 16);
+    TaskPtr sum(new GainTask("sum", {shared, horizontal}, 1.0f));
+    const std::vector<Color> both = render(sum, rect, 16);
+    EXPECT_EQ(shared->imp().getInputTask(0).get(), horizontal.get());
+    for (size_t i = 0; i < got.size(); ++i) {
+        ASSERT_NEAR(both[i].r, got[i].r + first[i].r, 1e-5f) << i;
+        ASSERT_NEAR(both[i].a, got[i].a + first[i].a, 1e-5f) << i;
+    }
 }
 
 TEST_F(BlurTest, TilesEqualTheWholeFrameAndEdgesFollowTheExtension) {

@@ -87,6 +87,10 @@ TEST(Region, IntersectionSubtractionGrowthAndSimplify) {
     Region other(Rect(8, 0, 22, 1));
     EXPECT_EQ(region.intersection(other).area(), 2 + 2);
     EXPECT_EQ(region.subtracted(Rect(0, 0, 30, 5)).area(), 50 + 50);
+    const Region rest = Region(Rect(0, 0, 30, 10)).subtracted(region);
+    EXPECT_EQ(rest.area(), 100);
+    EXPECT_TRUE(rest.contains(Rect(10, 0, 20, 10)));
+    EXPECT_TRUE(Region(Rect(2, 2, 4, 4)).subtracted(region).isEmpty());
     EXPECT_EQ(region.grown(1, 1).boundingBox(), Rect(-1, -1, 31, 11));
     EXPECT_EQ(region.translated(1, 2).boundingBox(), Rect(1, 2, 31, 12));
 

@@ -11,6 +11,7 @@
 #include "imglib/pixels.h"
 #include "inplacetask.h"
 #include "private/imglibcall.h"
+#include "private/inputabsorber.h"
 #include "private/tile.h"
 #include "rendermanager.h"
 #include "rendersystem/core/inputrequest.h"
@@ -59,6 +60,22 @@ void collapseInPlaceChains(const std::vector<TaskPtr>& tasks) {
             absorbed.insert(&next->imp());
         }
         if (chain.size() >= 2) InPlaceTask::collapseChain(chain);
+    }
+}
+
+// Lets each task that can take over its first input's work do so, as long
+// as nothing else consumes that input.
+void absorbInputs(const std::vector<TaskPtr>& tasks) {
+    std::set<RenderTask::Imp*> absorbed;
+    for (const TaskPtr& task : tasks) {
+        auto* absorber = dynamic_cast<Private::InputAbsorber*>(task.get());
+        if (!absorber || absorbed.count(&task->imp()) || task->imp().m_inputTasks.empty()) continue;
+        const TaskPtr input = task->imp().m_inputTasks[0];
+        if (input->imp().m_outputTaskCount == 1 && !input->imp().m_inputTasks.empty() &&
+            absorber->absorbInput(*input)) {
+            task->imp().replaceInput(0, input->imp().m_inputTasks[0]);
+            absorbed.insert(&input->imp());
+        }
     }
 }
 
@@ -120,6 +137,7 @@ void RenderTask::Imp::setUpPlan(const std::vector<RenderOutput>& outputs, Render
     // Tasks merged into a chain stay in plan.tasks: they are released with it.
     RenderManager::debugLine(">>>>>> Collapsing in place ops...");
     collapseInPlaceChains(plan.tasks);
+    absorbInputs(plan.tasks);
 
     RenderManager::debugLine(">>>>>> Setting up to render outputs...");
     for (const RenderOutput& output : outputs) {
@@ -326,11 +344,9 @@ bool RenderTask::Imp::renderTile(Tile& tile, const IMGLIB::Image* output) {
         }
         // An output tile beyond the data still reaches the host: the part
         // outside the data is the background colour.
-        if (!area.contains(rect)) {
-            const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
-                                   m_backgroundColor.a};
-            Private::checkImglib(IMGLIB::Fill(output, rgba), m_nameAtTime);
-        }
+        const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
+                               m_backgroundColor.a};
+        Private::fillOutside(output, area, rgba, m_nameAtTime);
         for (const UTIL::Rect& r : area.rects()) {
             IMGLIB::Image sub;
             Private::checkImglib(IMGLIB::GetSubImage(output, r.xmin, r.ymin, r.xmax, r.ymax, &sub),

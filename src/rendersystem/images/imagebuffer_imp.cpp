@@ -6,6 +6,7 @@
 
 #include "imglib/channels.h"
 #include "imglib/error.h"
+#include "imglib/pixels.h"
 #include "imglib/rawdump.h"
 #include "rendersystem/images/imageallocator.h"
 #include "util/exceptions.h"
@@ -38,13 +39,9 @@ ImageBuffer::Impl::Impl(uint64_t imgChannels, const UTIL::Rect& bounds, std::str
     const int64_t pixelBytes = IMGLIB::GetPixelBytes(imgChannels);
     IMAGE_ASSERT(IMGLIB::GetError() == IMGLIB::ERROR_NONE);
 
-    // Rows padded to 16 bytes; the width is taken as a 32-bit value. Rows a
-    // multiple of 4 KiB apart would share the same cache sets, so a filter
-    // reading many rows at once (a vertical pass) would evict its own rows:
-    // such rows get one more cache line.
+    // The width is taken as a 32-bit value.
     const int64_t width = std::max<int32_t>(0, static_cast<int32_t>(bounds.xmax - bounds.xmin));
-    m_image.rowBytes = (width * pixelBytes + 15) & ~int64_t(15);
-    if (m_image.rowBytes % 4096 == 0 && bounds.height() > 1) m_image.rowBytes += 64;
+    m_image.rowBytes = IMGLIB::GetPaddedRowBytes(width, pixelBytes, bounds.height());
     m_isEmptyImage = m_image.height() * m_image.rowBytes == 0;
 }
 
