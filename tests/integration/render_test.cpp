@@ -1,6 +1,7 @@
 // End-to-end renders through RenderManager on the worker threads.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -265,6 +266,33 @@ TEST_F(RenderTest, ATightMemoryBudgetSwapsButKeepsEveryPixel) {
                 sum += PatternTask::at(std::clamp<int64_t>(x + dx, 0, 511), y);
             ASSERT_EQ(observer->pixel(0, x, y), sum / 3.0f) << x << "," << y;
         }
+}
+
+// Images a render made leave memory as soon as nothing needs them: a
+// source tile once its readers have rendered, an output tile once the
+// observer has it. So a render far larger than memory streams through it.
+TEST_F(RenderTest, ARenderStreamsItsTilesThroughMemory) {
+    class PeakObserver : public RenderObserver {
+    public:
+        void tileDone(const ImageBuffer&, const OutputTileID&) override {
+            peak = std::max(peak.load(), Private::ImageAllocator::instance().getMemUsage());
+            ++tiles;
+        }
+        std::atomic<int64_t> peak{0}, tiles{0};
+    };
+    RenderManager::setGlobalTileSize(64, 64);
+    RenderManager::setRenderThreads(1);
+    RenderManager::setSpeculativeCachingEnable(false);  // it would keep them for re-use
+    const Rect area(0, 0, 1024, 1024);                  // 256 tiles of 64 KiB per task
+    auto box = make<BoxXTask>("box", make<PatternTask>("p", area), 1);
+    auto observer = make<PeakObserver>();
+    RenderManager::Render({RenderDescription(box, area, IMGLIB::CHANNELS_RGBA)}, observer, nullptr,
+                          true, RENDERTYPE_BATCH);
+    RenderManager::setSpeculativeCachingEnable(true);
+    EXPECT_EQ(observer->tiles, 256);
+    // Less than a row of tiles (1 MiB) is alive at once, not the 32 MiB of
+    // every tile of both tasks.
+    EXPECT_LT(observer->peak, int64_t(1) << 20);
 }
 
 TEST_F(RenderTest, FailuresEndTheRenderCleanlyAndReachTheCaller) {

@@ -235,7 +235,14 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
     if (render->cancelled) render->cancelTasks();
     // One extra count keeps the render open while its first tiles are queued.
     ++render->outstandingJobs;
-    render->submit(render->plan.readyTiles);
+    // The jobs hold the first tiles from now on, so a tile's image goes as
+    // soon as its readers are done (a tile still in its task's map when the
+    // render ends is released with the map).
+    {
+        std::vector<TilePtr> first;
+        first.swap(render->plan.readyTiles);
+        render->submit(first);
+    }
     if (--render->outstandingJobs == 0) finish(render);
     if (wait) this->wait(render);
 }

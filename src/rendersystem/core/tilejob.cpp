@@ -65,6 +65,9 @@ void TileJob::run() {
         if (task.m_deliveriesLeft.fetch_sub(1) == 1)
             m_observer->outputFinished(tile.getOutputIndex());
         task.removeTile(tile.getTileID());
+        // The render keeps its final tiles until it ends, their images only
+        // as long as the observer does: a render larger than memory streams.
+        tile.release();
         return;
     }
     for (const TilePtr& dependent : tile.takeDependents())

@@ -1,6 +1,7 @@
 #include "rendersystem/images/imageallocator.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -9,6 +10,8 @@
 #include <new>
 #include <random>
 #include <stdexcept>
+#include <thread>
+#include <thread>
 
 #include "imglib/error.h"
 #include "imglib/pixels.h"
@@ -227,6 +230,15 @@ void ImageAllocator::allocate(Impl* image) {
 }
 
 void ImageAllocator::reserve(Impl* image, int64_t size) {
+    // Images other threads are releasing give their memory back under the
+    // memory lock, so before an overrun is declared the lock is let go a
+    // few times for them to finish.
+    constexpr int kAttempts = 50;
+    for (int attempt = 1; !tryReserve(image, size, attempt == kAttempts); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+bool ImageAllocator::tryReserve(Impl* image, int64_t size, bool last) {
     MemoryLock lock(*this);
     const bool fileIn = image->isFileIn();
     if (fileIn) {
@@ -249,6 +261,10 @@ void ImageAllocator::reserve(Impl* image, int64_t size) {
                 } while (m_memUsage >= m_maxMemory.load());
             }
             if (m_memUsage >= m_maxMemory.load()) {
+                if (!last) {
+                    unaccount(fileIn, size);
+                    return false;
+                }
                 printState(std::cerr);
                 s_overran.store(true);
                 throw UTIL::OutOfMemoryException(kOverranMessage);
@@ -261,6 +277,7 @@ void ImageAllocator::reserve(Impl* image, int64_t size) {
         }
     }
     m_peakMemory = std::max(m_peakMemory, m_memUsage);
+    return true;
 }
 
 bool ImageAllocator::saveToDisk() {

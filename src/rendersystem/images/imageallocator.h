@@ -123,6 +123,9 @@ private:
     bool saveImage(ImageBuffer::Impl* image);
     void freePixels(ImageBuffer::Impl* image) noexcept;
     void reserve(ImageBuffer::Impl* image, int64_t size);
+    // One attempt: false (nothing reserved) when the budget cannot be met
+    // now, unless `last`, when that is an overrun.
+    bool tryReserve(ImageBuffer::Impl* image, int64_t size, bool last);
     void unaccount(bool fileIn, int64_t size);
     void adjustDiskUsage(int64_t delta);
     void removeFromUnlocked(ImageBuffer::Impl* image);
