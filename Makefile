@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build demo test test-release test-asan test-tsan format clean
+.PHONY: all deps build demo test test-release test-asan test-tsan bench format clean
 
 all: build
 
@@ -19,6 +19,14 @@ demo: build
 	build/release/tools/tessera/tessera demo --stats
 
 test: test-release test-asan test-tsan
+
+# Compares whole pipelines with libvips, OpenImageIO and GEGL on this machine
+# and writes the table to docs/performance.md.
+bench:
+	@scripts/install-deps --bench
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	cmake --build build/release -j$(JOBS) --target tessera_bench_compare
+	build/release/bench/tessera_bench_compare --out docs/performance.md
 
 test-release: build
 	$(CTEST) build/release

@@ -34,15 +34,17 @@ struct Frame {
 // Decoded pixels in memory as a graph source: a tile is a copy of its part.
 class MemorySource : public testing::ConstantTask {
 public:
-    MemorySource(const std::string& name, const Frame& frame)
-        : ConstantTask(name, Imath::Color4<float>(0, 0, 0, 0), UTIL::Rect(0, 0, kWidth, kHeight)),
-          frame(frame) {}
+    MemorySource(const std::string& name, const IMGLIB::Image& image)
+        : ConstantTask(name, Imath::Color4<float>(0, 0, 0, 0),
+                       UTIL::Rect(image.x1, image.y1, image.x2, image.y2)),
+          image(image) {}
+    MemorySource(const std::string& name, const Frame& frame) : MemorySource(name, frame.image) {}
     std::string getTypeString() override { return "MemorySource"; }
-    void computeCacheID(CacheIDStream& s) override { s << static_cast<const void*>(&frame); }
+    void computeCacheID(CacheIDStream& s) override { s << image.pixelPtr; }
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        IMGLIB::CopyInto(out, &frame.image);
+        IMGLIB::CopyInto(out, &image);
     }
-    const Frame& frame;
+    const IMGLIB::Image image;
 };
 
 class NullObserver : public RenderObserver {

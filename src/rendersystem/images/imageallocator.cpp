@@ -11,7 +11,6 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
-#include <thread>
 
 #include "imglib/error.h"
 #include "imglib/pixels.h"

@@ -1,0 +1,109 @@
+// The workloads through GEGL's C API: buffers wrapping the input memory,
+// a graph of operations per run, blitted into the output memory.
+#include <gegl.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "runners.h"
+
+namespace compare {
+namespace {
+
+// GEGL's enums as its operations define them.
+constexpr int kAbyssClamp = 1;   // GeglAbyssPolicy: repeat the edge pixel
+constexpr int kSamplerCubic = 2;  // GeglSamplerType
+
+const Babl* premultiplied() { return babl_format("RaGaBaA float"); }
+
+class GeglRunner : public Runner {
+public:
+    GeglRunner() {
+        gegl_init(nullptr, nullptr);
+        g_object_set(gegl_config(), "use-opencl", FALSE, nullptr);
+    }
+    ~GeglRunner() override { gegl_exit(); }
+    std::string name() const override { return "GEGL"; }
+    void setThreads(int threads) override {
+        g_object_set(gegl_config(), "threads", threads, nullptr);
+    }
+    void run(Workload workload, const Inputs& inputs, Picture& out) override {
+        GeglNode* graph = gegl_node_new();
+        GeglBuffer* bufferA = wrap(inputs.a);
+        GeglBuffer* bufferB = wrap(inputs.b);
+        GeglNode* a = gegl_node_new_child(graph, "operation", "gegl:buffer-source", "buffer",
+                                          bufferA, nullptr);
+        GeglNode* b = gegl_node_new_child(graph, "operation", "gegl:buffer-source", "buffer",
+                                          bufferB, nullptr);
+        GeglNode* result = nullptr;
+        switch (workload) {
+        case Workload::ColourChain: result = grade(graph, b, kColourChain.size()); break;
+        case Workload::Blur: result = blur(graph, b, kBlurSigma); break;
+        case Workload::Rotate: result = rotate(graph, b, inputs.b); break;
+        case Workload::Over: result = over(graph, a, b); break;
+        case Workload::Comp:
+            result = over(graph, rotate(graph, grade(graph, a, kCompGradeSteps), inputs.a),
+                          blur(graph, grade(graph, b, kCompGradeSteps), kCompBlurSigma));
+            break;
+        }
+        const GeglRectangle roi = {0, 0, int(out.width), int(out.height)};
+        gegl_node_blit(result, 1.0, &roi, premultiplied(), out.pixels.data(), int(out.rowBytes()),
+                       GEGL_BLIT_DEFAULT);
+        g_object_unref(graph);
+        g_object_unref(bufferA);
+        g_object_unref(bufferB);
+    }
+
+private:
+    static GeglBuffer* wrap(const Picture& picture) {
+        const GeglRectangle extent = {0, 0, int(picture.width), int(picture.height)};
+        return gegl_buffer_linear_new_from_data(const_cast<float*>(picture.pixels.data()),
+                                                premultiplied(), &extent, int(picture.rowBytes()),
+                                                nullptr, nullptr);
+    }
+    static GeglNode* then(GeglNode* graph, GeglNode* input, GeglNode* node) {
+        if (!node) throw std::runtime_error("GEGL: an operation is missing");
+        gegl_node_link(input, node);
+        return node;
+    }
+    static GeglNode* grade(GeglNode* graph, GeglNode* in, size_t steps) {
+        static const char* const kOperations[] = {"gegl:multiply", "gegl:add", "gegl:gamma"};
+        for (size_t i = 0; i < steps; ++i)
+            in = then(graph, in,
+                      gegl_node_new_child(graph, "operation",
+                                          kOperations[int(kColourChain[i].step)], "value",
+                                          double(kColourChain[i].value), nullptr));
+        return in;
+    }
+    static GeglNode* blur(GeglNode* graph, GeglNode* in, double sigma) {
+        return then(graph, in,
+                    gegl_node_new_child(graph, "operation", "gegl:gaussian-blur", "std-dev-x",
+                                        sigma, "std-dev-y", sigma, "abyss-policy", kAbyssClamp,
+                                        nullptr));
+    }
+    static GeglNode* rotate(GeglNode* graph, GeglNode* in, const Picture& frame) {
+        // Two transform operations in a row are resampled once, by their
+        // product. GEGL turns positive degrees counter-clockwise.
+        const double cx = double(frame.width) / 2, cy = double(frame.height) / 2;
+        GeglNode* scaled = then(graph, in,
+                                gegl_node_new_child(graph, "operation", "gegl:scale-ratio", "x",
+                                                    kRotateScale, "y", kRotateScale, "origin-x", cx,
+                                                    "origin-y", cy, "sampler", kSamplerCubic,
+                                                    nullptr));
+        return then(graph, scaled,
+                    gegl_node_new_child(graph, "operation", "gegl:rotate", "degrees",
+                                        -kRotateDegrees, "origin-x", cx, "origin-y", cy,
+                                        "sampler", kSamplerCubic, nullptr));
+    }
+    static GeglNode* over(GeglNode* graph, GeglNode* a, GeglNode* b) {
+        GeglNode* node = gegl_node_new_child(graph, "operation", "gegl:over", nullptr);
+        gegl_node_connect_to(a, "output", node, "aux");
+        return then(graph, b, node);
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<Runner> makeGeglRunner() { return std::make_unique<GeglRunner>(); }
+
+}  // namespace compare

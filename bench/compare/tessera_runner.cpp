@@ -1,0 +1,104 @@
+// The workloads as Tessera graphs: memory sources, the factories, and an
+// observer copying each finished tile into the output.
+#include "runners.h"
+
+#include "../bench_support.h"
+#include "colortasks.h"
+#include "compositetasks.h"
+#include "filtertasks.h"
+#include "imagebuffer.h"
+#include "rendermanager.h"
+#include "transformtasks.h"
+
+namespace compare {
+namespace {
+
+using namespace TESSERA;
+using Color = Imath::Color4<float>;
+
+class CopyObserver : public RenderObserver {
+public:
+    explicit CopyObserver(Picture& out) : m_out(out) {}
+    // Tiles cover disjoint parts of the output: no lock needed.
+    void tileDone(const ImageBuffer& tile, const OutputTileID&) override {
+        ImageBuffer image = tile;
+        ImageBuffer_LockScoper lock(image);
+        IMGLIB::CopyInto(&m_out.image, image.getImage());
+    }
+
+private:
+    Picture& m_out;
+};
+
+TaskPtr grade(TaskPtr t, size_t steps) {
+    const Imath::Matrix44<float> identity;
+    for (size_t i = 0; i < steps; ++i) {
+        const float v = kColourChain[i].value;
+        const std::string name = "step" + std::to_string(i);
+        switch (kColourChain[i].step) {
+        case Step::Multiply: t = createGainTask(name, 0, Color(v, v, v, 1), t); break;
+        case Step::Add:
+            t = createColorTransformTask(name, 0, identity, Color(v, v, v, 0), t);
+            break;
+        case Step::Power:
+            t = createExponentialTask(name, 0, Color(v, v, v, 1), Color(1, 1, 1, 1), t);
+            break;
+        }
+    }
+    return t;
+}
+
+TaskPtr blur(TaskPtr input, double sigma) {
+    PerChannelBlurParameters params;
+    params.blur.sizeX = params.blur.sizeY = float(4 * sigma);
+    params.blur.extendMethod = IMGLIB::EXTEND_CLAMP;
+    return createBlur("blur", 0, params, std::move(input));
+}
+
+TaskPtr rotate(TaskPtr input, const Picture& frame) {
+    const std::array<double, 6> m = rotationMatrix(double(frame.width), double(frame.height));
+    // Row vectors: (x, y, 1) times the matrix.
+    const Imath::Matrix33<float> matrix{float(m[0]), float(m[3]), 0, float(m[1]), float(m[4]), 0,
+                                        float(m[2]), float(m[5]), 1};
+    HomTransformParams params;
+    params.useAffine = true;
+    return createHomTransformTask("rotate", 0, params, {matrix}, std::move(input));
+}
+
+TaskPtr over(TaskPtr a, TaskPtr b) {
+    return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f, a, b);
+}
+
+class TesseraRunner : public Runner {
+public:
+    std::string name() const override { return "Tessera"; }
+    void setThreads(int threads) override { RenderManager::setRenderThreads(uint64_t(threads)); }
+    void run(Workload workload, const Inputs& inputs, Picture& out) override {
+        // Every run renders from the sources: no tile of an earlier run is kept.
+        RenderManager::setSpeculativeCachingEnable(false);
+        RenderManager::ClearRenderTaskCache();
+        const TaskPtr a(new bench::MemorySource("a", inputs.a.image));
+        const TaskPtr b(new bench::MemorySource("b", inputs.b.image));
+        TaskPtr graph;
+        switch (workload) {
+        case Workload::ColourChain: graph = grade(b, kColourChain.size()); break;
+        case Workload::Blur: graph = blur(b, kBlurSigma); break;
+        case Workload::Rotate: graph = rotate(b, inputs.b); break;
+        case Workload::Over: graph = over(a, b); break;
+        case Workload::Comp:
+            graph = over(rotate(grade(a, kCompGradeSteps), inputs.a),
+                         blur(grade(b, kCompGradeSteps), kCompBlurSigma));
+            break;
+        }
+        const RenderObserverPtr observer(new CopyObserver(out));
+        RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, out.width, out.height),
+                                                 IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, true, RENDERTYPE_BATCH);
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<Runner> makeTesseraRunner() { return std::make_unique<TesseraRunner>(); }
+
+}  // namespace compare

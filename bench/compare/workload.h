@@ -1,0 +1,70 @@
+// The whole-pipeline workloads every library runs on the same inputs, and
+// the interface each library's runner implements.
+#pragma once
+
+#include <array>
+#include <string>
+
+#include "picture.h"
+
+namespace compare {
+
+enum class Workload { ColourChain, Blur, Rotate, Over, Comp };
+constexpr std::array<Workload, 5> kWorkloads = {Workload::ColourChain, Workload::Blur,
+                                                Workload::Rotate, Workload::Over, Workload::Comp};
+const char* workloadName(Workload workload);
+// Frames read by the workload (one or two) plus the one written.
+int framesMoved(Workload workload);
+
+// The colour chain: multiply, add, power, repeated, ending on a multiply.
+// Each step applies to R, G and B and leaves alpha as it is.
+enum class Step { Multiply, Add, Power };
+struct ColourStep {
+    Step step;
+    float value;
+};
+constexpr std::array<ColourStep, 10> kColourChain = {{{Step::Multiply, 1.1f},
+                                                      {Step::Add, 0.01f},
+                                                      {Step::Power, 0.9f},
+                                                      {Step::Multiply, 0.95f},
+                                                      {Step::Add, 0.005f},
+                                                      {Step::Power, 1.1f},
+                                                      {Step::Multiply, 1.02f},
+                                                      {Step::Add, 0.002f},
+                                                      {Step::Power, 0.98f},
+                                                      {Step::Multiply, 1.01f}}};
+// The full comp grades each input with the first three steps.
+constexpr size_t kCompGradeSteps = 3;
+
+// Gaussian blur: sigma 10 (a 41-tap kernel, "size 40" with sigma = size / 4),
+// edges extended by repeating the edge pixel. The comp blurs with sigma 5.
+constexpr double kBlurSigma = 10.0, kCompBlurSigma = 5.0;
+
+// Rotation by 17 degrees and scale 0.9 about the frame's centre, bicubic
+// (Catmull-Rom) filtering, the output over the input's frame, transparent
+// black outside the source.
+constexpr double kRotateDegrees = 17.0, kRotateScale = 0.9;
+// x' = m[0] x + m[1] y + m[2], y' = m[3] x + m[4] y + m[5] (pixel centres at +0.5).
+std::array<double, 6> rotationMatrix(double width, double height);
+
+// The full comp: rotate(grade(a)) over blur(grade(b)).
+struct Inputs {
+    const Picture& a;  // the foreground (soft alpha)
+    const Picture& b;  // the background (opaque)
+};
+
+class Runner {
+public:
+    virtual ~Runner() = default;
+    virtual std::string name() const = 0;
+    virtual void setThreads(int threads) = 0;
+    // One run of the workload, from `inputs` in memory to pixels in memory:
+    // written to `out`, or held in the library's own image until fetch.
+    virtual void run(Workload workload, const Inputs& inputs, Picture& out) = 0;
+    // Copies a result the last run held into `out` (not timed).
+    virtual void fetch(Picture& /*out*/) {}
+    // Lets go of a result the last run held.
+    virtual void clear() {}
+};
+
+}  // namespace compare
