@@ -11,10 +11,61 @@ namespace compare {
 namespace {
 
 // GEGL's enums as its operations define them.
-constexpr int kAbyssClamp = 1;   // GeglAbyssPolicy: repeat the edge pixel
+constexpr int kAbyssClamp = 1;    // GeglAbyssPolicy: repeat the edge pixel
 constexpr int kSamplerCubic = 2;  // GeglSamplerType
 
-const Babl* premultiplied() { return babl_format("RaGaBaA float"); }
+const Babl* premultiplied() {
+    return babl_format("RaGaBaA float");
+}
+
+GeglBuffer* wrap(const Picture& picture) {
+    const GeglRectangle extent = {0, 0, int(picture.width), int(picture.height)};
+    return gegl_buffer_linear_new_from_data(const_cast<float*>(picture.pixels.data()),
+                                            premultiplied(), &extent, int(picture.rowBytes()),
+                                            nullptr, nullptr);
+}
+
+// The workloads' steps as operations of `graph`.
+struct Steps {
+    GeglNode* graph;
+    int64_t width, height;
+
+    static GeglNode* then(GeglNode* input, GeglNode* node) {
+        if (!node) throw std::runtime_error("GEGL: an operation is missing");
+        gegl_node_link(input, node);
+        return node;
+    }
+    GeglNode* grade(GeglNode* in, size_t steps) const {
+        static const char* const kOperations[] = {"gegl:multiply", "gegl:add", "gegl:gamma"};
+        for (size_t i = 0; i < steps; ++i)
+            in = then(
+                in, gegl_node_new_child(graph, "operation", kOperations[int(kColourChain[i].step)],
+                                        "value", double(kColourChain[i].value), nullptr));
+        return in;
+    }
+    GeglNode* blur(GeglNode* in, double sigma) const {
+        return then(
+            in, gegl_node_new_child(graph, "operation", "gegl:gaussian-blur", "std-dev-x", sigma,
+                                    "std-dev-y", sigma, "abyss-policy", kAbyssClamp, nullptr));
+    }
+    GeglNode* rotate(GeglNode* in) const {
+        // Two transform operations in a row are resampled once, by their
+        // product. GEGL turns positive degrees counter-clockwise.
+        const double cx = double(width) / 2, cy = double(height) / 2;
+        GeglNode* scaled =
+            then(in, gegl_node_new_child(graph, "operation", "gegl:scale-ratio", "x", kRotateScale,
+                                         "y", kRotateScale, "origin-x", cx, "origin-y", cy,
+                                         "sampler", kSamplerCubic, nullptr));
+        return then(scaled, gegl_node_new_child(graph, "operation", "gegl:rotate", "degrees",
+                                                -kRotateDegrees, "origin-x", cx, "origin-y", cy,
+                                                "sampler", kSamplerCubic, nullptr));
+    }
+    GeglNode* over(GeglNode* a, GeglNode* b) const {
+        GeglNode* node = gegl_node_new_child(graph, "operation", "gegl:over", nullptr);
+        gegl_node_connect_to(a, "output", node, "aux");
+        return then(b, node);
+    }
+};
 
 class GeglRunner : public Runner {
 public:
@@ -35,17 +86,8 @@ public:
                                           bufferA, nullptr);
         GeglNode* b = gegl_node_new_child(graph, "operation", "gegl:buffer-source", "buffer",
                                           bufferB, nullptr);
-        GeglNode* result = nullptr;
-        switch (workload) {
-        case Workload::ColourChain: result = grade(graph, b, kColourChain.size()); break;
-        case Workload::Blur: result = blur(graph, b, kBlurSigma); break;
-        case Workload::Rotate: result = rotate(graph, b, inputs.b); break;
-        case Workload::Over: result = over(graph, a, b); break;
-        case Workload::Comp:
-            result = over(graph, rotate(graph, grade(graph, a, kCompGradeSteps), inputs.a),
-                          blur(graph, grade(graph, b, kCompGradeSteps), kCompBlurSigma));
-            break;
-        }
+        Steps steps{graph, out.width, out.height};
+        GeglNode* result = compose(workload, steps, a, b);
         const GeglRectangle roi = {0, 0, int(out.width), int(out.height)};
         gegl_node_blit(result, 1.0, &roi, premultiplied(), out.pixels.data(), int(out.rowBytes()),
                        GEGL_BLIT_DEFAULT);
@@ -53,57 +95,12 @@ public:
         g_object_unref(bufferA);
         g_object_unref(bufferB);
     }
-
-private:
-    static GeglBuffer* wrap(const Picture& picture) {
-        const GeglRectangle extent = {0, 0, int(picture.width), int(picture.height)};
-        return gegl_buffer_linear_new_from_data(const_cast<float*>(picture.pixels.data()),
-                                                premultiplied(), &extent, int(picture.rowBytes()),
-                                                nullptr, nullptr);
-    }
-    static GeglNode* then(GeglNode* graph, GeglNode* input, GeglNode* node) {
-        if (!node) throw std::runtime_error("GEGL: an operation is missing");
-        gegl_node_link(input, node);
-        return node;
-    }
-    static GeglNode* grade(GeglNode* graph, GeglNode* in, size_t steps) {
-        static const char* const kOperations[] = {"gegl:multiply", "gegl:add", "gegl:gamma"};
-        for (size_t i = 0; i < steps; ++i)
-            in = then(graph, in,
-                      gegl_node_new_child(graph, "operation",
-                                          kOperations[int(kColourChain[i].step)], "value",
-                                          double(kColourChain[i].value), nullptr));
-        return in;
-    }
-    static GeglNode* blur(GeglNode* graph, GeglNode* in, double sigma) {
-        return then(graph, in,
-                    gegl_node_new_child(graph, "operation", "gegl:gaussian-blur", "std-dev-x",
-                                        sigma, "std-dev-y", sigma, "abyss-policy", kAbyssClamp,
-                                        nullptr));
-    }
-    static GeglNode* rotate(GeglNode* graph, GeglNode* in, const Picture& frame) {
-        // Two transform operations in a row are resampled once, by their
-        // product. GEGL turns positive degrees counter-clockwise.
-        const double cx = double(frame.width) / 2, cy = double(frame.height) / 2;
-        GeglNode* scaled = then(graph, in,
-                                gegl_node_new_child(graph, "operation", "gegl:scale-ratio", "x",
-                                                    kRotateScale, "y", kRotateScale, "origin-x", cx,
-                                                    "origin-y", cy, "sampler", kSamplerCubic,
-                                                    nullptr));
-        return then(graph, scaled,
-                    gegl_node_new_child(graph, "operation", "gegl:rotate", "degrees",
-                                        -kRotateDegrees, "origin-x", cx, "origin-y", cy,
-                                        "sampler", kSamplerCubic, nullptr));
-    }
-    static GeglNode* over(GeglNode* graph, GeglNode* a, GeglNode* b) {
-        GeglNode* node = gegl_node_new_child(graph, "operation", "gegl:over", nullptr);
-        gegl_node_connect_to(a, "output", node, "aux");
-        return then(graph, b, node);
-    }
 };
 
 }  // namespace
 
-std::unique_ptr<Runner> makeGeglRunner() { return std::make_unique<GeglRunner>(); }
+std::unique_ptr<Runner> makeGeglRunner() {
+    return std::make_unique<GeglRunner>();
+}
 
 }  // namespace compare

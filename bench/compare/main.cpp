@@ -29,9 +29,9 @@ constexpr double kMegapixels = kWidth * kHeight / 1e6;
 constexpr double kMiB = 1024.0 * 1024.0;
 
 struct Result {
-    double seconds = 0;      // median
-    double peakBytes = 0;    // above the resident memory before the run
-    Agreement agreement;     // with Tessera's pixels (all threads)
+    double seconds = 0;    // median
+    double peakBytes = 0;  // above the resident memory before the run
+    Agreement agreement;   // with Tessera's pixels (all threads)
 };
 
 struct Options {
@@ -105,8 +105,8 @@ std::string scientific(double value) {
 int main(int argc, char** argv) try {
     const Options options = parse(argc, argv);
     const int allThreads = int(std::max(1u, std::thread::hardware_concurrency()));
-    const std::vector<int> threadCounts = allThreads > 1 ? std::vector<int>{1, allThreads}
-                                                         : std::vector<int>{1};
+    const std::vector<int> threadCounts =
+        allThreads > 1 ? std::vector<int>{1, allThreads} : std::vector<int>{1};
 
     if (options.memoryBoundedOnly) {
         std::cout << describe(runMemoryBounded(allThreads));
@@ -200,8 +200,8 @@ int main(int argc, char** argv) try {
                << fixed(kMegapixels / t, 0) << " | "
                << fixed(100.0 * moved / t / bandwidth[threads], 0) << " |";
             for (size_t i = 1; i < row.size(); ++i)
-                md << " " << fixed(row[i].seconds * 1e3, 1) << " | "
-                   << fixed(row[i].seconds / t, 1) << " |";
+                md << " " << fixed(row[i].seconds * 1e3, 1) << " | " << fixed(row[i].seconds / t, 1)
+                   << " |";
             md << "\n";
         }
     }
@@ -217,7 +217,8 @@ int main(int argc, char** argv) try {
     md << "\n";
     for (Workload workload : kWorkloads) {
         md << "| " << workloadName(workload) << " |";
-        for (const Result& r : results[last][workload]) md << " " << fixed(r.peakBytes / kMiB, 0) << " |";
+        for (const Result& r : results[last][workload])
+            md << " " << fixed(r.peakBytes / kMiB, 0) << " |";
         md << "\n";
     }
 

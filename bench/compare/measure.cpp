@@ -31,8 +31,12 @@ double median(std::vector<double> values) {
     return n == 0 ? 0.0 : n % 2 ? values[n / 2] : 0.5 * (values[n / 2 - 1] + values[n / 2]);
 }
 
-int64_t residentBytes() { return statusKilobytes("VmRSS:") * 1024; }
-int64_t peakResidentBytes() { return statusKilobytes("VmHWM:") * 1024; }
+int64_t residentBytes() {
+    return statusKilobytes("VmRSS:") * 1024;
+}
+int64_t peakResidentBytes() {
+    return statusKilobytes("VmHWM:") * 1024;
+}
 
 void resetPeakResident() {
     // Writing 5 resets the peak resident set size of the process.

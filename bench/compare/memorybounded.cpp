@@ -49,10 +49,10 @@ MemoryBoundedReport runMemoryBounded(int threads) {
     const UTIL::Rect area(0, 0, report.size, report.size);
     PerChannelBlurParameters params;
     params.blur.sizeX = params.blur.sizeY = 40.0f;
-    const TaskPtr graph = createBlur(
-        "blur", 0, params,
-        createCheckerboardTask("checks", 0, Color4f(0.9f, 0.6f, 0.3f, 1), Color4f(0.1f, 0.2f, 0.3f, 1),
-                               64.0f, area));
+    const TaskPtr graph =
+        createBlur("blur", 0, params,
+                   createCheckerboardTask("checks", 0, Color4f(0.9f, 0.6f, 0.3f, 1),
+                                          Color4f(0.1f, 0.2f, 0.3f, 1), 64.0f, area));
     const RCX_ptr_v4::ref_ptr<CountingObserver> observer(new CountingObserver);
     const int64_t before = residentBytes();
     resetPeakResident();

@@ -24,17 +24,7 @@ public:
     }
     void run(Workload workload, const Inputs& inputs, Picture&) override {
         const ImageBuf a = wrap(inputs.a), b = wrap(inputs.b);
-        switch (workload) {
-        case Workload::ColourChain: m_result = grade(b, kColourChain.size()); break;
-        case Workload::Blur: m_result = blur(b, kBlurSigma); break;
-        case Workload::Rotate: m_result = rotate(b); break;
-        case Workload::Over: m_result = check(IBA::over(a, b, {}, m_threads)); break;
-        case Workload::Comp:
-            m_result = check(IBA::over(rotate(grade(a, kCompGradeSteps)),
-                                       blur(grade(b, kCompGradeSteps), kCompBlurSigma), {},
-                                       m_threads));
-            break;
-        }
+        m_result = compose(workload, *this, a, b);
     }
     void fetch(Picture& out) override {
         m_result.get_pixels(OIIO::ROI(0, int(out.width), 0, int(out.height), 0, 1, 0, 4),
@@ -43,9 +33,10 @@ public:
 
     void clear() override { m_result.reset(); }
 
-private:
+    // The workloads' steps (blur as two 1-D convolutions).
     static ImageBuf wrap(const Picture& picture) {
-        const OIIO::ImageSpec spec(int(picture.width), int(picture.height), 4, OIIO::TypeDesc::FLOAT);
+        const OIIO::ImageSpec spec(int(picture.width), int(picture.height), 4,
+                                   OIIO::TypeDesc::FLOAT);
         return ImageBuf(spec, const_cast<float*>(picture.pixels.data()));
     }
     static ImageBuf check(ImageBuf image) {
@@ -57,9 +48,15 @@ private:
         for (size_t i = 0; i < steps; ++i) {
             const float v = kColourChain[i].value;
             switch (kColourChain[i].step) {
-            case Step::Multiply: t = check(IBA::mul(t, {v, v, v, 1.0f}, {}, m_threads)); break;
-            case Step::Add: t = check(IBA::add(t, {v, v, v, 0.0f}, {}, m_threads)); break;
-            case Step::Power: t = check(IBA::pow(t, {v, v, v, 1.0f}, {}, m_threads)); break;
+                case Step::Multiply:
+                    t = check(IBA::mul(t, {v, v, v, 1.0f}, {}, m_threads));
+                    break;
+                case Step::Add:
+                    t = check(IBA::add(t, {v, v, v, 0.0f}, {}, m_threads));
+                    break;
+                case Step::Power:
+                    t = check(IBA::pow(t, {v, v, v, 1.0f}, {}, m_threads));
+                    break;
             }
         }
         return t;
@@ -71,21 +68,27 @@ private:
         return check(IBA::convolve(check(IBA::convolve(in, kx, true, {}, m_threads)), ky, true, {},
                                    m_threads));
     }
+    ImageBuf over(const ImageBuf& a, const ImageBuf& b) const {
+        return check(IBA::over(a, b, {}, m_threads));
+    }
     ImageBuf rotate(const ImageBuf& in) const {
         const OIIO::ROI& roi = in.roi();
         const std::array<double, 6> m = rotationMatrix(roi.width(), roi.height());
         const Imath::M33f matrix{float(m[0]), float(m[3]), 0, float(m[1]), float(m[4]), 0,
                                  float(m[2]), float(m[5]), 1};
-        return check(IBA::warp(in, matrix, "catmull-rom", 0.0f, false, ImageBuf::WrapBlack, roi,
-                               m_threads));
+        return check(
+            IBA::warp(in, matrix, "catmull-rom", 0.0f, false, ImageBuf::WrapBlack, roi, m_threads));
     }
 
+private:
     int m_threads = 1;
     ImageBuf m_result;
 };
 
 }  // namespace
 
-std::unique_ptr<Runner> makeOiioRunner() { return std::make_unique<OiioRunner>(); }
+std::unique_ptr<Runner> makeOiioRunner() {
+    return std::make_unique<OiioRunner>();
+}
 
 }  // namespace compare

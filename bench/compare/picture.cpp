@@ -21,7 +21,8 @@ void fillInput(Picture& picture, unsigned seed, bool withAlpha) {
     for (int64_t y = 0; y < picture.height; ++y) {
         float* row = picture.pixels.data() + y * picture.width * 4;
         for (int64_t x = 0; x < picture.width; ++x) {
-            const double u = double(x) / double(picture.width), v = double(y) / double(picture.height);
+            const double u = double(x) / double(picture.width),
+                         v = double(y) / double(picture.height);
             const double detail = 0.1 * std::sin(x * 0.37 + phase) * std::cos(y * 0.23 - phase);
             float alpha = 1.0f;
             if (withAlpha) {

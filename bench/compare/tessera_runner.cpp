@@ -30,44 +30,51 @@ private:
     Picture& m_out;
 };
 
-TaskPtr grade(TaskPtr t, size_t steps) {
-    const Imath::Matrix44<float> identity;
-    for (size_t i = 0; i < steps; ++i) {
-        const float v = kColourChain[i].value;
-        const std::string name = "step" + std::to_string(i);
-        switch (kColourChain[i].step) {
-        case Step::Multiply: t = createGainTask(name, 0, Color(v, v, v, 1), t); break;
-        case Step::Add:
-            t = createColorTransformTask(name, 0, identity, Color(v, v, v, 0), t);
-            break;
-        case Step::Power:
-            t = createExponentialTask(name, 0, Color(v, v, v, 1), Color(1, 1, 1, 1), t);
-            break;
+// The workloads' steps as Tessera tasks.
+struct Steps {
+    int64_t width, height;
+
+    TaskPtr grade(TaskPtr t, size_t steps) const {
+        const Imath::Matrix44<float> identity;
+        for (size_t i = 0; i < steps; ++i) {
+            const float v = kColourChain[i].value;
+            const std::string name = "step" + std::to_string(i);
+            switch (kColourChain[i].step) {
+                case Step::Multiply:
+                    t = createGainTask(name, 0, Color(v, v, v, 1), t);
+                    break;
+                case Step::Add:
+                    t = createColorTransformTask(name, 0, identity, Color(v, v, v, 0), t);
+                    break;
+                case Step::Power:
+                    t = createExponentialTask(name, 0, Color(v, v, v, 1), Color(1, 1, 1, 1), t);
+                    break;
+            }
         }
+        return t;
     }
-    return t;
-}
 
-TaskPtr blur(TaskPtr input, double sigma) {
-    PerChannelBlurParameters params;
-    params.blur.sizeX = params.blur.sizeY = float(4 * sigma);
-    params.blur.extendMethod = IMGLIB::EXTEND_CLAMP;
-    return createBlur("blur", 0, params, std::move(input));
-}
+    TaskPtr blur(TaskPtr input, double sigma) const {
+        PerChannelBlurParameters params;
+        params.blur.sizeX = params.blur.sizeY = float(4 * sigma);
+        params.blur.extendMethod = IMGLIB::EXTEND_CLAMP;
+        return createBlur("blur", 0, params, std::move(input));
+    }
 
-TaskPtr rotate(TaskPtr input, const Picture& frame) {
-    const std::array<double, 6> m = rotationMatrix(double(frame.width), double(frame.height));
-    // Row vectors: (x, y, 1) times the matrix.
-    const Imath::Matrix33<float> matrix{float(m[0]), float(m[3]), 0, float(m[1]), float(m[4]), 0,
-                                        float(m[2]), float(m[5]), 1};
-    HomTransformParams params;
-    params.useAffine = true;
-    return createHomTransformTask("rotate", 0, params, {matrix}, std::move(input));
-}
+    TaskPtr rotate(TaskPtr input) const {
+        const std::array<double, 6> m = rotationMatrix(double(width), double(height));
+        // Row vectors: (x, y, 1) times the matrix.
+        const Imath::Matrix33<float> matrix{
+            float(m[0]), float(m[3]), 0, float(m[1]), float(m[4]), 0, float(m[2]), float(m[5]), 1};
+        HomTransformParams params;
+        params.useAffine = true;
+        return createHomTransformTask("rotate", 0, params, {matrix}, std::move(input));
+    }
 
-TaskPtr over(TaskPtr a, TaskPtr b) {
-    return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f, a, b);
-}
+    TaskPtr over(TaskPtr a, TaskPtr b) const {
+        return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f, a, b);
+    }
+};
 
 class TesseraRunner : public Runner {
 public:
@@ -79,17 +86,8 @@ public:
         RenderManager::ClearRenderTaskCache();
         const TaskPtr a(new bench::MemorySource("a", inputs.a.image));
         const TaskPtr b(new bench::MemorySource("b", inputs.b.image));
-        TaskPtr graph;
-        switch (workload) {
-        case Workload::ColourChain: graph = grade(b, kColourChain.size()); break;
-        case Workload::Blur: graph = blur(b, kBlurSigma); break;
-        case Workload::Rotate: graph = rotate(b, inputs.b); break;
-        case Workload::Over: graph = over(a, b); break;
-        case Workload::Comp:
-            graph = over(rotate(grade(a, kCompGradeSteps), inputs.a),
-                         blur(grade(b, kCompGradeSteps), kCompBlurSigma));
-            break;
-        }
+        Steps steps{out.width, out.height};
+        const TaskPtr graph = compose(workload, steps, a, b);
         const RenderObserverPtr observer(new CopyObserver(out));
         RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, out.width, out.height),
                                                  IMGLIB::CHANNELS_RGBA)},
@@ -99,6 +97,8 @@ public:
 
 }  // namespace
 
-std::unique_ptr<Runner> makeTesseraRunner() { return std::make_unique<TesseraRunner>(); }
+std::unique_ptr<Runner> makeTesseraRunner() {
+    return std::make_unique<TesseraRunner>();
+}
 
 }  // namespace compare

@@ -33,8 +33,9 @@ private:
 
 VipsImage* wrap(Images& images, const Picture& picture) {
     VipsImage* image = images.make([&](VipsImage** out) {
-        *out = vips_image_new_from_memory(picture.pixels.data(), picture.bytes(), int(picture.width),
-                                          int(picture.height), 4, VIPS_FORMAT_FLOAT);
+        *out =
+            vips_image_new_from_memory(picture.pixels.data(), picture.bytes(), int(picture.width),
+                                       int(picture.height), 4, VIPS_FORMAT_FLOAT);
         return 0;
     });
     // Linear light, no colour conversion on the way.
@@ -42,65 +43,72 @@ VipsImage* wrap(Images& images, const Picture& picture) {
     return image;
 }
 
-VipsImage* grade(Images& images, VipsImage* in, size_t steps) {
-    for (size_t i = 0; i < steps; ++i) {
-        const double v = kColourChain[i].value;
-        const bool add = kColourChain[i].step == Step::Add;
-        double scale[4] = {add ? 1 : v, add ? 1 : v, add ? 1 : v, 1};
-        double offset[4] = {add ? v : 0, add ? v : 0, add ? v : 0, 0};
-        if (kColourChain[i].step == Step::Power)
-            in = images.make([&](VipsImage** out) {
-                return vips_math2_const(in, out, VIPS_OPERATION_MATH2_POW, scale, 4, nullptr);
-            });
-        else
-            in = images.make(
-                [&](VipsImage** out) { return vips_linear(in, out, scale, offset, 4, nullptr); });
+// The workloads' steps as libvips operations, their images kept in `images`.
+struct Steps {
+    Images& images;
+    int64_t width, height;
+
+    VipsImage* grade(VipsImage* in, size_t steps) {
+        for (size_t i = 0; i < steps; ++i) {
+            const double v = kColourChain[i].value;
+            const bool add = kColourChain[i].step == Step::Add;
+            double scale[4] = {add ? 1 : v, add ? 1 : v, add ? 1 : v, 1};
+            double offset[4] = {add ? v : 0, add ? v : 0, add ? v : 0, 0};
+            if (kColourChain[i].step == Step::Power)
+                in = images.make([&](VipsImage** out) {
+                    return vips_math2_const(in, out, VIPS_OPERATION_MATH2_POW, scale, 4, nullptr);
+                });
+            else
+                in = images.make([&](VipsImage** out) {
+                    return vips_linear(in, out, scale, offset, 4, nullptr);
+                });
+        }
+        return in;
     }
-    return in;
-}
 
-VipsImage* blur(Images& images, VipsImage* in, double sigma) {
-    // min_ampl e^-2: the kernel reaches 2 sigma either side, as the others'.
-    return images.make([&](VipsImage** out) {
-        return vips_gaussblur(in, out, sigma, "min_ampl", 0.1353, "precision", VIPS_PRECISION_FLOAT,
-                              nullptr);
-    });
-}
+    VipsImage* blur(VipsImage* in, double sigma) {
+        // min_ampl e^-2: the kernel reaches 2 sigma either side, as the others'.
+        return images.make([&](VipsImage** out) {
+            return vips_gaussblur(in, out, sigma, "min_ampl", 0.1353, "precision",
+                                  VIPS_PRECISION_FLOAT, nullptr);
+        });
+    }
 
-VipsImage* rotate(Images& images, VipsImage* in, const Picture& frame) {
-    const std::array<double, 6> m = rotationMatrix(double(frame.width), double(frame.height));
-    VipsInterpolate* bicubic = vips_interpolate_new("bicubic");
-    VipsArrayInt* area = vips_array_int_newv(4, 0, 0, int(frame.width), int(frame.height));
-    // libvips maps pixel corners; a half-pixel shift either side makes it
-    // map centres like the others.
-    VipsImage* result = images.make([&](VipsImage** out) {
-        return vips_affine(in, out, m[0], m[1], m[3], m[4], "interpolate", bicubic, "oarea", area,
-                           "odx", m[2] + 0.5 * (m[0] + m[1]) - 0.5, "ody",
-                           m[5] + 0.5 * (m[3] + m[4]) - 0.5, nullptr);
-    });
-    vips_area_unref(VIPS_AREA(area));
-    g_object_unref(bicubic);
-    return result;
-}
+    VipsImage* rotate(VipsImage* in) {
+        const std::array<double, 6> m = rotationMatrix(double(width), double(height));
+        VipsInterpolate* bicubic = vips_interpolate_new("bicubic");
+        VipsArrayInt* area = vips_array_int_newv(4, 0, 0, int(width), int(height));
+        // libvips maps pixel corners; a half-pixel shift either side makes it
+        // map centres like the others.
+        VipsImage* result = images.make([&](VipsImage** out) {
+            return vips_affine(in, out, m[0], m[1], m[3], m[4], "interpolate", bicubic, "oarea",
+                               area, "odx", m[2] + 0.5 * (m[0] + m[1]) - 0.5, "ody",
+                               m[5] + 0.5 * (m[3] + m[4]) - 0.5, nullptr);
+        });
+        vips_area_unref(VIPS_AREA(area));
+        g_object_unref(bicubic);
+        return result;
+    }
 
-// Alpha times k, colour as it is.
-VipsImage* scaleAlpha(Images& images, VipsImage* in, double k) {
-    double scale[4] = {1, 1, 1, k}, offset[4] = {0, 0, 0, 0};
-    return images.make(
-        [&](VipsImage** out) { return vips_linear(in, out, scale, offset, 4, nullptr); });
-}
+    // Alpha times k, colour as it is.
+    VipsImage* scaleAlpha(VipsImage* in, double k) {
+        double scale[4] = {1, 1, 1, k}, offset[4] = {0, 0, 0, 0};
+        return images.make(
+            [&](VipsImage** out) { return vips_linear(in, out, scale, offset, 4, nullptr); });
+    }
 
-VipsImage* over(Images& images, VipsImage* a, VipsImage* b) {
-    // libvips before 8.15 takes the alpha of scRGB images as 0 to 255: the
-    // alphas are scaled to that range around the composite.
-    VipsImage* a255 = scaleAlpha(images, a, 255.0);
-    VipsImage* b255 = scaleAlpha(images, b, 255.0);
-    VipsImage* result = images.make([&](VipsImage** out) {
-        return vips_composite2(b255, a255, out, VIPS_BLEND_MODE_OVER, "premultiplied", TRUE,
-                               "compositing_space", VIPS_INTERPRETATION_scRGB, nullptr);
-    });
-    return scaleAlpha(images, result, 1.0 / 255.0);
-}
+    VipsImage* over(VipsImage* a, VipsImage* b) {
+        // libvips before 8.15 takes the alpha of scRGB images as 0 to 255: the
+        // alphas are scaled to that range around the composite.
+        VipsImage* a255 = scaleAlpha(a, 255.0);
+        VipsImage* b255 = scaleAlpha(b, 255.0);
+        VipsImage* result = images.make([&](VipsImage** out) {
+            return vips_composite2(b255, a255, out, VIPS_BLEND_MODE_OVER, "premultiplied", TRUE,
+                                   "compositing_space", VIPS_INTERPRETATION_scRGB, nullptr);
+        });
+        return scaleAlpha(result, 1.0 / 255.0);
+    }
+};
 
 class VipsRunner : public Runner {
 public:
@@ -114,24 +122,15 @@ public:
         Images images;
         VipsImage* a = wrap(images, inputs.a);
         VipsImage* b = wrap(images, inputs.b);
-        VipsImage* result = nullptr;
-        switch (workload) {
-        case Workload::ColourChain: result = grade(images, b, kColourChain.size()); break;
-        case Workload::Blur: result = blur(images, b, kBlurSigma); break;
-        case Workload::Rotate: result = rotate(images, b, inputs.b); break;
-        case Workload::Over: result = over(images, a, b); break;
-        case Workload::Comp:
-            result = over(images, rotate(images, grade(images, a, kCompGradeSteps), inputs.a),
-                          blur(images, grade(images, b, kCompGradeSteps), kCompBlurSigma));
-            break;
-        }
+        Steps steps{images, out.width, out.height};
+        VipsImage* result = compose(workload, steps, a, b);
         clear();
         m_result = vips_image_write_to_memory(result, &m_size);
         if (!m_result || m_size != out.bytes())
-            throw std::runtime_error("libvips: " + std::to_string(m_size) + " bytes, " +
-                                     std::to_string(vips_image_get_bands(result)) + " bands, format " +
-                                     std::to_string(vips_image_get_format(result)) + ": " +
-                                     vips_error_buffer());
+            throw std::runtime_error(
+                "libvips: " + std::to_string(m_size) + " bytes, " +
+                std::to_string(vips_image_get_bands(result)) + " bands, format " +
+                std::to_string(vips_image_get_format(result)) + ": " + vips_error_buffer());
     }
     void fetch(Picture& out) override { std::memcpy(out.pixels.data(), m_result, m_size); }
     void clear() override {
@@ -147,6 +146,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Runner> makeVipsRunner() { return std::make_unique<VipsRunner>(); }
+std::unique_ptr<Runner> makeVipsRunner() {
+    return std::make_unique<VipsRunner>();
+}
 
 }  // namespace compare

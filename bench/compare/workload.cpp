@@ -6,11 +6,16 @@ namespace compare {
 
 const char* workloadName(Workload workload) {
     switch (workload) {
-    case Workload::ColourChain: return "ten colour corrections";
-    case Workload::Blur: return "gaussian blur, sigma 10";
-    case Workload::Rotate: return "rotate 17 deg, scale 0.9, bicubic";
-    case Workload::Over: return "A over B";
-    case Workload::Comp: return "full comp";
+        case Workload::ColourChain:
+            return "ten colour corrections";
+        case Workload::Blur:
+            return "gaussian blur, sigma 10";
+        case Workload::Rotate:
+            return "rotate 17 deg, scale 0.9, bicubic";
+        case Workload::Over:
+            return "A over B";
+        case Workload::Comp:
+            return "full comp";
     }
     return "";
 }

@@ -47,11 +47,31 @@ constexpr double kRotateDegrees = 17.0, kRotateScale = 0.9;
 // x' = m[0] x + m[1] y + m[2], y' = m[3] x + m[4] y + m[5] (pixel centres at +0.5).
 std::array<double, 6> rotationMatrix(double width, double height);
 
-// The full comp: rotate(grade(a)) over blur(grade(b)).
+// The inputs; the full comp is rotate(grade(a)) over blur(grade(b)).
 struct Inputs {
     const Picture& a;  // the foreground (soft alpha)
     const Picture& b;  // the background (opaque)
 };
+
+// A workload built from one library's steps: `steps` has grade(image,
+// count), blur(image, sigma), rotate(image) and over(a, b).
+template <class Steps, class Image>
+Image compose(Workload workload, Steps& steps, Image a, Image b) {
+    switch (workload) {
+        case Workload::ColourChain:
+            return steps.grade(b, kColourChain.size());
+        case Workload::Blur:
+            return steps.blur(b, kBlurSigma);
+        case Workload::Rotate:
+            return steps.rotate(b);
+        case Workload::Over:
+            return steps.over(a, b);
+        case Workload::Comp:
+            break;
+    }
+    return steps.over(steps.rotate(steps.grade(a, kCompGradeSteps)),
+                      steps.blur(steps.grade(b, kCompGradeSteps), kCompBlurSigma));
+}
 
 class Runner {
 public:

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include <Imath/ImathColor.h>
+
 #include "exceptions.h"
 #include "imglib/error.h"
 #include "imglib/image.h"
@@ -19,10 +21,11 @@ inline void checkImglib(int status, const std::string& taskName) {
         throw ImageLibRenderingException(taskName, IMGLIB::GetErrorMessage(), status);
 }
 
-// Fills the pixels of `image` outside `keep` with `rgba`, leaving the rest
-// for whatever is written there next (each pixel is written once).
-inline void fillOutside(const IMGLIB::Image* image, const UTIL::Region& keep, const float rgba[4],
-                        const std::string& taskName) {
+// Fills the pixels of `image` outside `keep` with `colour`, leaving the
+// rest for whatever is written there next (each pixel is written once).
+inline void fillOutside(const IMGLIB::Image* image, const UTIL::Region& keep,
+                        const Imath::Color4<float>& colour, const std::string& taskName) {
+    const float rgba[4] = {colour.r, colour.g, colour.b, colour.a};
     const UTIL::Rect bounds(image->x1, image->y1, image->x2, image->y2);
     const UTIL::Region outside = UTIL::Region(bounds).subtracted(keep);
     for (const UTIL::Rect& r : outside.rects()) {

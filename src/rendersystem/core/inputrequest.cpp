@@ -47,9 +47,7 @@ ImageBuffer InputRequest::assemble(const UTIL::Rect& rect,
         ImageBuffer_LockScoper lock(image);
         const IMGLIB::Image* out = image.getImage();
         const std::string& name = m_input->m_nameAtTime;
-        const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
-                               m_backgroundColor.a};
-        fillOutside(out, dataRegion(), rgba, name);
+        fillOutside(out, dataRegion(), m_backgroundColor, name);
         for (const ImageBuffer& tile : tileImages) {
             if (!tile.getBounds().intersects(rect)) continue;
             ImageBuffer source = tile;

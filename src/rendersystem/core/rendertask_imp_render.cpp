@@ -344,9 +344,7 @@ bool RenderTask::Imp::renderTile(Tile& tile, const IMGLIB::Image* output) {
         }
         // An output tile beyond the data still reaches the host: the part
         // outside the data is the background colour.
-        const float rgba[4] = {m_backgroundColor.r, m_backgroundColor.g, m_backgroundColor.b,
-                               m_backgroundColor.a};
-        Private::fillOutside(output, area, rgba, m_nameAtTime);
+        Private::fillOutside(output, area, m_backgroundColor, m_nameAtTime);
         for (const UTIL::Rect& r : area.rects()) {
             IMGLIB::Image sub;
             Private::checkImglib(IMGLIB::GetSubImage(output, r.xmin, r.ymin, r.xmax, r.ymax, &sub),
