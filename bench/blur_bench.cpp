@@ -31,9 +31,10 @@ void BM_GaussianTilePass(benchmark::State& state) {
         IMGLIB::Image im;
         im.channels = IMGLIB::CHANNELS_RGBA;
         im.x2 = width, im.y2 = height;
-        im.rowBytes = width * 16 + ((width * 16) % 4096 == 0 ? 64 : 0);
-        pixels.assign(static_cast<size_t>(im.rowBytes / 4 * height), 0.5f);
-        im.pixelPtr = pixels.data();
+        im.rowBytes = IMGLIB::GetPaddedRowBytes(width, 16, height);
+        pixels.assign(static_cast<size_t>(im.rowBytes / 4 * height) + IMGLIB::kPixelAlignment,
+                      0.5f);
+        im.pixelPtr = IMGLIB::AlignPixels(pixels.data());
         return im;
     };
     std::vector<float> inPixels, outPixels;

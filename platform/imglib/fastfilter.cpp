@@ -90,13 +90,13 @@ int FastFilter(const Image* out, const Image* in, FilterType filterX, float size
         static_cast<size_t>(GetPaddedRowBytes(out->width(), pixelBytes, rows) / 4);
     // Each thread keeps its rows for the next tile (a fresh allocation
     // would fault its pages in every time), unless they are unusually many.
-    const size_t floats = stride * static_cast<size_t>(rows);
+    const size_t floats = stride * static_cast<size_t>(rows) + kPixelAlignment / sizeof(float);
     constexpr size_t kKeptFloats = size_t(4) << 20;
     thread_local std::vector<float> kept;
     std::vector<float> local;
     std::vector<float>& rowsBuffer = floats <= kKeptFloats ? kept : local;
     if (rowsBuffer.size() < floats) rowsBuffer.resize(floats);
-    float* const temp = rowsBuffer.data();
+    float* const temp = AlignPixels(rowsBuffer.data());
     constexpr int64_t kBand = 64;
     int64_t filtered = 0;  // intermediate rows done, from out->y1 - padY
     for (int64_t y = out->y1; y < out->y2; y += kBand) {

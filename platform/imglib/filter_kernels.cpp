@@ -26,6 +26,18 @@ bool symmetric(const float* w, int64_t pad) {
     return true;
 }
 
+// A loaded vector the kernels keep for a later step: held in a register, so
+// that the compiler does not fold the load into the add that uses it and
+// then load the same vector again for the next step, which doubles the
+// loads of kernels that are bound by them.
+template <class V>
+HWY_INLINE V loaded(V v) {
+#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR
+    asm("" : "+v"(v.raw));
+#endif
+    return v;
+}
+
 // Taps of `Blocks` neighbouring output vectors at once: each has one sum,
 // built in the same order (centre, then taps outwards), so a pixel gets the
 // same value in a block, alone, or in a one-lane remainder, and a tile
@@ -96,8 +108,9 @@ HWY_INLINE void convolvePairs(D d, float* dst, const float* s, ptrdiff_t step, c
 #pragma GCC unroll 2
             for (size_t p = 0; p < kPairs; ++p) {
                 const float* x = s + 2 * p * N;
-                const V l = hn::LoadU(d, x - k * step);                              // X_-k
-                const V r = hn::LoadU(d, x + (static_cast<int64_t>(M) + k) * step);  // X_(M+k)
+                const V l = loaded(hn::LoadU(d, x - k * step));  // X_-k
+                const V r =
+                    loaded(hn::LoadU(d, x + (static_cast<int64_t>(M) + k) * step));  // X_(M+k)
                 accA[p] = hn::MulAdd(wk, hn::Add(right[p][j], l), accA[p]);          // X_k + X_-k
                 accB[p] = hn::MulAdd(wk, hn::Add(r, left[p][j]), accB[p]);  // X_(M+k) + X_(M-k)
                 left[p][j] = l;

@@ -1,6 +1,7 @@
 // IMGLIB basic pixel access and whole-image operators.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "imglib/image.h"
@@ -17,6 +18,17 @@ TESSERA_API int SetPixel(const Image* image, int64_t x, int64_t y, const float r
 inline float* GetPixelAddress(const Image* image, int64_t x, int64_t y, int64_t pixelBytes) {
     return reinterpret_cast<float*>(reinterpret_cast<unsigned char*>(image->row(y)) +
                                     (x - image->x1) * pixelBytes);
+}
+
+// Pixel memory starts on a cache line, so that whole-vector loads from the
+// start of a row never straddle two lines.
+constexpr size_t kPixelAlignment = 64;
+
+// A pointer into `buffer` (which has kPixelAlignment bytes to spare) that
+// starts on a cache line.
+inline float* AlignPixels(float* buffer) {
+    const uintptr_t address = reinterpret_cast<uintptr_t>(buffer);
+    return reinterpret_cast<float*>((address + kPixelAlignment - 1) & ~(kPixelAlignment - 1));
 }
 
 // The row stride, in bytes, for rows of `width` pixels: padded to 16 bytes,

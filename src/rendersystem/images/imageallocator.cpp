@@ -28,8 +28,7 @@ namespace {
 
 using Impl = ImageBuffer::Impl;
 
-// Pixel blocks are aligned for the widest vector loads.
-constexpr size_t kPixelAlignment = 64;
+using IMGLIB::kPixelAlignment;
 
 std::string defaultTempDirectory() {
     if (const char* dir = std::getenv("MARLIN_TMPDIR")) return dir;
