@@ -117,7 +117,10 @@ void ThreadPool::workerLoop() {
         lock.lock();
         if (limited) {
             --m_runningLimited;
-            m_wake.notify_one();  // a limited job may now start elsewhere
+            // This thread takes the next job itself; another is woken only
+            // when the next is an unlimited one and a limited one could start
+            // beside it (a wake-up that finds nothing costs a system call).
+            if (!m_unlimited.empty() && !m_limited.empty()) m_wake.notify_one();
         }
     }
 }
