@@ -2,9 +2,11 @@
 // source task serving it, and an observer that lets tiles go.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "imglib/pixels.h"
+#include "memoryimage.h"
 #include "support/serial_render.h"
 
 namespace TESSERA {
@@ -31,21 +33,14 @@ struct Frame {
     IMGLIB::Image image;
 };
 
-// Decoded pixels in memory as a graph source: a tile is a copy of its part.
-class MemorySource : public testing::ConstantTask {
-public:
-    MemorySource(const std::string& name, const IMGLIB::Image& image)
-        : ConstantTask(name, Imath::Color4<float>(0, 0, 0, 0),
-                       UTIL::Rect(image.x1, image.y1, image.x2, image.y2)),
-          image(image) {}
-    MemorySource(const std::string& name, const Frame& frame) : MemorySource(name, frame.image) {}
-    std::string getTypeString() override { return "MemorySource"; }
-    void computeCacheID(CacheIDStream& s) override { s << image.pixelPtr; }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        IMGLIB::CopyInto(out, &image);
-    }
-    const IMGLIB::Image image;
-};
+// Decoded pixels in memory as a graph source, read where they lie (the
+// frames live as long as the benchmark).
+inline TaskPtr memorySource(const std::string& name, const IMGLIB::Image& image) {
+    return createMemoryImageTask(name, 0, image, nullptr);
+}
+inline TaskPtr memorySource(const std::string& name, const Frame& frame) {
+    return memorySource(name, frame.image);
+}
 
 class NullObserver : public RenderObserver {
 public:

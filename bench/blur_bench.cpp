@@ -70,8 +70,7 @@ void BM_GaussianPipeline(benchmark::State& state) {
     RenderManager::ClearRenderTaskCache();
     PerChannelBlurParameters params;
     params.blur.sizeX = params.blur.sizeY = float(state.range(0));
-    const TaskPtr graph =
-        createBlur("blur", 0, params, TaskPtr(new bench::MemorySource("frame", frame)));
+    const TaskPtr graph = createBlur("blur", 0, params, bench::memorySource("frame", frame));
     const RenderObserverPtr observer(new bench::NullObserver);
     for (auto _ : state)
         RenderManager::Render(

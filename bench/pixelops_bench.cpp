@@ -22,7 +22,6 @@ namespace {
 using bench::Frame;
 using bench::kHeight;
 using bench::kWidth;
-using bench::MemorySource;
 using bench::NullObserver;
 constexpr double kMegapixels = kWidth * kHeight / 1e6;
 
@@ -125,8 +124,8 @@ void renderPipeline(benchmark::State& state, const std::function<TaskPtr()>& bui
 void BM_OverPipeline(benchmark::State& state) {
     renderPipeline(state, [] {
         return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f,
-                                   TaskPtr(new MemorySource("a", frameA())),
-                                   TaskPtr(new MemorySource("b", frameB())));
+                                   bench::memorySource("a", frameA()),
+                                   bench::memorySource("b", frameB()));
     });
 }
 BENCHMARK(BM_OverPipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -134,14 +133,14 @@ BENCHMARK(BM_OverPipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMill
 void BM_ColorMatrixPipeline(benchmark::State& state) {
     renderPipeline(state, [] {
         return createGainTask("gain", 0, Color(1.5f, 1.5f, 1.5f, 1),
-                              TaskPtr(new MemorySource("a", frameA())));
+                              bench::memorySource("a", frameA()));
     });
 }
 BENCHMARK(BM_ColorMatrixPipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_TenOpChainPipeline(benchmark::State& state) {
     renderPipeline(state, [] {
-        TaskPtr t(new MemorySource("a", frameA()));
+        TaskPtr t = bench::memorySource("a", frameA());
         const Color zero(0, 0, 0, 0), one(1, 1, 1, 1);
         Imath::Matrix44<float> identity;
         const float gains[4] = {1.1f, 0.95f, 1.02f, 1.01f}, adds[3] = {0.01f, -0.005f, 0.002f},

@@ -51,8 +51,8 @@ void BM_RotatePipeline(benchmark::State& state) {
     RenderManager::SetMaxImageMemory(4096);
     HomTransformParams params;
     params.useAffine = true;
-    const TaskPtr graph = createHomTransformTask(
-        "rotate", 0, params, {rotation()}, TaskPtr(new bench::MemorySource("frame", source())));
+    const TaskPtr graph = createHomTransformTask("rotate", 0, params, {rotation()},
+                                                 bench::memorySource("frame", source()));
     const RenderObserverPtr observer(new bench::NullObserver);
     for (auto _ : state)
         RenderManager::Render(

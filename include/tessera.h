@@ -16,6 +16,7 @@
 #include "imglib/error.h"
 #include "imglib/pixels.h"
 #include "inplacetask.h"
+#include "memoryimage.h"
 #include "outputtileprioritizer.h"
 #include "renderdescription.h"
 #include "rendermanager.h"

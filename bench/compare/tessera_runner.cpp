@@ -84,8 +84,8 @@ public:
         // Every run renders from the sources: no tile of an earlier run is kept.
         RenderManager::setSpeculativeCachingEnable(false);
         RenderManager::ClearRenderTaskCache();
-        const TaskPtr a(new bench::MemorySource("a", inputs.a.image));
-        const TaskPtr b(new bench::MemorySource("b", inputs.b.image));
+        const TaskPtr a = bench::memorySource("a", inputs.a.image);
+        const TaskPtr b = bench::memorySource("b", inputs.b.image);
         Steps steps{out.width, out.height};
         const TaskPtr graph = compose(workload, steps, a, b);
         const RenderObserverPtr observer(new CopyObserver(out));

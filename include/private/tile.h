@@ -69,6 +69,9 @@ public:
     // The smallest ordering value over the final tiles that need this tile.
     uint32_t getPriority(const std::vector<uint32_t>& finalTileOrdering) const;
     bool tryGetFromSpeculativeCache();
+    // A tile of a task whose pixels already lie in memory takes a view of
+    // them instead of being rendered; false when the task cannot give one.
+    bool tryViewPixels();
     ImageBuffer getImage() const;
     TileStage getStage() const;
     void setStage(TileStage stage);

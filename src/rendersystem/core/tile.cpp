@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "private/pixelview.h"
 #include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendertask_imp.h"
 #include "rendersystem/images/imageallocator.h"
@@ -132,6 +133,16 @@ bool Tile::tryGetFromSpeculativeCache() {
         !cached.getBounds().contains(m_rect))
         return false;
     m_image = cached;
+    return true;
+}
+
+bool Tile::tryViewPixels() {
+    const auto* pixels = dynamic_cast<const PixelView*>(&m_task->task());
+    if (!pixels) return false;
+    Lock lock(m_mutex);
+    ImageBuffer view = pixels->viewRect(m_rect, m_task->m_requiredOutputChannels);
+    if (view.isNull()) return false;
+    m_image = view;
     return true;
 }
 

@@ -27,7 +27,7 @@ void TileJob::run() {
     Tile& tile = *m_tile;
     RenderTask::Imp& task = *tile.getTask();
     double seconds = 0.0;
-    if (!tile.hasImage() && !tile.tryGetFromSpeculativeCache()) {
+    if (!tile.hasImage() && !tile.tryViewPixels() && !tile.tryGetFromSpeculativeCache()) {
         const auto start = std::chrono::steady_clock::now();
         UTIL_ASSERT(tile.getStage() == InRenderQueue);
         tile.setStage(Rendering);

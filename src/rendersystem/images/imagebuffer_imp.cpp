@@ -45,13 +45,24 @@ ImageBuffer::Impl::Impl(uint64_t imgChannels, const UTIL::Rect& bounds, std::str
     m_isEmptyImage = m_image.height() * m_image.rowBytes == 0;
 }
 
+ImageBuffer::Impl::Impl(const IMGLIB::Image& view, std::shared_ptr<const void> owner,
+                        std::string comment)
+    : m_image(view),
+      m_comment(std::move(comment)),
+      m_allocator(nullptr),
+      m_viewOwner(std::move(owner)) {}
+
 void ImageBuffer::Impl::releaseRef() noexcept {
-    if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) m_allocator->release(this);
+    if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    if (isView())
+        delete this;  // the owner's pixels stay where they are
+    else
+        m_allocator->release(this);
 }
 
 void ImageBuffer::Impl::lock() {
     std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_isEmptyImage) return;
+    if (m_isEmptyImage || isView()) return;
     if (++m_lockCount != 1) return;
     try {
         m_allocator->onFirstLock(this);
@@ -63,7 +74,7 @@ void ImageBuffer::Impl::lock() {
 
 void ImageBuffer::Impl::unlock() {
     std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_isEmptyImage) return;
+    if (m_isEmptyImage || isView()) return;
     if (m_lockCount <= 0) IMAGE_ASSERT(m_lockCount > 0);
     if (--m_lockCount == 0) m_allocator->onLastUnlock(this);
     // The bookkeeping is done first so the image stays consistent.
@@ -72,7 +83,7 @@ void ImageBuffer::Impl::unlock() {
 
 const IMGLIB::Image* ImageBuffer::Impl::getImage() {
     std::lock_guard<std::mutex> guard(m_mutex);
-    IMAGE_ASSERT(m_lockCount > 0 || m_isEmptyImage);
+    if (!isView()) IMAGE_ASSERT(m_lockCount > 0 || m_isEmptyImage);
     return &m_image;
 }
 

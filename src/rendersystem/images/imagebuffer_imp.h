@@ -3,10 +3,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "imagebuffer.h"
+#include "imglib/image.h"
 #include "rendersystem/images/cachedata.h"
 
 namespace TESSERA {
@@ -21,6 +24,9 @@ class ImageBuffer::Impl {
 public:
     Impl(uint64_t channels, const UTIL::Rect& bounds, std::string comment,
          Private::ImageAllocator* allocator);
+    // A view of pixels that `owner` (if any) keeps alive: always in memory,
+    // never locked, counted, cached or swapped by the allocator.
+    Impl(const IMGLIB::Image& view, std::shared_ptr<const void> owner, std::string comment);
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
@@ -38,6 +44,7 @@ public:
 
     int64_t size() const { return m_image.height() * m_image.rowBytes; }
     bool isInRam() const { return m_image.pixelPtr != nullptr; }
+    bool isView() const { return m_allocator == nullptr; }
     bool isFileIn() const { return m_comment.find("FILEIN.") != std::string::npos; }
     Private::CacheDataPtr getCacheData() const { return m_cacheData; }
 
@@ -49,6 +56,7 @@ public:
     std::mutex m_mutex;
     bool m_isEmptyImage = false;
     Private::CacheDataPtr m_cacheData;
+    std::shared_ptr<const void> m_viewOwner;  // a view's; const after construction
 
 private:
     std::atomic<uint32_t> m_refCount{0};
@@ -61,6 +69,10 @@ struct ImageBufferAccess {
     static ImageBuffer::Impl* impl(const ImageBuffer& b) { return b.m_impl.get(); }
     static ImageBuffer wrap(ImageBuffer::Impl* impl) {
         return ImageBuffer(RCX_ptr_v4::ref_ptr<ImageBuffer::Impl>(impl));
+    }
+    static ImageBuffer view(const IMGLIB::Image& pixels, std::shared_ptr<const void> owner,
+                            std::string comment) {
+        return wrap(new ImageBuffer::Impl(pixels, std::move(owner), std::move(comment)));
     }
 };
 
