@@ -32,7 +32,7 @@ void BM_GaussianTilePass(benchmark::State& state) {
         im.channels = IMGLIB::CHANNELS_RGBA;
         im.x2 = width, im.y2 = height;
         im.rowBytes = IMGLIB::GetPaddedRowBytes(width, 16, height);
-        pixels.assign(static_cast<size_t>(im.rowBytes / 4 * height) + IMGLIB::kPixelAlignment,
+        pixels.assign(static_cast<size_t>(im.rowBytes / 4 * height) + IMGLIB::kPixelAlignment / 4,
                       0.5f);
         im.pixelPtr = IMGLIB::AlignPixels(pixels.data());
         return im;

@@ -32,7 +32,7 @@ bool symmetric(const float* w, int64_t pad) {
 // loads of kernels that are bound by them.
 template <class V>
 HWY_INLINE V loaded(V v) {
-#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR
+#if HWY_ARCH_X86 && HWY_TARGET != HWY_SCALAR && HWY_TARGET != HWY_EMU128
     asm("" : "+v"(v.raw));
 #endif
     return v;
