@@ -7,7 +7,8 @@
 
 #include "imglib/pixels.h"
 #include "memoryimage.h"
-#include "support/serial_render.h"
+#include "rendermanager.h"
+#include "renderobserver.h"
 
 namespace TESSERA {
 namespace bench {

@@ -21,12 +21,12 @@ public:
                     std::shared_ptr<const void> owner)
         : RenderTask(name, time),
           m_pixels(pixels),
+          m_bounds(pixels.x1, pixels.y1, pixels.x2, pixels.y2),
           m_owner(std::move(owner)),
           m_serial(++s_memoryImages) {}
 
     ImageBuffer viewRect(const UTIL::Rect& rect, uint64_t channels) const override {
-        const UTIL::Rect bounds(m_pixels.x1, m_pixels.y1, m_pixels.x2, m_pixels.y2);
-        if (channels != m_pixels.channels || !bounds.contains(rect) || rect.isNull())
+        if (channels != m_pixels.channels || !m_bounds.contains(rect) || rect.isNull())
             return ImageBuffer();
         IMGLIB::Image view;
         Private::checkImglib(
@@ -43,9 +43,7 @@ protected:
         s << m_serial;
     }
     uint64_t computeOutputChannels() override { return m_pixels.channels; }
-    UTIL::Region computeOutputDataRegion() override {
-        return UTIL::Region(UTIL::Rect(m_pixels.x1, m_pixels.y1, m_pixels.x2, m_pixels.y2));
-    }
+    UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_bounds); }
     void makeInputFormatRequests() override {}
     void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
@@ -54,6 +52,7 @@ protected:
 
 private:
     const IMGLIB::Image m_pixels;
+    const UTIL::Rect m_bounds;  // of m_pixels
     const std::shared_ptr<const void> m_owner;
     const uint64_t m_serial;
 };
