@@ -53,10 +53,9 @@ void BM_SetUpThousandTasks(benchmark::State& state) {
         tasks.push_back(
             TaskPtr(new GainTask("g" + std::to_string(i), {tasks[i - 1], tasks[i - 2]}, 0.5f)));
     for (auto _ : state) {
-        RenderPlan plan = RenderTask::Imp::setUpRender(
+        std::unique_ptr<RenderPlan> plan = RenderPlan::setUp(
             {RenderOutput{tasks.back(), UTIL::Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGBA, 0}});
-        benchmark::DoNotOptimize(plan.tileCount);
-        RenderTask::Imp::endRender(plan);
+        benchmark::DoNotOptimize(plan->tileCount);
     }
     RenderManager::ClearRenderTaskCache();
 }

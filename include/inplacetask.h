@@ -75,8 +75,12 @@ protected:
                     const std::vector<const IMGLIB::Image*>& inputImages) override;
 
 private:
+    // The channels the chain needs of its input for those asked of it in
+    // this render; bufferChannels receives every mask that passes between
+    // the operators.
+    std::size_t requiredChannels(std::size_t* bufferChannels);
+
     std::vector<InPlaceOpPtr> m_ops;
-    std::size_t m_bufferChannels = 0;  // every mask that passes between the operators
 };
 
 }  // namespace TESSERA

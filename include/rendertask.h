@@ -24,6 +24,9 @@
 namespace TESSERA {
 
 class RenderTask;
+namespace Private {
+class RenderNode;
+}
 using TaskPtr = RCX_ptr_v4::ref_ptr<RenderTask>;
 
 // A task registers its inputs in its constructor and fills in the hooks;
@@ -67,7 +70,8 @@ public:
     // Writes "Not Implemented Yet " and an end of line.
     void outputCachingInfo(std::ostream& os) const;
 
-    // The tiles of the task's grid that cover an area.
+    // The tiles of the task's grid that cover an area (the grid of the
+    // render being set up on this thread, else the global tile size).
     size_t convertToTileIDs(const UTIL::Rect& rect, std::vector<TileID>& out) const;
     size_t convertToTileIDs(const UTIL::Region& region, std::vector<TileID>& out) const;
 
@@ -136,18 +140,13 @@ protected:
 
 private:
     friend class Imp;
+    friend class Private::RenderNode;
     void callRenderRect(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs);
-    // Forgets the full-frame render of the previous render.
-    void resetFullFrameState();
 
     std::unique_ptr<Imp> m_imp;
     bool m_renderFullFrame = false;
-    std::mutex m_fullFrameLock;  // serialises the one full-frame render and its copies
     bool m_renderLocalLocking = false;
     bool m_wrapInputImagesIfBackground = false;
-    std::vector<UTIL::Rect> m_requiredInputRects;
-    UTIL::Rect m_requiredOutputRect;
-    ImageBuffer m_outputBuffer;
 };
 
 }  // namespace TESSERA

@@ -18,6 +18,8 @@
 namespace TESSERA {
 namespace Private {
 
+class RenderNode;
+
 enum TileStage : int32_t {
     Created = 0,            // collecting dependents and inputs
     InputRequestsDone = 1,  // waiting for at least one input tile
@@ -40,11 +42,11 @@ using TilePtr = RCX_ptr_v4::ref_ptr<Tile>;
 // that ends early, so no cycle outlives a render.
 class Tile : public ThreadSafeRefBase {
 public:
-    Tile(const TileID& id, RenderTask::Imp* task);
+    Tile(const TileID& id, RenderNode* task);
     ~Tile() override;
 
     const TileID& getTileID() const { return m_tileID; }
-    RenderTask::Imp* getTask() const { return m_task; }
+    RenderNode* getTask() const { return m_task; }
     UTIL::Rect getRect() const;
     // "Tile x,y of NAME".
     std::string describe() const;
@@ -99,11 +101,11 @@ public:
 
 private:
     const TileID m_tileID;
-    RenderTask::Imp* const m_task;
+    RenderNode* const m_task;
     UTIL::Rect m_rect;
     ImageBuffer m_image;
-    uint16_t m_pendingInputs = 0;
-    uint16_t m_finishedInputs = 0;
+    uint64_t m_pendingInputs = 0;
+    uint64_t m_finishedInputs = 0;
     std::vector<std::vector<TilePtr>> m_inputTiles;  // per input slot
     std::vector<UTIL::Rect> m_inputRects;
     std::vector<TilePtr> m_dependents;

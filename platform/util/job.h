@@ -13,7 +13,7 @@ public:
     ~Job() override;
     virtual void run() = 0;
     // Smaller runs first.
-    virtual uint32_t getPriority() const { return 0; }
+    virtual uint64_t getPriority() const { return 0; }
 };
 
 using JobPtr = RcPtr<Job>;

@@ -1,47 +1,75 @@
 #include "util/threadpool.h"
 
 #include <iostream>
+#include <unordered_map>
+#include <vector>
 
 namespace Util {
+namespace {
 
-ThreadPool::ThreadPool(size_t threads, size_t jobLimit) : m_jobLimit(jobLimit) {
-    startThreads(threads);
+// The pool whose worker this thread is, and whether its job is a limited one.
+thread_local ThreadPool* t_pool = nullptr;
+thread_local bool t_limited = false;
+thread_local int t_blockingDepth = 0;
+
+}  // namespace
+
+ThreadPool::ThreadPool(size_t threads, size_t jobLimit) : m_target(threads), m_jobLimit(jobLimit) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (size_t i = 0; i < threads; ++i) startThread();
 }
 
 ThreadPool::~ThreadPool() {
-    stopThreads();
-}
-
-void ThreadPool::startThreads(size_t count) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_stopping = false;
-    for (size_t i = 0; i < count; ++i) m_threads.emplace_back([this] { workerLoop(); });
-}
-
-void ThreadPool::stopThreads() {
-    std::vector<std::thread> threads;
+    std::list<Worker> workers;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stopping = true;
-        threads.swap(m_threads);
+        workers.swap(m_workers);
     }
     m_wake.notify_all();
-    for (std::thread& t : threads) t.join();
+    for (Worker& w : workers)
+        if (w.thread.joinable() && w.thread.get_id() != std::this_thread::get_id()) w.thread.join();
+}
+
+void ThreadPool::startThread() {
+    m_workers.emplace_back();
+    Worker* worker = &m_workers.back();
+    ++m_live;
+    worker->thread = std::thread([this, worker] { workerLoop(worker); });
+}
+
+void ThreadPool::joinFinished(std::unique_lock<std::mutex>& lock) {
+    std::list<Worker> finished;
+    for (auto it = m_workers.begin(); it != m_workers.end();)
+        if (it->finished)
+            finished.splice(finished.end(), m_workers, it++);
+        else
+            ++it;
+    if (finished.empty()) return;
+    // A finished worker has left its loop: joining it waits for nothing but
+    // the thread's own exit, and never for this lock.
+    lock.unlock();
+    for (Worker& w : finished) w.thread.join();
+    lock.lock();
+}
+
+bool ThreadPool::surplus() const {
+    return m_live - m_blocked > m_target;
 }
 
 void ThreadPool::resize(size_t threads, size_t jobLimit) {
-    stopThreads();
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_jobLimit = jobLimit;
-    }
-    startThreads(threads);
-    m_wake.notify_all();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_target = threads;
+    m_jobLimit = jobLimit;
+    joinFinished(lock);
+    while (m_live - m_blocked < m_target) startThread();
+    lock.unlock();
+    m_wake.notify_all();  // surplus workers leave, the new limit may start more jobs
 }
 
 size_t ThreadPool::size() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_threads.size();
+    return m_target;
 }
 
 void ThreadPool::submit(const JobPtr& job, bool limited) {
@@ -50,7 +78,7 @@ void ThreadPool::submit(const JobPtr& job, bool limited) {
 
 void ThreadPool::submit(const std::vector<JobPtr>& jobs, bool limited) {
     if (jobs.empty()) return;
-    std::vector<uint32_t> priorities;  // asked outside the lock
+    std::vector<uint64_t> priorities;  // asked outside the lock
     for (const JobPtr& job : jobs) priorities.push_back(job->getPriority());
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -64,11 +92,24 @@ void ThreadPool::submit(const std::vector<JobPtr>& jobs, bool limited) {
 }
 
 void ThreadPool::reprioritize() {
+    std::vector<JobPtr> jobs;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (std::set<Entry>* queue : {&m_limited, &m_unlimited})
+            for (const Entry& e : *queue) jobs.push_back(e.job);
+    }
+    // Priorities are asked outside the lock (a job may take its render's
+    // lock to answer); jobs queued meanwhile keep theirs.
+    std::unordered_map<const Job*, uint64_t> priorities;
+    for (const JobPtr& job : jobs) priorities[job.get()] = job->getPriority();
     std::lock_guard<std::mutex> lock(m_mutex);
     for (std::set<Entry>* queue : {&m_limited, &m_unlimited}) {
         std::set<Entry> reordered;
-        for (const Entry& e : *queue)
-            reordered.insert(Entry{e.job->getPriority(), e.sequence, e.job});
+        for (const Entry& e : *queue) {
+            const auto found = priorities.find(e.job.get());
+            reordered.insert(
+                Entry{found == priorities.end() ? e.priority : found->second, e.sequence, e.job});
+        }
         queue->swap(reordered);
     }
 }
@@ -95,17 +136,21 @@ bool ThreadPool::takeJob(Entry& entry, bool& limited) {
     return false;
 }
 
-void ThreadPool::workerLoop() {
+void ThreadPool::workerLoop(Worker* self) {
+    t_pool = this;
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        if (m_stopping) return;
+        if (m_stopping || surplus()) break;
         Entry entry{};
         bool limited = false;
         if (!takeJob(entry, limited)) {
+            ++m_idle;
             m_wake.wait(lock);
+            --m_idle;
             continue;
         }
         lock.unlock();
+        t_limited = limited;
         try {
             entry.job->run();
         } catch (const std::exception& e) {
@@ -123,6 +168,35 @@ void ThreadPool::workerLoop() {
             if (!m_unlimited.empty() && !m_limited.empty()) m_wake.notify_one();
         }
     }
+    --m_live;
+    self->finished = true;
+    t_pool = nullptr;
+}
+
+void ThreadPool::beginBlocking() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_blocked;
+    if (t_limited) --m_runningLimited;
+    // Someone must run the jobs this one waits for.
+    if (m_idle == 0 && m_live - m_blocked < m_target && !m_stopping) startThread();
+    lock.unlock();
+    m_wake.notify_one();
+}
+
+void ThreadPool::endBlocking() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    --m_blocked;
+    if (t_limited) ++m_runningLimited;
+}
+
+// Nested scopes count once.
+ThreadPool::Blocking::Blocking() : m_pool(t_blockingDepth++ == 0 ? t_pool : nullptr) {
+    if (m_pool) m_pool->beginBlocking();
+}
+
+ThreadPool::Blocking::~Blocking() {
+    --t_blockingDepth;
+    if (m_pool) m_pool->endBlocking();
 }
 
 }  // namespace Util

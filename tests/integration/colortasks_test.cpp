@@ -123,14 +123,17 @@ TEST_F(ColorTasksTest, BackgroundColoursFollowTheOperators) {
 TEST_F(ColorTasksTest, ChannelRulesWidenTheRequests) {
     auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
     auto maxToAlpha = createMaxRGBToAlphaTask("max", 0, source);
-    renderSerially({RenderOutput{maxToAlpha, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_A, 0}}, observer);
-    EXPECT_EQ(source->imp().m_requiredOutputChannels, IMGLIB::CHANNELS_RGBA);
+    const RenderOutput alpha{maxToAlpha, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_A, 0};
+    EXPECT_EQ(RenderPlan::setUp({alpha})->findNode(source->imp())->requiredOutputChannels(),
+              IMGLIB::CHANNELS_RGBA);
+    renderSerially({alpha}, observer);
     EXPECT_NEAR(observer->pixel(0, 3, 2).a,
                 std::max({Source::at(3, 2).r, Source::at(3, 2).g, Source::at(3, 2).b}), 1e-6f);
     RenderManager::ClearRenderTaskCache();
     auto compress = createStandardCompressRangeTask("cr", 0, source);
-    renderSerially({RenderOutput{compress, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_R, 0}}, observer);
-    EXPECT_EQ(source->imp().m_requiredOutputChannels, IMGLIB::CHANNELS_RGB);
+    const RenderOutput red{compress, Rect(0, 0, 8, 8), IMGLIB::CHANNEL_R, 0};
+    EXPECT_EQ(RenderPlan::setUp({red})->findNode(source->imp())->requiredOutputChannels(),
+              IMGLIB::CHANNELS_RGB);
 }
 
 TEST_F(ColorTasksTest, MatrixFamilyAndOpenColorIO) {

@@ -318,29 +318,31 @@ TEST_F(RenderTest, FailuresEndTheRenderCleanlyAndReachTheCaller) {
     EXPECT_EQ(good->status, RenderStatus::Success);
 }
 
-TEST_F(RenderTest, OneRenderPerTypeAtATime) {
+TEST_F(RenderTest, OneRenderPerTypeAtATimeAndTheViewerFirst) {
     RenderManager::setGlobalTileSize(16, 16);
     RenderManager::setRenderThreads(1);
     auto slow = make<PatternTask>("slow", Rect(0, 0, 256, 256), 2000);
     auto other = make<PatternTask>("other", Rect(0, 0, 16, 16));
     auto observer = make<RecordingObserver>();
     RenderManager::Render({RenderDescription(slow, Rect(0, 0, 256, 256), IMGLIB::CHANNELS_RGBA)},
-                          observer, nullptr, false, RENDERTYPE_VIEWER);
-    EXPECT_TRUE(RenderManager::isRenderInProgress(RENDERTYPE_VIEWER));
+                          observer, nullptr, false, RENDERTYPE_BACKGROUND);
+    EXPECT_TRUE(RenderManager::isRenderInProgress(RENDERTYPE_BACKGROUND));
     try {
         RenderManager::Render({RenderDescription(other, Rect(0, 0, 16, 16), 15)}, observer, nullptr,
-                              true, RENDERTYPE_VIEWER);
+                              true, RENDERTYPE_BACKGROUND);
         FAIL();
     } catch (const UTIL::ErrorException& e) {
         EXPECT_STREQ(e.what(), "There is already a render in progress, cancel it first!");
     }
-    // Another type runs beside it, sharing the threads.
+    // A viewer render runs beside it, sharing the threads, ahead of the
+    // background tiles still queued.
     auto beside = make<RecordingObserver>();
     RenderManager::Render({RenderDescription(other, Rect(0, 0, 16, 16), 15)}, beside, nullptr, true,
-                          RENDERTYPE_BACKGROUND);
+                          RENDERTYPE_VIEWER);
     EXPECT_EQ(beside->status, RenderStatus::Success);
-    RenderManager::cancel(RENDERTYPE_VIEWER, true);
-    EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_VIEWER));
+    EXPECT_TRUE(RenderManager::isRenderInProgress(RENDERTYPE_BACKGROUND));
+    RenderManager::cancel(RENDERTYPE_BACKGROUND, true);
+    EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_BACKGROUND));
     EXPECT_EQ(observer->status, RenderStatus::Cancelled);
 }
 

@@ -34,23 +34,17 @@ Imath::Color4<float> CollectingObserver::pixel(size_t output, int64_t x, int64_t
 
 size_t renderSerially(const std::vector<RenderOutput>& outputs,
                       const RCX_ptr_v4::ref_ptr<CollectingObserver>& observer) {
-    RenderPlan plan = RenderTask::Imp::setUpRender(outputs);
+    std::unique_ptr<RenderPlan> plan = RenderPlan::setUp(outputs);
     Private::ReadyTiles ready;
-    std::vector<Private::TilePtr> queue = plan.readyTiles;
+    std::vector<Private::TilePtr> queue = plan->readyTiles;
     size_t jobs = 0;
-    try {
-        while (!queue.empty()) {
-            for (const Private::TilePtr& tile : queue) {
-                Private::TileJob(tile, observer, &ready, 0).run();
-                ++jobs;
-            }
-            queue = ready.take();
+    while (!queue.empty()) {
+        for (const Private::TilePtr& tile : queue) {
+            Private::TileJob(tile, observer, &ready, 0).run();
+            ++jobs;
         }
-    } catch (...) {
-        RenderTask::Imp::endRender(plan);
-        throw;
+        queue = ready.take();
     }
-    RenderTask::Imp::endRender(plan);
     return jobs;
 }
 

@@ -9,12 +9,15 @@
 #include <vector>
 
 #include "inplacetask.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/renderplan.h"
 #include "rendersystem/core/tilejob.h"
 #include "support/test_tasks.h"
 
 namespace TESSERA {
 namespace testing {
+
+using Private::RenderOutput;
+using Private::RenderPlan;
 
 // Keeps every output tile and can paste them into one image per output.
 class CollectingObserver : public RenderObserver {

@@ -4,12 +4,13 @@
 #include "imglib/extend.h"
 #include "imglib/pixels.h"
 #include "rendersystem/core/inputrequest.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/renderplan.h"
 #include "support/test_tasks.h"
 
 using namespace TESSERA;
 using namespace TESSERA::testing;
 using Color = Imath::Color4<float>;
+using Private::RenderPlan;
 using UTIL::Rect;
 
 namespace {
@@ -45,8 +46,11 @@ protected:
         source->background = kBackground;
         consumer = RCX_ptr_v4::ref_ptr<GainTask>(new GainTask("use", {source}, 1.0f));
         consumer->getCacheID();
+        plan = std::make_unique<RenderPlan>();
+        Private::RenderNode& node = plan->nodeFor(consumer);
+        Private::RenderNode::Scope setUp(node);
         consumer->addInputRequest(0, IMGLIB::CHANNELS_RGBA, method, overscan, display);
-        return *consumer->imp().getInputRequest(0);
+        return *node.getInputRequest(0);
     }
 
     // Every pixel of the built image against expected(x, y).
@@ -62,6 +66,7 @@ protected:
     }
 
     RCX_ptr_v4::ref_ptr<GainTask> consumer;
+    std::unique_ptr<RenderPlan> plan;
 };
 
 }  // namespace

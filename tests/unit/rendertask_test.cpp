@@ -7,7 +7,7 @@
 #include <regex>
 
 #include "rendersystem/core/inputrequest.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/renderplan.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 #include "support/test_tasks.h"
@@ -148,6 +148,12 @@ TEST_F(RenderTaskTest, InputRequestsAndTheirMisuse) {
         new ConstantTask("rgb", Color(1, 1, 1, 1), UTIL::Rect(0, 0, 8, 8), IMGLIB::CHANNELS_RGB));
     auto g = gain("g", {rgb, constant("c", 1)}, 1.0f);
     g->getCacheID();
+    // Requests belong to a render: outside one they are refused.
+    EXPECT_EQ(assertionText([&] { g->addInputRequest(0, IMGLIB::CHANNEL_R); }),
+              "a render of g@0 runs its hooks on this thread @ rendersystem/core/rendertask");
+    RenderPlan plan;
+    Private::RenderNode& node = plan.nodeFor(g);
+    Private::RenderNode::Scope setUp(node);
     EXPECT_EQ(assertionText([&] { g->getRequiredInputChannels(0); }),
               "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput)) @ "
               "rendersystem/core/rendertask_imp");
@@ -159,7 +165,7 @@ TEST_F(RenderTaskTest, InputRequestsAndTheirMisuse) {
     // the union of the requests, limited to what it defines.
     g->addInputRequest(0, IMGLIB::CHANNELS_RGBA | (uint64_t(1) << 40));
     EXPECT_EQ(g->getRequiredInputChannels(0), IMGLIB::CHANNELS_RGBA);
-    EXPECT_EQ(rgb->getRequiredOutputChannels(), IMGLIB::CHANNELS_RGB);
+    EXPECT_EQ(plan.findNode(rgb->imp())->requiredOutputChannels(), IMGLIB::CHANNELS_RGB);
 
     ::testing::internal::CaptureStderr();
     const std::string twice = assertionText([&] { g->addInputRequest(0, IMGLIB::CHANNEL_R); });
@@ -178,7 +184,7 @@ TEST_F(RenderTaskTest, InputRequestsAndTheirMisuse) {
     // An unknown method needs a rectangle too, and makes a plain colour request.
     g->addInputRequest(1, IMGLIB::CHANNEL_A, static_cast<IMGLIB::ExtendMethod>(7), true,
                        UTIL::Rect(0, 0, 4, 4));
-    EXPECT_EQ(g->imp().getInputRequest(1)->getMethod(), IMGLIB::EXTEND_BACKGROUND);
+    EXPECT_EQ(node.getInputRequest(1)->getMethod(), IMGLIB::EXTEND_BACKGROUND);
 }
 
 TEST_F(RenderTaskTest, SettingsTilesAndSettledEntryPoints) {
@@ -256,6 +262,8 @@ TEST_F(RenderTaskTest, FullFrameRendersOnceAndCopiesTiles) {
     auto g = gain("g", {c}, 2.0f);
     g->setRenderFullFrame(true, true);
     g->getCacheID();
+    RenderPlan plan;
+    auto inRender = std::make_unique<Private::RenderNode::Scope>(plan.nodeFor(g));
     std::vector<UTIL::Rect> inputRects;
     g->computeRequiredInputRects(UTIL::Rect(0, 0, 8, 8), inputRects);
     EXPECT_EQ(
@@ -276,6 +284,8 @@ TEST_F(RenderTaskTest, FullFrameRendersOnceAndCopiesTiles) {
     auto h = gain("h", {c}, 3.0f);
     h->setRenderFullFrame(true, false);
     h->getCacheID();
+    inRender.reset();
+    inRender = std::make_unique<Private::RenderNode::Scope>(plan.nodeFor(h));
     h->computeRequiredInputRects(UTIL::Rect(0, 0, 8, 8), inputRects);
     ImageBuffer input(IMGLIB::CHANNELS_RGBA, UTIL::Rect(0, 0, 8, 8), "in");
     {

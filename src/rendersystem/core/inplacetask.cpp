@@ -82,14 +82,19 @@ Imath::Color4<float> InPlaceTask::computeBackgroundColor() {
     return color;
 }
 
-void InPlaceTask::makeInputFormatRequests() {
+std::size_t InPlaceTask::requiredChannels(std::size_t* bufferChannels) {
     std::size_t channels = getRequiredOutputChannels();
-    m_bufferChannels = 0;
+    std::size_t buffer = 0;
     for (const InPlaceOpPtr& op : m_ops) {
         channels = op->getRequiredInputChannels(channels);
-        m_bufferChannels |= channels;
+        buffer |= channels;
     }
-    addInputRequest(0, getDefinedInputChannels(0) & channels);
+    if (bufferChannels) *bufferChannels = buffer;
+    return channels;
+}
+
+void InPlaceTask::makeInputFormatRequests() {
+    addInputRequest(0, getDefinedInputChannels(0) & requiredChannels(nullptr));
 }
 
 void InPlaceTask::computeRequiredInputRectangles(const UTIL::Rect& outputRect,
@@ -122,7 +127,9 @@ void InPlaceTask::renderRect(const IMGLIB::Image* out,
             steps.push_back(op->get());
         }
     }
-    const uint64_t bufferChannels = IMGLIB::ValidateChannelMask(m_bufferChannels);
+    std::size_t passed = 0;
+    requiredChannels(&passed);
+    const uint64_t bufferChannels = IMGLIB::ValidateChannelMask(passed);
     ImageBuffer buffer(bufferChannels, UTIL::Rect(out->x1, out->y1, out->x2, out->y2),
                        "Concatenated Buffer");
     // The output itself serves as the work image when it has every channel
@@ -162,6 +169,8 @@ void InPlaceTask::collapseChain(const std::vector<TaskPtr>& chain) {
                 for (const InPlaceOpPtr& op : static_cast<InPlaceTask*>(chain[i].get())->m_ops)
                     first->appendOp(op);
             first->imp().replaceInput(0, chain[end - 1]->imp().getInputTask(0));
+            // Logs and the observer name what the task now is.
+            first->imp().m_typeString = first->getTypeString();
         }
         begin = end == begin ? begin + 1 : end;
     }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "exceptions.h"
+#include "imglib/channels.h"
 #include "rendermanager.h"
 #include "util/exceptions.h"
 
@@ -31,9 +32,13 @@ uint64_t readSleepMicroseconds() {
     return static_cast<uint64_t>(value);
 }
 
-std::mutex s_poolMutex;  // guards s_pool's creation and sizing, and s_renderThreads
-Util::ThreadPool* s_pool = nullptr;
+// Guards s_pool's creation and s_renderThreads. Never held while the pool
+// is asked for anything: the pool's own lock comes after it.
+std::mutex s_poolMutex;
+std::atomic<Util::ThreadPool*> s_pool{nullptr};
 uint64_t s_renderThreads = 0;
+
+thread_local ActiveRender* t_currentRender = nullptr;
 
 // What CheckAbort answers on a worker while it renders a tile.
 class RenderCancelChecker : public RenderManager::CancelChecker {
@@ -50,13 +55,16 @@ public:
     ControllerTileJob(ActiveRenderPtr render, TilePtr tile)
         : m_render(std::move(render)), m_tile(std::move(tile)) {}
 
-    uint32_t getPriority() const override {
+    // Viewer tiles first, then batch, then background; within a render, the
+    // prioritizer's order.
+    uint64_t getPriority() const override {
         std::lock_guard<std::mutex> lock(m_render->mutex);
-        return m_tile->getPriority(m_render->ordering);
+        return (uint64_t(m_render->type) << 32) | m_tile->getPriority(m_render->ordering);
     }
 
     void run() override {
         ActiveRender& render = *m_render;
+        ActiveRender::Scope working(m_render.get());
         if (!render.stopping()) {
             RenderCancelChecker checker(render);
             RenderManager::SetCancelChecker(&checker);
@@ -124,7 +132,19 @@ void ActiveRender::fail(std::exception_ptr e) {
 
 void ActiveRender::cancelTasks() {
     std::lock_guard<std::mutex> lock(mutex);
-    for (const TaskPtr& task : plan.tasks) task->imp().cancel();
+    if (plan) plan->cancel();
+}
+
+ActiveRender* ActiveRender::current() {
+    return t_currentRender;
+}
+
+ActiveRender::Scope::Scope(ActiveRender* render) : m_previous(t_currentRender) {
+    t_currentRender = render;
+}
+
+ActiveRender::Scope::~Scope() {
+    t_currentRender = m_previous;
 }
 
 void ActiveRender::submit(const std::vector<TilePtr>& tiles) {
@@ -147,23 +167,25 @@ RenderController& RenderController::get(RenderType type) {
 }
 
 Util::ThreadPool& RenderController::pool() {
+    if (Util::ThreadPool* pool = s_pool.load()) return *pool;
     std::lock_guard<std::mutex> lock(s_poolMutex);
-    if (!s_pool) {
+    if (!s_pool.load()) {
         // Before any setRenderThreads: one render thread per hardware thread.
-        const uint64_t n = std::max(1u, std::thread::hardware_concurrency());
+        const uint64_t n =
+            s_renderThreads ? s_renderThreads : std::max(1u, std::thread::hardware_concurrency());
         s_pool = new Util::ThreadPool(n + 1, n);
     }
-    return *s_pool;
+    return *s_pool.load();
 }
 
 void RenderController::setRenderThreads(uint64_t n) {
     n = std::max<uint64_t>(n, 1);
-    std::lock_guard<std::mutex> lock(s_poolMutex);
-    s_renderThreads = n;
-    if (s_pool)
-        s_pool->resize(n + 1, n);
-    else
-        s_pool = new Util::ThreadPool(n + 1, n);
+    {
+        std::lock_guard<std::mutex> lock(s_poolMutex);
+        s_renderThreads = n;
+    }
+    // Resizing waits for no job, so it may be called from one.
+    pool().resize(n + 1, n);
 }
 
 uint64_t RenderController::getRenderThreads() {
@@ -183,6 +205,7 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
     if (!observer) throw UTIL::ErrorException("Render: no RenderObserver given");
     ActiveRenderPtr render(new ActiveRender);
     render->controller = this;
+    render->type = m_type;
     render->analysis = analysis;
     render->outputs = outputs;
     render->observer = observer;
@@ -200,16 +223,19 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
         for (size_t i = 0; i < outputs.size(); ++i) {
             if (!outputs[i].task)
                 throw UTIL::ErrorException("Render: output " + std::to_string(i) + " has no task");
+            if (IMGLIB::ValidateChannelMask(outputs[i].channels) == 0)
+                throw UTIL::ErrorException("Render: output " + std::to_string(i) + " (task " +
+                                           outputs[i].task->getName() + ") asks for no channels");
             renderOutputs.push_back(
                 RenderOutput{outputs[i].task, outputs[i].rect, outputs[i].channels, i});
         }
-        RenderPlan plan = RenderTask::Imp::setUpRender(renderOutputs);
+        std::unique_ptr<RenderPlan> plan = RenderPlan::setUp(renderOutputs);
         {
             std::lock_guard<std::mutex> lock(render->mutex);
             render->plan = std::move(plan);
         }
         std::vector<OutputTileID> finalTiles;
-        for (const TilePtr& tile : render->plan.finalTiles)
+        for (const TilePtr& tile : render->plan->finalTiles)
             finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
         OutputTilePrioritizerPtr order =
             prioritizer ? prioritizer : OutputTilePrioritizerPtr(new RowMajorTilePrioritizer);
@@ -219,17 +245,20 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
                                        std::to_string(render->ordering.size()) + " values for " +
                                        std::to_string(finalTiles.size()) + " output tiles");
     } catch (...) {
-        RenderTask::Imp::endRender(render->plan);
+        {
+            std::lock_guard<std::mutex> lock(render->mutex);
+            if (render->plan) render->plan->end();
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         (analysis ? m_analysisRender : m_render).reset();
         m_idle.notify_all();
         throw;
     }
     // Outputs with no tiles at all are finished before anything runs.
-    for (size_t i = 0; i < outputs.size(); ++i) {
-        bool hasTiles = false;
-        for (const TilePtr& tile : render->plan.finalTiles) hasTiles |= tile->getOutputIndex() == i;
-        if (!hasTiles) observer->outputFinished(i);
+    {
+        ActiveRender::Scope working(render.get());
+        for (size_t i = 0; i < outputs.size(); ++i)
+            if (render->plan->outputTileCount(i) == 0) observer->outputFinished(i);
     }
     // A cancel that came during set-up found no tasks to tell.
     if (render->cancelled) render->cancelTasks();
@@ -240,7 +269,7 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
     // render ends is released with the map).
     {
         std::vector<TilePtr> first;
-        first.swap(render->plan.readyTiles);
+        first.swap(render->plan->readyTiles);
         render->submit(first);
     }
     if (--render->outstandingJobs == 0) finish(render);
@@ -249,6 +278,7 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
 
 void RenderController::wait(const ActiveRenderPtr& render) {
     const auto step = std::chrono::microseconds(sleepMicroseconds());
+    Util::ThreadPool::Blocking blocking;
     {
         std::unique_lock<std::mutex> lock(render->mutex);
         while (!render->finished) render->finishedSignal.wait_for(lock, step);
@@ -258,9 +288,18 @@ void RenderController::wait(const ActiveRenderPtr& render) {
 }
 
 void RenderController::finish(const ActiveRenderPtr& render) {
+    std::string incomplete;
     {
         std::lock_guard<std::mutex> lock(render->mutex);
-        RenderTask::Imp::endRender(render->plan);
+        incomplete = render->plan->undeliveredOutputs();
+        render->plan->end();
+    }
+    // Success means every tile of every output reached the observer.
+    if (!render->stopping() && !incomplete.empty()) {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        render->errorMessage = "Render incomplete: " + incomplete;
+        render->error = std::make_exception_ptr(UTIL::ErrorException(render->errorMessage));
+        render->failed = true;
     }
     const RenderStatus status = render->failed      ? RenderStatus::Error
                                 : render->cancelled ? RenderStatus::Cancelled
@@ -281,6 +320,7 @@ void RenderController::finish(const ActiveRenderPtr& render) {
         observer.swap(render->observer);
     }
     try {
+        ActiveRender::Scope working(render.get());
         observer->renderFinished(status, status == RenderStatus::Cancelled
                                              ? std::string("Render cancelled.")
                                              : render->errorMessage);
@@ -308,7 +348,8 @@ void RenderController::reprioritize(const OutputTilePrioritizerPtr& prioritizer)
     std::vector<OutputTileID> finalTiles;
     {
         std::lock_guard<std::mutex> lock(render->mutex);
-        for (const TilePtr& tile : render->plan.finalTiles)
+        if (!render->plan) return;
+        for (const TilePtr& tile : render->plan->finalTiles)
             finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
     }
     std::vector<uint32_t> ordering = prioritizer->prioritize(finalTiles, render->outputs);
@@ -335,7 +376,10 @@ void RenderController::cancel(bool wait) {
 }
 
 void RenderController::finishRender() {
+    // From inside a render's work nothing is waited for (see the class).
+    if (ActiveRender::current()) return;
     const auto step = std::chrono::microseconds(sleepMicroseconds());
+    Util::ThreadPool::Blocking blocking;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (m_render || m_analysisRender || m_finishing > 0) m_idle.wait_for(lock, step);
 }
@@ -374,6 +418,7 @@ bool RenderController::isAnalysisInProgress() const {
 
 void RenderController::endAnalysis() {
     const auto step = std::chrono::microseconds(sleepMicroseconds());
+    Util::ThreadPool::Blocking blocking;
     std::unique_lock<std::mutex> lock(m_mutex);
     m_analysisStarted = false;
     while (m_analysisJobs > 0) m_idle.wait_for(lock, step);

@@ -13,7 +13,7 @@
 #include "outputtileprioritizer.h"
 #include "renderdescription.h"
 #include "renderobserver.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/renderplan.h"
 #include "rendersystem/core/tilejob.h"
 #include "util/threadpool.h"
 
@@ -28,8 +28,9 @@ class RenderController;
 class ActiveRender : public ThreadSafeRefBase {
 public:
     RenderController* controller = nullptr;
+    RenderType type = RENDERTYPE_VIEWER;
     bool analysis = false;
-    RenderPlan plan;
+    std::unique_ptr<RenderPlan> plan;
     std::vector<RenderDescription> outputs;
     RenderObserverPtr observer;
     std::vector<uint32_t> ordering;  // one value per final tile
@@ -44,11 +45,23 @@ public:
     std::condition_variable finishedSignal;
 
     bool stopping() const { return cancelled || failed; }
-    // Tells every task of the plan, so preRender and CheckAbort notice.
+    // Tells the plan, so preRender and CheckAbort notice.
     void cancelTasks();
     void fail(std::exception_ptr e);
     // Schedules ready tiles (nothing once the render is stopping).
     void submit(const std::vector<TilePtr>& tiles);
+
+    // The render whose work (a tile, an observer call) this thread is doing,
+    // or null.
+    static ActiveRender* current();
+    class Scope {
+    public:
+        explicit Scope(ActiveRender* render);
+        ~Scope();
+
+    private:
+        ActiveRender* m_previous;
+    };
 };
 
 using ActiveRenderPtr = RCX_ptr_v4::ref_ptr<ActiveRender>;
@@ -57,9 +70,16 @@ using ActiveRenderPtr = RCX_ptr_v4::ref_ptr<ActiveRender>;
 // a render finishes it; nothing polls. A caller that waits is woken by the
 // render's end, and checks again at least every sleepMicroseconds().
 //
-// m_mutex guards the active renders and the analysis session; it is taken
-// before a render's mutex, and never held while calling the pool or the
-// observer.
+// Waiting calls (cancel with wait, finishRender) made while the thread works
+// for a render (in a tile, in an observer callback) do not wait: that render
+// could only end after the call returned, and two renders waiting for each
+// other from their callbacks would never end. A worker that waits (a
+// blocking render started from a callback) lets the pool run other jobs in
+// its place.
+//
+// m_mutex guards the active renders, the renders being finished and the
+// analysis session; it is taken before a render's mutex, and never held
+// while calling the pool or the observer.
 class RenderController {
 public:
     explicit RenderController(RenderType type) : m_type(type) {}

@@ -4,7 +4,8 @@
 #include "private/imglibcall.h"
 #include "rendermanager.h"
 #include "rendersystem/core/inputrequest.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/rendernode.h"
+#include "rendersystem/core/renderplan.h"
 #include "util/exceptions.h"
 
 UTIL_ASSERT_SOURCE("rendersystem/core/rendertask")
@@ -12,6 +13,20 @@ UTIL_ASSERT_SOURCE("rendersystem/core/rendertask")
 namespace TESSERA {
 
 std::atomic<uint64_t> RenderTask::s_count{0};
+
+namespace {
+
+// The node of the render whose hook of `task` this thread is running.
+Private::RenderNode& currentNode(const RenderTask::Imp& task) {
+    Private::RenderNode* node = Private::RenderNode::current(task);
+    if (!node)
+        UTIL::assertFailed(
+            ("a render of " + task.m_nameAtTime + " runs its hooks on this thread").c_str(),
+            "rendersystem/core/rendertask", __LINE__);
+    return *node;
+}
+
+}  // namespace
 
 RenderTask::RenderTask(const std::string& name, float time) : m_imp(new Imp(this, name, time)) {
     ++s_count;
@@ -116,12 +131,13 @@ size_t RenderTask::getInputTaskCount() const {
 }
 
 void RenderTask::addInputRequest(size_t input, uint64_t channels) {
-    imp().addInputRequest(input, channels, IMGLIB::EXTEND_BACKGROUND, false, UTIL::Rect());
+    currentNode(imp()).addInputRequest(input, channels, IMGLIB::EXTEND_BACKGROUND, false,
+                                       UTIL::Rect());
 }
 
 void RenderTask::addInputRequest(size_t input, uint64_t channels, IMGLIB::ExtendMethod method,
                                  bool extendWithOverscan, const UTIL::Rect& displayRect) {
-    imp().addInputRequest(input, channels, method, extendWithOverscan, displayRect);
+    currentNode(imp()).addInputRequest(input, channels, method, extendWithOverscan, displayRect);
 }
 
 uint64_t RenderTask::getDefinedInputChannels(size_t input) {
@@ -145,11 +161,11 @@ void RenderTask::ignoreInputCacheID(size_t input) {
 }
 
 uint64_t RenderTask::getRequiredOutputChannels() const {
-    return imp().m_requiredOutputChannels;
+    return currentNode(imp()).requiredOutputChannels();
 }
 
 uint64_t RenderTask::getRequiredInputChannels(int64_t input) const {
-    return imp().getRequiredInputChannels(input);
+    return currentNode(imp()).getRequiredInputChannels(input);
 }
 
 const UTIL::Region& RenderTask::getDefinedOutputDataRegion() const {
@@ -157,11 +173,15 @@ const UTIL::Region& RenderTask::getDefinedOutputDataRegion() const {
 }
 
 int RenderTask::getTileWidth() const {
+    if (const Private::RenderNode* node = Private::RenderNode::current(imp()))
+        return node->tileWidth();
     return m_renderFullFrame ? TileID::INFINITE_SIZE
                              : static_cast<int>(RenderManager::getGlobalTileWidth());
 }
 
 int RenderTask::getTileHeight() const {
+    if (const Private::RenderNode* node = Private::RenderNode::current(imp()))
+        return node->tileHeight();
     return m_renderFullFrame ? TileID::INFINITE_SIZE
                              : static_cast<int>(RenderManager::getGlobalTileHeight());
 }
@@ -194,24 +214,18 @@ void RenderTask::renderRect(const IMGLIB::Image*, const std::vector<const IMGLIB
     UTIL_ASSERT(!"This RenderTask does not support immediate locking.");
 }
 
-void RenderTask::resetFullFrameState() {
-    std::lock_guard<std::mutex> lock(m_fullFrameLock);
-    m_requiredOutputRect = UTIL::Rect();
-    m_requiredInputRects.clear();
-    m_outputBuffer.setNull();
-}
-
 void RenderTask::computeRequiredInputRects(const UTIL::Rect& outputRect,
                                            std::vector<UTIL::Rect>& inputRects) {
     if (!m_renderFullFrame) {
         computeRequiredInputRectangles(outputRect, inputRects);
         return;
     }
-    std::lock_guard<std::mutex> lock(m_fullFrameLock);
-    UTIL_ASSERT(m_requiredOutputRect.isNull());
-    m_requiredOutputRect = outputRect;
+    Private::RenderNode::FullFrame& frame = currentNode(imp()).fullFrame();
+    std::lock_guard<std::mutex> lock(frame.lock);
+    UTIL_ASSERT_TEXT(frame.requiredOutputRect.isNull(), "m_requiredOutputRect.isNull()");
+    frame.requiredOutputRect = outputRect;
     computeRequiredInputRectangles(outputRect, inputRects);
-    m_requiredInputRects = inputRects;
+    frame.requiredInputRects = inputRects;
 }
 
 void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs) {
@@ -219,31 +233,34 @@ void RenderTask::render(const IMGLIB::Image* output, std::vector<ImageBuffer>& i
         callRenderRect(output, inputs);
         return;
     }
-    std::lock_guard<std::mutex> lock(m_fullFrameLock);
+    Private::RenderNode& node = currentNode(imp());
+    Private::RenderNode::FullFrame& frame = node.fullFrame();
+    std::lock_guard<std::mutex> lock(frame.lock);
     const UTIL::Rect outputImageRect(output->x1, output->y1, output->x2, output->y2);
-    if (m_outputBuffer.isNull()) {
+    if (frame.outputBuffer.isNull()) {
         if (m_wrapInputImagesIfBackground) {
-            for (size_t i = 0; i < inputs.size() && i < m_requiredInputRects.size(); ++i) {
+            for (size_t i = 0; i < inputs.size() && i < frame.requiredInputRects.size(); ++i) {
                 if (!inputs[i].isNull()) continue;
-                const Private::InputRequest* request = m_imp->getInputRequest(i);
+                const Private::InputRequest* request = node.getInputRequest(i);
                 const uint64_t channels =
                     request ? request->getChannels() : getDefinedInputChannels(i);
                 inputs[i] =
-                    makeBackgroundInputImage(i, channels, m_requiredInputRects[i],
+                    makeBackgroundInputImage(i, channels, frame.requiredInputRects[i],
                                              "BufferTaskBackgroungImage_" + std::to_string(i));
             }
         }
-        if (outputImageRect == m_requiredOutputRect) {
+        if (outputImageRect == frame.requiredOutputRect) {
             callRenderRect(output, inputs);
             return;
         }
-        m_outputBuffer = ImageBuffer(output->channels, m_requiredOutputRect, "BufferTaskImage");
-        ImageBuffer_LockScoper renderLock(m_outputBuffer);
-        callRenderRect(m_outputBuffer.getImage(), inputs);
+        frame.outputBuffer =
+            ImageBuffer(output->channels, frame.requiredOutputRect, "BufferTaskImage");
+        ImageBuffer_LockScoper renderLock(frame.outputBuffer);
+        callRenderRect(frame.outputBuffer.getImage(), inputs);
     }
-    UTIL_ASSERT(m_outputBuffer.getBounds().contains(outputImageRect));
-    ImageBuffer_LockScoper copyLock(m_outputBuffer);
-    Private::checkImglib(IMGLIB::CopyInto(output, m_outputBuffer.getImage()), getNameAtTime());
+    UTIL_ASSERT(frame.outputBuffer.getBounds().contains(outputImageRect));
+    ImageBuffer_LockScoper copyLock(frame.outputBuffer);
+    Private::checkImglib(IMGLIB::CopyInto(output, frame.outputBuffer.getImage()), getNameAtTime());
 }
 
 void RenderTask::callRenderRect(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs) {

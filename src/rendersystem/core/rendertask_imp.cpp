@@ -5,7 +5,6 @@
 
 #include "imglib/channels.h"
 #include "rendermanager.h"
-#include "rendersystem/core/inputrequest.h"
 #include "util/exceptions.h"
 
 UTIL_ASSERT_SOURCE("rendersystem/core/rendertask_imp")
@@ -29,36 +28,7 @@ size_t RenderTask::Imp::registerInputTask(TaskPtr inputTask) {
     // Equal sub-graphs become one task: the input is replaced by the task
     // already filed under its cache ID.
     m_inputTasks.push_back(Private::RenderTaskCache::instance().findOrInsert(inputTask));
-    m_inputRequests.emplace_back();
     return m_inputTasks.size() - 1;
-}
-
-void RenderTask::Imp::addInputRequest(size_t inputID, uint64_t channels,
-                                      IMGLIB::ExtendMethod method, bool extendWithOverscan,
-                                      const UTIL::Rect& inputDisplayRect) {
-    if (RenderManager::getRenderDebug()) {
-        std::ostringstream line;
-        line << m_nameAtTime << " Request: " << inputID
-             << " Channels: " << IMGLIB::GetChannelMaskName(channels)
-             << " ExtendMethod: " << static_cast<int>(method)
-             << " ExtendWithOverscan: " << extendWithOverscan << " Rect: " << inputDisplayRect;
-        RenderManager::debugLine(line.str());
-    }
-    UTIL_ASSERT_TEXT(inputID < m_inputRequests.size(),
-                     "inputID >= 0 && inputID < m_inputRequests.size()");
-    if (m_inputRequests[inputID]) {
-        std::cerr << "Render task already registered at inputID " << inputID << " of renderTask "
-                  << m_nameAtTime << std::endl;
-        UTIL_ASSERT_TEXT(!m_inputRequests[inputID], "m_inputRequests.is_null(inputID)");
-    }
-    if (method != IMGLIB::EXTEND_BACKGROUND) UTIL_ASSERT(!inputDisplayRect.isNull());
-
-    Imp& input = *m_inputTasks[inputID]->m_imp;
-    channels = IMGLIB::ValidateChannelMask(channels);
-    m_inputRequests[inputID] = Private::InputRequest::create(&input, channels, method,
-                                                             extendWithOverscan, inputDisplayRect);
-    input.m_requiredOutputChannels = IMGLIB::ValidateChannelMask(
-        (input.m_requiredOutputChannels | channels) & input.m_definedOutputChannels);
 }
 
 TaskPtr RenderTask::Imp::getInputTask(size_t inputID) const {
@@ -78,18 +48,6 @@ RenderTask::Imp& RenderTask::Imp::inputImp(size_t inputID) {
     TaskPtr inputTask = getInputTask(inputID);
     UTIL_ASSERT(inputTask->m_imp->m_renderStage >= RENDERSTAGE_ComputeOutputDescription);
     return *inputTask->m_imp;
-}
-
-uint64_t RenderTask::Imp::getRequiredInputChannels(int64_t whichInput) const {
-    UTIL_ASSERT_TEXT(whichInput >= 0 && whichInput < static_cast<int64_t>(m_inputRequests.size()),
-                     "whichInput >=0 && whichInput < static_cast<int64_t>(m_inputRequests.size())");
-    UTIL_ASSERT_TEXT(m_inputRequests[static_cast<size_t>(whichInput)],
-                     "!m_inputRequests.is_null(static_cast<std::size_t>(whichInput))");
-    return m_inputRequests[static_cast<size_t>(whichInput)]->getChannels();
-}
-
-const Private::InputRequest* RenderTask::Imp::getInputRequest(size_t inputID) const {
-    return inputID < m_inputRequests.size() ? m_inputRequests[inputID].get() : nullptr;
 }
 
 void RenderTask::Imp::ensureOutputDescription() {

@@ -5,7 +5,7 @@
 
 #include "private/pixelview.h"
 #include "rendersystem/core/inputrequest.h"
-#include "rendersystem/core/rendertask_imp.h"
+#include "rendersystem/core/rendernode.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/speculativecache.h"
 #include "util/exceptions.h"
@@ -19,7 +19,7 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 
 std::atomic<uint64_t> Tile::s_liveTiles{0};
 
-Tile::Tile(const TileID& id, RenderTask::Imp* task) : m_tileID(id), m_task(task) {
+Tile::Tile(const TileID& id, RenderNode* task) : m_tileID(id), m_task(task) {
     ++s_liveTiles;
 }
 
@@ -38,7 +38,7 @@ UTIL::Rect Tile::getRect() const {
 
 std::string Tile::describe() const {
     std::ostringstream os;
-    os << "Tile " << m_tileID.xIndex() << "," << m_tileID.yIndex() << " of " << m_task->m_name;
+    os << "Tile " << m_tileID.xIndex() << "," << m_tileID.yIndex() << " of " << m_task->name();
     return os.str();
 }
 
@@ -124,12 +124,13 @@ uint32_t Tile::getPriority(const std::vector<uint32_t>& finalTileOrdering) const
 
 bool Tile::tryGetFromSpeculativeCache() {
     Lock lock(m_mutex);
-    if (!m_task->task().getCaching()) return false;
+    const RenderTask::Imp& task = m_task->imp();
+    if (!task.m_caching) return false;
     ImageBuffer cached =
-        ImageAllocator::instance().speculativeCache().lookup(m_task->m_compressedCacheID, m_tileID);
+        ImageAllocator::instance().speculativeCache().lookup(task.m_compressedCacheID, m_tileID);
     if (cached.isNull()) return false;
     // Another render may have asked other channels or a smaller area of it.
-    if (cached.getChannels() != m_task->m_requiredOutputChannels ||
+    if (cached.getChannels() != m_task->requiredOutputChannels() ||
         !cached.getBounds().contains(m_rect))
         return false;
     m_image = cached;
@@ -140,7 +141,7 @@ bool Tile::tryViewPixels() {
     const auto* pixels = dynamic_cast<const PixelView*>(&m_task->task());
     if (!pixels) return false;
     Lock lock(m_mutex);
-    ImageBuffer view = pixels->viewRect(m_rect, m_task->m_requiredOutputChannels);
+    ImageBuffer view = pixels->viewRect(m_rect, m_task->requiredOutputChannels());
     if (view.isNull()) return false;
     m_image = view;
     return true;
@@ -166,9 +167,9 @@ ImageBuffer Tile::createImage() {
     Lock lock(m_mutex);
     UTIL_ASSERT(m_image.isNull());
     std::ostringstream comment;
-    comment << "TileImage :" << m_task->m_name << "_" << m_tileID.xIndex() << "_"
+    comment << "TileImage :" << m_task->name() << "_" << m_tileID.xIndex() << "_"
             << m_tileID.yIndex();
-    m_image = ImageBuffer(m_task->m_requiredOutputChannels, m_rect, comment.str());
+    m_image = ImageBuffer(m_task->requiredOutputChannels(), m_rect, comment.str());
     return m_image;
 }
 
@@ -192,7 +193,7 @@ std::vector<ImageBuffer> Tile::buildInputImages() const {
         inputTiles = m_inputTiles;
         inputRects = m_inputRects;
     }
-    std::vector<ImageBuffer> inputs(m_task->m_inputTasks.size());
+    std::vector<ImageBuffer> inputs(m_task->m_inputs.size());
     for (size_t i = 0; i < inputs.size(); ++i) {
         const InputRequest* request = m_task->getInputRequest(i);
         if (!request || i >= inputRects.size() || inputRects[i].isNull()) continue;

@@ -2,7 +2,8 @@
 
 #include <chrono>
 
-#include "rendersystem/core/rendertask_imp.h"
+#include "exceptions.h"
+#include "rendersystem/core/renderplan.h"
 #include "rendersystem/images/imageallocator.h"
 #include "util/exceptions.h"
 
@@ -25,7 +26,8 @@ std::vector<TilePtr> ReadyTiles::take() {
 
 void TileJob::run() {
     Tile& tile = *m_tile;
-    RenderTask::Imp& task = *tile.getTask();
+    RenderNode& task = *tile.getTask();
+    const RenderTask::Imp& imp = task.imp();
     double seconds = 0.0;
     if (!tile.hasImage() && !tile.tryViewPixels() && !tile.tryGetFromSpeculativeCache()) {
         const auto start = std::chrono::steady_clock::now();
@@ -36,17 +38,23 @@ void TileJob::run() {
             ImageBuffer_LockScoper lock(image);
             task.renderTile(tile, image.getImage());
             tile.releaseInputTiles();
+            // A task that stopped early when asked (CheckAbort) left a
+            // partial tile: it is neither kept nor delivered.
+            if (task.cancelled()) {
+                tile.setImage(ImageBuffer());
+                throw RenderCancelledException("Render cancelled.");
+            }
             seconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            if (task.m_caching) {
+            if (imp.m_caching) {
                 CacheDataPtr data(new CacheData);
-                data->cacheID = task.m_compressedCacheID;
+                data->cacheID = imp.m_compressedCacheID;
                 data->tileID = tile.getTileID();
-                data->taskName = task.m_name;
-                data->taskDescription = task.m_typeString;
-                data->taskValue1 = task.m_diskCacheEnabled ? 1 : 0;
+                data->taskName = imp.m_name;
+                data->taskDescription = imp.m_typeString;
+                data->taskValue1 = imp.m_diskCacheEnabled ? 1 : 0;
                 data->taskValue2 = static_cast<int32_t>(task.m_outputTaskCount);
-                data->priority = task.getCachePriority(seconds);
+                data->priority = imp.getCachePriority(seconds);
                 ImageAllocator::instance().markCacheable(image, data);
             }
         }
@@ -55,14 +63,14 @@ void TileJob::run() {
         tile.releaseInputTiles();
     }
     tile.setStage(FinishedRendering);
-    m_observer->internalTileDone(task.m_name, task.m_typeString, seconds);
+    m_observer->internalTileDone(imp.m_name, imp.m_typeString, seconds);
 
     if (tile.isFinal()) {
         m_observer->tileDone(tile.getImage(),
                              OutputTileID{tile.getOutputIndex(), tile.getTileID()});
         // Counted after delivery: another worker may still be handing over
         // a tile that finished rendering before this one.
-        if (task.m_deliveriesLeft.fetch_sub(1) == 1)
+        if (task.plan().outputTileDelivered(tile.getOutputIndex()))
             m_observer->outputFinished(tile.getOutputIndex());
         task.removeTile(tile.getTileID());
         // The render keeps its final tiles until it ends, their images only

@@ -25,7 +25,7 @@ private:
 
 class TileJob : public Util::Job {
 public:
-    TileJob(TilePtr tile, RenderObserverPtr observer, ReadyTiles* ready, uint32_t priority)
+    TileJob(TilePtr tile, RenderObserverPtr observer, ReadyTiles* ready, uint64_t priority)
         : m_tile(std::move(tile)),
           m_observer(std::move(observer)),
           m_ready(ready),
@@ -34,14 +34,14 @@ public:
     // Renders the tile (or takes it from the tile cache), reports it, and
     // queues the dependents whose last input it was. Failures propagate.
     void run() override;
-    uint32_t getPriority() const override { return m_priority; }
+    uint64_t getPriority() const override { return m_priority; }
     const TilePtr& getTile() const { return m_tile; }
 
 private:
     TilePtr m_tile;
     RenderObserverPtr m_observer;
     ReadyTiles* m_ready;
-    uint32_t m_priority;
+    uint64_t m_priority;
 };
 
 }  // namespace Private
