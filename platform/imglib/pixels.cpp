@@ -82,9 +82,13 @@ int Clear(const Image* image) {
     return ERROR_NONE;
 }
 
-int CopyInto(const Image* dst, const Image* src) {
-    if (int err = checkImage(dst, "CopyInto")) return err;
-    if (int err = checkImage(src, "CopyInto")) return err;
+namespace {
+
+// The overlap of dst and src copied; dst's channels that src lacks become 0
+// (zeroMissing) or keep their values.
+int copyOverlap(const Image* dst, const Image* src, bool zeroMissing, const char* op) {
+    if (int err = checkImage(dst, op)) return err;
+    if (int err = checkImage(src, op)) return err;
     const int64_t x1 = std::max(dst->x1, src->x1), x2 = std::min(dst->x2, src->x2);
     const int64_t y1 = std::max(dst->y1, src->y1), y2 = std::min(dst->y2, src->y2);
     if (x1 >= x2 || y1 >= y2) return ERROR_NONE;
@@ -111,9 +115,23 @@ int CopyInto(const Image* dst, const Image* src) {
         float* d = GetPixelAddress(dst, x1, y, dstPixelBytes);
         const float* s = GetPixelAddress(src, x1, y, srcPixelBytes);
         for (int64_t x = x1; x < x2; ++x, d += n, s += srcStride)
-            for (int c = 0; c < n; ++c) d[c] = sourceSlot[c] >= 0 ? s[sourceSlot[c]] : 0.0f;
+            for (int c = 0; c < n; ++c)
+                if (sourceSlot[c] >= 0)
+                    d[c] = s[sourceSlot[c]];
+                else if (zeroMissing)
+                    d[c] = 0.0f;
     }
     return ERROR_NONE;
+}
+
+}  // namespace
+
+int CopyInto(const Image* dst, const Image* src) {
+    return copyOverlap(dst, src, true, "CopyInto");
+}
+
+int CopyChannelsInto(const Image* dst, const Image* src) {
+    return copyOverlap(dst, src, false, "CopyChannelsInto");
 }
 
 int Copy(const Image* dst, const Image* src) {

@@ -47,6 +47,8 @@ TESSERA_API int Clear(const Image* image);
 // Copies src into dst where their bounds overlap. A channel of dst that src
 // lacks becomes 0 there; pixels of dst outside src are left as they were.
 TESSERA_API int CopyInto(const Image* dst, const Image* src);
+// As CopyInto, but channels of dst that src lacks keep their values.
+TESSERA_API int CopyChannelsInto(const Image* dst, const Image* src);
 // As CopyInto, and every pixel of dst outside src becomes 0.
 TESSERA_API int Copy(const Image* dst, const Image* src);
 // A record for the part [x1, x2) x [y1, y2) of src sharing its pixels; the

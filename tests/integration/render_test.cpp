@@ -21,37 +21,6 @@ using UTIL::Rect;
 
 namespace {
 
-// (x, y, x*y mod 7, 1) over its area; records the areas it renders.
-class PatternTask : public ConstantTask {
-public:
-    PatternTask(const std::string& name, const Rect& area, int workPerPixel = 0)
-        : ConstantTask(name, Color(0, 0, 0, 0), area), work(workPerPixel) {}
-    std::string getTypeString() override { return "Pattern"; }
-    void computeCacheID(CacheIDStream& s) override { s << area << ' ' << work; }
-    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        ++renderCalls;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            rendered.push_back(Rect(out->x1, out->y1, out->x2, out->y2));
-        }
-        for (int64_t y = out->y1; y < out->y2; ++y) {
-            if (work && RenderManager::CheckAbort()) return;
-            for (int64_t x = out->x1; x < out->x2; ++x) {
-                volatile float spin = 0;
-                for (int i = 0; i < work; ++i) spin = spin + 1.0f;
-                const float v[4] = {float(x), float(y), float((x * y) % 7), 1};
-                IMGLIB::SetPixel(out, x, y, v);
-            }
-        }
-    }
-    static Color at(int64_t x, int64_t y) {
-        return Color(float(x), float(y), float((x * y) % 7), 1);
-    }
-    int work;
-    std::mutex mutex;
-    std::vector<Rect> rendered;
-};
-
 class Throwing : public PatternTask {
 public:
     using PatternTask::PatternTask;
@@ -60,34 +29,6 @@ public:
         if (out->x1 >= 32) throw std::runtime_error("bad pixels at " + std::to_string(out->x1));
         PatternTask::renderRect(out, in);
     }
-};
-
-// Keeps the order of output tiles and the outcome.
-class RecordingObserver : public CollectingObserver {
-public:
-    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
-        CollectingObserver::tileDone(image, id);
-        std::lock_guard<std::mutex> lock(mutex);
-        order.push_back(id.tileID);
-    }
-    void internalTileDone(const std::string& task, const std::string& d, double seconds) override {
-        CollectingObserver::internalTileDone(task, d, seconds);
-        std::lock_guard<std::mutex> lock(mutex);
-        secondsByTask[task] += seconds;
-        if (seconds == 0.0) ++cachedTiles;
-    }
-    void renderFinished(RenderStatus s, const std::string& m) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        status = s;
-        message = m;
-        ++finishCalls;
-    }
-    std::vector<TileID> order;
-    std::map<std::string, double> secondsByTask;
-    int cachedTiles = 0;
-    RenderStatus status = RenderStatus::Error;
-    std::string message;
-    int finishCalls = 0;
 };
 
 class RenderTest : public ::testing::Test {

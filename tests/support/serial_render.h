@@ -35,6 +35,36 @@ public:
     std::vector<size_t> finishedOutputs;
 };
 
+// Keeps the order of output tiles and the outcome.
+class RecordingObserver : public CollectingObserver {
+public:
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+        CollectingObserver::tileDone(image, id);
+        std::lock_guard<std::mutex> lock(mutex);
+        order.push_back(id.tileID);
+    }
+    void internalTileDone(const std::string& task, const std::string& d, double seconds) override {
+        CollectingObserver::internalTileDone(task, d, seconds);
+        std::lock_guard<std::mutex> lock(mutex);
+        secondsByTask[task] += seconds;
+        descriptionOf[task] = d;
+        if (seconds == 0.0) ++cachedTiles;
+    }
+    void renderFinished(RenderStatus s, const std::string& m) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        status = s;
+        message = m;
+        ++finishCalls;
+    }
+    std::vector<TileID> order;
+    std::map<std::string, double> secondsByTask;
+    std::map<std::string, std::string> descriptionOf;
+    int cachedTiles = 0;
+    RenderStatus status = RenderStatus::Error;
+    std::string message;
+    int finishCalls = 0;
+};
+
 // Sets up the render, runs every tile job in readiness order and ends the
 // render (also when a job throws). Returns the number of jobs run.
 size_t renderSerially(const std::vector<RenderOutput>& outputs,

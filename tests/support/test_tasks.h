@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -108,6 +109,37 @@ public:
                     const std::vector<const IMGLIB::Image*>& inputs) override;
 
     Pattern pattern;
+};
+
+// (x, y, x*y mod 7, 1) over its area; records the areas it renders.
+class PatternTask : public ConstantTask {
+public:
+    PatternTask(const std::string& name, const UTIL::Rect& area, int workPerPixel = 0)
+        : ConstantTask(name, Imath::Color4<float>(0, 0, 0, 0), area), work(workPerPixel) {}
+    std::string getTypeString() override { return "Pattern"; }
+    void computeCacheID(CacheIDStream& s) override { s << area << ' ' << work; }
+    void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
+        ++renderCalls;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            rendered.push_back(UTIL::Rect(out->x1, out->y1, out->x2, out->y2));
+        }
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            if (work && RenderManager::CheckAbort()) return;
+            for (int64_t x = out->x1; x < out->x2; ++x) {
+                volatile float spin = 0;
+                for (int i = 0; i < work; ++i) spin = spin + 1.0f;
+                const float v[4] = {float(x), float(y), float((x * y) % 7), 1};
+                IMGLIB::SetPixel(out, x, y, v);
+            }
+        }
+    }
+    static Imath::Color4<float> at(int64_t x, int64_t y) {
+        return Imath::Color4<float>(float(x), float(y), float((x * y) % 7), 1);
+    }
+    int work;
+    std::mutex mutex;
+    std::vector<UTIL::Rect> rendered;
 };
 
 // Overrides neither renderRect: the defaults' assertions fire.

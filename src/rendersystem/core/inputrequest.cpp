@@ -47,12 +47,16 @@ ImageBuffer InputRequest::assemble(const UTIL::Rect& rect,
         ImageBuffer_LockScoper lock(image);
         const IMGLIB::Image* out = image.getImage();
         const std::string& name = m_input->m_nameAtTime;
-        fillOutside(out, dataRegion(), m_backgroundColor, name);
+        // Channels the input does not define are its background colour
+        // everywhere; the others only outside its data.
+        const bool undefinedChannels = (m_channels & ~m_input->m_definedOutputChannels) != 0;
+        fillOutside(out, undefinedChannels ? UTIL::Region() : dataRegion(), m_backgroundColor,
+                    name);
         for (const ImageBuffer& tile : tileImages) {
             if (!tile.getBounds().intersects(rect)) continue;
             ImageBuffer source = tile;
             ImageBuffer_LockScoper tileLock(source);
-            checkImglib(IMGLIB::CopyInto(out, source.getImage()), name);
+            checkImglib(IMGLIB::CopyChannelsInto(out, source.getImage()), name);
         }
     }
     return image;

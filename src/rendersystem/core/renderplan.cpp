@@ -59,7 +59,7 @@ protected:
             const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
             checkImglib(IMGLIB::Fill(out, rgba), getNameAtTime());
         }
-        if (in) checkImglib(IMGLIB::CopyInto(out, in), getNameAtTime());
+        if (in) checkImglib(IMGLIB::CopyChannelsInto(out, in), getNameAtTime());
     }
 
 private:
