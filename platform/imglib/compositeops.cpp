@@ -6,6 +6,7 @@
 #include "imglib/error.h"
 #include "imglib/neighbourhood.h"
 #include "imglib/pixelengine.h"
+#include "imglib/pixels.h"
 
 namespace IMGLIB {
 namespace {
@@ -19,8 +20,55 @@ int checkImage(const Image* image, const char* name) {
     return ERROR_NONE;
 }
 
+// A channel of an image as a strided row reader: its value at (x, y), or
+// `missing` when the image is null or lacks the channel.
+struct ChannelReader {
+    ChannelReader(const Image* image, uint64_t channel, float missing) : missing(missing) {
+        slot = image ? GetChannelIndex(image->channels, channel) : -1;
+        if (slot >= 0) {
+            this->image = image;
+            stride = GetChannelCount(image->channels);
+        }
+    }
+    bool present() const { return slot >= 0; }
+    float at(int64_t x, int64_t y) const {
+        if (slot < 0 || x < image->x1 || x >= image->x2 || y < image->y1 || y >= image->y2)
+            return missing;
+        return GetPixelAddress(image, x, y, 4 * stride)[slot];
+    }
+    const Image* image = nullptr;
+    int slot = -1;
+    int stride = 0;
+    float missing;
+};
+
+// The channels beyond R, G, B and A (see the header).
+void mergeExtraChannels(const Image* out, const Image* in0, const Image* in1, int foreground,
+                        const float bg0[4], const float bg1[4]) {
+    const uint64_t extra = out->channels & ~uint64_t(CHANNELS_RGBA);
+    if (!extra) return;
+    const Image* fg = foreground == 0 ? in0 : in1;
+    const Image* other = foreground == 0 ? in1 : in0;
+    const ChannelReader coverage(fg, CHANNEL_A, (foreground == 0 ? bg0 : bg1)[3]);
+    const int stride = GetChannelCount(out->channels);
+    for (int bit = 4; bit < NUM_KNOWN_CHANNELS; ++bit) {
+        const uint64_t channel = uint64_t(1) << bit;
+        if (!(extra & channel)) continue;
+        const int slot = GetChannelIndex(out->channels, channel);
+        const ChannelReader front(fg, channel, 0.0f), back(other, channel, 0.0f);
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            float* o = GetPixelAddress(out, out->x1, y, 4 * stride) + slot;
+            for (int64_t x = out->x1; x < out->x2; ++x, o += stride) {
+                const bool fromFront =
+                    front.present() && (coverage.at(x, y) != 0.0f || !back.present());
+                *o = fromFront ? front.at(x, y) : back.at(x, y);
+            }
+        }
+    }
+}
+
 int run(const Image* out, const Image* in0, const Image* in1, BinaryOpKind kind, bool flag,
-        float mix, const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1,
+        float mix, int foreground, const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1,
         const char* name) {
     if (!out) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null output image");
     for (const Image* image : {out, in0, in1})
@@ -32,6 +80,7 @@ int run(const Image* out, const Image* in0, const Image* in1, BinaryOpKind kind,
     op.mix = mix;
     const float b0[4] = {bg0.r, bg0.g, bg0.b, bg0.a}, b1[4] = {bg1.r, bg1.g, bg1.b, bg1.a};
     DispatchBinaryOp(out, in0, in1, op, b0, b1);
+    mergeExtraChannels(out, in0, in1, foreground, b0, b1);
     return ERROR_NONE;
 }
 
@@ -39,7 +88,7 @@ int run(const Image* out, const Image* in0, const Image* in1, BinaryOpKind kind,
 
 int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1, const BinaryOp& op,
                   const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
-    return run(out, in0, in1, op.kind, op.flag, op.mix, bg0, bg1, "ApplyBinaryOp");
+    return run(out, in0, in1, op.kind, op.flag, op.mix, op.foreground, bg0, bg1, "ApplyBinaryOp");
 }
 
 Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color4<float>& c0,
@@ -55,12 +104,12 @@ Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color
 #define IMGLIB_BINARY_OP(NAME, KIND)                                             \
     int NAME(const Image* out, const Image* in0, const Image* in1,               \
              const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
-        return run(out, in0, in1, KIND, false, 1.0f, bg0, bg1, #NAME);           \
+        return run(out, in0, in1, KIND, false, 1.0f, 1, bg0, bg1, #NAME);        \
     }
 #define IMGLIB_FLAGGED_BINARY_OP(NAME, KIND)                                     \
     int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,    \
              const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
-        return run(out, in0, in1, KIND, flag, 1.0f, bg0, bg1, #NAME);            \
+        return run(out, in0, in1, KIND, flag, 1.0f, 1, bg0, bg1, #NAME);         \
     }
 IMGLIB_BINARY_OP(Add, BINARYOP_ADD)
 IMGLIB_FLAGGED_BINARY_OP(Atop, BINARYOP_ATOP)
@@ -84,7 +133,7 @@ IMGLIB_FLAGGED_BINARY_OP(Screen, BINARYOP_SCREEN)
 
 int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
         const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
-    return run(out, in0, in1, BINARYOP_MIX, false, amount, bg0, bg1, "Mix");
+    return run(out, in0, in1, BINARYOP_MIX, false, amount, 1, bg0, bg1, "Mix");
 }
 
 int MixByMask(const Image* out, const Image* in0, const Image* in1, const Image* mask) {

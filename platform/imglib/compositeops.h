@@ -4,6 +4,12 @@
 // background colour stands for its pixels. docs/imglib.md gives every
 // formula; in the Porter-Duff operators input 1 is the foreground A and
 // input 0 the background B ("A over B").
+//
+// The operators work on R, G, B and A. A further channel of the output
+// (depth, motion, auxiliary) is the foreground's where the foreground has
+// that channel and its alpha is not 0, else the other input's where that
+// one has the channel, else the foreground's, else 0: an input that lacks a
+// channel never hides the other's.
 #pragma once
 
 #include <Imath/ImathColor.h>
@@ -36,8 +42,9 @@ enum BinaryOpKind : int32_t {
 
 struct BinaryOp {
     BinaryOpKind kind = BINARYOP_ADD;
-    bool flag = false;  // the operator's one option (see docs/imglib.md)
-    float mix = 1.0f;   // BINARYOP_MIX: the weight of input 1
+    bool flag = false;   // the operator's one option (see docs/imglib.md)
+    float mix = 1.0f;    // BINARYOP_MIX: the weight of input 1
+    int foreground = 1;  // the input whose extra channels win where it covers
 };
 
 TESSERA_API int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1,

@@ -6,6 +6,7 @@
 #include <OpenImageIO/imagebufalgo.h>
 
 #include <cmath>
+#include <cstring>
 
 #include "colortasks.h"
 #include "compositetasks.h"
@@ -156,7 +157,7 @@ TEST_F(CompositeTest, UnknownOperatorsAreRefused) {
     }
 }
 
-TEST_F(CompositeTest, MissingInputsCopyClearOrFallBackToTheOperator) {
+TEST_F(CompositeTest, AMissingInputIsItsBackgroundColour) {
     // a covers the left half, b the right half: each tile has one input only.
     TaskPtr left(new Layer("left", 3, Rect(0, 0, 16, kH)));
     TaskPtr right(new Layer("right", 7, Rect(16, 0, 32, kH)));
@@ -203,4 +204,68 @@ TEST_F(CompositeTest, CleanupClampAndMixWrappers) {
     RenderManager::ClearRenderTaskCache();
     const std::vector<float> sum = render(clamped);
     for (size_t i = 3; i < sum.size(); i += 4) EXPECT_LE(sum[i], 1.0f);
+}
+
+TEST_F(CompositeTest, EveryOperatorGivesTheSamePixelsWhateverTheTiles) {
+    // Each input has data in some tiles only, one over a coloured background.
+    TaskPtr left(new Layer("left", 3, Rect(0, 0, 21, kH), Color(0.1f, 0.2f, 0.3f, 0.4f)));
+    TaskPtr right(new Layer("right", 7, Rect(13, 0, 37, kH)));
+    for (int v = 0; v < 20; ++v) {
+        if (v == 8) continue;
+        for (bool flag : {false, true}) {
+            std::vector<float> reference;
+            for (int tile : {64, 16, 5}) {
+                RenderManager::ClearRenderTaskCache();
+                RenderManager::setGlobalTileSize(tile, tile);
+                const std::vector<float> got = render(composite(CompositeOp(v), left, right, flag));
+                if (reference.empty()) reference = got;
+                ASSERT_EQ(std::memcmp(got.data(), reference.data(), got.size() * sizeof(float)), 0)
+                    << "operator " << v << " flag " << flag << " tile " << tile;
+            }
+        }
+    }
+}
+
+TEST_F(CompositeTest, ChannelsBeyondRGBAComeFromTheInputThatHasThem) {
+    const uint64_t rgbaz = IMGLIB::CHANNELS_RGBA | IMGLIB::CHANNEL_Z;
+    auto depth = [](float base) {
+        return [base](int64_t x, int64_t y, int c) {
+            return c == 4 ? base + float(x) : c == 3 ? float((x + y) % 2) : 0.25f;
+        };
+    };
+    TaskPtr flat(new Layer("flat", 3, Rect(0, 0, kW, kH)));
+    TaskPtr deep(new FunctionTask("deep", Rect(0, 0, kW, kH), depth(100), rgbaz));
+    TaskPtr deepFront(new FunctionTask("front", Rect(0, 0, 20, kH), depth(500), rgbaz));
+    auto renderZ = [&](const TaskPtr& task, uint64_t channels) {
+        auto observer = make<CollectingObserver>();
+        renderSerially({RenderOutput{task, Rect(0, 0, kW, kH), channels, 0}}, observer);
+        std::vector<float> z;
+        for (int y = 0; y < kH; ++y)
+            for (int x = 0; x < kW; ++x) {
+                ImageBuffer tile;
+                for (ImageBuffer& t : observer->tiles[0])
+                    if (t.getBounds().contains(x, y)) tile = t;
+                ImageBuffer_LockScoper lock(tile);
+                const IMGLIB::Image* image = tile.getImage();
+                const int n = IMGLIB::GetChannelCount(image->channels);
+                z.push_back(IMGLIB::GetPixelAddress(
+                    image, x, y,
+                    4 * n)[IMGLIB::GetChannelIndex(image->channels, IMGLIB::CHANNEL_Z)]);
+            }
+        return z;
+    };
+    // Only the background has depth: it shows through wherever, also when
+    // depth is all that is asked.
+    for (uint64_t channels : {rgbaz, uint64_t(IMGLIB::CHANNEL_Z)}) {
+        RenderManager::ClearRenderTaskCache();
+        const std::vector<float> z = renderZ(composite(COMPOSITE_OVER, flat, deep), channels);
+        for (int x = 0; x < kW; ++x) ASSERT_EQ(z[static_cast<size_t>(3 * kW + x)], 100.0f + x);
+    }
+    // Both have depth: the foreground's where it covers (alpha not 0).
+    RenderManager::ClearRenderTaskCache();
+    const std::vector<float> z = renderZ(composite(COMPOSITE_OVER, deepFront, deep), rgbaz);
+    for (int x = 0; x < kW; ++x) {
+        const bool covered = x < 20 && (x + 3) % 2 == 1;
+        ASSERT_EQ(z[static_cast<size_t>(3 * kW + x)], covered ? 500.0f + x : 100.0f + x) << x;
+    }
 }

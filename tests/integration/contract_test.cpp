@@ -166,10 +166,8 @@ TEST_F(ContractTest, SettingsCancelAndFinishFromCallbacksAndOtherThreadsNeverDea
         EXPECT_TRUE(observer->returned) << "call " << i;
         EXPECT_EQ(observer->finishCalls, 1);
         // Cancelled from its own callback, or complete.
-        if (i == 4)
-            EXPECT_EQ(observer->status, RenderStatus::Cancelled);
-        else
-            EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
+        const RenderStatus expected = i == 4 ? RenderStatus::Cancelled : RenderStatus::Success;
+        EXPECT_EQ(observer->status, expected) << observer->message;
     }
 
     // The same calls from another thread while renders run.
@@ -189,7 +187,9 @@ TEST_F(ContractTest, SettingsCancelAndFinishFromCallbacksAndOtherThreadsNeverDea
             host.join();
             RenderManager::finishRender(RENDERTYPE_BATCH);
             EXPECT_EQ(observer->finishCalls, 1);
-            if (round % 2 == 0) EXPECT_EQ(observer->status, RenderStatus::Success);
+            if (round % 2 == 0) {
+                EXPECT_EQ(observer->status, RenderStatus::Success);
+            }
         }
     });
     EXPECT_EQ(RenderManager::getRenderThreads(), 1u);
