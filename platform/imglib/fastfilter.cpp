@@ -64,21 +64,18 @@ int FastFilter(const Image* out, const Image* in, FilterType filterX, float size
     const size_t rowFloats = static_cast<size_t>(out->width()) * n;
     const std::vector<float> wx = GetFilterWeights(filterX, sizeX);
     const std::vector<float> wy = GetFilterWeights(filterY, sizeY);
-    const bool boxX = filterX == KERNEL_BOX || filterX == KERNEL_NEAREST;
-    const bool boxY = filterY == KERNEL_BOX || filterY == KERNEL_NEAREST;
     const int64_t pixelBytes = 4 * n;
 
     if (padY == 0) {  // one pass, along x
         for (int64_t y = out->y1; y < out->y2; ++y)
             DispatchFilterRow(GetPixelAddress(out, out->x1, y, pixelBytes),
                               GetPixelAddress(in, out->x1, y, pixelBytes), rowFloats, n, wx.data(),
-                              padX, boxX);
+                              padX);
         return ERROR_NONE;
     }
     if (padX == 0) {
         DispatchFilterColumns(out, GetPixelAddress(in, out->x1, out->y1, pixelBytes),
-                              static_cast<size_t>(in->rowBytes / 4), rowFloats, wy.data(), padY,
-                              boxY);
+                              static_cast<size_t>(in->rowBytes / 4), rowFloats, wy.data(), padY);
         return ERROR_NONE;
     }
     // Both axes: along x into rows that cover the vertical reach, then along
@@ -104,11 +101,11 @@ int FastFilter(const Image* out, const Image* in, FilterType filterX, float size
         for (; filtered < bandEnd + padY - (out->y1 - padY); ++filtered)
             DispatchFilterRow(temp + filtered * stride,
                               GetPixelAddress(in, out->x1, out->y1 - padY + filtered, pixelBytes),
-                              rowFloats, n, wx.data(), padX, boxX);
+                              rowFloats, n, wx.data(), padX);
         Image band;
         GetSubImage(out, out->x1, y, out->x2, bandEnd, &band);
         DispatchFilterColumns(&band, temp + (y - out->y1 + padY) * stride, stride, rowFloats,
-                              wy.data(), padY, boxY);
+                              wy.data(), padY);
     }
     return ERROR_NONE;
 }

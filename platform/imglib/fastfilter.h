@@ -22,8 +22,10 @@ TESSERA_API std::vector<float> GetFilterWeights(FilterType filter, float size);
 
 // out = in convolved along x by filterX of sizeX, then along y by filterY of
 // sizeY. in must cover out grown by the paddings and have its channels.
-// An exact FIR: one pass per axis, every channel, vectorized; a box runs as
-// a running sum, so its cost does not grow with its size.
+// An exact FIR: one pass per axis, every channel, vectorized. Every output
+// is its own weighted sum of the window (a box too: a running sum would
+// carry rounding from wherever it started, so tiles would differ at their
+// edges, and a bright pixel would linger after leaving the window).
 TESSERA_API int FastFilter(const Image* out, const Image* in, FilterType filterX, float sizeX,
                            FilterType filterY, float sizeY);
 

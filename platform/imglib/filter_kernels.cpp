@@ -183,65 +183,19 @@ HWY_INLINE void convolveRowPair(D d, float* dstA, float* dstB, const float* s, p
     }
 }
 
-// A box as a running sum: the window's whole pixels plus the two partial
-// end weights; the cost does not grow with the box.
-void boxSum(float* dst, const float* src, size_t count, ptrdiff_t step, size_t lanes,
-            const float* w, int64_t pad) {
-    // `lanes` independent sums side by side (channels of a row, or a row of
-    // pixels for the vertical pass); `count` outputs per lane.
-    const float inner = w[pad], edge = w[0];
-    for (size_t lane = 0; lane < lanes; ++lane) {
-        const float* s = src + lane;
-        float sum = 0.0f;  // the pixels -pad+1 .. pad-1 around the first output
-        for (int64_t k = -pad + 1; k <= pad - 1; ++k) sum += s[k * step];
-        for (size_t i = 0; i < count; ++i) {
-            const float* c = s + static_cast<ptrdiff_t>(i) * step;
-            dst[lane + i * static_cast<size_t>(step)] =
-                inner * sum + edge * (c[-pad * step] + c[pad * step]);
-            sum += c[pad * step] - c[(-pad + 1) * step];
-        }
-    }
-}
-
-void FilterRow(float* dst, const float* src, size_t count, int stride, const float* w, int64_t pad,
-               bool box) {
+void FilterRow(float* dst, const float* src, size_t count, int stride, const float* w,
+               int64_t pad) {
     if (pad == 0) {
         std::memmove(dst, src, count * sizeof(float));
-        return;
-    }
-    if (box) {
-        boxSum(dst, src, count / static_cast<size_t>(stride), stride, static_cast<size_t>(stride),
-               w, pad);
         return;
     }
     convolve(dst, src, count, stride, w, pad);
 }
 
 void FilterColumns(const Image* out, const float* src, size_t srcStride, size_t rowFloats,
-                   const float* w, int64_t pad, bool box) {
+                   const float* w, int64_t pad) {
     const int64_t rows = out->height();
     const int64_t pixelBytes = GetPixelBytes(out->channels);
-    if (box && pad > 0) {
-        // A running sum down each column, all columns of a row at once.
-        std::vector<float> sum(rowFloats, 0.0f);
-        const float inner = w[pad], edge = w[0];
-        for (int64_t k = -pad + 1; k <= pad - 1; ++k) {
-            const float* r = src + k * static_cast<ptrdiff_t>(srcStride);
-            for (size_t i = 0; i < rowFloats; ++i) sum[i] += r[i];
-        }
-        for (int64_t y = 0; y < rows; ++y) {
-            float* dst = GetPixelAddress(out, out->x1, out->y1 + y, pixelBytes);
-            const float* centre = src + y * static_cast<ptrdiff_t>(srcStride);
-            const float* up = centre - pad * static_cast<ptrdiff_t>(srcStride);
-            const float* down = centre + pad * static_cast<ptrdiff_t>(srcStride);
-            const float* leaving = centre - (pad - 1) * static_cast<ptrdiff_t>(srcStride);
-            for (size_t i = 0; i < rowFloats; ++i) {
-                dst[i] = inner * sum[i] + edge * (up[i] + down[i]);
-                sum[i] += down[i] - leaving[i];
-            }
-        }
-        return;
-    }
     // Down strips narrow enough that the rows one output row reads stay in
     // the first-level cache while the next row reuses all but one of them;
     // symmetric kernels make two rows at a time.
@@ -282,13 +236,13 @@ HWY_EXPORT(FilterRow);
 HWY_EXPORT(FilterColumns);
 
 void DispatchFilterRow(float* dst, const float* src, size_t count, int stride, const float* w,
-                       int64_t pad, bool box) {
-    HWY_DYNAMIC_DISPATCH(FilterRow)(dst, src, count, stride, w, pad, box);
+                       int64_t pad) {
+    HWY_DYNAMIC_DISPATCH(FilterRow)(dst, src, count, stride, w, pad);
 }
 
 void DispatchFilterColumns(const Image* out, const float* src, size_t srcStride, size_t rowFloats,
-                           const float* w, int64_t pad, bool box) {
-    HWY_DYNAMIC_DISPATCH(FilterColumns)(out, src, srcStride, rowFloats, w, pad, box);
+                           const float* w, int64_t pad) {
+    HWY_DYNAMIC_DISPATCH(FilterColumns)(out, src, srcStride, rowFloats, w, pad);
 }
 
 }  // namespace IMGLIB

@@ -283,3 +283,22 @@ TEST_F(BlurTest, PerChannelScalesBlurEachChannelApart) {
         render(createBlur("u", 0, same, dots), Rect(0, 0, 40, 40), 16);
     for (size_t i = 0; i < got.size(); ++i) ASSERT_NEAR(got[i].r, uniform[i].r, 1e-6f);
 }
+
+TEST_F(BlurTest, TheBoxIsTheSameAtEveryTileEdgeAndForgetsAHighlight) {
+    // Dark pixels with one very bright one: once the box has passed it, the
+    // dark pixels come back exactly.
+    auto scene = make<FunctionTask>("highlight", Rect(0, 0, 90, 40), [](int64_t x, int64_t y, int) {
+        return x == 20 && y == 10 ? 50000.0f : 0.001f;
+    });
+    PerChannelBlurParameters p;
+    p.blur.filterX = p.blur.filterY = IMGLIB::KERNEL_BOX;
+    p.blur.sizeX = 7.0f;
+    p.blur.sizeY = 5.0f;
+    TaskPtr box = createBlur("box", 0, p, scene);
+    const Rect rect(0, 0, 90, 40);
+    const std::vector<Color> whole = render(box, rect, 1024);
+    for (int tile : {16, 37, 64}) EXPECT_EQ(render(box, rect, tile), whole) << tile;
+    for (int64_t x = 40; x < 80; ++x)
+        ASSERT_NEAR(whole[static_cast<size_t>(10 * 90 + x)].r, 0.001f, 1e-9f) << x;
+    EXPECT_NEAR(whole[10 * 90 + 20].r, 50000.0f / 35.0f + 0.001f * 34 / 35, 1e-2f);
+}
