@@ -1,10 +1,12 @@
 // Reading images with OpenImageIO, region by region.
 #include <OpenImageIO/imageio.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <vector>
 
 #include "exceptions.h"
@@ -31,6 +33,14 @@ uint64_t channelsOf(const OIIO::ImageSpec& spec, int slots[IMGLIB::NUM_KNOWN_CHA
                 break;
             }
     }
+    // Grey with or without alpha ("Y", "YA"): R, G and B take the grey.
+    if (!(mask & IMGLIB::CHANNELS_RGB))
+        for (int c = 0; c < spec.nchannels; ++c)
+            if (spec.channel_name(c) == "Y") {
+                for (int bit = 0; bit < 3; ++bit) slots[bit] = c;
+                mask |= IMGLIB::CHANNELS_RGB;
+                break;
+            }
     // Unnamed single-channel images are grey: R, G and B.
     if (!mask && spec.nchannels >= 1) {
         for (int bit = 0; bit < 3; ++bit) slots[bit] = std::min(bit, spec.nchannels - 1);
@@ -38,6 +48,18 @@ uint64_t channelsOf(const OIIO::ImageSpec& spec, int slots[IMGLIB::NUM_KNOWN_CHA
         if (spec.nchannels == 4) slots[3] = 3, mask |= IMGLIB::CHANNEL_A;
     }
     return mask;
+}
+
+// What tells one version of a file from another without reading it: the
+// device and inode, the size and the modification time to the nanosecond.
+// A file written again at the same path is a new input.
+std::string fileIdentity(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return std::string();
+    std::ostringstream id;
+    id << st.st_dev << ':' << st.st_ino << ':' << st.st_size << ':' << st.st_mtim.tv_sec << '.'
+       << st.st_mtim.tv_nsec;
+    return id.str();
 }
 
 std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
@@ -58,6 +80,7 @@ public:
         : RenderTask(name, time), m_params(params) {
         auto in = openFile(getNameAtTime(), params.path, params.subimage);
         m_spec = in->spec();
+        m_fileIdentity = fileIdentity(params.path);
         m_channels = channelsOf(m_spec, m_slots);
         m_dataWindow =
             UTIL::Rect(m_spec.x, m_spec.y, m_spec.x + m_spec.width, m_spec.y + m_spec.height);
@@ -68,7 +91,8 @@ protected:
     void computeCacheID(CacheIDStream& s) override {
         // The file's identity as far as a reader can tell without reading it all.
         s << m_params.path << ',' << m_params.subimage << ',' << m_dataWindow << ','
-          << m_spec.nchannels << ',' << m_spec.get_string_attribute("DateTime");
+          << m_spec.nchannels << ',' << m_spec.get_string_attribute("DateTime") << ','
+          << m_fileIdentity;
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
@@ -154,6 +178,7 @@ private:
 
     FileInParams m_params;
     OIIO::ImageSpec m_spec;
+    std::string m_fileIdentity;
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     UTIL::Rect m_dataWindow;

@@ -268,3 +268,38 @@ TEST_F(ProductTest, EveryExampleGraphLoadsAndRenders) {
         }
     }
 }
+
+TEST_F(ProductTest, FilesAreReadAsTheyAreOnDiskAndGreyTakesRGB) {
+    RenderManager::setSpeculativeCachingEnable(true);
+    const std::string path = (dir / "matte.png").string();
+    auto write = [&](float grey, float alpha) {
+        OIIO::ImageSpec spec(8, 6, 2, OIIO::TypeDesc::UINT8);
+        spec.channelnames = {"Y", "A"};
+        std::vector<float> pixels(8 * 6 * 2);
+        for (size_t i = 0; i < pixels.size(); i += 2) pixels[i] = grey, pixels[i + 1] = alpha;
+        auto out = OIIO::ImageOutput::create(path);
+        ASSERT_TRUE(out && out->open(path, spec));
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()));
+        out->close();
+    };
+    auto read = [&] {
+        TaskPtr in = createFileInTask("matte", 0, FileInParams{path, 0});
+        auto observer = make<CollectingObserver>();
+        RenderManager::Render({RenderDescription(in, Rect(0, 0, 8, 6), IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, true, RENDERTYPE_BATCH);
+        return observer->pixel(0, 3, 2);
+    };
+    write(0.2f, 0.6f);
+    const Color first = read();
+    EXPECT_NEAR(first.r, 0.2f, 1.0f / 255);
+    EXPECT_EQ(first.r, first.g);
+    EXPECT_EQ(first.r, first.b);
+    EXPECT_NEAR(first.a, 0.6f, 1.0f / 255);
+    // Written again at the same path, the same size, a moment later.
+    const auto written = fs::last_write_time(path);
+    write(0.8f, 1.0f);
+    fs::last_write_time(path, written + std::chrono::seconds(1));
+    const Color second = read();
+    EXPECT_NEAR(second.g, 0.8f, 1.0f / 255);
+    EXPECT_EQ(second.a, 1.0f);
+}
