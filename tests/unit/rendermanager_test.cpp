@@ -1,7 +1,9 @@
 // Process-wide render settings, statistics and cancellation.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
+#include <limits>
 #include <thread>
 
 #include "rendermanager.h"
@@ -97,4 +99,29 @@ TEST(RenderManager, StatisticsAndSpeculativeCacheSwitch) {
     RenderManager::printImageMemoryUsage();
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("Image allocator memory usage: "),
               std::string::npos);
+}
+
+TEST(RenderManager, HugeBudgetsSaturateInsteadOfWrapping) {
+    RenderManager::SetMaxImageMemory(std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(RenderManager::GetMaxImageMemory(),
+              uint64_t(std::numeric_limits<int64_t>::max()) >> 20);
+    RenderManager::SetMaxDiskUsage(uint64_t(1) << 50);
+    EXPECT_EQ(RenderManager::GetMaxDiskUsage(), std::numeric_limits<int64_t>::max() >> 20);
+    RenderManager::SetMaxImageMemory(256);
+    RenderManager::SetMaxDiskUsage(8192);
+}
+
+TEST(RenderManager, TheDebugStreamSurvivesANewLogFile) {
+    const std::string dir = ::testing::TempDir();
+    RenderManager::setRenderDebug(true);
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        std::ostream& log = RenderManager::debugStream();
+        while (!stop) log << "a line from a render thread" << std::endl;
+    });
+    for (int i = 0; i < 50; ++i)
+        RenderManager::setRenderLogFile(dir + "/log" + std::to_string(i % 2) + ".txt");
+    stop = true;
+    writer.join();
+    RenderManager::setRenderDebug(false);
 }

@@ -3,8 +3,10 @@
 #include <atomic>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <streambuf>
 
 #include "private/statistics.h"
 #include "rendersystem/core/rendercontroller.h"
@@ -32,6 +34,43 @@ std::ostream* s_log = &std::cerr;
 std::ostream& nullStream() {
     static std::ostream discard(nullptr);
     return discard;
+}
+
+// What debugStream() hands out: every write goes to the current log under
+// s_logMutex, so setRenderLogFile may replace (and close) the file while
+// another thread holds the stream.
+class LogBuffer : public std::streambuf {
+protected:
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+        const char ch = traits_type::to_char_type(c);
+        std::lock_guard<std::mutex> lock(s_logMutex);
+        s_log->put(ch);
+        return c;
+    }
+    std::streamsize xsputn(const char* text, std::streamsize count) override {
+        std::lock_guard<std::mutex> lock(s_logMutex);
+        s_log->write(text, count);
+        return count;
+    }
+    int sync() override {
+        std::lock_guard<std::mutex> lock(s_logMutex);
+        s_log->flush();
+        return 0;
+    }
+};
+
+std::ostream& logStream() {
+    static LogBuffer* buffer = new LogBuffer;  // outlives every caller
+    static std::ostream* stream = new std::ostream(buffer);
+    return *stream;
+}
+
+// Megabytes as bytes, saturating instead of overflowing.
+int64_t megabytesToBytes(uint64_t megabytes) {
+    constexpr uint64_t kMaxMegabytes = uint64_t(std::numeric_limits<int64_t>::max()) >> 20;
+    return megabytes > kMaxMegabytes ? std::numeric_limits<int64_t>::max()
+                                     : static_cast<int64_t>(megabytes << 20);
 }
 
 // Each thread's own: no lock, so CheckAbort costs a load.
@@ -124,9 +163,7 @@ void RenderManager::setRenderLogFile(const std::string& path) {
 }
 
 std::ostream& RenderManager::debugStream() {
-    if (!s_renderDebug.load()) return nullStream();
-    std::lock_guard<std::mutex> lock(s_logMutex);
-    return *s_log;
+    return s_renderDebug.load() ? logStream() : nullStream();
 }
 
 void RenderManager::debugLine(const std::string& line) {
@@ -192,11 +229,11 @@ void RenderManager::ClearRenderTaskCache() {
 }
 
 void RenderManager::SetMaxImageMemory(uint64_t megabytes) {
-    ImageAllocator::instance().setMaxMemory(static_cast<int64_t>(megabytes) * kMegabyte);
+    ImageAllocator::instance().setMaxMemory(megabytesToBytes(megabytes));
 }
 
 void RenderManager::SetMaxDiskUsage(uint64_t megabytes) {
-    ImageAllocator::instance().setMaxDiskUsage(static_cast<int64_t>(megabytes) * kMegabyte);
+    ImageAllocator::instance().setMaxDiskUsage(megabytesToBytes(megabytes));
 }
 
 uint64_t RenderManager::GetMaxImageMemory() {
