@@ -36,6 +36,20 @@ struct TESSERA_API Graph {
 TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".");
 TESSERA_API Graph loadGraphFile(const std::string& path);
 
+// What a graph file may use: every operation with its inputs and parameters.
+struct TESSERA_API OperationParameter {
+    std::string name;
+    std::string type;          // as `tessera ops` prints it ("number", "[x, y]", ...)
+    std::string defaultValue;  // JSON text; empty when the parameter is required
+};
+struct TESSERA_API OperationDescription {
+    std::string name;
+    std::string summary;
+    std::vector<std::string> inputs;
+    std::vector<bool> optionalInputs;  // one flag per input
+    std::vector<OperationParameter> parameters;
+};
+TESSERA_API std::vector<OperationDescription> listOperations();
 // One line per operation: its name, parameters (name, type, default) and inputs.
 TESSERA_API std::string describeOperations();
 

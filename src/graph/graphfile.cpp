@@ -1167,17 +1167,35 @@ Graph loadGraphFile(const std::string& path) {
     return loadGraph(text.str(), std::filesystem::path(path).parent_path().string());
 }
 
+std::vector<OperationDescription> listOperations() {
+    std::vector<OperationDescription> list;
+    for (const Operation& op : operations()) {
+        OperationDescription d;
+        d.name = op.name;
+        d.summary = op.summary;
+        for (const std::string& input : op.inputs) {
+            const bool optional = input.back() == '?';
+            d.inputs.push_back(optional ? input.substr(0, input.size() - 1) : input);
+            d.optionalInputs.push_back(optional);
+        }
+        for (const Param& p : op.params)
+            d.parameters.push_back({p.name, typeName(p.type),
+                                    p.fallback.is_null() ? std::string() : p.fallback.dump()});
+        list.push_back(std::move(d));
+    }
+    return list;
+}
+
 std::string describeOperations() {
     std::ostringstream out;
-    for (const Operation& op : operations()) {
+    for (const OperationDescription& op : listOperations()) {
         out << op.name << ": " << op.summary << "\n";
-        for (const std::string& input : op.inputs)
-            out << "    input "
-                << (input.back() == '?' ? input.substr(0, input.size() - 1) + " (optional)" : input)
+        for (size_t i = 0; i < op.inputs.size(); ++i)
+            out << "    input " << op.inputs[i] << (op.optionalInputs[i] ? " (optional)" : "")
                 << "\n";
-        for (const Param& p : op.params)
-            out << "    " << p.name << " (" << typeName(p.type) << ")"
-                << (p.fallback.is_null() ? ", required" : ", default " + p.fallback.dump()) << "\n";
+        for (const OperationParameter& p : op.parameters)
+            out << "    " << p.name << " (" << p.type << ")"
+                << (p.defaultValue.empty() ? ", required" : ", default " + p.defaultValue) << "\n";
     }
     return out.str();
 }
