@@ -38,21 +38,6 @@ void ThreadPool::startThread() {
     worker->thread = std::thread([this, worker] { workerLoop(worker); });
 }
 
-void ThreadPool::joinFinished(std::unique_lock<std::mutex>& lock) {
-    std::list<Worker> finished;
-    for (auto it = m_workers.begin(); it != m_workers.end();)
-        if (it->finished)
-            finished.splice(finished.end(), m_workers, it++);
-        else
-            ++it;
-    if (finished.empty()) return;
-    // A finished worker has left its loop: joining it waits for nothing but
-    // the thread's own exit, and never for this lock.
-    lock.unlock();
-    for (Worker& w : finished) w.thread.join();
-    lock.lock();
-}
-
 bool ThreadPool::surplus() const {
     return m_live - m_blocked > m_target;
 }
@@ -61,7 +46,6 @@ void ThreadPool::resize(size_t threads, size_t jobLimit) {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_target = threads;
     m_jobLimit = jobLimit;
-    joinFinished(lock);
     while (m_live - m_blocked < m_target) startThread();
     lock.unlock();
     m_wake.notify_all();  // surplus workers leave, the new limit may start more jobs
@@ -169,8 +153,11 @@ void ThreadPool::workerLoop(Worker* self) {
         }
     }
     --m_live;
-    self->finished = true;
     t_pool = nullptr;
+    if (m_stopping) return;  // the destructor joins it
+    // A surplus worker leaves on its own: nobody waits to join it.
+    self->thread.detach();
+    m_workers.remove_if([self](const Worker& w) { return &w == self; });
 }
 
 void ThreadPool::beginBlocking() {

@@ -71,11 +71,9 @@ private:
     };
     struct Worker {
         std::thread thread;
-        bool finished = false;
     };
     // Under m_mutex.
     void startThread();
-    void joinFinished(std::unique_lock<std::mutex>& lock);
     bool surplus() const;
     void workerLoop(Worker* self);
     // The next job a worker may run; false when there is none.

@@ -65,6 +65,8 @@ std::string fileIdentity(const std::string& path) {
 std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
                                            int subimage) {
     auto in = OIIO::ImageInput::open(path);
+    // Blocks are decoded on the render's workers, several at once.
+    if (in) in->threads(1);
     if (!in)
         throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + OIIO::geterror(),
                                            -1);

@@ -85,6 +85,9 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
             fileSpec.attribute("compression", file.compression);
             fileSpec.attribute("openexr:lineOrder", "randomY");
             out = OIIO::ImageOutput::create(file.path);
+            // The render's workers write tiles in parallel already: OpenImageIO
+            // starts no threads of its own for them.
+            if (out) out->threads(1);
             if (out && !out->open(file.path, fileSpec)) out.reset();
         }
         if (out)

@@ -24,8 +24,8 @@ thread_local RenderNode* t_currentNode = nullptr;
 
 }  // namespace
 
-RenderNode::RenderNode(RenderTask::Imp& imp, RenderPlan& plan)
-    : m_imp(imp), m_plan(plan), m_inputRequests(imp.m_inputTasks.size()) {}
+RenderNode::RenderNode(const TaskPtr& task, RenderPlan& plan)
+    : m_task(task), m_imp(task->imp()), m_plan(plan), m_inputRequests(m_imp.m_inputTasks.size()) {}
 
 RenderNode::~RenderNode() = default;
 

@@ -35,7 +35,8 @@ class RenderPlan;
 // render lock (Imp::m_renderLock), the full-frame state by m_fullFrameLock.
 class RenderNode {
 public:
-    RenderNode(RenderTask::Imp& imp, RenderPlan& plan);
+    // Holds the task for as long as the node lives.
+    RenderNode(const TaskPtr& task, RenderPlan& plan);
     ~RenderNode();
 
     RenderTask::Imp& imp() const { return m_imp; }
@@ -110,6 +111,7 @@ private:
     void runPreRender();
     void leaveSessionLocked();
 
+    TaskPtr m_task;
     RenderTask::Imp& m_imp;
     RenderPlan& m_plan;
     std::vector<std::unique_ptr<InputRequest>> m_inputRequests;

@@ -170,7 +170,7 @@ RenderNode& RenderPlan::nodeFor(const TaskPtr& task) {
             }
         if (!inputsReady) continue;
         pending.pop_back();
-        m_nodes.push_back(std::make_unique<RenderNode>(imp, *this));
+        m_nodes.push_back(std::make_unique<RenderNode>(current, *this));
         RenderNode* node = m_nodes.back().get();
         for (const TaskPtr& input : imp.m_inputTasks)
             node->m_inputs.push_back(findNode(input->imp()));

@@ -182,33 +182,34 @@ void ImageAllocator::onFirstLock(Impl* image) {
         if (!image->m_fileName.empty()) loadFromDisk(image);
     }
     std::lock_guard<std::mutex> lock(m_lockedMutex);
-    UTIL_ASSERT_TEXT(
-        std::find(m_lockedImages.begin(), m_lockedImages.end(), image) == m_lockedImages.end(),
-        "find(m_lockedImages, image) == m_lockedImages.end()");
-    m_lockedImages.push_back(image);
+    UTIL_ASSERT_TEXT(!image->m_inLocked, "find(m_lockedImages, image) == m_lockedImages.end()");
+    image->m_lockedPos = m_lockedImages.insert(m_lockedImages.end(), image);
+    image->m_inLocked = true;
 }
 
 void ImageAllocator::onLastUnlock(Impl* image) {
     {
         std::lock_guard<std::mutex> lock(m_unlockedMutex);
-        UTIL_ASSERT_TEXT(std::find(m_unlockedImages.begin(), m_unlockedImages.end(), image) ==
-                             m_unlockedImages.end(),
+        UTIL_ASSERT_TEXT(!image->m_inUnlocked,
                          "find(m_unlockedImages, image) == m_unlockedImages.end()");
-        m_unlockedImages.push_back(image);
+        image->m_unlockedPos = m_unlockedImages.insert(m_unlockedImages.end(), image);
+        image->m_inUnlocked = true;
     }
     removeFromLocked(image);
 }
 
 void ImageAllocator::removeFromUnlocked(Impl* image) {
     std::lock_guard<std::mutex> lock(m_unlockedMutex);
-    auto it = std::find(m_unlockedImages.begin(), m_unlockedImages.end(), image);
-    if (it != m_unlockedImages.end()) m_unlockedImages.erase(it);
+    if (!image->m_inUnlocked) return;
+    m_unlockedImages.erase(image->m_unlockedPos);
+    image->m_inUnlocked = false;
 }
 
 void ImageAllocator::removeFromLocked(Impl* image) {
     std::lock_guard<std::mutex> lock(m_lockedMutex);
-    auto it = std::find(m_lockedImages.begin(), m_lockedImages.end(), image);
-    if (it != m_lockedImages.end()) m_lockedImages.erase(it);
+    if (!image->m_inLocked) return;
+    m_lockedImages.erase(image->m_lockedPos);
+    image->m_inLocked = false;
 }
 
 void ImageAllocator::allocate(Impl* image) {
@@ -287,7 +288,8 @@ bool ImageAllocator::saveToDisk() {
         image = m_unlockedImages.front();
         imageLock = std::unique_lock<std::mutex>(image->m_mutex, std::try_to_lock);
         if (!imageLock.owns_lock()) return false;
-        m_unlockedImages.erase(m_unlockedImages.begin());
+        m_unlockedImages.pop_front();
+        image->m_inUnlocked = false;
     }
     const auto start = std::chrono::steady_clock::now();
     if (!saveImage(image)) {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <iosfwd>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -146,8 +147,8 @@ private:
     };
 
     const std::string m_tempDirectory;
-    std::vector<ImageBuffer::Impl*> m_lockedImages;    // guarded by m_lockedMutex
-    std::vector<ImageBuffer::Impl*> m_unlockedImages;  // oldest first; m_unlockedMutex
+    std::list<ImageBuffer::Impl*> m_lockedImages;    // guarded by m_lockedMutex
+    std::list<ImageBuffer::Impl*> m_unlockedImages;  // oldest first; m_unlockedMutex
     mutable std::mutex m_lockedMutex;
     mutable std::mutex m_unlockedMutex;
     mutable std::mutex m_memoryMutex;  // guards the counters below

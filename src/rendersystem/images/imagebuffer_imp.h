@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,6 +58,10 @@ public:
     bool m_isEmptyImage = false;
     Private::CacheDataPtr m_cacheData;
     std::shared_ptr<const void> m_viewOwner;  // a view's; const after construction
+    // Where the image stands in the allocator's locked or unlocked list
+    // (guarded by that list's mutex), so it leaves the list in constant time.
+    std::list<Impl*>::iterator m_lockedPos, m_unlockedPos;
+    bool m_inLocked = false, m_inUnlocked = false;
 
 private:
     std::atomic<uint32_t> m_refCount{0};
