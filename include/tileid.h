@@ -52,6 +52,12 @@ public:
     // row-major order, appended to out. Returns their count.
     static size_t convertToTileIDs(const UTIL::Region& region, std::vector<TileID>& out,
                                    int tileWidth, int tileHeight);
+    // Whether every tile over rect has its index and its pixel bounds in
+    // range (16-bit indices, 32-bit coordinates); tiles beyond cannot be
+    // told apart.
+    static bool fitsGrid(const UTIL::Rect& rect, int tileWidth, int tileHeight);
+    // How many tiles cover rect, without listing them.
+    static uint64_t countTiles(const UTIL::Rect& rect, int tileWidth, int tileHeight);
 
 private:
     int16_t m_xIndex = 0;

@@ -14,6 +14,7 @@
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 #include "support/watchdog.h"
+#include "util/exceptions.h"
 
 using namespace TESSERA;
 using namespace TESSERA::testing;
@@ -344,4 +345,39 @@ TEST_F(ContractTest, ACollapsedChainNamesItselfAsOne) {
                           true, RENDERTYPE_BATCH);
     EXPECT_EQ(observer->descriptionOf["g2"], "ConcatenatedInPlaceOp");
     EXPECT_EQ(observer->pixel(0, 3, 4), Color(18, 24, float((3 * 4) % 7) * 6, 1));
+}
+
+TEST_F(ContractTest, AreasTheTileGridCannotNameAreRefusedBeforeRendering) {
+    RenderManager::setGlobalTileSize(256, 256);
+    auto pattern = make<PatternTask>("far", Rect(0, 0, 2000000000, 64));
+    auto expectRefused = [&](const Rect& rect, const std::string& words) {
+        auto observer = make<RecordingObserver>();
+        withinSeconds(kHang, "a render beyond the grid", [&] {
+            try {
+                RenderManager::Render({RenderDescription(pattern, rect, 15)}, observer, nullptr,
+                                      true, RENDERTYPE_BATCH);
+                ADD_FAILURE() << "rendered " << rect;
+            } catch (const UTIL::ErrorException& e) {
+                const std::string message = e.what();
+                EXPECT_NE(message.find("output 0 (task far)"), std::string::npos) << message;
+                EXPECT_NE(message.find(words), std::string::npos) << message;
+            }
+        });
+        EXPECT_TRUE(observer->tiles[0].empty());
+        EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_BATCH));
+    };
+    // x = 10,000,000 is tile 39,062: beyond 16-bit tile indices.
+    expectRefused(Rect(10000000, 0, 10000256, 64), "beyond the tile grid");
+    // A billion pixels square is refused at once, not listed tile by tile.
+    expectRefused(Rect(0, 0, 1000000000, 1000000000), "beyond the tile grid");
+    RenderManager::setGlobalTileSize(16, 16);
+    expectRefused(Rect(0, 0, 520000, 32000), "tiles, more than");
+    // The grid's edge still renders.
+    RenderManager::setGlobalTileSize(256, 256);
+    auto observer = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(pattern, Rect(8388000, 0, 8388352, 8), 15)}, observer,
+                          nullptr, true, RENDERTYPE_BATCH);
+    EXPECT_EQ(observer->status, RenderStatus::Success);
+    EXPECT_EQ(observer->pixel(0, 8388351, 3), PatternTask::at(8388351, 3));
+    EXPECT_THROW(RenderManager::setGlobalTileSize(int64_t(1) << 31, 256), UTIL::ErrorException);
 }

@@ -103,8 +103,8 @@ int render(const Graph& graph, const Options& o) {
     size_t tiles = 0;
     for (const GraphOutput& out : graph.outputs) {
         outputs.push_back(out.description);
-        std::vector<TileID> ids;
-        tiles += out.description.task->convertToTileIDs(out.description.rect, ids);
+        tiles += TileID::countTiles(out.description.rect, int(RenderManager::getGlobalTileWidth()),
+                                    int(RenderManager::getGlobalTileHeight()));
     }
     RCX_ptr_v4::ref_ptr<Progress> progress(new Progress(tiles, isatty(STDERR_FILENO)));
     for (size_t i = 0; i < graph.outputs.size(); ++i)

@@ -136,6 +136,11 @@ void RenderManager::setGlobalTileSize(int64_t xTileSize, int64_t yTileSize) {
     finishRender(RENDERTYPE_VIEWER);
     finishRender(RENDERTYPE_BATCH);
     UTIL_ASSERT_TEXT(xTileSize > 0 && yTileSize > 0, "xTileSize >0 && yTileSize > 0");
+    constexpr int64_t kMaxTileSize = int64_t(1) << 30;
+    if (xTileSize > kMaxTileSize || yTileSize > kMaxTileSize)
+        throw UTIL::ErrorException("setGlobalTileSize: " + std::to_string(xTileSize) + " x " +
+                                   std::to_string(yTileSize) + " is too large (at most " +
+                                   std::to_string(kMaxTileSize) + " pixels a side)");
     s_tileWidth.store(xTileSize);
     s_tileHeight.store(yTileSize);
 }

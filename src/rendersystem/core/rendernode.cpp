@@ -92,7 +92,25 @@ int RenderNode::tileHeight() const {
     return task().isRenderTiled() ? m_plan.tileHeight() : TileID::INFINITE_SIZE;
 }
 
+void RenderNode::checkTileGrid(const UTIL::Rect& area, const std::string& what) const {
+    const int w = tileWidth(), h = tileHeight();
+    std::ostringstream problem;
+    if (!TileID::fitsGrid(area, w, h))
+        problem << " lies beyond the tile grid";
+    else if (TileID::countTiles(area, w, h) > kMaxTilesPerArea)
+        problem << " needs " << TileID::countTiles(area, w, h) << " tiles, more than "
+                << kMaxTilesPerArea << " at once";
+    else
+        return;
+    std::ostringstream message;
+    message << what << " (task " << m_imp.m_name << "): the area " << area << problem.str()
+            << " with tiles of " << w << " x " << h
+            << " pixels; use larger tiles or a smaller area";
+    throw UTIL::ErrorException(message.str());
+}
+
 void RenderNode::tileIDs(const UTIL::Region& area, std::vector<TileID>& out) const {
+    checkTileGrid(area.boundingBox(), "Render");
     TileID::convertToTileIDs(area, out, tileWidth(), tileHeight());
 }
 

@@ -67,7 +67,11 @@ public:
     // The channels consumers want that the task defines.
     void requireOutputChannels(uint64_t channels);
     uint64_t requiredOutputChannels() const { return m_requiredOutputChannels; }
-    // The task's tiles over an area, on this render's grid.
+    // The task's tiles over an area, on this render's grid. An area whose
+    // tiles the grid cannot name, or too many of them, throws
+    // UTIL::ErrorException naming `what`, the task and the area.
+    static constexpr uint64_t kMaxTilesPerArea = uint64_t(1) << 20;
+    void checkTileGrid(const UTIL::Rect& area, const std::string& what) const;
     void tileIDs(const UTIL::Region& area, std::vector<TileID>& out) const;
     int tileWidth() const;
     int tileHeight() const;

@@ -248,6 +248,7 @@ void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
         state.taskName = node.name();
         UTIL_ASSERT_TEXT(node.m_outputTaskCount == 0, "m_outputTaskCount == 0");
         node.requireOutputChannels(output.channels);
+        node.checkTileGrid(output.rect, "Render: output " + std::to_string(output.outputIndex));
         std::vector<TileID> ids;
         TileID::convertToTileIDs(output.rect, ids, node.tileWidth(), node.tileHeight());
         for (const TileID& id : ids) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <set>
 
 #include "util/exceptions.h"
@@ -39,7 +40,43 @@ bool isFullFrame(int tileWidth, int tileHeight) {
     return tileWidth == TileID::INFINITE_SIZE && tileHeight == TileID::INFINITE_SIZE;
 }
 
+// The exact index range of a grid axis, in 64 bits.
+void exactRange(int64_t lo, int64_t hi, int size, int64_t& first, int64_t& end) {
+    const auto floorDiv = [](int64_t a, int64_t b) { return a / b - (a % b != 0 && a < 0); };
+    first = floorDiv(lo, size);
+    end = -floorDiv(-hi, size);
+}
+
+bool axisFits(int64_t lo, int64_t hi, int size) {
+    if (size == TileID::INFINITE_SIZE) return true;
+    if (size <= 0) return false;
+    int64_t first = 0, end = 0;
+    exactRange(lo, hi, size, first, end);
+    return first >= -32768 && end <= 32767 && first * size >= INT32_MIN &&
+           end * int64_t(size) <= INT32_MAX;
+}
+
 }  // namespace
+
+bool TileID::fitsGrid(const UTIL::Rect& rect, int tileWidth, int tileHeight) {
+    return rect.isNull() || (axisFits(rect.xmin, rect.xmax, tileWidth) &&
+                             axisFits(rect.ymin, rect.ymax, tileHeight));
+}
+
+uint64_t TileID::countTiles(const UTIL::Rect& rect, int tileWidth, int tileHeight) {
+    if (rect.isNull()) return 0;
+    const auto along = [](int64_t lo, int64_t hi, int size) -> uint64_t {
+        if (size == INFINITE_SIZE) return 1;
+        if (size <= 0) return 0;
+        int64_t first = 0, end = 0;
+        exactRange(lo, hi, size, first, end);
+        return uint64_t(end - first);
+    };
+    if (isFullFrame(tileWidth, tileHeight)) return 1;
+    const uint64_t columns = along(rect.xmin, rect.xmax, tileWidth);
+    const uint64_t rows = along(rect.ymin, rect.ymax, tileHeight);
+    return rows != 0 && columns > UINT64_MAX / rows ? UINT64_MAX : columns * rows;
+}
 
 UTIL::Rect TileID::rect() const {
     const int64_t inf = UTIL::Rect::INFINITE_EXTENT;
