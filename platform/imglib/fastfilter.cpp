@@ -14,7 +14,7 @@
 namespace IMGLIB {
 
 int64_t GetFilterPadding(float size) {
-    const float s = size > 1.0f ? size : 1.0f;  // 0, negative and NaN: 1
+    const float s = size > 1.0f ? std::min(size, 2e9f) : 1.0f;  // 0, negative and NaN: 1
     return static_cast<int64_t>(std::ceil((s - 1.0f) * 0.5f));
 }
 

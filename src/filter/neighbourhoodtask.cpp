@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "cacheidstream.h"
+#include "exceptions.h"
 #include "filtertasks.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
@@ -17,7 +18,17 @@ NeighbourhoodTask::NeighbourhoodTask(const std::string& name, float time, const 
     registerInputTask(std::move(image));
 }
 
+void NeighbourhoodTask::checkReach(int64_t padX, int64_t padY) const {
+    if (padX >= 0 && padY >= 0 && padX <= kMaxReach && padY <= kMaxReach) return;
+    throw RenderTaskRenderingException(getNameAtTime(),
+                                       "size: a reach of " + std::to_string(std::max(padX, padY)) +
+                                           " pixels is out of range (0 to " +
+                                           std::to_string(kMaxReach) + ")",
+                                       -1);
+}
+
 void NeighbourhoodTask::setPadding(int64_t padX, int64_t padY) {
+    checkReach(padX, padY);
     m_padX = padX;
     m_padY = padY;
 }
@@ -31,6 +42,7 @@ void NeighbourhoodTask::setExtension(IMGLIB::ExtendMethod method, bool extendFla
 
 size_t NeighbourhoodTask::addAuxiliaryInput(TaskPtr input, uint64_t channels, int64_t padX,
                                             int64_t padY, std::optional<UTIL::Rect> fixedRect) {
+    checkReach(padX, padY);
     m_auxiliary.push_back({channels, padX, padY, fixedRect});
     return registerInputTask(std::move(input));
 }

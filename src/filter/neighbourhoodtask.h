@@ -25,7 +25,9 @@ public:
 
 protected:
     // The reach of the operator on the image, and so the growth of the
-    // defined region.
+    // defined region. A reach beyond kMaxReach (a size of a billion, or
+    // infinity) throws RenderTaskRenderingException naming the task.
+    static constexpr int64_t kMaxReach = int64_t(1) << 16;
     void setPadding(int64_t padX, int64_t padY);
     // How the image is extended past its data (default: its background).
     void setExtension(IMGLIB::ExtendMethod method, bool extendFlag, const UTIL::Rect& extendRect);
@@ -64,6 +66,7 @@ protected:
     void check(int status);
 
 private:
+    void checkReach(int64_t padX, int64_t padY) const;
     uint64_t auxiliaryChannels(size_t input);
     struct Auxiliary {
         uint64_t channels;

@@ -1,6 +1,7 @@
 // The generators: one task class, its pixels from a small table of kinds.
 #include <cmath>
 
+#include "exceptions.h"
 #include "expressionmath/noise.h"
 #include "generatortasks.h"
 #include "imglib/pixels.h"
@@ -94,7 +95,7 @@ Color4f evaluate(Kind kind, const Params& p, int64_t ix, int64_t iy) {
         }
         case Kind::PerlinNoise: {
             float sum = 0, amplitude = 1, total = 0, frequency = 1.0f / std::fmax(p.size, 1e-6f);
-            for (int o = 0; o < std::max(1, p.octaves); ++o) {
+            for (int o = 0; o < p.octaves; ++o) {
                 sum += amplitude * em::snoise(x * frequency, y * frequency,
                                               float(p.seed) * 0.618f + float(o) * 17.0f);
                 total += amplitude;
@@ -217,6 +218,14 @@ TaskPtr createHueWheelTask(const std::string& name, float time, const Imath::V2f
 TaskPtr createPerlinNoiseTask(const std::string& name, float time, float scale, int octaves,
                               float gain, uint32_t seed, const Color4f& low, const Color4f& high,
                               const UTIL::Rect& area) {
+    // Past 32 octaves a layer is finer than float coordinates can tell.
+    constexpr int kMaxOctaves = 32;
+    if (octaves < 1 || octaves > kMaxOctaves)
+        throw RenderTaskRenderingException(name,
+                                           "octaves " + std::to_string(octaves) +
+                                               " is out of range (1 to " +
+                                               std::to_string(kMaxOctaves) + ")",
+                                           -1);
     Params p;
     p.size = scale;
     p.octaves = octaves;

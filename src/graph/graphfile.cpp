@@ -1014,12 +1014,22 @@ uint64_t parseChannels(const std::string& node, const std::string& text) {
 }  // namespace
 
 Graph loadGraph(const std::string& text, const std::string& base) {
+    // Values nest a few levels at most; a file nesting thousands is refused
+    // while it is read (nothing else here walks values recursively).
+    constexpr int kMaxDepth = 64;
+    bool tooDeep = false;
     json doc;
     try {
-        doc = json::parse(text);
+        doc = json::parse(text, [&](int depth, json::parse_event_t, json&) {
+            tooDeep |= depth > kMaxDepth;
+            return !tooDeep;
+        });
     } catch (const json::parse_error& e) {
         throw GraphFileError("(file)", "", std::string("not valid JSON: ") + e.what());
     }
+    if (tooDeep)
+        throw GraphFileError("(file)", "",
+                             "values nest more than " + std::to_string(kMaxDepth) + " levels deep");
     if (!doc.is_object()) throw GraphFileError("(file)", "", "the graph must be an object");
     for (auto it = doc.begin(); it != doc.end(); ++it)
         if (it.key() != "nodes" && it.key() != "outputs")
@@ -1042,17 +1052,17 @@ Graph loadGraph(const std::string& text, const std::string& base) {
     }
 
     std::map<std::string, TaskPtr> built;
-    std::set<std::string> building;
-    std::function<TaskPtr(const std::string&, const std::string&, const std::string&)> build;
-    build = [&](const std::string& id, const std::string& from,
-                const std::string& field) -> TaskPtr {
-        auto done = built.find(id);
-        if (done != built.end()) return done->second;
-        auto found = nodes.find(id);
-        if (found == nodes.end()) throw GraphFileError(from, field, "no node '" + id + "'");
-        if (!building.insert(id).second)
-            throw GraphFileError(id, field, "the graph has a cycle through this node");
-        const json& node = *found->second;
+    std::set<std::string> building;  // the nodes on the path being built
+    // The operation and checked parameters of a node whose inputs are next.
+    struct Pending {
+        const Operation* op = nullptr;
+        json params;
+        json inputs;
+    };
+    std::map<std::string, Pending> pending;
+
+    // Checks a node and names the nodes its inputs come from.
+    const auto expand = [&](const std::string& id, const json& node) {
         if (!node.contains("op") || !node["op"].is_string())
             throw GraphFileError(id, "op", "required");
         const Operation* op = nullptr;
@@ -1081,35 +1091,81 @@ Graph loadGraph(const std::string& text, const std::string& base) {
                 params[p.name] = p.fallback;
             }
         }
-        const json inputs = node.value("inputs", json::object());
+        json inputs = node.value("inputs", json::object());
         if (!inputs.is_object()) throw GraphFileError(id, "inputs", "must be an object");
         for (auto it = inputs.begin(); it != inputs.end(); ++it)
             if (std::find(op->inputs.begin(), op->inputs.end(), it.key()) == op->inputs.end() &&
                 std::find(op->inputs.begin(), op->inputs.end(), it.key() + "?") == op->inputs.end())
                 throw GraphFileError(id, it.key(), "unknown input of " + op->name);
-        std::map<std::string, TaskPtr> inputTasks;
         for (std::string name : op->inputs) {
             const bool optional = name.back() == '?';
             if (optional) name.pop_back();
-            if (optional && !inputs.contains(name)) {
-                inputTasks[name] = TaskPtr();
-                continue;
-            }
+            if (optional && !inputs.contains(name)) continue;
             if (!inputs.contains(name) || !inputs[name].is_string())
                 throw GraphFileError(id, name, "input required (a node id)");
-            inputTasks[name] = build(inputs[name].get<std::string>(), id, name);
         }
-        TaskPtr task;
-        try {
-            task = op->build(Args(id, params, inputTasks, base));
-        } catch (const GraphFileError&) {
-            throw;
-        } catch (const std::exception& e) {
-            throw GraphFileError(id, "", e.what());
+        pending[id] = Pending{op, std::move(params), std::move(inputs)};
+    };
+
+    // Builds a node after its inputs, depth first with a stack of its own: a
+    // chain of any length loads without deep recursion.
+    const auto build = [&](const std::string& root, const std::string& rootFrom,
+                           const std::string& rootField) -> TaskPtr {
+        struct Frame {
+            std::string id, from, field;
+        };
+        std::vector<Frame> stack{{root, rootFrom, rootField}};
+        while (!stack.empty()) {
+            const Frame frame = stack.back();
+            const std::string& id = frame.id;
+            if (built.count(id)) {
+                stack.pop_back();
+                continue;
+            }
+            auto found = nodes.find(id);
+            if (found == nodes.end())
+                throw GraphFileError(frame.from, frame.field, "no node '" + id + "'");
+            if (!pending.count(id)) {
+                if (!building.insert(id).second)
+                    throw GraphFileError(id, frame.field,
+                                         "the graph has a cycle through this node");
+                expand(id, *found->second);
+                const Pending& p = pending[id];
+                // Inputs in reverse, so the first is built first.
+                for (auto name = p.op->inputs.rbegin(); name != p.op->inputs.rend(); ++name) {
+                    std::string input = *name;
+                    if (input.back() == '?') input.pop_back();
+                    if (!p.inputs.contains(input)) continue;
+                    const std::string from = p.inputs[input].get<std::string>();
+                    if (building.count(from) && !built.count(from))
+                        throw GraphFileError(from, input,
+                                             "the graph has a cycle through this node");
+                    if (!built.count(from)) stack.push_back({from, id, input});
+                }
+                continue;
+            }
+            const Pending& p = pending[id];
+            std::map<std::string, TaskPtr> inputTasks;
+            for (std::string name : p.op->inputs) {
+                if (name.back() == '?') name.pop_back();
+                inputTasks[name] = p.inputs.contains(name)
+                                       ? built.at(p.inputs[name].get<std::string>())
+                                       : TaskPtr();
+            }
+            TaskPtr task;
+            try {
+                task = p.op->build(Args(id, p.params, inputTasks, base));
+            } catch (const GraphFileError&) {
+                throw;
+            } catch (const std::exception& e) {
+                throw GraphFileError(id, "", e.what());
+            }
+            building.erase(id);
+            pending.erase(id);
+            built[id] = task;
+            stack.pop_back();
         }
-        building.erase(id);
-        built[id] = task;
-        return task;
+        return built.at(root);
     };
 
     Graph graph;

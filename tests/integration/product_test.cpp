@@ -303,3 +303,44 @@ TEST_F(ProductTest, FilesAreReadAsTheyAreOnDiskAndGreyTakesRGB) {
     EXPECT_NEAR(second.g, 0.8f, 1.0f / 255);
     EXPECT_EQ(second.a, 1.0f);
 }
+
+TEST_F(ProductTest, DeepAndHostileGraphFilesAreRefusedOrLoadedWithoutRecursion) {
+    auto error = [](const std::string& json) {
+        try {
+            loadGraph(json);
+        } catch (const GraphFileError& e) {
+            return std::string(e.what());
+        }
+        return std::string("no error");
+    };
+    // A chain of 20,000 gains loads and renders.
+    std::string chain = R"({"nodes": [{"id": "n0", "op": "constant", "params": {"color": [0.5,
+        0.5, 0.5, 1], "area": [0, 0, 4, 4]}})";
+    for (int i = 1; i <= 20000; ++i)
+        chain += R"(, {"id": "n)" + std::to_string(i) +
+                 R"(", "op": "clamp", "inputs": {"input": "n)" + std::to_string(i - 1) + R"("}})";
+    chain += R"(], "outputs": [{"node": "n20000"}]})";
+    const Graph g = loadGraph(chain);
+    RenderManager::setGlobalTileSize(4, 4);
+    EXPECT_EQ(renderPixels(g.outputs[0].description.task, Rect(0, 0, 4, 4), 4)[5],
+              Color(0.5f, 0.5f, 0.5f, 1));
+    // A parameter nested 200,000 levels deep.
+    const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+    EXPECT_EQ(error(R"({"nodes": [{"id": "x", "op": "colorbars", "params": {"area": )" + deep +
+                    R"(}}], "outputs": [{"node": "x"}]})"),
+              "node '(file)': values nest more than 64 levels deep");
+    // Parameters no render could honour name their node and the value.
+    const std::string noise =
+        R"({"nodes": [{"id": "n", "op": "perlinnoise", "params": {"octaves": 2147483647,
+        "area": [0, 0, 8, 8]}}], "outputs": [{"node": "n"}]})";
+    EXPECT_NE(error(noise).find("node 'n'"), std::string::npos);
+    EXPECT_NE(error(noise).find("octaves 2147483647 is out of range"), std::string::npos);
+    for (const char* size : {"1e9", "1e300"}) {
+        const std::string blur =
+            R"({"nodes": [{"id": "c", "op": "constant", "params": {"area": [0, 0, 8, 8]}},
+            {"id": "b", "op": "blur", "params": {"size": [)" +
+            std::string(size) + R"(, 3]}, "inputs": {"input": "c"}}], "outputs": [{"node": "b"}]})";
+        EXPECT_NE(error(blur).find("node 'b'"), std::string::npos) << size;
+        EXPECT_NE(error(blur).find("out of range"), std::string::npos) << error(blur);
+    }
+}
