@@ -275,3 +275,26 @@ TEST(ImageAllocatorDeathTest, ReachingTheDiskBudgetOverruns) {
         },
         ::testing::ExitedWithCode(0), "num unlocked images: 1");
 }
+
+TEST(ImageAllocator, FreedBlocksKeptForReuseCountAgainstTheBudget) {
+    LocalAllocator local;
+    local.allocator->setMaxMemory(8 * kTileBytes);
+    auto resident = [&] {
+        return local.allocator->getMemUsage() + local.allocator->getPooledBytes();
+    };
+    {
+        std::vector<ImageBuffer> freed;
+        for (uint32_t i = 0; i < 2; ++i) freed.push_back(patterned(local, i));
+    }
+    EXPECT_EQ(local.allocator->getPooledBytes(), 2 * kTileBytes);  // kept, a quarter at most
+    // Images of another size cannot take those blocks: the pool gives way
+    // before the budget is crossed.
+    std::vector<ImageBuffer> images;
+    for (int i = 0; i < 15; ++i) {
+        images.push_back(local.make(IMGLIB::CHANNELS_RGBA, UTIL::Rect(0, 0, 64, 32)));
+        ImageBuffer_LockScoper lock(images.back());
+        EXPECT_LE(resident(), 8 * kTileBytes) << i;
+    }
+    EXPECT_EQ(local.allocator->getPooledBytes(), 0);
+    EXPECT_EQ(local.allocator->getDiskUsage(), 0);
+}

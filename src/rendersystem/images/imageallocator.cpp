@@ -245,11 +245,13 @@ bool ImageAllocator::tryReserve(Impl* image, int64_t size, bool last) {
         m_peakFileInMemory = std::max(m_peakFileInMemory, m_fileInMemUsage);
     }
     m_memUsage += size;
+    // Freed blocks kept for reuse are resident too: they go first.
+    if (m_memUsage + static_cast<int64_t>(m_blocks.bytesHeld()) > m_maxMemory.load())
+        m_blocks.clear();
     // Entry needs usage strictly above the budget; eviction then goes on,
     // and an overrun is declared, while usage is at or above it.
     if (m_memUsage > m_maxMemory.load()) {
         try {
-            m_blocks.clear();
             m_cache->release(m_memUsage - m_maxMemory.load());
             if (m_memUsage > m_maxMemory.load()) {
                 do {

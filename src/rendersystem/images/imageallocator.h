@@ -26,7 +26,8 @@ class SpeculativeCache;
 // freed takes a block whose pages are already mapped (and warm in cache)
 // instead of faulting fresh zeroed pages in, which costs more than most
 // operators. Holds at most a quarter of the memory budget, 256 MiB at most;
-// emptied first when a reservation exceeds the budget. m_mutex is a leaf.
+// counted against the budget with the images, and emptied first when a
+// reservation would exceed it. m_mutex is a leaf.
 class BlockPool {
 public:
     ~BlockPool() { clear(); }
@@ -79,6 +80,9 @@ public:
     int64_t getMaxDiskUsage() const { return m_maxDiskUsage.load(); }
 
     int64_t getMemUsage() const;
+    // Freed pixel blocks kept for reuse: resident, and within the budget
+    // together with the usage.
+    int64_t getPooledBytes() const { return static_cast<int64_t>(m_blocks.bytesHeld()); }
     int64_t getDiskUsage() const;
     int64_t getFileInMemUsage() const;
     int64_t getPeakMemUsage() const;
