@@ -28,6 +28,14 @@ struct TESSERA_API FileInParams {
 TESSERA_API TaskPtr createFileInTask(const std::string& name, float time,
                                      const FileInParams& params);
 
+// For programs whose files are all read and written through renders (the
+// tessera command): OpenImageIO and OpenEXR start no worker threads of their
+// own (OpenImageIO's "threads" 1 and "exr_threads" -1, for the whole
+// process), so decoding and encoding share the render's workers instead of
+// oversubscribing the cores. A host that uses OpenImageIO for its own work
+// keeps its settings by not calling this.
+TESSERA_API void useRenderThreadsForFiles();
+
 // The data and display windows of a file (throws like createFileInTask).
 struct TESSERA_API FileWindows {
     UTIL::Rect dataWindow;
@@ -43,8 +51,11 @@ struct TESSERA_API FileOutParams {
 };
 
 // An observer that writes outputs to files: each output's tiles are gathered
-// as they arrive and the file is written when the output is finished.
-// Errors are kept for the caller (getErrors) and reported on standard error.
+// as they arrive and the file is written when the output is finished. A
+// file that cannot be written (a missing folder, a full disk) fails the
+// render with "cannot write 'PATH': REASON"; a render that does not succeed
+// leaves no partial file behind. Errors are also kept for the caller
+// (getErrors).
 class TESSERA_API FileWriter : public RenderObserver {
 public:
     // Output `index` of the render goes to each file of `files`.
@@ -53,9 +64,11 @@ public:
 
     void tileDone(const ImageBuffer& image, const OutputTileID& id) override;
     void outputFinished(size_t outputIndex) override;
+    void renderFinished(RenderStatus status, const std::string& message) override;
     std::string getErrors() const;
 
 private:
+    struct Stream;
     struct Target;
     mutable std::mutex m_mutex;  // guards m_targets and m_errors
     std::map<size_t, std::shared_ptr<Target>> m_targets;

@@ -65,8 +65,6 @@ std::string fileIdentity(const std::string& path) {
 std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
                                            int subimage) {
     auto in = OIIO::ImageInput::open(path);
-    // Blocks are decoded on the render's workers, several at once.
-    if (in) in->threads(1);
     if (!in)
         throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + OIIO::geterror(),
                                            -1);
@@ -190,6 +188,11 @@ private:
 };
 
 }  // namespace
+
+void useRenderThreadsForFiles() {
+    OIIO::attribute("threads", 1);
+    OIIO::attribute("exr_threads", -1);
+}
 
 TaskPtr createFileInTask(const std::string& name, float time, const FileInParams& params) {
     return TaskPtr(new FileInTask(name, time, params));

@@ -1,9 +1,13 @@
 // Writing rendered outputs with OpenImageIO: tiled EXR files are written
 // tile by tile as tiles arrive; other formats when the output is complete.
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 
@@ -11,8 +15,96 @@
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
 #include "rendermanager.h"
+#include "util/exceptions.h"
 
 namespace TESSERA {
+
+namespace {
+
+void makeParentDirectory(const std::string& path) {
+    std::error_code ec;
+    const std::filesystem::path dir = std::filesystem::path(path).parent_path();
+    if (!dir.empty()) std::filesystem::create_directories(dir, ec);
+}
+
+// A file that notices every failed write (a full disk, a file size limit)
+// and from then on takes writes without doing them: the image library never
+// sees the failure (OpenEXR's tile writer waits for ever after one), and
+// the writer reports it, naming the file and the system's reason.
+class CheckedFile : public OIIO::Filesystem::IOFile {
+public:
+    explicit CheckedFile(const std::string& path) : IOFile(path, Write) {
+        if (!m_file) fail();
+    }
+    size_t write(const void* buf, size_t size) override {
+        if (!m_failed && IOFile::write(buf, size) != size) fail();
+        return size;
+    }
+    size_t pwrite(const void* buf, size_t size, int64_t offset) override {
+        if (!m_failed && IOFile::pwrite(buf, size, offset) != size) fail();
+        return size;
+    }
+    void close() override {
+        if (m_file && !m_failed && (std::fflush(m_file) != 0 || std::ferror(m_file))) fail();
+        IOFile::close();
+    }
+    // Empty when every byte reached the file.
+    const std::string& failure() const { return m_failure; }
+
+private:
+    void fail() {
+        m_failed = true;
+        m_failure = std::strerror(errno ? errno : EIO);
+    }
+    bool m_failed = false;
+    std::string m_failure;
+};
+
+}  // namespace
+
+// One file of an output: the image library's writer and the file under it.
+struct FileWriter::Stream {
+    FileOutParams params;
+    std::unique_ptr<CheckedFile> file;
+    std::unique_ptr<OIIO::ImageOutput> out;
+    std::string error;  // the first failure, with the path
+
+    // Opens the file for spec; false (and `error` set) when it cannot.
+    bool open(const OIIO::ImageSpec& spec) {
+        makeParentDirectory(params.path);
+        out = OIIO::ImageOutput::create(params.path);
+        if (!out) return failed(OIIO::geterror());
+        if (out->supports("ioproxy")) {
+            file = std::make_unique<CheckedFile>(params.path);
+            if (!file->failure().empty()) return failed(file->failure());
+            out->set_ioproxy(file.get());
+        }
+        if (!out->open(params.path, spec)) return failed(out->geterror());
+        return true;
+    }
+    // Whether the library and the file took everything so far.
+    bool check(bool ok) {
+        if (!error.empty()) return false;
+        if (file && !file->failure().empty()) return failed(file->failure());
+        if (!ok) return failed(out->geterror());
+        return true;
+    }
+    // Closes the file (once); a file that failed is removed, never left
+    // truncated.
+    bool close() {
+        if (!out) return error.empty();
+        const bool ok = check(out->close());
+        out.reset();
+        if (file) file->close();
+        if (ok && file && !file->failure().empty()) failed(file->failure());
+        if (!error.empty()) std::remove(params.path.c_str());
+        return error.empty();
+    }
+    bool failed(const std::string& reason) {
+        if (error.empty()) error = "cannot write '" + params.path + "': " + reason;
+        return false;
+    }
+};
 
 struct FileWriter::Target {
     RenderDescription output;
@@ -20,7 +112,7 @@ struct FileWriter::Target {
     OIIO::ImageSpec spec;    // float pixels over the output's rectangle
     // Files written as tiles arrive, and files written at the end from
     // `pixels` (allocated only when there are such files).
-    std::vector<std::pair<FileOutParams, std::unique_ptr<OIIO::ImageOutput>>> streams;
+    std::vector<std::unique_ptr<Stream>> streams;
     std::vector<FileOutParams> buffered;
     OIIO::ImageBuf pixels;
 };
@@ -37,12 +129,6 @@ OIIO::TypeDesc typeOf(const FileOutParams& file) {
     if (name == "uint8") return OIIO::TypeDesc::UINT8;
     if (name == "uint16") return OIIO::TypeDesc::UINT16;
     return OIIO::TypeDesc::HALF;
-}
-
-void makeParentDirectory(const std::string& path) {
-    std::error_code ec;
-    const std::filesystem::path dir = std::filesystem::path(path).parent_path();
-    if (!dir.empty()) std::filesystem::create_directories(dir, ec);
 }
 
 }  // namespace
@@ -75,25 +161,20 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
     const bool aligned = r.xmin % tw == 0 && r.ymin % th == 0;
     for (const FileOutParams& file : files) {
         const bool exr = std::filesystem::path(file.path).extension() == ".exr";
-        std::unique_ptr<OIIO::ImageOutput> out;
-        if (exr && aligned) {
-            makeParentDirectory(file.path);
-            OIIO::ImageSpec fileSpec = spec;
-            fileSpec.set_format(typeOf(file));
-            fileSpec.tile_width = int(tw);
-            fileSpec.tile_height = int(th);
-            fileSpec.attribute("compression", file.compression);
-            fileSpec.attribute("openexr:lineOrder", "randomY");
-            out = OIIO::ImageOutput::create(file.path);
-            // The render's workers write tiles in parallel already: OpenImageIO
-            // starts no threads of its own for them.
-            if (out) out->threads(1);
-            if (out && !out->open(file.path, fileSpec)) out.reset();
-        }
-        if (out)
-            target->streams.emplace_back(file, std::move(out));
-        else
+        if (!exr || !aligned) {
             target->buffered.push_back(file);
+            continue;
+        }
+        OIIO::ImageSpec fileSpec = spec;
+        fileSpec.set_format(typeOf(file));
+        fileSpec.tile_width = int(tw);
+        fileSpec.tile_height = int(th);
+        fileSpec.attribute("compression", file.compression);
+        fileSpec.attribute("openexr:lineOrder", "randomY");
+        auto stream = std::make_unique<Stream>();
+        stream->params = file;
+        if (!stream->open(fileSpec)) throw UTIL::ErrorException(stream->error);
+        target->streams.push_back(std::move(stream));
     }
     if (!target->buffered.empty()) target->pixels.reset(spec, OIIO::InitializePixels::Yes);
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -132,8 +213,8 @@ void FileWriter::tileDone(const ImageBuffer& image, const OutputTileID& id) {
     const float* tilePixels = data.data();
     std::vector<float> padded;
     if (!target->streams.empty()) {
-        const int64_t tw = target->streams.front().second->spec().tile_width;
-        const int64_t th = target->streams.front().second->spec().tile_height;
+        const int64_t tw = target->streams.front()->out->spec().tile_width;
+        const int64_t th = target->streams.front()->out->spec().tile_height;
         if (area.width() != tw || area.height() != th) {
             padded.assign(static_cast<size_t>(tw * th) * n, 0.0f);
             for (int64_t row = 0; row < area.height(); ++row)
@@ -148,9 +229,14 @@ void FileWriter::tileDone(const ImageBuffer& image, const OutputTileID& id) {
         target->pixels.set_pixels(OIIO::ROI(int(area.xmin), int(area.xmax), int(area.ymin),
                                             int(area.ymax), 0, 1, 0, int(n)),
                                   OIIO::TypeDesc::FLOAT, data.data());
-    for (auto& [file, out] : target->streams)
-        if (!out->write_tile(int(area.xmin), int(area.ymin), 0, OIIO::TypeDesc::FLOAT, tilePixels))
-            m_errors += "cannot write '" + file.path + "': " + out->geterror() + "\n";
+    // A file that cannot be written ends the render, naming the file.
+    for (const std::unique_ptr<Stream>& stream : target->streams)
+        if (stream->error.empty() &&
+            !stream->check(stream->out->write_tile(int(area.xmin), int(area.ymin), 0,
+                                                   OIIO::TypeDesc::FLOAT, tilePixels))) {
+            m_errors += stream->error + "\n";
+            throw UTIL::ErrorException(stream->error);
+        }
 }
 
 void FileWriter::outputFinished(size_t outputIndex) {
@@ -162,19 +248,40 @@ void FileWriter::outputFinished(size_t outputIndex) {
         target = it->second;
     }
     std::string errors;
-    for (auto& [file, out] : target->streams)
-        if (!out->close()) errors += "cannot write '" + file.path + "': " + out->geterror() + "\n";
+    for (const std::unique_ptr<Stream>& stream : target->streams)
+        if (!stream->close()) errors += stream->error + "\n";
     for (const FileOutParams& file : target->buffered) {
-        makeParentDirectory(file.path);
-        target->pixels.specmod().attribute("compression", file.compression);
-        target->pixels.set_write_format(typeOf(file));
-        if (!target->pixels.write(file.path))
-            errors += "cannot write '" + file.path + "': " + target->pixels.geterror() + "\n";
+        OIIO::ImageSpec fileSpec = target->pixels.spec();
+        fileSpec.set_format(typeOf(file));
+        fileSpec.attribute("compression", file.compression);
+        Stream stream;
+        stream.params = file;
+        if (stream.open(fileSpec)) stream.check(target->pixels.write(stream.out.get()));
+        if (!stream.close()) errors += stream.error + "\n";
     }
     if (errors.empty()) return;
-    std::cerr << errors;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_errors += errors;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_errors += errors;
+    }
+    // The render fails with the first error; all of them are in getErrors().
+    throw UTIL::ErrorException(errors.substr(0, errors.find('\n')));
+}
+
+void FileWriter::renderFinished(RenderStatus status, const std::string&) {
+    if (status == RenderStatus::Success) return;
+    std::map<size_t, std::shared_ptr<Target>> targets;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        targets = m_targets;
+    }
+    // Files of outputs the render did not finish go.
+    for (const auto& entry : targets)
+        for (const std::unique_ptr<Stream>& stream : entry.second->streams)
+            if (stream->out) {
+                stream->failed("the render did not finish");
+                stream->close();
+            }
 }
 
 std::string FileWriter::getErrors() const {

@@ -344,3 +344,29 @@ TEST_F(ProductTest, DeepAndHostileGraphFilesAreRefusedOrLoadedWithoutRecursion) 
         EXPECT_NE(error(blur).find("out of range"), std::string::npos) << error(blur);
     }
 }
+
+TEST_F(ProductTest, AFileThatCannotBeWrittenFailsTheRenderAndLeavesNothing) {
+    const std::string cli = TESSERA_CLI_PATH;
+    for (const char* file : {"big.exr", "big.png"}) {
+        const fs::path graph = dir / "big.json";
+        std::ofstream(graph) << R"({"nodes": [{"id": "n", "op": "perlinnoise", "params": {"area":
+            [0, 0, 1024, 1024]}}], "outputs": [{"node": "n", "file": [")" +
+                                    (dir / file).string() +
+                                    R"("], "dataType": "float", "compression": "none"}]})";
+        // Files larger than 100 KiB fail as on a full disk (the signal is
+        // ignored, so writes fail with an error instead); `timeout` makes a
+        // hang fail the test.
+        const std::string log = (dir / "log.txt").string();
+        const int status = run("timeout 120 bash -c \"trap '' XFSZ; ulimit -f 100; " + cli +
+                               " render " + graph.string() + "\" > " + log + " 2>&1");
+        std::ifstream in(log);
+        const std::string output((std::istreambuf_iterator<char>(in)),
+                                 std::istreambuf_iterator<char>());
+        EXPECT_EQ(status, 1) << file << ": " << output;
+        EXPECT_NE(output.find("cannot write '" + (dir / file).string() + "': File too large"),
+                  std::string::npos)
+            << output;
+        EXPECT_EQ(output.find("wrote"), std::string::npos) << output;
+        EXPECT_FALSE(fs::exists(dir / file)) << file;
+    }
+}

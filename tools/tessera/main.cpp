@@ -132,6 +132,7 @@ int render(const Graph& graph, const Options& o) {
 int main(int argc, char** argv) {
     const Options o = parse(argc, argv);
     try {
+        useRenderThreadsForFiles();
         if (o.threads) RenderManager::setRenderThreads(uint64_t(o.threads));
         if (o.tile) RenderManager::setGlobalTileSize(o.tile, o.tile);
         if (o.mem) RenderManager::SetMaxImageMemory(uint64_t(o.mem));
