@@ -20,6 +20,7 @@ enum ErrorCode : int {
     ERROR_FILE_READ = 18,
     ERROR_FILE_FORMAT = 19,     // not a raw dump, or a damaged one
     ERROR_FILE_MISMATCH = 20,   // a raw dump of a different image
+    ERROR_FILE_EXISTS = 21,     // WriteRAW: the path is taken
     WARNING_EMPTY_IMAGE = 257,  // the image has no pixels: only its header was dumped
 };
 

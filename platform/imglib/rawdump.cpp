@@ -128,7 +128,8 @@ int WriteRAW(const std::string& path, const Image* image) {
     FileDescriptor fd(
         ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (fd.get() < 0)
-        return SetError(ERROR_FILE_OPEN, "WriteRAW: cannot create " + path + ": " + systemError());
+        return SetError(errno == EEXIST ? ERROR_FILE_EXISTS : ERROR_FILE_OPEN,
+                        "WriteRAW: cannot create " + path + ": " + systemError());
 
     Header header{};
     std::memcpy(header.magic, kMagic, sizeof kMagic);

@@ -1,5 +1,8 @@
 // Generators, file input and output, graph files and the tessera command.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 
 #include <OpenImageIO/imagebufalgo.h>
@@ -7,6 +10,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "expressionmath/noise.h"
 #include "fileio.h"
@@ -369,4 +373,49 @@ TEST_F(ProductTest, AFileThatCannotBeWrittenFailsTheRenderAndLeavesNothing) {
         EXPECT_EQ(output.find("wrote"), std::string::npos) << output;
         EXPECT_FALSE(fs::exists(dir / file)) << file;
     }
+}
+
+TEST_F(ProductTest, AnInterruptedCommandRemovesItsSwapFilesAndItsOutput) {
+    const fs::path swap = dir / "swap";
+    fs::create_directories(swap);
+    const fs::path graph = dir / "swapping.json";
+    const fs::path output = dir / "swapping.exr";
+    std::ofstream(graph) << R"({"nodes": [{"id": "n", "op": "perlinnoise", "params": {"area":
+        [0, 0, 4096, 4096], "octaves": 6}}, {"id": "b", "op": "blur", "params": {"size": [41, 41]},
+        "inputs": {"input": "n"}}], "outputs": [{"node": "b", "file": [")" +
+                                output.string() + R"("]}]})";
+    const std::string cli = TESSERA_CLI_PATH;
+    const std::string tmpdir = "MARLIN_TMPDIR=" + swap.string();
+    const std::vector<std::string> args = {cli, "render", graph.string(), "--mem", "16"};
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    std::vector<char*> envp{const_cast<char*>(tmpdir.c_str()), nullptr};
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, cli.c_str(), &quiet, nullptr, argv.data(), envp.data()), 0);
+    posix_spawn_file_actions_destroy(&quiet);
+    // Interrupted once it swaps (or after 60 s at the latest).
+    const auto start = std::chrono::steady_clock::now();
+    while (fs::is_empty(swap) &&
+           std::chrono::steady_clock::now() - start < std::chrono::seconds(60))
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(fs::is_empty(swap)) << "the render never swapped";
+    ::kill(pid, SIGINT);
+    int status = 0;
+    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; ++waited) {
+        if (waited == 6000) {  // 120 s: a hang
+            ::kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            FAIL() << "the command did not stop when interrupted";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    EXPECT_TRUE(fs::is_empty(swap));
+    EXPECT_FALSE(fs::exists(output));
 }

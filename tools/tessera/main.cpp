@@ -6,6 +6,8 @@
 //
 // Options: --threads N, --tile N, --mem MB, --disk MB, --stats (print the
 // statistics XML), --debug-log FILE. Exit status 0 on success, 1 on any error.
+#include <pthread.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -129,8 +131,35 @@ int render(const Graph& graph, const Options& o) {
 
 }  // namespace
 
+// Ctrl-C and SIGTERM cancel the render instead of killing the process, so
+// it ends cleanly: its files are removed and so are its swap files. The
+// signals are taken by one thread (blocked everywhere before any other
+// thread starts), which may call into the library as no handler could.
+std::atomic<int> s_interrupt{0};
+
+void watchInterrupts() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::thread([signals] {
+        int signal = 0;
+        if (sigwait(&signals, &signal) != 0) return;
+        s_interrupt = signal;
+        RenderManager::cancel(RENDERTYPE_BATCH, false);
+    }).detach();
+}
+
+// Images the tile cache kept may lie in swap files: they go with the cache.
+int finish(int status) {
+    RenderManager::clearSpeculativeCache();
+    return status;
+}
+
 int main(int argc, char** argv) {
     const Options o = parse(argc, argv);
+    watchInterrupts();
     try {
         useRenderThreadsForFiles();
         if (o.threads) RenderManager::setRenderThreads(uint64_t(o.threads));
@@ -145,14 +174,17 @@ int main(int argc, char** argv) {
             std::cout << describeOperations();
             return 0;
         }
-        if (o.command == "demo") return render(loadGraph(kDemoGraph, "."), o);
+        if (o.command == "demo") return finish(render(loadGraph(kDemoGraph, "."), o));
         if (o.command == "render") {
             if (o.graph.empty()) usage("render needs a graph file");
-            return render(loadGraphFile(o.graph), o);
+            return finish(render(loadGraphFile(o.graph), o));
         }
         usage("unknown command " + o.command);
+    } catch (const RenderCancelledException&) {
+        std::cerr << "tessera: interrupted" << std::endl;
+        return finish(128 + (s_interrupt ? s_interrupt.load() : SIGINT));
     } catch (const std::exception& e) {
         std::cerr << "tessera: " << e.what() << std::endl;
-        return 1;
+        return finish(1);
     }
 }

@@ -179,7 +179,12 @@ void ImageAllocator::onFirstLock(Impl* image) {
     removeFromUnlocked(image);
     if (!image->m_image.pixelPtr) {
         allocate(image);
-        if (!image->m_fileName.empty()) loadFromDisk(image);
+        try {
+            if (!image->m_fileName.empty()) loadFromDisk(image);
+        } catch (...) {
+            onLastUnlock(image);  // unlocked again, in memory
+            throw;
+        }
     }
     std::lock_guard<std::mutex> lock(m_lockedMutex);
     UTIL_ASSERT_TEXT(!image->m_inLocked, "find(m_lockedImages, image) == m_lockedImages.end()");
@@ -294,21 +299,39 @@ bool ImageAllocator::saveToDisk() {
         image->m_inUnlocked = false;
     }
     const auto start = std::chrono::steady_clock::now();
-    if (!saveImage(image)) {
+    std::string why;
+    if (!saveImage(image, why)) {
         std::cerr << "ImageAllocator::SaveToDisk failed" << std::endl;
-        throw std::runtime_error("Saving failed");
+        // Back among the unlocked images: it is still whole in memory.
+        {
+            std::lock_guard<std::mutex> lock(m_unlockedMutex);
+            image->m_unlockedPos = m_unlockedImages.insert(m_unlockedImages.begin(), image);
+            image->m_inUnlocked = true;
+        }
+        throw UTIL::ErrorException("Saving failed: image '" + image->m_comment + "': " + why);
     }
     m_profiler.addTime(kSaveCategory, UTIL::millisecondsSince(start));
     return true;
 }
 
-bool ImageAllocator::saveImage(Impl* image) {
-    const std::string path = newSwapFilePath();
-    if (!image->writeSwapFile(path)) return false;
-    image->m_fileName = path;
-    adjustDiskUsage(image->size());
-    freePixels(image);
-    return true;
+bool ImageAllocator::saveImage(Impl* image, std::string& why) {
+    // A name another file already has is tried again under a new one.
+    constexpr int kNames = 8;
+    for (int attempt = 0; attempt < kNames; ++attempt) {
+        const std::string path = newSwapFilePath();
+        const int status = image->writeSwapFile(path);
+        if (status == IMGLIB::ERROR_FILE_EXISTS) continue;
+        if (status != IMGLIB::ERROR_NONE) {
+            why = IMGLIB::GetErrorMessage();
+            return false;
+        }
+        image->m_fileName = path;
+        adjustDiskUsage(image->size());
+        freePixels(image);
+        return true;
+    }
+    why = "no free swap file name in " + m_tempDirectory;
+    return false;
 }
 
 void ImageAllocator::loadFromDisk(Impl* image) {
@@ -317,18 +340,22 @@ void ImageAllocator::loadFromDisk(Impl* image) {
     const auto start = std::chrono::steady_clock::now();
     IMGLIB::ClearError();
     if (IMGLIB::ReadRAW(&image->m_image, image->m_fileName) != IMGLIB::ERROR_NONE) {
-        // The file and its accounting stay; the pixels are not trustworthy,
-        // so they are made NaN rather than left as plausible garbage, and the
-        // IMGLIB error stays pending for the caller.
-        std::cerr << "ImageAllocator: cannot restore image '" << image->m_comment
-                  << "': " << IMGLIB::GetErrorMessage() << std::endl;
+        // The pixels are not trustworthy: they are made NaN rather than
+        // left as plausible garbage, the useless file goes, and locking the
+        // image fails naming it (a render using it fails).
+        const std::string message = "cannot restore image '" + image->m_comment +
+                                    "' from its swap file " + image->m_fileName + ": " +
+                                    IMGLIB::GetErrorMessage();
+        std::cerr << "ImageAllocator: " << message << std::endl;
+        const int pending = IMGLIB::GetError();
         const float nan = std::numeric_limits<float>::quiet_NaN();
         const float rgba[4] = {nan, nan, nan, nan};
-        const int pending = IMGLIB::GetError();
-        const std::string message = IMGLIB::GetErrorMessage();
         IMGLIB::Fill(&image->m_image, rgba);
+        adjustDiskUsage(-image->size());
+        std::remove(image->m_fileName.c_str());
+        image->m_fileName.clear();
         IMGLIB::SetError(pending, message);
-        return;
+        throw UTIL::ErrorException(message);
     }
     adjustDiskUsage(-image->size());
     std::remove(image->m_fileName.c_str());

@@ -123,9 +123,10 @@ public:
 private:
     void allocate(ImageBuffer::Impl* image);
     void loadFromDisk(ImageBuffer::Impl* image);
-    // Writes the image's pixels to a new swap file and frees them; false when
-    // the image cannot be saved. The caller holds the image's mutex.
-    bool saveImage(ImageBuffer::Impl* image);
+    // Writes the image's pixels to a new swap file (a taken name is tried
+    // again under another) and frees them; false, with the reason in `why`,
+    // when the image cannot be saved. The caller holds the image's mutex.
+    bool saveImage(ImageBuffer::Impl* image, std::string& why);
     void freePixels(ImageBuffer::Impl* image) noexcept;
     void reserve(ImageBuffer::Impl* image, int64_t size);
     // One attempt: false (nothing reserved) when the budget cannot be met

@@ -87,15 +87,15 @@ const IMGLIB::Image* ImageBuffer::Impl::getImage() {
     return &m_image;
 }
 
-bool ImageBuffer::Impl::writeSwapFile(const std::string& path) {
-    if (m_isEmptyImage) return false;
+int ImageBuffer::Impl::writeSwapFile(const std::string& path) {
+    if (m_isEmptyImage) return IMGLIB::ERROR_NULL_IMAGE;
     IMAGE_ASSERT(m_lockCount == 0);
     IMAGE_ASSERT(m_image.pixelPtr != 0);
     IMGLIB::ClearError();
     IMGLIB::WriteRAW(path, &m_image);
     // An image without pixels to dump is no failure.
     const int error = IMGLIB::GetError();
-    return error == IMGLIB::ERROR_NONE || error == IMGLIB::WARNING_EMPTY_IMAGE;
+    return error == IMGLIB::WARNING_EMPTY_IMAGE ? IMGLIB::ERROR_NONE : error;
 }
 
 }  // namespace TESSERA

@@ -39,9 +39,10 @@ public:
     void lock();
     void unlock();
     const IMGLIB::Image* getImage();
-    // Dumps the pixels to a new file at path; false when nothing was written.
-    // The caller holds m_mutex and the image is unlocked and in memory.
-    bool writeSwapFile(const std::string& path);
+    // Dumps the pixels to a new file at path and returns the IMGLIB status
+    // (its message says why when it is not ERROR_NONE). The caller holds
+    // m_mutex and the image is unlocked and in memory.
+    int writeSwapFile(const std::string& path);
 
     int64_t size() const { return m_image.height() * m_image.rowBytes; }
     bool isInRam() const { return m_image.pixelPtr != nullptr; }
