@@ -165,11 +165,12 @@ TEST(RawDump, RestoresRowsBitForBitOwnerOnly) {
     for (int64_t y = -2; y < 9; ++y)
         EXPECT_EQ(std::memcmp(img.image.row(y), back.image.row(y), rowBytes), 0) << "row " << y;
 
-    // Exclusive creation: an existing file or a link is never written through.
-    EXPECT_EQ(WriteRAW(path, &img.image), ERROR_FILE_OPEN);
+    // Exclusive creation: an existing file or a link is never written
+    // through; the path is reported as taken, so a caller may pick another.
+    EXPECT_EQ(WriteRAW(path, &img.image), ERROR_FILE_EXISTS);
     const std::string link = (dir.path / "link").string();
     ASSERT_EQ(::symlink((dir.path / "target").c_str(), link.c_str()), 0);
-    EXPECT_EQ(WriteRAW(link, &img.image), ERROR_FILE_OPEN);
+    EXPECT_EQ(WriteRAW(link, &img.image), ERROR_FILE_EXISTS);
     EXPECT_FALSE(fs::exists(dir.path / "target"));
     EXPECT_EQ(WriteRAW((dir.path / "missing" / "x").string(), &img.image), ERROR_FILE_OPEN);
 }
