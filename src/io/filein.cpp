@@ -13,6 +13,7 @@
 #include "fileio.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "rendermanager.h"
 
 namespace TESSERA {
 namespace {
@@ -128,7 +129,10 @@ private:
     // of rows. (xmax, ymax) is the block size.
     UTIL::Rect blockSize() const {
         if (m_spec.tile_width > 0) return UTIL::Rect(0, 0, m_spec.tile_width, m_spec.tile_height);
-        return UTIL::Rect(0, 0, m_dataWindow.width(), kBandRows);
+        // Bands of about kBandBytes: fewer rows for wide images.
+        const int64_t rowBytes = std::max<int64_t>(1, m_dataWindow.width()) * m_spec.nchannels * 4;
+        return UTIL::Rect(0, 0, m_dataWindow.width(),
+                          std::clamp<int64_t>(kBandBytes / rowBytes, 1, kBandRows));
     }
 
     // The decoded block, read on first use and kept for the render (as an
@@ -146,6 +150,18 @@ private:
                 .intersection(m_dataWindow);
         if (!m_file) m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
         const int n = m_spec.nchannels;
+        // The decoded block is held twice for a moment: refuse what the image
+        // memory budget could not hold (a damaged header declaring a huge width).
+        const uint64_t bytes = uint64_t(area.area()) * uint64_t(n) * sizeof(float);
+        const uint64_t budget = RenderManager::GetMaxImageMemory() << 20;
+        if (bytes > budget)
+            throw RenderTaskRenderingException(
+                getNameAtTime(),
+                "cannot read '" + m_params.path + "': a block of " + std::to_string(area.width()) +
+                    " x " + std::to_string(area.height()) + " pixels needs " +
+                    std::to_string(bytes >> 20) + " MB, more than the image memory budget (" +
+                    std::to_string(budget >> 20) + " MB)",
+                -1);
         std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
         const bool ok =
             m_spec.tile_width > 0
@@ -175,6 +191,7 @@ private:
     }
 
     static constexpr int64_t kBandRows = 64;
+    static constexpr int64_t kBandBytes = int64_t(4) << 20;
 
     FileInParams m_params;
     OIIO::ImageSpec m_spec;

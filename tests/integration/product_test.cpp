@@ -419,3 +419,38 @@ TEST_F(ProductTest, AnInterruptedCommandRemovesItsSwapFilesAndItsOutput) {
     EXPECT_TRUE(fs::is_empty(swap));
     EXPECT_FALSE(fs::exists(output));
 }
+
+TEST_F(ProductTest, AVeryWideFileIsReadInBoundedBandsOrRefused) {
+    // A million pixels wide (4 MB of uint8, tiny once compressed).
+    const std::string path = (dir / "wide.png").string();
+    {
+        OIIO::ImageSpec spec(1000000, 3, 4, OIIO::TypeDesc::UINT8);
+        std::vector<unsigned char> pixels(size_t(1000000) * 3 * 4, 200);
+        auto out = OIIO::ImageOutput::create(path);
+        ASSERT_TRUE(out && out->open(path, spec));
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::UINT8, pixels.data()));
+        out->close();
+    }
+    TaskPtr wide = createFileInTask("wide", 0, FileInParams{path, 0});
+    RenderManager::setGlobalTileSize(256, 256);
+    const auto pixels = renderPixels(wide, Rect(1000, 0, 1256, 3), 256);
+    EXPECT_NEAR(pixels[300].r, 200.0f / 255, 1e-6f);
+    // Bands of one row (16 MB as floats), counted in the image memory: the
+    // three rows asked, not 64 rows at once outside any budget.
+    EXPECT_EQ(Private::ImageAllocator::instance().getPeakFileInMemUsage(), 3 * 16000000);
+    // A budget that cannot hold one row refuses the file by name.
+    RenderManager::SetMaxImageMemory(8);
+    RenderManager::ClearRenderTaskCache();
+    TaskPtr again = createFileInTask("wide", 0, FileInParams{path, 0});
+    auto observer = make<CollectingObserver>();
+    try {
+        RenderManager::Render({RenderDescription(again, Rect(0, 0, 256, 3), 15)}, observer, nullptr,
+                              true, RENDERTYPE_BATCH);
+        ADD_FAILURE() << "read";
+    } catch (const RenderTaskRenderingException& e) {
+        EXPECT_NE(e.getMessage().find("more than the image memory budget (8 MB)"),
+                  std::string::npos)
+            << e.getMessage();
+    }
+    RenderManager::SetMaxImageMemory(256);
+}
