@@ -45,6 +45,16 @@ protected:
     fs::path dir;
 };
 
+// The message loading a graph file's text fails with, or "no error".
+std::string error(const std::string& json) {
+    try {
+        loadGraph(json);
+    } catch (const GraphFileError& e) {
+        return std::string(e.what());
+    }
+    return std::string("no error");
+}
+
 int run(const std::string& command) {
     const int status = std::system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -184,14 +194,6 @@ TEST_F(ProductTest, UnreadableFilesNameThemselves) {
 }
 
 TEST_F(ProductTest, GraphFileErrorsNameTheNodeAndField) {
-    auto error = [](const std::string& json) {
-        try {
-            loadGraph(json);
-        } catch (const GraphFileError& e) {
-            return std::string(e.what());
-        }
-        return std::string("no error");
-    };
     const std::string bars =
         R"({"id": "bars", "op": "colorbars", "params": {"area": [0, 0, 8, 8]}})";
     const std::string out = R"("outputs": [{"node": "x"}])";
@@ -309,15 +311,7 @@ TEST_F(ProductTest, FilesAreReadAsTheyAreOnDiskAndGreyTakesRGB) {
 }
 
 TEST_F(ProductTest, DeepAndHostileGraphFilesAreRefusedOrLoadedWithoutRecursion) {
-    auto error = [](const std::string& json) {
-        try {
-            loadGraph(json);
-        } catch (const GraphFileError& e) {
-            return std::string(e.what());
-        }
-        return std::string("no error");
-    };
-    // A chain of 20,000 gains loads and renders.
+    // A chain of 20,000 clamps loads and renders.
     std::string chain = R"({"nodes": [{"id": "n0", "op": "constant", "params": {"color": [0.5,
         0.5, 0.5, 1], "area": [0, 0, 4, 4]}})";
     for (int i = 1; i <= 20000; ++i)
