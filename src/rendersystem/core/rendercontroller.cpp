@@ -279,11 +279,15 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
 void RenderController::wait(const ActiveRenderPtr& render) {
     const auto step = std::chrono::microseconds(sleepMicroseconds());
     Util::ThreadPool::Blocking blocking;
+    std::exception_ptr error;
     {
         std::unique_lock<std::mutex> lock(render->mutex);
         while (!render->finished) render->finishedSignal.wait_for(lock, step);
+        // The waiter takes the error: the exception it rethrows is then
+        // never released by the worker that drops the render last.
+        error.swap(render->error);
     }
-    if (render->error) std::rethrow_exception(render->error);
+    if (error) std::rethrow_exception(error);
     if (render->cancelled) throw RenderCancelledException("Render cancelled.");
 }
 
