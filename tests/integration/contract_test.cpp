@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <iostream>
+#include <random>
 #include <thread>
 
 #include "colortasks.h"
@@ -58,8 +61,8 @@ std::vector<Color> pixelsOf(CollectingObserver& observer, size_t output, const R
 // a sum of the two; the blur and the grade are outputs of their own too.
 struct Comp {
     TaskPtr pattern, grade, blur, sum;
-    explicit Comp(int work) {
-        pattern = make<PatternTask>("pattern", Rect(-5, -3, 150, 110), work);
+    explicit Comp(int work, const Rect& area = Rect(-5, -3, 150, 110)) {
+        pattern = make<PatternTask>("pattern", area, work);
         TaskPtr lift = createGainTask("lift", 0, Color(1.5f, 0.5f, 2, 1), pattern);
         grade =
             createClampTask("grade", 0, Color(0, 0, 0, 0), Color(60, 60, 60, 1), true, true, lift);
@@ -380,4 +383,63 @@ TEST_F(ContractTest, AreasTheTileGridCannotNameAreRefusedBeforeRendering) {
     EXPECT_EQ(observer->status, RenderStatus::Success);
     EXPECT_EQ(observer->pixel(0, 8388351, 3), PatternTask::at(8388351, 3));
     EXPECT_THROW(RenderManager::setGlobalTileSize(int64_t(1) << 31, 256), UTIL::ErrorException);
+}
+
+// Viewer and background renders of one comp, again and again, cancelled at
+// random moments, swapping under a tight budget: every render ends once and
+// cleanly, and nothing is left behind. Prints the figures of the run.
+TEST_F(ContractTest, AStressOfSharedRendersAndRandomCancelsLeavesNothingBehind) {
+    RenderManager::setGlobalTileSize(32, 32);
+    RenderManager::SetMaxImageMemory(2);  // forces swapping
+    const uint64_t tasksBefore = RenderTask::s_count.load();
+    std::mt19937 random(4321);
+    int renders = 0, cancels = 0, succeeded = 0, cancelled = 0;
+    const auto start = std::chrono::steady_clock::now();
+    withinSeconds(10 * kHang, "the stress run", [&] {
+        for (int round = 0; round < 30; ++round) {
+            RenderManager::ClearRenderTaskCache();
+            Comp comp(round % 2 ? 20 : 0, Rect(0, 0, 480, 320));
+            auto background = make<RecordingObserver>();
+            auto viewer = make<RecordingObserver>();
+            RenderManager::Render(
+                {RenderDescription(comp.blur, Rect(0, 0, 480, 320), IMGLIB::CHANNELS_RGBA)},
+                background, nullptr, false, RENDERTYPE_BACKGROUND);
+            RenderManager::Render(
+                {RenderDescription(comp.sum, Rect(-8, -8, 400, 300), IMGLIB::CHANNELS_RGBA),
+                 RenderDescription(comp.grade, Rect(0, 0, 64, 64), IMGLIB::CHANNELS_RGB)},
+                viewer, nullptr, false, RENDERTYPE_VIEWER);
+            renders += 2;
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+            for (RenderType type : {RENDERTYPE_VIEWER, RENDERTYPE_BACKGROUND})
+                if (random() % 2) {
+                    RenderManager::cancel(type, false);
+                    ++cancels;
+                }
+            RenderManager::finishRender(RENDERTYPE_VIEWER);
+            RenderManager::finishRender(RENDERTYPE_BACKGROUND);
+            for (const auto& observer : {viewer, background}) {
+                ASSERT_EQ(observer->finishCalls, 1);
+                ASSERT_NE(observer->status, RenderStatus::Error) << observer->message;
+                (observer->status == RenderStatus::Success ? succeeded : cancelled) += 1;
+            }
+        }
+    });
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    RenderManager::ClearRenderTaskCache();
+    RenderManager::clearSpeculativeCache();
+    auto& allocator = Private::ImageAllocator::instance();
+    std::cout << "stress: " << renders << " renders (" << succeeded << " complete, " << cancelled
+              << " cancelled) with " << cancels << " cancel calls in " << seconds
+              << " s; afterwards " << Private::Tile::liveCount() << " tiles, "
+              << RenderTask::s_count.load() - tasksBefore << " tasks, " << allocator.getMemUsage()
+              << " bytes of image memory, " << allocator.getDiskUsage()
+              << " bytes of swap files; peak swap " << allocator.getPeakDiskUsage() << " bytes\n";
+    EXPECT_EQ(succeeded + cancelled, renders);
+    EXPECT_EQ(Private::Tile::liveCount(), 0u);
+    EXPECT_EQ(RenderTask::s_count.load(), tasksBefore);
+    EXPECT_EQ(allocator.getMemUsage(), 0);
+    EXPECT_EQ(allocator.getDiskUsage(), 0);
+    EXPECT_EQ(allocator.getLockedImageCount(), 0u);
+    RenderManager::SetMaxImageMemory(256);
 }
