@@ -28,6 +28,13 @@ struct TESSERA_API FileInParams {
 TESSERA_API TaskPtr createFileInTask(const std::string& name, float time,
                                      const FileInParams& params);
 
+// Drops what the engine keeps of a file: the tiles read from it are thrown
+// out of the tile cache, and file inputs made for the path from now on have
+// a new identity. A host calls it when a file changed in a way the file
+// system may not show (the same size and time to the nanosecond); a file
+// input's identity already includes its size, time and inode.
+TESSERA_API void forgetFile(const std::string& path);
+
 // For programs whose files are all read and written through renders (the
 // tessera command): OpenImageIO and OpenEXR start no worker threads of their
 // own (OpenImageIO's "threads" 1 and "exr_threads" -1, for the whole

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -14,6 +15,8 @@
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
 #include "rendermanager.h"
+#include "rendersystem/images/imageallocator.h"
+#include "rendersystem/images/speculativecache.h"
 
 namespace TESSERA {
 namespace {
@@ -63,6 +66,34 @@ std::string fileIdentity(const std::string& path) {
     return id.str();
 }
 
+// Per path: how often it was forgotten (part of each new file input's
+// identity), and the cache IDs of the file inputs made for it since.
+struct FileRegistry {
+    std::mutex mutex;
+    std::map<std::string, uint64_t> generation;
+    std::map<std::string, std::set<std::string>> cacheIDs;
+
+    static FileRegistry& instance() {
+        static FileRegistry* registry = new FileRegistry;  // outlives every task
+        return *registry;
+    }
+    uint64_t generationOf(const std::string& path) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return generation[path];
+    }
+    void add(const std::string& path, const std::string& cacheID) {
+        std::lock_guard<std::mutex> lock(mutex);
+        cacheIDs[path].insert(cacheID);
+    }
+    std::set<std::string> forget(const std::string& path) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ++generation[path];
+        std::set<std::string> ids;
+        ids.swap(cacheIDs[path]);
+        return ids;
+    }
+};
+
 std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
                                            int subimage) {
     auto in = OIIO::ImageInput::open(path);
@@ -82,6 +113,7 @@ public:
         auto in = openFile(getNameAtTime(), params.path, params.subimage);
         m_spec = in->spec();
         m_fileIdentity = fileIdentity(params.path);
+        m_generation = FileRegistry::instance().generationOf(params.path);
         m_channels = channelsOf(m_spec, m_slots);
         m_dataWindow =
             UTIL::Rect(m_spec.x, m_spec.y, m_spec.x + m_spec.width, m_spec.y + m_spec.height);
@@ -93,7 +125,7 @@ protected:
         // The file's identity as far as a reader can tell without reading it all.
         s << m_params.path << ',' << m_params.subimage << ',' << m_dataWindow << ','
           << m_spec.nchannels << ',' << m_spec.get_string_attribute("DateTime") << ','
-          << m_fileIdentity;
+          << m_fileIdentity << ',' << m_generation;
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
@@ -196,6 +228,7 @@ private:
     FileInParams m_params;
     OIIO::ImageSpec m_spec;
     std::string m_fileIdentity;
+    uint64_t m_generation = 0;
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     UTIL::Rect m_dataWindow;
@@ -212,7 +245,14 @@ void useRenderThreadsForFiles() {
 }
 
 TaskPtr createFileInTask(const std::string& name, float time, const FileInParams& params) {
-    return TaskPtr(new FileInTask(name, time, params));
+    TaskPtr task(new FileInTask(name, time, params));
+    FileRegistry::instance().add(params.path, task->getCacheID());
+    return task;
+}
+
+void forgetFile(const std::string& path) {
+    Private::ImageAllocator::instance().speculativeCache().forget(
+        FileRegistry::instance().forget(path));
 }
 
 FileWindows readFileWindows(const std::string& path) {

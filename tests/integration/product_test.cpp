@@ -308,6 +308,26 @@ TEST_F(ProductTest, FilesAreReadAsTheyAreOnDiskAndGreyTakesRGB) {
     const Color second = read();
     EXPECT_NEAR(second.g, 0.8f, 1.0f / 255);
     EXPECT_EQ(second.a, 1.0f);
+
+    // A change the file system cannot show (same size, time and inode) is
+    // made known with forgetFile: the task's cached tiles go, and the next
+    // render reads the file again.
+    TaskPtr kept = createFileInTask("matte", 0, FileInParams{path, 0});
+    auto renderKept = [&] {
+        auto observer = make<CollectingObserver>();
+        RenderManager::Render({RenderDescription(kept, Rect(0, 0, 8, 6), IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, true, RENDERTYPE_BATCH);
+        return observer->pixel(0, 3, 2);
+    };
+    EXPECT_NEAR(renderKept().g, 0.8f, 1.0f / 255);
+    const auto before = fs::last_write_time(path);
+    write(0.4f, 1.0f);
+    fs::last_write_time(path, before);
+    EXPECT_NEAR(renderKept().g, 0.8f, 1.0f / 255);  // served from the tile cache
+    forgetFile(path);
+    EXPECT_NEAR(renderKept().g, 0.4f, 1.0f / 255);
+    EXPECT_NE(createFileInTask("matte", 0, FileInParams{path, 0})->getCacheID(),
+              kept->getCacheID());
 }
 
 TEST_F(ProductTest, DeepAndHostileGraphFilesAreRefusedOrLoadedWithoutRecursion) {

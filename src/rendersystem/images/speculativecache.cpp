@@ -134,6 +134,18 @@ void SpeculativeCache::clear() {
     for (Impl* image : images) m_allocator.destroy(image);
 }
 
+void SpeculativeCache::forget(const std::set<std::string>& cacheIDs) {
+    std::vector<Impl*> images;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (Impl* image : _cache)
+            if (cacheIDs.count(image->m_cacheData->cacheID)) images.push_back(image);
+        for (Impl* image : images) removeEntry(image);
+    }
+    // Destroyed outside this cache's mutex, as clear() does.
+    for (Impl* image : images) m_allocator.destroy(image);
+}
+
 int64_t SpeculativeCache::getMemoryUsage() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_memoryUsage;

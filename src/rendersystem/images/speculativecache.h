@@ -48,6 +48,8 @@ public:
     int64_t release(int64_t bytes);
     // Destroys every entry.
     void clear();
+    // Drops the entries of the tasks with these cache IDs.
+    void forget(const std::set<std::string>& cacheIDs);
 
     int64_t getMemoryUsage() const;
     uint64_t getHits() const;
