@@ -1,6 +1,7 @@
 // Defocus by a lens aperture, of one size or of a size that follows a
 // control image; and the blur whose size follows a control image.
 #include "imglib/defocus.h"
+#include "exceptions.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/fastfilter.h"
@@ -9,11 +10,30 @@
 
 namespace TESSERA {
 namespace Private {
+namespace {
+
+// Past 64 sides an aperture is a disc to any eye; a count in the millions
+// would only build a polygon no render could wait for.
+constexpr int64_t kMaxBlades = 64;
+
+const DefocusParams& checked(const std::string& name, const DefocusParams& p) {
+    if (p.blades < 0 || p.blades > kMaxBlades)
+        throw RenderTaskRenderingException(name,
+                                           "blades " + std::to_string(p.blades) +
+                                               " is out of range (0 to " +
+                                               std::to_string(kMaxBlades) + ")",
+                                           -1);
+    return p;
+}
+
+}  // namespace
 
 class Defocus : public NeighbourhoodTask {
 public:
     Defocus(const std::string& name, float time, const DefocusParams& p, bool smooth, TaskPtr input)
-        : NeighbourhoodTask(name, time, "Defocus", std::move(input)), m_p(p), m_smooth(smooth) {
+        : NeighbourhoodTask(name, time, "Defocus", std::move(input)),
+          m_p(checked(name, p)),
+          m_smooth(smooth) {
         int64_t padX, padY;
         IMGLIB::GetDefocusPadding(p.size, p.aspect, p.blades, p.rotation, smooth, padX, padY);
         setPadding(padX, padY);
@@ -39,6 +59,7 @@ public:
     ImageDefocusTask(const std::string& name, float time, const ImageDefocusParams& p,
                      TaskPtr image, TaskPtr control)
         : NeighbourhoodTask(name, time, "ImageDefocus", std::move(image)), m_p(p) {
+        checked(name, p.defocus);
         int64_t padX, padY;
         const DefocusParams& d = p.defocus;
         IMGLIB::GetDefocusPadding(d.size, d.aspect, d.blades, d.rotation, p.smoothEdges, padX,

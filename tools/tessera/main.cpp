@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -148,6 +149,12 @@ void watchInterrupts() {
         if (sigwait(&signals, &signal) != 0) return;
         s_interrupt = signal;
         RenderManager::cancel(RENDERTYPE_BATCH, false);
+        // A second signal, or a render that does not stop within the grace
+        // period (a task that never asks CheckAbort), ends the process now.
+        const timespec grace{10, 0};
+        sigtimedwait(&signals, nullptr, &grace);
+        std::fprintf(stderr, "tessera: interrupted; the render did not stop, exiting\n");
+        std::_Exit(128 + signal);
     }).detach();
 }
 
