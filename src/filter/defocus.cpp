@@ -1,7 +1,6 @@
 // Defocus by a lens aperture, of one size or of a size that follows a
 // control image; and the blur whose size follows a control image.
 #include "imglib/defocus.h"
-#include "exceptions.h"
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/fastfilter.h"
@@ -12,17 +11,8 @@ namespace TESSERA {
 namespace Private {
 namespace {
 
-// Past 64 sides an aperture is a disc to any eye; a count in the millions
-// would only build a polygon no render could wait for.
-constexpr int64_t kMaxBlades = 64;
-
 const DefocusParams& checked(const std::string& name, const DefocusParams& p) {
-    if (p.blades < 0 || p.blades > kMaxBlades)
-        throw RenderTaskRenderingException(name,
-                                           "blades " + std::to_string(p.blades) +
-                                               " is out of range (0 to " +
-                                               std::to_string(kMaxBlades) + ")",
-                                           -1);
+    checkBlades(name, p.blades);
     return p;
 }
 

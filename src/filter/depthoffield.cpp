@@ -84,6 +84,7 @@ public:
         : NeighbourhoodTask(name, time, "DepthOfField", std::move(image)), m_p(p) {
         int64_t padX, padY;
         const IMGLIB::ApertureShape& a = p.aperture;
+        checkBlades(name, a.blades);
         if (p.physical) {
             padX = padY = IMGLIB::GetPhysicalDepthOfFieldPadding(p.lens.maxCoc);
         } else {

@@ -126,6 +126,16 @@ void NeighbourhoodTask::check(int status) {
     checkImglib(status, getNameAtTime());
 }
 
+void checkBlades(const std::string& task, int64_t blades) {
+    constexpr int64_t kMaxBlades = 64;
+    if (blades < 0 || blades > kMaxBlades)
+        throw RenderTaskRenderingException(task,
+                                           "blades " + std::to_string(blades) +
+                                               " is out of range (0 to " +
+                                               std::to_string(kMaxBlades) + ")",
+                                           -1);
+}
+
 TaskPtr withBloom(const std::string& name, float time, const BloomControlSettings& bloom,
                   TaskPtr input) {
     if (bloom.gain == 1.0f && !bloom.isolate) return input;
