@@ -7,6 +7,7 @@
 #include "filtertasks.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "private/checkrange.h"
 #include "private/imglibcall.h"
 
 namespace TESSERA {
@@ -127,13 +128,7 @@ void NeighbourhoodTask::check(int status) {
 }
 
 void checkBlades(const std::string& task, int64_t blades) {
-    constexpr int64_t kMaxBlades = 64;
-    if (blades < 0 || blades > kMaxBlades)
-        throw RenderTaskRenderingException(task,
-                                           "blades " + std::to_string(blades) +
-                                               " is out of range (0 to " +
-                                               std::to_string(kMaxBlades) + ")",
-                                           -1);
+    checkRange(task, "blades", blades, 0, 64);
 }
 
 TaskPtr withBloom(const std::string& name, float time, const BloomControlSettings& bloom,

@@ -1,11 +1,11 @@
 // The generators: one task class, its pixels from a small table of kinds.
 #include <cmath>
 
-#include "exceptions.h"
 #include "expressionmath/noise.h"
 #include "generatortasks.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops_scalar.h"
+#include "private/checkrange.h"
 
 namespace TESSERA {
 namespace {
