@@ -130,10 +130,9 @@ uint64_t RenderNode::setUp(std::vector<TilePtr>& readyTiles) {
         std::lock_guard<std::mutex> lock(m_tileMapMutex);
         for (const auto& entry : m_tileMap) tiles.push_back(entry.second);
     }
-    m_tileCount = tiles.size();
     {
         std::lock_guard<std::mutex> lock(m_imp.m_renderLock);
-        m_tilesLeft = m_tileCount;
+        m_tilesLeft = tiles.size();
     }
     for (const TilePtr& tile : tiles) {
         if (tile->tryGetFromSpeculativeCache())
@@ -146,7 +145,7 @@ uint64_t RenderNode::setUp(std::vector<TilePtr>& readyTiles) {
         }
     }
     m_stage = RENDERSTAGE_InputRequestsSetUp;
-    return m_tileCount;
+    return tiles.size();
 }
 
 void RenderNode::setUpTile(const TilePtr& tile) {
@@ -196,11 +195,6 @@ void RenderNode::removeTile(const TileID& id) {
     if (it == m_tileMap.end()) return;
     removed = it->second;
     m_tileMap.erase(it);
-}
-
-size_t RenderNode::getTileMapSize() {
-    std::lock_guard<std::mutex> lock(m_tileMapMutex);
-    return m_tileMap.size();
 }
 
 std::map<TileID, TilePtr> RenderNode::takeTiles() {

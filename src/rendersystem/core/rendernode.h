@@ -81,7 +81,6 @@ public:
 
     TilePtr getOrCreateTile(const TileID& id);
     void removeTile(const TileID& id);
-    size_t getTileMapSize();
     std::map<TileID, TilePtr> takeTiles();
 
     // ---- Rendering ----
@@ -108,7 +107,6 @@ public:
     RenderStage m_stage = RENDERSTAGE_ComputeOutputDescription;
     uint64_t m_outputTaskCount = 0;  // consumers in this render, per input slot
     uint64_t m_consumersDoneCount = 0;
-    uint64_t m_tileCount = 0;
 
 private:
     void setUpTile(const TilePtr& tile);

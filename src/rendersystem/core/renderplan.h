@@ -70,7 +70,6 @@ public:
     // Empty when every output got every tile; otherwise names each output
     // and task that did not.
     std::string undeliveredOutputs() const;
-    size_t outputCount() const { return m_outputs.size(); }
     uint64_t outputTileCount(size_t outputIndex) const;
 
     std::vector<TilePtr> readyTiles;  // can render now
