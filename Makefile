@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build demo test test-release test-asan test-tsan bench format clean
+.PHONY: all deps build demo docs test test-release test-asan test-tsan bench format clean
 
 all: build
 
@@ -19,6 +19,10 @@ demo: build
 	build/release/tools/tessera/tessera demo --stats
 
 test: test-release test-asan test-tsan
+
+# The operator reference, generated from the operators' declarations.
+docs: build
+	build/release/tools/tessera/tessera ops --markdown > docs/operators.md
 
 # Compares whole pipelines with libvips, OpenImageIO and GEGL on this machine
 # and writes the table to docs/performance.md.

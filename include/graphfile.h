@@ -41,16 +41,26 @@ struct TESSERA_API OperationParameter {
     std::string name;
     std::string type;          // as `tessera ops` prints it ("number", "[x, y]", ...)
     std::string defaultValue;  // JSON text; empty when the parameter is required
+    std::string description;
+    std::string range;                 // "0 to 32"; empty when any value goes
+    std::vector<std::string> choices;  // the names a choice parameter accepts
+    std::string example;               // JSON text: a value that works, for a required one
 };
 struct TESSERA_API OperationDescription {
     std::string name;
-    std::string summary;
+    std::string family;     // "Colour", "Geometry", ...
+    std::string summary;    // one line
+    std::string reference;  // the formula or the equivalent operation elsewhere (Markdown)
     std::vector<std::string> inputs;
     std::vector<bool> optionalInputs;  // one flag per input
     std::vector<OperationParameter> parameters;
 };
 TESSERA_API std::vector<OperationDescription> listOperations();
-// One line per operation: its name, parameters (name, type, default) and inputs.
+// Every operation: its name, summary, inputs and parameters.
 TESSERA_API std::string describeOperations();
+// One operation in full; throws std::invalid_argument for an unknown name.
+TESSERA_API std::string describeOperation(const std::string& name);
+// The operator reference in Markdown (docs/operators.md).
+TESSERA_API std::string operatorReference();
 
 }  // namespace TESSERA

@@ -8,6 +8,7 @@
 #include "colortasks.h"
 #include "imglib/channels.h"
 #include "inplacetask.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace {
@@ -363,5 +364,239 @@ TaskPtr createHueShiftTask(const std::string& name, float sampleRate, const HueS
     return createColorTransformTask(name, sampleRate, hue * saturation, Color4f(0, 0, 0, 0),
                                     std::move(input));
 }
+
+namespace Private {
+
+void declareColorOperations(OperationList& ops) {
+    ops.push_back({"gain",
+                   "multiply",
+                   {{"gain", ParamType::Color4, kWhite}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createGainTask(a.node(), 0, a.color("gain"), a.input("input"));
+                   }});
+    ops.push_back({"colortransform",
+                   "a 4x4 matrix (row vectors) and an offset",
+                   {{"matrix", ParamType::Floats,
+                     json::array({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1})},
+                    {"offset", ParamType::Color4, kClear}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const std::vector<float> m = a.floats("matrix");
+                       if (m.size() != 16) a.fail("matrix", "needs 16 numbers");
+                       return createColorTransformTask(
+                           a.node(), 0,
+                           Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7],
+                                                  m[8], m[9], m[10], m[11], m[12], m[13], m[14],
+                                                  m[15]),
+                           a.color("offset"), a.input("input"));
+                   }});
+    ops.push_back({"clamp",
+                   "clamp to [low, high]",
+                   {{"low", ParamType::Color4, kClear},
+                    {"high", ParamType::Color4, kWhite},
+                    {"clampLow", ParamType::Bool, true},
+                    {"clampHigh", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createClampTask(a.node(), 0, a.color("low"), a.color("high"),
+                                              a.flag("clampLow"), a.flag("clampHigh"),
+                                              a.input("input"));
+                   }});
+    ops.push_back({"threshold",
+                   "replace below or above a threshold",
+                   {{"threshold", ParamType::Color4, json::array({0.5, 0.5, 0.5, 0.5})},
+                    {"replaceBelow", ParamType::Bool, true},
+                    {"belowColor", ParamType::Color4, kClear},
+                    {"replaceAbove", ParamType::Bool, false},
+                    {"aboveColor", ParamType::Color4, kWhite}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createThresholdTask(a.node(), 0, a.color("threshold"),
+                                                  a.flag("replaceBelow"), a.color("belowColor"),
+                                                  a.flag("replaceAbove"), a.color("aboveColor"),
+                                                  a.input("input"));
+                   }});
+    ops.push_back({"cleanupclamp",
+                   "alpha to [0, 1], colour to 0 and above",
+                   {{"clampColorAtOne", ParamType::Bool, false}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createCleanupClampTask(a.node(), 0, a.flag("clampColorAtOne"),
+                                                     a.input("input"));
+                   }});
+    ops.push_back({"contrast",
+                   "(c - pivot) contrast + pivot",
+                   {{"contrast", ParamType::Color4, kWhite},
+                    {"pivot", ParamType::Color4, json::array({0.18, 0.18, 0.18, 0})}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createContrastTask(a.node(), 0, a.color("contrast"), a.color("pivot"),
+                                                 a.input("input"));
+                   }});
+    ops.push_back({"gamma",
+                   "pivot (c / pivot)^(1 / gamma)",
+                   {{"gamma", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createGammaTask(a.node(), 0, a.color("gamma"), a.color("pivot"),
+                                              a.input("input"));
+                   }});
+    ops.push_back({"exponential",
+                   "pivot (c / pivot)^exponent",
+                   {{"exponent", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createExponentialTask(a.node(), 0, a.color("exponent"),
+                                                    a.color("pivot"), a.input("input"));
+                   }});
+    ops.push_back({"compressrange",
+                   "log2 range compression, or its inverse",
+                   {{"midGrey", ParamType::Number, 0.18},
+                    {"maximum", ParamType::Number, 16},
+                    {"scale", ParamType::Number, 1},
+                    {"expand", ParamType::Bool, false}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createCompressRangeTask(a.node(), 0, a.number("midGrey"),
+                                                      a.number("maximum"), a.number("scale"),
+                                                      a.flag("expand"), a.input("input"));
+                   }});
+    ops.push_back({"ncontrastboost",
+                   "smoothstep contrast",
+                   {{"amount", ParamType::Number, 1}, {"alphaToo", ParamType::Bool, false}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createNContrastBoostTask(a.node(), 0, a.number("amount"),
+                                                       a.flag("alphaToo"), a.input("input"));
+                   }});
+    ops.push_back({"hueshift",
+                   "hue rotation and saturation",
+                   {{"hueShift", ParamType::Number, 0},
+                    {"saturation", ParamType::Number, 1},
+                    {"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722})}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       HueShiftParams p;
+                       p.hueShift = a.number("hueShift");
+                       p.saturation = a.number("saturation");
+                       p.weights = a.color3("weights");
+                       return createHueShiftTask(a.node(), 0, p, a.input("input"));
+                   }});
+    ops.push_back({"multinverse", "unpremultiply", {}, {"input"}, [](const OperationArgs& a) {
+                       return createMultInverseTask(a.node(), 0, a.input("input"));
+                   }});
+    ops.push_back({"posterize",
+                   "quantise to levels",
+                   {{"levels", ParamType::Number, 8},
+                    {"low", ParamType::Number, 0},
+                    {"high", ParamType::Number, 1},
+                    {"alphaToo", ParamType::Bool, false},
+                    {"clampToRange", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createPosterizeTask(a.node(), 0, a.number("levels"), a.number("low"),
+                                                  a.number("high"), a.flag("alphaToo"),
+                                                  a.flag("clampToRange"), a.input("input"));
+                   }});
+    ops.push_back({"hsvconvert",
+                   "RGB to HSV, or back",
+                   {{"toHSV", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createHSVConvertTask(a.node(), 0, a.flag("toHSV"), a.input("input"));
+                   }});
+    ops.push_back({"lab",
+                   "RGB to L*a*b*, or back",
+                   {{"toLab", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createLabTask(a.node(), 0, a.flag("toLab"), a.input("input"));
+                   }});
+    ops.push_back(
+        {"maxrgbtoalpha", "alpha = max(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
+             return createMaxRGBToAlphaTask(a.node(), 0, a.input("input"));
+         }});
+    ops.push_back(
+        {"minrgbtoalpha", "alpha = min(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
+             return createMinRGBToAlphaTask(a.node(), 0, a.input("input"));
+         }});
+    ops.push_back({"bloom",
+                   "bloom control",
+                   {{"threshold", ParamType::Number, 1},
+                    {"gain", ParamType::Number, 0.5},
+                    {"isolate", ParamType::Bool, false},
+                    {"luminance", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       BloomControlSettings b;
+                       b.threshold = a.number("threshold");
+                       b.gain = a.number("gain");
+                       b.isolate = a.flag("isolate");
+                       b.luminance = a.flag("luminance");
+                       return createBloomTask(a.node(), 0, b, a.input("input"));
+                   }});
+    ops.push_back({"rgbacurves",
+                   "a curve per channel, (x, y) pairs",
+                   {{"red", ParamType::Floats, json::array()},
+                    {"green", ParamType::Floats, json::array()},
+                    {"blue", ParamType::Floats, json::array()},
+                    {"alpha", ParamType::Floats, json::array()}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createRGBACurvesTask(a.node(), 0, a.floats("red"), a.floats("green"),
+                                                   a.floats("blue"), a.floats("alpha"),
+                                                   a.input("input"));
+                   }});
+    ops.push_back({"lumacurves",
+                   "a curve on luma, (x, y) pairs",
+                   {{"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722})},
+                    {"points", ParamType::Floats, json::array({0, 0, 1, 1})}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createLumaCurvesTask(a.node(), 0, a.color3("weights"),
+                                                   a.floats("points"), a.input("input"));
+                   }});
+    ops.push_back(
+        {"fringe", "keep half-covered edge pixels", {}, {"input"}, [](const OperationArgs& a) {
+             return createFringeTask(a.node(), 0, a.input("input"));
+         }});
+    ops.push_back({"screenrgbtoalpha",
+                   "a screen key: 1 red, 2 green, 4 blue",
+                   {{"channel", ParamType::Int, 2}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createScreenRGBToAlphaTask(
+                           a.node(), 0, uint64_t(a.integer("channel")), a.input("input"));
+                   }});
+    ops.push_back({"hsvcomponenttoalpha",
+                   "alpha = hue (0), saturation (1) or value (2)",
+                   {{"component", ParamType::Int, 2}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createHSVComponentToAlphaTask(
+                           a.node(), 0, HSVComponent(a.integer("component")), a.input("input"));
+                   }});
+    ops.push_back({"logconvert",
+                   "Cineon-style log conversion",
+                   {{"blackCode", ParamType::Color4, json::array({0.0929, 0.0929, 0.0929, 0})},
+                    {"whiteCode", ParamType::Color4, json::array({0.6696, 0.6696, 0.6696, 1})},
+                    {"density", ParamType::Color4, json::array({3.41, 3.41, 3.41, 1})},
+                    {"toLog", ParamType::Bool, true},
+                    {"alphaToo", ParamType::Bool, false}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createAnalyticalLogConvertTask(a.node(), 0, a.color("blackCode"),
+                                                             a.color("whiteCode"),
+                                                             a.color("density"), a.flag("toLog"),
+                                                             a.flag("alphaToo"), a.input("input"));
+                   }});
+    ops.push_back(
+        {"copy", "the input as it is (a cache point)", {}, {"input"}, [](const OperationArgs& a) {
+             return createInPlaceCopyTask(a.node(), 0, a.input("input"));
+         }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -6,6 +6,7 @@
 #include "imglib/error.h"
 #include "imglib/pixels.h"
 #include "inplacetask.h"
+#include "private/operation.h"
 
 namespace OCIO = OCIO_NAMESPACE;
 
@@ -84,5 +85,38 @@ TaskPtr createOCIOTransformTask(const std::string& name, float sampleRate,
     return TaskPtr(new InPlaceTask(InPlaceOpPtr(new OCIOOp("OCIOTransform", std::move(processor))),
                                    name, sampleRate, std::move(input)));
 }
+
+namespace Private {
+
+void declareOCIOOperations(OperationList& ops) {
+    ops.push_back(
+        {"ociofile",
+         "an OpenColorIO file transform (LUT)",
+         {required("path", ParamType::Path, "curve.spi1d"), {"inverse", ParamType::Bool, false}},
+         {"input"},
+         [](const OperationArgs& a) {
+             auto t = OCIO_NAMESPACE::FileTransform::Create();
+             t->setSrc(a.path("path").c_str());
+             return createOCIOTransformTask(a.node(), 0, t,
+                                            a.flag("inverse")
+                                                ? OCIO_NAMESPACE::TRANSFORM_DIR_INVERSE
+                                                : OCIO_NAMESPACE::TRANSFORM_DIR_FORWARD,
+                                            a.input("input"));
+         }});
+    ops.push_back(
+        {"ociocolorspace",
+         "OpenColorIO colour-space conversion",
+         {required("config", ParamType::Path, "config.ocio"),
+          required("from", ParamType::String, "linear"), required("to", ParamType::String, "warm")},
+         {"input"},
+         [](const OperationArgs& a) {
+             auto config = OCIO_NAMESPACE::Config::CreateFromFile(a.path("config").c_str());
+             return createOCIOProcessorTask(
+                 a.node(), 0, config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
+                 a.input("input"));
+         }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -9,6 +9,7 @@
 #include "imglib/compositeops.h"
 #include "imglib/pixels.h"
 #include "private/imglibcall.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace Private {
@@ -136,5 +137,53 @@ TaskPtr createMixTask(const std::string& name, float sampleRate, float amount, T
     return TaskPtr(
         new BaseCompositeTask(name, sampleRate, "Mix", op, std::move(first), std::move(second)));
 }
+
+namespace Private {
+
+const Choices<CompositeOp> kCompositeOperators = {{"add", COMPOSITE_ADD},
+                                                  {"atop", COMPOSITE_ATOP},
+                                                  {"average", COMPOSITE_AVERAGE},
+                                                  {"difference", COMPOSITE_DIFFERENCE},
+                                                  {"divide", COMPOSITE_DIVIDE},
+                                                  {"exclusion", COMPOSITE_EXCLUSION},
+                                                  {"from", COMPOSITE_FROM},
+                                                  {"geometric", COMPOSITE_GEOMETRIC},
+                                                  {"hypotenuse", COMPOSITE_HYPOTENUSE},
+                                                  {"max", COMPOSITE_MAX},
+                                                  {"min", COMPOSITE_MIN},
+                                                  {"multiply", COMPOSITE_MULTIPLY},
+                                                  {"in", COMPOSITE_IN},
+                                                  {"out", COMPOSITE_OUT},
+                                                  {"over", COMPOSITE_OVER},
+                                                  {"under", COMPOSITE_UNDER},
+                                                  {"screen", COMPOSITE_SCREEN},
+                                                  {"minus", COMPOSITE_MINUS}};
+
+void declareCompositeOperations(OperationList& ops) {
+    ops.push_back({"composite",
+                   "a over b, and the other operators",
+                   {choiceParam("operator", kCompositeOperators, "over"),
+                    {"alphaFlag", ParamType::Bool, false},
+                    {"extremaFlag", ParamType::Bool, false},
+                    {"cleanupClamp", ParamType::Bool, false},
+                    {"mix", ParamType::Number, 1}},
+                   {"a", "b"},
+                   [](const OperationArgs& a) {
+                       return createCompositeTask(
+                           a.node(), 0, a.choice(kCompositeOperators, "operator"),
+                           a.flag("extremaFlag"), a.flag("alphaFlag"), a.flag("cleanupClamp"),
+                           a.number("mix"), a.input("a"), a.input("b"));
+                   }});
+    ops.push_back({"mix",
+                   "first (1 - amount) + second amount",
+                   {{"amount", ParamType::Number, 0.5}},
+                   {"first", "second"},
+                   [](const OperationArgs& a) {
+                       return createMixTask(a.node(), 0, a.number("amount"), a.input("first"),
+                                            a.input("second"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -8,6 +8,7 @@
 #include "imglib/pixels.h"
 #include "private/imglibcall.h"
 #include "private/inputabsorber.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace Private {
@@ -148,5 +149,30 @@ TaskPtr createBlurTask(const std::string& name, float time, const PerChannelBlur
                        TaskPtr input) {
     return createBlur(name, time, params, std::move(input));
 }
+
+namespace Private {
+
+void declareBlurOperations(OperationList& ops) {
+    ops.push_back({"blur",
+                   "separable blur",
+                   {required("size", ParamType::Vec2, {5, 3}),
+                    kernelParam("filter", "gaussian"),
+                    extendParam("extend", "background"),
+                    {"channelScale", ParamType::Color4, kWhite}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       PerChannelBlurParameters p;
+                       const Imath::V2f size = a.vec2("size");
+                       const Color4f scale = a.color("channelScale");
+                       p.blur.sizeX = size.x;
+                       p.blur.sizeY = size.y;
+                       p.blur.filterX = p.blur.filterY = a.kernel("filter");
+                       p.blur.extendMethod = a.extend("extend");
+                       for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
+                       return createBlur(a.node(), 0, p, a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

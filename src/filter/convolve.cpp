@@ -5,6 +5,7 @@
 #include "filtertasks.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -128,5 +129,31 @@ TaskPtr createEnergyNormalizationTask(const std::string& name, float time, const
     if (!kernel) throw UTIL::ErrorException("EnergyNormalization requires an kernel input.");
     return TaskPtr(new Private::EnergyNormalization(name, time, rect, std::move(kernel)));
 }
+
+namespace Private {
+
+void declareConvolveOperations(OperationList& ops) {
+    ops.push_back({"convolve",
+                   "convolution by the pixels of a kernel image",
+                   {{"normalize", ParamType::Bool, true},
+                    {"kernelArea", ParamType::Rect, json::array({0, 0, 0, 0})}},
+                   {"input", "kernel"},
+                   [](const OperationArgs& a) {
+                       ImageConvolveParams p;
+                       p.kernelRect = a.rect("kernelArea");
+                       return createImageConvolveTask(a.node(), 0, a.flag("normalize"), p,
+                                                      a.input("input"), a.input("kernel"));
+                   }});
+    ops.push_back({"energyNormalize",
+                   "a kernel divided by its sum over an area (its data when empty)",
+                   {{"area", ParamType::Rect, json::array({0, 0, 0, 0})}},
+                   {"kernel"},
+                   [](const OperationArgs& a) {
+                       return createEnergyNormalizationTask(a.node(), 0, a.rect("area"),
+                                                            a.input("kernel"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -5,6 +5,7 @@
 #include "filtertasks.h"
 #include "imglib/fastfilter.h"
 #include "imglib/variableblur.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -135,5 +136,73 @@ TaskPtr createImageBlur(const std::string& name, float time, const ImageBlurPara
                                           Private::withBloom(name, time, bloom, std::move(image)),
                                           std::move(control)));
 }
+
+namespace Private {
+
+DefocusParams defocusParams(const OperationArgs& a) {
+    DefocusParams p;
+    p.size = a.number("size");
+    p.aspect = a.number("aspect");
+    p.blades = a.integer("blades");
+    p.rotation = a.number("rotation");
+    return p;
+}
+
+void declareDefocusOperations(OperationList& ops) {
+    ops.push_back({"defocus",
+                   "convolution by a lens aperture (a disc, or a polygon of 3 or more blades)",
+                   {required("size", ParamType::Number, 6.5),
+                    {"aspect", ParamType::Number, 1},
+                    {"blades", ParamType::Int, 0},
+                    {"rotation", ParamType::Number, 0},
+                    {"smooth", ParamType::Bool, true}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createDefocusTask(a.node(), 0, defocusParams(a), a.input("input"),
+                                                a.flag("smooth"));
+                   }});
+    ops.push_back({"imageDefocus",
+                   "defocus whose size follows a channel of the control image (0 to 1)",
+                   {required("size", ParamType::Number, 6.5),
+                    {"aspect", ParamType::Number, 1},
+                    {"blades", ParamType::Int, 0},
+                    {"rotation", ParamType::Number, 0},
+                    {"smooth", ParamType::Bool, true},
+                    channelParam("channel", "a"),
+                    {"scale", ParamType::Number, 1},
+                    {"layers", ParamType::Int, 8}},
+                   {"input", "control"},
+                   [](const OperationArgs& a) {
+                       ImageDefocusParams p;
+                       p.defocus = defocusParams(a);
+                       p.smoothEdges = a.flag("smooth");
+                       p.controlChannel = a.channel("channel");
+                       p.controlScale = a.number("scale");
+                       p.layers = a.integer("layers");
+                       return createImageDefocusTask(a.node(), 0, p, a.input("input"),
+                                                     a.input("control"));
+                   }});
+    ops.push_back({"imageBlur",
+                   "blur whose size follows a channel of the control image (0 to 1)",
+                   {required("size", ParamType::Vec2, {5, 3}),
+                    kernelParam("filter", "gaussian"),
+                    channelParam("channel", "a"),
+                    {"scale", ParamType::Number, 1},
+                    {"layers", ParamType::Int, 8}},
+                   {"input", "control"},
+                   [](const OperationArgs& a) {
+                       ImageBlurParams p;
+                       p.sizeX = a.vec2("size").x;
+                       p.sizeY = a.vec2("size").y;
+                       p.filter = a.kernel("filter");
+                       p.controlChannel = a.channel("channel");
+                       p.controlScale = a.number("scale");
+                       p.layers = a.integer("layers");
+                       return createImageBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                                              a.input("control"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -9,6 +9,7 @@
 #include "imglib/depthoffield.h"
 #include "imglib/rankfilters.h"
 #include "imglib/variableblur.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -183,5 +184,77 @@ TaskPtr createDOFDepthCleanupTask(const std::string& name, float time,
     if (!depth) throw UTIL::ErrorException("DOFDepthCleanup requires a depth input.");
     return TaskPtr(new Private::DOFDepthCleanup(name, time, params, std::move(depth)));
 }
+
+namespace Private {
+
+const Choices<CircleOfConfusionOutputType> kCocOutputs = {
+    {"coc", COC_OUTPUT_COC}, {"minimal", COC_OUTPUT_MINIMAL}, {"maximal", COC_OUTPUT_MAXIMAL}};
+
+// The thin lens and the depth of field's settings, shared by its three
+// operations.
+std::vector<Param> withLens(std::vector<Param> params) {
+    const std::vector<Param> lens = {{"focalLength", ParamType::Number, 50},
+                                     {"fStop", ParamType::Number, 2.8},
+                                     {"focusDistance", ParamType::Number, 5},
+                                     {"unitsPerMetre", ParamType::Number, 1},
+                                     {"filmBackWidth", ParamType::Number, 36},
+                                     {"imageWidth", ParamType::Number, 1920},
+                                     {"maxCoc", ParamType::Number, 32},
+                                     channelParam("depthChannel", "z"),
+                                     {"physical", ParamType::Bool, false},
+                                     {"blades", ParamType::Int, 0},
+                                     {"layers", ParamType::Int, 8},
+                                     {"cleanupRadius", ParamType::Number, 2}};
+    params.insert(params.begin(), lens.begin(), lens.end());
+    return params;
+}
+
+DepthOfFieldParams dofParams(const OperationArgs& a) {
+    DepthOfFieldParams p;
+    p.lens.focalLength = a.number("focalLength");
+    p.lens.fStop = a.number("fStop");
+    p.lens.focusDistance = a.number("focusDistance");
+    p.lens.unitsPerMetre = a.number("unitsPerMetre");
+    p.lens.filmBackWidth = a.number("filmBackWidth");
+    p.lens.imageWidth = a.number("imageWidth");
+    p.lens.maxCoc = a.number("maxCoc");
+    p.depthChannel = a.channel("depthChannel");
+    p.physical = a.flag("physical");
+    p.aperture.blades = a.integer("blades");
+    p.layers = a.integer("layers");
+    p.cleanupRadius = a.number("cleanupRadius");
+    return p;
+}
+
+void declareDepthOfFieldOperations(OperationList& ops) {
+    ops.push_back({"circleOfConfusion",
+                   "circles of confusion (pixels) of a depth channel, in red",
+                   withLens({choiceParam("output", kCocOutputs, "coc")}),
+                   {"depth"},
+                   [](const OperationArgs& a) {
+                       return createCircleOfConfusionTask(
+                           a.node(), 0, dofParams(a), IMGLIB::CHANNEL_R,
+                           a.choice(kCocOutputs, "output"), a.input("depth"));
+                   }});
+    ops.push_back({"depthOfField",
+                   "the input blurred by the circles of confusion of its depth",
+                   withLens({}),
+                   {"input", "depth", {"mask", true}},
+                   [](const OperationArgs& a) {
+                       return createDepthOfFieldTask(a.node(), 0, dofParams(a), noBloom(),
+                                                     a.input("input"), a.input("depth"),
+                                                     a.input("mask"));
+                   }});
+    ops.push_back({"depthCleanup",
+                   "depth with holes filled and foreground widened",
+                   withLens({}),
+                   {"depth"},
+                   [](const OperationArgs& a) {
+                       return createDOFDepthCleanupTask(a.node(), 0, dofParams(a),
+                                                        a.input("depth"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -3,6 +3,7 @@
 #include "filtertasks.h"
 #include "imglib/lineblur.h"
 #include "imglib/vectorblur.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -82,5 +83,43 @@ TaskPtr createVectorBlur(const std::string& name, float time, const VectorBlurPa
                                            Private::withBloom(name, time, bloom, std::move(image)),
                                            std::move(vectors)));
 }
+
+namespace Private {
+
+void declareMotionBlurOperations(OperationList& ops) {
+    ops.push_back({"directionalBlur",
+                   "blur along a line at an angle (degrees)",
+                   {required("length", ParamType::Number, 6.5),
+                    {"angle", ParamType::Number, 0},
+                    {"offset", ParamType::Number, 0},
+                    kernelParam("filter", "box")},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       DirectionalBlurParams p;
+                       p.length = a.number("length");
+                       p.angle = a.number("angle");
+                       p.offset = a.number("offset");
+                       p.filter = a.kernel("filter");
+                       return createDirectionalBlur(a.node(), 0, p, noBloom(), a.input("input"));
+                   }});
+    ops.push_back({"vectorBlur",
+                   "motion blur along per-pixel vectors (channels u and v of the vectors input)",
+                   {{"scale", ParamType::Number, 1},
+                    {"maxLength", ParamType::Number, 64},
+                    {"samples", ParamType::Int, 16},
+                    {"splat", ParamType::Bool, false}},
+                   {"input", "vectors"},
+                   [](const OperationArgs& a) {
+                       VectorBlurParams p;
+                       p.vectors.scale = a.number("scale");
+                       p.vectors.maxLength = a.number("maxLength");
+                       p.vectors.samples = a.integer("samples");
+                       p.splat = a.flag("splat");
+                       return createVectorBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                                               a.input("vectors"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

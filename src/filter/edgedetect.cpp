@@ -2,6 +2,7 @@
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/edges.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -46,5 +47,25 @@ TaskPtr createEdgeDetectTask(const std::string& name, float time, const EdgeDete
                                    std::to_string(int(params.method)));
     return TaskPtr(new Private::SobelEdgeDetectTask(name, time, params, std::move(input)));
 }
+
+namespace Private {
+
+const Choices<EdgeDetectMethod> kEdgeMethods = {{"sobel", EDGE_SOBEL}, {"babu", EDGE_BABU}};
+
+void declareEdgeOperations(OperationList& ops) {
+    ops.push_back({"edgeDetect",
+                   "gradient magnitude, or thin 0/1 edges with select",
+                   {choiceParam("method", kEdgeMethods, "sobel"),
+                    {"select", ParamType::Bool, false},
+                    {"threshold", ParamType::Number, 0.1}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const EdgeDetectParams p{a.choice(kEdgeMethods, "method"), a.flag("select"),
+                                                a.number("threshold")};
+                       return createEdgeDetectTask(a.node(), 0, p, a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -3,6 +3,7 @@
 #include "filtertasks.h"
 #include "imglib/channels.h"
 #include "imglib/lineblur.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -90,5 +91,34 @@ TaskPtr createGlintControlTask(const std::string& name, float time,
                                const GlintControlParams& params, TaskPtr input) {
     return TaskPtr(new Private::GlintControl(name, time, params, std::move(input)));
 }
+
+namespace Private {
+
+void declareGlintOperations(OperationList& ops) {
+    ops.push_back({"glintControl",
+                   "the highlights a glint streaks",
+                   {{"threshold", ParamType::Number, 1}, {"gain", ParamType::Number, 1}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createGlintControlTask(a.node(), 0,
+                                                     {a.number("threshold"), a.number("gain")},
+                                                     a.input("input"));
+                   }});
+    ops.push_back(
+        {"glint",
+         "star streaks of the source (the input when none), added to the input",
+         {{"rays", ParamType::Int, 4},
+          {"length", ParamType::Number, 50},
+          {"rotation", ParamType::Number, 45},
+          {"add", ParamType::Bool, true}},
+         {"input", {"source", true}},
+         [](const OperationArgs& a) {
+             const GlintParams p{a.integer("rays"), a.number("length"), a.number("rotation")};
+             return createGlintTask(a.node(), 0, a.flag("add"), p, a.input("input"),
+                                    a.input("source"));
+         }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

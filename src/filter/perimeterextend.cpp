@@ -2,6 +2,7 @@
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/perimeter.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace Private {
@@ -30,5 +31,20 @@ TaskPtr createPerimeterExtendTask(const std::string& name, float time, float dis
                                   TaskPtr input) {
     return TaskPtr(new Private::PerimeterExtend(name, time, distance, std::move(input)));
 }
+
+namespace Private {
+
+void declarePerimeterOperations(OperationList& ops) {
+    ops.push_back({"perimeterExtend",
+                   "colour carried a distance past the matte's edge",
+                   {required("distance", ParamType::Number, 6.5)},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createPerimeterExtendTask(a.node(), 0, a.number("distance"),
+                                                        a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

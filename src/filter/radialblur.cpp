@@ -3,6 +3,7 @@
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/error.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -54,5 +55,33 @@ TaskPtr createRadialBlur(const std::string& name, float time,
     return TaskPtr(new Private::RadialBlur(name, time, params, extendMethod, extendFlag, extendRect,
                                            std::move(input)));
 }
+
+namespace Private {
+
+const Choices<IMGLIB::RadialBlurType> kRadialBlurTypes = {{"zoom", IMGLIB::RADIAL_ZOOM},
+                                                          {"spin", IMGLIB::RADIAL_SPIN}};
+
+void declareRadialBlurOperations(OperationList& ops) {
+    ops.push_back({"radialBlur",
+                   "zoom or spin blur about a centre",
+                   {choiceParam("type", kRadialBlurTypes, "zoom"),
+                    required("centre", ParamType::Vec2, {31, 22}),
+                    {"amount", ParamType::Number, 0.1},
+                    {"samples", ParamType::Int, 32},
+                    extendParam("extend", "background")},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       IMGLIB::RadialBlurParams p;
+                       p.type = a.choice(kRadialBlurTypes, "type");
+                       p.centreX = a.vec2("centre").x;
+                       p.centreY = a.vec2("centre").y;
+                       p.amount = a.number("amount");
+                       p.samples = a.integer("samples");
+                       return createRadialBlur(a.node(), 0, p, a.extend("extend"), false,
+                                               UTIL::Rect(), a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -4,6 +4,7 @@
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/bilateral.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace Private {
@@ -83,5 +84,46 @@ TaskPtr createBilateralFilterTask(const std::string& name, float time,
                                   const BilateralFilterParams& params, TaskPtr input) {
     return TaskPtr(new Private::BilateralFilterTask(name, time, params, std::move(input)));
 }
+
+namespace Private {
+
+void declareRankFilterOperations(OperationList& ops) {
+    ops.push_back({"median",
+                   "median of a window",
+                   {{"size", ParamType::Vec2, json::array({3, 3})},
+                    {"circular", ParamType::Bool, false},
+                    {"threshold", ParamType::Number, 0}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const MedianFilterParams p{a.vec2("size").x, a.vec2("size").y,
+                                                  a.flag("circular"), a.number("threshold")};
+                       return createMedianFilterTask(a.node(), 0, p, a.input("input"));
+                   }});
+    ops.push_back({"erodeDilate",
+                   "dilation (positive radii) or erosion (negative)",
+                   {required("radius", ParamType::Vec2, {5, 3})},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const ErodeDilateParams p{a.vec2("radius").x, a.vec2("radius").y};
+                       return createErodeDilateTask(a.node(), 0, p, a.input("input"));
+                   }});
+    ops.push_back({"bilateral",
+                   "edge-preserving blur",
+                   {{"radius", ParamType::Vec2, json::array({5, 5})},
+                    {"sigmaSpatial", ParamType::Number, 3},
+                    {"sigmaRange", ParamType::Number, 0.1}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const Imath::V2f r = a.vec2("radius");
+                       if (r.x < 0 || r.y < 0 || r.x > 1000 || r.y > 1000)
+                           a.fail("radius", "must be 0 to 1000");
+                       const BilateralFilterParams p{uint32_t(r.x), uint32_t(r.y),
+                                                     a.number("sigmaSpatial"),
+                                                     a.number("sigmaRange")};
+                       return createBilateralFilterTask(a.node(), 0, p, a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

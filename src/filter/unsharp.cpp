@@ -2,6 +2,7 @@
 #include "filter/neighbourhoodtask.h"
 #include "filtertasks.h"
 #include "imglib/sharpen.h"
+#include "private/operation.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -41,5 +42,22 @@ TaskPtr createUnSharpTask(const std::string& name, float time, Imath::Color4<flo
     return TaskPtr(
         new Private::UnSharp(name, time, amount, threshold, std::move(image), std::move(blurred)));
 }
+
+namespace Private {
+
+void declareSharpenOperations(OperationList& ops) {
+    ops.push_back({"unsharp",
+                   "input + amount (input - blurred) where the difference exceeds the threshold",
+                   {{"amount", ParamType::Color4, json::array({1, 1, 1, 0})},
+                    {"threshold", ParamType::Color4, json::array({0, 0, 0, 0})}},
+                   {"input", "blurred"},
+                   [](const OperationArgs& a) {
+                       return createUnSharpTask(a.node(), 0, a.color("amount"),
+                                                a.color("threshold"), a.input("input"),
+                                                a.input("blurred"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -6,6 +6,7 @@
 #include "imglib/pixels.h"
 #include "imglib/pointops_scalar.h"
 #include "private/checkrange.h"
+#include "private/operation.h"
 
 namespace TESSERA {
 namespace {
@@ -244,5 +245,115 @@ TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed
     p.b = high;
     return make(name, time, Kind::RandomNoise, p, area);
 }
+
+namespace Private {
+
+void declareGeneratorOperations(OperationList& ops) {
+    ops.push_back(
+        {"constant",
+         "one colour over an area",
+         {{"color", ParamType::Color4, kWhite}, required("area", ParamType::Rect, {0, 0, 64, 48})},
+         {},
+         [](const OperationArgs& a) {
+             return createConstantTask(a.node(), 0, a.color("color"), a.rect("area"));
+         }});
+    ops.push_back({"checkerboard",
+                   "squares of two colours",
+                   {{"first", ParamType::Color4, kWhite},
+                    {"second", ParamType::Color4, kBlack},
+                    {"size", ParamType::Number, 64},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createCheckerboardTask(a.node(), 0, a.color("first"),
+                                                     a.color("second"), a.number("size"),
+                                                     a.rect("area"));
+                   }});
+    ops.push_back(
+        {"colorbars",
+         "eight bars at 75%",
+         {required("area", ParamType::Rect, {0, 0, 64, 48})},
+         {},
+         [](const OperationArgs& a) { return createColorBarsTask(a.node(), 0, a.rect("area")); }});
+    ops.push_back({"linearramp",
+                   "a ramp between two points",
+                   {required("start", ParamType::Vec2, {0, 0}),
+                    {"startColor", ParamType::Color4, kBlack},
+                    required("end", ParamType::Vec2, {60, 45}),
+                    {"endColor", ParamType::Color4, kWhite},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createLinearRampTask(a.node(), 0, a.vec2("start"),
+                                                   a.color("startColor"), a.vec2("end"),
+                                                   a.color("endColor"), a.rect("area"));
+                   }});
+    ops.push_back({"radialramp",
+                   "a ramp out from a centre",
+                   {required("centre", ParamType::Vec2, {32, 24}),
+                    required("radius", ParamType::Number, 30),
+                    {"inner", ParamType::Color4, kWhite},
+                    {"outer", ParamType::Color4, kBlack},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createRadialRampTask(a.node(), 0, a.vec2("centre"),
+                                                   a.number("radius"), a.color("inner"),
+                                                   a.color("outer"), a.rect("area"));
+                   }});
+    ops.push_back({"lattice",
+                   "grid lines",
+                   {{"lineColor", ParamType::Color4, kWhite},
+                    {"fillColor", ParamType::Color4, kBlack},
+                    {"spacing", ParamType::Number, 32},
+                    {"lineWidth", ParamType::Number, 1},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createLatticeTask(a.node(), 0, a.color("lineColor"),
+                                                a.color("fillColor"), a.number("spacing"),
+                                                a.number("lineWidth"), a.rect("area"));
+                   }});
+    ops.push_back(
+        {"huewheel",
+         "hues around a centre",
+         {required("centre", ParamType::Vec2, {32, 24}), required("radius", ParamType::Number, 30),
+          required("area", ParamType::Rect, {0, 0, 64, 48})},
+         {},
+         [](const OperationArgs& a) {
+             return createHueWheelTask(a.node(), 0, a.vec2("centre"), a.number("radius"),
+                                       a.rect("area"));
+         }});
+    ops.push_back({"perlinnoise",
+                   "fractal Perlin noise",
+                   {{"scale", ParamType::Number, 64},
+                    {"octaves", ParamType::Int, 4},
+                    {"gain", ParamType::Number, 0.5},
+                    {"seed", ParamType::Int, 0},
+                    {"low", ParamType::Color4, kBlack},
+                    {"high", ParamType::Color4, kWhite},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createPerlinNoiseTask(a.node(), 0, a.number("scale"),
+                                                    a.integer("octaves"), a.number("gain"),
+                                                    uint32_t(a.integer("seed")), a.color("low"),
+                                                    a.color("high"), a.rect("area"));
+                   }});
+    ops.push_back({"randomnoise",
+                   "a random value per pixel",
+                   {{"seed", ParamType::Int, 0},
+                    {"low", ParamType::Color4, kBlack},
+                    {"high", ParamType::Color4, kWhite},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createRandomNoiseTask(a.node(), 0, uint32_t(a.integer("seed")),
+                                                    a.color("low"), a.color("high"),
+                                                    a.rect("area"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -14,6 +14,7 @@
 #include "fileio.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "private/operation.h"
 #include "rendermanager.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/speculativecache.h"
@@ -262,5 +263,21 @@ FileWindows readFileWindows(const std::string& path) {
         UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height),
         UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height)};
 }
+
+namespace Private {
+
+void declareFileOperations(OperationList& ops) {
+    ops.push_back(
+        {"filein",
+         "an image file",
+         {required("path", ParamType::Path, "plate.exr"), {"subimage", ParamType::Int, 0}},
+         {},
+         [](const OperationArgs& a) {
+             return createFileInTask(a.node(), 0,
+                                     FileInParams{a.path("path"), a.integer("subimage")});
+         }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

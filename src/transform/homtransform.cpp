@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "colortasks.h"
+#include "private/operation.h"
 #include "transform/projectivetransformtask.h"
 #include "transformtasks.h"
 
@@ -68,5 +69,70 @@ TaskPtr createHomTransformTask(const std::string& name, float time,
                               current);
     return current;
 }
+
+namespace Private {
+
+void declareTransformOperations(OperationList& ops) {
+    ops.push_back({"transform",
+                   "a 3x3 matrix (row vectors)",
+                   {{"matrix", ParamType::Matrix33, nlohmann::json{1, 0, 0, 0, 1, 0, 0, 0, 1}},
+                    kernelParam("filter", "catmull-rom"),
+                    kernelParam("minifyFilter", "catmull-rom")},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       HomTransformParams p;
+                       p.primaryKernel = a.kernel("filter");
+                       p.secondaryKernel = a.kernel("minifyFilter");
+                       p.useAffine = true;
+                       return createHomTransformTask(a.node(), 0, p, {a.matrix("matrix")},
+                                                     a.input("input"));
+                   }});
+    ops.push_back(
+        {"motionblur",
+         "average over a shutter of 3x3 matrices (9 numbers each)",
+         {required("matrices", ParamType::Floats, {1, 0,   0,  0, 1, 0, 0, 0, 1, 1, 0, 0,  0, 1,
+                                                   0, 3.5, -2, 1, 1, 0, 0, 0, 1, 0, 7, -4, 1}),
+          {"samplesPerStratum", ParamType::Int, 1},
+          kernelParam("filter", "catmull-rom")},
+         {"input"},
+         [](const OperationArgs& a) {
+             const std::vector<float> values = a.floats("matrices");
+             if (values.empty() || values.size() % 9)
+                 a.fail("matrices", "needs 9 numbers per matrix");
+             std::vector<Imath::Matrix33<float>> matrices;
+             for (size_t i = 0; i < values.size(); i += 9) {
+                 Imath::Matrix33<float> m;
+                 for (int k = 0; k < 9; ++k) m[k / 3][k % 3] = values[i + size_t(k)];
+                 matrices.push_back(m);
+             }
+             HomTransformParams p;
+             p.primaryKernel = p.secondaryKernel = a.kernel("filter");
+             p.motionSamplesPerStratum = a.integer("samplesPerStratum");
+             return createHomTransformTask(a.node(), 0, p, matrices, a.input("input"));
+         }});
+    ops.push_back({"rotate",
+                   "rotate and scale about a centre, then move",
+                   {{"degrees", ParamType::Number, 0},
+                    {"scale", ParamType::Number, 1},
+                    {"centre", ParamType::Vec2, json::array({0, 0})},
+                    {"translate", ParamType::Vec2, json::array({0, 0})},
+                    kernelParam("filter", "catmull-rom")},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       const Imath::V2f c = a.vec2("centre"), t = a.vec2("translate");
+                       Imath::Matrix33<float> toOrigin, s, r, back;
+                       toOrigin.setTranslation(-c);
+                       s.setScale(Imath::V2f(a.number("scale"), a.number("scale")));
+                       r.setRotation(a.number("degrees") * 3.14159265f / 180.0f);
+                       back.setTranslation(c + t);
+                       HomTransformParams p;
+                       p.primaryKernel = p.secondaryKernel = a.kernel("filter");
+                       p.useAffine = true;
+                       return createHomTransformTask(a.node(), 0, p, {toOrigin * s * r * back},
+                                                     a.input("input"));
+                   }});
+}
+
+}  // namespace Private
 
 }  // namespace TESSERA

@@ -69,27 +69,11 @@ struct SweepFiles {
     std::string config() const { return (dir / "config.ocio").string(); }
 };
 
-// A value for a parameter the operation requires, by its name or its type.
-std::string requiredValue(const std::string& op, const OperationParameter& p,
-                          const SweepFiles& files) {
-    if (op == "filein" && p.name == "path") return "\"" + files.image() + "\"";
-    if (op == "ociofile" && p.name == "path") return "\"" + files.lut() + "\"";
-    if (op == "ociocolorspace") {
-        if (p.name == "config") return "\"" + files.config() + "\"";
-        return p.name == "from" ? "\"linear\"" : "\"warm\"";
-    }
-    if (op == "motionblur" && p.name == "matrices")
-        return "[1,0,0, 0,1,0, 0,0,1,  1,0,0, 0,1,0, 3.5,-2,1,  1,0,0, 0,1,0, 7,-4,1]";
-    if (p.type == "[xmin, ymin, xmax, ymax]") {
-        std::ostringstream r;
-        r << "[" << kArea.xmin << "," << kArea.ymin << "," << kArea.xmax << "," << kArea.ymax
-          << "]";
-        return r.str();
-    }
-    if (p.type == "[x, y]") return p.name == "size" || p.name == "radius" ? "[5, 3]" : "[31, 22]";
-    if (p.type == "number") return "6.5";
-    if (p.type == "integer") return "3";
-    throw std::runtime_error(op + ": no value for required " + p.name + " (" + p.type + ")");
+// A value for a parameter the operation requires: its declared example
+// (file names are those SweepFiles writes).
+std::string requiredValue(const std::string& op, const OperationParameter& p) {
+    if (p.example.empty()) throw std::runtime_error(op + ": no example for required " + p.name);
+    return p.example;
 }
 
 // A graph of two sources (a plate with alpha and depth, and a ramp) feeding
@@ -110,7 +94,7 @@ std::string graphFor(const OperationDescription& op, const SweepFiles& files) {
     bool first = true;
     for (const OperationParameter& p : op.parameters) {
         if (!p.defaultValue.empty()) continue;
-        g << (first ? "" : ", ") << "\"" << p.name << "\": " << requiredValue(op.name, p, files);
+        g << (first ? "" : ", ") << "\"" << p.name << "\": " << requiredValue(op.name, p);
         first = false;
     }
     g << "}, \"inputs\": {";

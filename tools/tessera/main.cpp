@@ -2,7 +2,8 @@
 //
 //   tessera render GRAPH.json [options]
 //   tessera demo [options]          the built-in demo graph, to out/
-//   tessera ops                     the operations a graph may use
+//   tessera ops [NAME]              the operations a graph may use, or one in full
+//   tessera ops --markdown          the operator reference (docs/operators.md)
 //
 // Options: --threads N, --tile N, --mem MB, --disk MB, --stats (print the
 // statistics XML), --debug-log FILE. Exit status 0 on success, 1 on any error.
@@ -30,15 +31,15 @@ namespace {
 struct Options {
     std::string command, graph;
     long threads = 0, tile = 0, mem = 0, disk = 0;
-    bool stats = false;
+    bool stats = false, markdown = false;
     std::string debugLog;
 };
 
 [[noreturn]] void usage(const std::string& problem) {
-    std::cerr
-        << "tessera: " << problem << "\n"
-        << "usage: tessera render GRAPH.json | demo | ops  [--threads N] [--tile N] [--mem MB]"
-           " [--disk MB] [--stats] [--debug-log FILE]\n";
+    std::cerr << "tessera: " << problem << "\n"
+              << "usage: tessera render GRAPH.json | demo | ops [NAME] [--markdown]  [--threads N] "
+                 "[--tile N] [--mem MB]"
+                 " [--disk MB] [--stats] [--debug-log FILE]\n";
     std::exit(1);
 }
 
@@ -64,6 +65,8 @@ Options parse(int argc, char** argv) {
             o.disk = number(arg, next), ++i;
         else if (arg == "--stats")
             o.stats = true;
+        else if (arg == "--markdown")
+            o.markdown = true;
         else if (arg == "--debug-log") {
             if (!next) usage("--debug-log needs a file");
             o.debugLog = next, ++i;
@@ -178,7 +181,9 @@ int main(int argc, char** argv) {
             RenderManager::setRenderDebug(true);
         }
         if (o.command == "ops") {
-            std::cout << describeOperations();
+            std::cout << (o.markdown        ? operatorReference()
+                          : o.graph.empty() ? describeOperations()
+                                            : describeOperation(o.graph));
             return 0;
         }
         if (o.command == "demo") return finish(render(loadGraph(kDemoGraph, "."), o));
