@@ -93,6 +93,23 @@ TESSERA_API TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sa
                                                uint64_t channel, TaskPtr input);
 // Unpremultiplies: RGB / alpha where alpha is not 0.
 TESSERA_API TaskPtr createMultInverseTask(const std::string& name, float sampleRate, TaskPtr input);
+// Colour times alpha (an image without alpha has alpha 0: add one first).
+TESSERA_API TaskPtr createPremultiplyTask(const std::string& name, float sampleRate, TaskPtr input);
+// R = G = B = weights . RGB; alpha and other channels as they are.
+TESSERA_API TaskPtr createLuminanceTask(const std::string& name, float sampleRate,
+                                        const Imath::Color3<float>& weights, TaskPtr input);
+// Alpha from luminance: 0 up to `low`, 1 from `high`, linear between;
+// inverted on request. Colour is left alone (premultiply to cut it out).
+TESSERA_API TaskPtr createLumaKeyTask(const std::string& name, float sampleRate,
+                                      const Imath::Color3<float>& weights, float low, float high,
+                                      bool invert, TaskPtr input);
+// A screen key: alpha falls to 0 where the chroma is within `tolerance` of
+// the key colour's (relative to the key's chroma), rising to 1 over
+// `softness`; `spill` (0 to 1) pulls the key's strongest channel down to
+// the larger of the other two. Colour is left alone otherwise.
+TESSERA_API TaskPtr createChromaKeyTask(const std::string& name, float sampleRate,
+                                        const Imath::Color3<float>& key, float tolerance,
+                                        float softness, float spill, TaskPtr input);
 TESSERA_API TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels,
                                         float low, float high, bool alphaToo, bool clampToRange,
                                         TaskPtr input);

@@ -44,6 +44,18 @@ TESSERA_API TaskPtr createCompositeTask(const std::string& name, float sampleRat
                                         bool extremaFlag, bool alphaFlag, bool cleanupClamp,
                                         float mix, TaskPtr a, TaskPtr b);
 
+enum class MatteOp { Max, Min, Multiply, Plus, Minus };
+
+// b's colour with its alpha and a's combined: max(a, b), min(a, b), a b,
+// a + b or a - b, clamped to [0, 1] on request.
+TESSERA_API TaskPtr createMatteCombineTask(const std::string& name, float sampleRate, MatteOp op,
+                                           bool clamp, TaskPtr a, TaskPtr b);
+
+// A difference key: a's colour, alpha 0 where a matches the clean plate b
+// and 1 where its largest RGB difference reaches `high` (linear from `low`).
+TESSERA_API TaskPtr createDifferenceKeyTask(const std::string& name, float sampleRate, float low,
+                                            float high, TaskPtr a, TaskPtr b);
+
 // first * (1 - amount) + second * amount.
 TESSERA_API TaskPtr createMixTask(const std::string& name, float sampleRate, float amount,
                                   TaskPtr first, TaskPtr second);

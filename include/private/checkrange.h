@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <sstream>
 #include <string>
 
 #include "exceptions.h"
@@ -19,6 +20,15 @@ inline void checkRange(const std::string& task, const std::string& parameter, in
                                            " is out of range (" + std::to_string(low) + " to " +
                                            std::to_string(high) + ")",
                                        -1);
+}
+
+// The same for a real number; NaN is always refused.
+inline void checkReal(const std::string& task, const std::string& parameter, double value,
+                      double low, double high) {
+    if (value >= low && value <= high) return;
+    std::ostringstream message;
+    message << parameter << " " << value << " is out of range (" << low << " to " << high << ")";
+    throw RenderTaskRenderingException(task, message.str(), -1);
 }
 
 }  // namespace Private

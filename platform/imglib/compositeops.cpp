@@ -67,28 +67,30 @@ void mergeExtraChannels(const Image* out, const Image* in0, const Image* in1, in
     }
 }
 
-int run(const Image* out, const Image* in0, const Image* in1, BinaryOpKind kind, bool flag,
-        float mix, int foreground, const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1,
-        const char* name) {
+int run(const Image* out, const Image* in0, const Image* in1, const BinaryOp& op,
+        const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1, const char* name) {
     if (!out) return SetError(ERROR_NULL_IMAGE, std::string(name) + ": null output image");
     for (const Image* image : {out, in0, in1})
         if (int err = checkImage(image, name)) return err;
     if (out->width() == 0 || out->height() == 0 || !out->channels) return ERROR_NONE;
+    const float b0[4] = {bg0.r, bg0.g, bg0.b, bg0.a}, b1[4] = {bg1.r, bg1.g, bg1.b, bg1.a};
+    DispatchBinaryOp(out, in0, in1, op, b0, b1);
+    mergeExtraChannels(out, in0, in1, op.foreground, b0, b1);
+    return ERROR_NONE;
+}
+
+BinaryOp makeOp(BinaryOpKind kind, bool flag) {
     BinaryOp op;
     op.kind = kind;
     op.flag = flag;
-    op.mix = mix;
-    const float b0[4] = {bg0.r, bg0.g, bg0.b, bg0.a}, b1[4] = {bg1.r, bg1.g, bg1.b, bg1.a};
-    DispatchBinaryOp(out, in0, in1, op, b0, b1);
-    mergeExtraChannels(out, in0, in1, foreground, b0, b1);
-    return ERROR_NONE;
+    return op;
 }
 
 }  // namespace
 
 int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1, const BinaryOp& op,
                   const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
-    return run(out, in0, in1, op.kind, op.flag, op.mix, op.foreground, bg0, bg1, "ApplyBinaryOp");
+    return run(out, in0, in1, op, bg0, bg1, "ApplyBinaryOp");
 }
 
 Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color4<float>& c0,
@@ -104,12 +106,12 @@ Imath::Color4<float> ApplyBinaryOpToColor(const BinaryOp& op, const Imath::Color
 #define IMGLIB_BINARY_OP(NAME, KIND)                                             \
     int NAME(const Image* out, const Image* in0, const Image* in1,               \
              const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
-        return run(out, in0, in1, KIND, false, 1.0f, 1, bg0, bg1, #NAME);        \
+        return run(out, in0, in1, makeOp(KIND, false), bg0, bg1, #NAME);         \
     }
 #define IMGLIB_FLAGGED_BINARY_OP(NAME, KIND)                                     \
     int NAME(const Image* out, const Image* in0, const Image* in1, bool flag,    \
              const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) { \
-        return run(out, in0, in1, KIND, flag, 1.0f, 1, bg0, bg1, #NAME);         \
+        return run(out, in0, in1, makeOp(KIND, flag), bg0, bg1, #NAME);          \
     }
 IMGLIB_BINARY_OP(Add, BINARYOP_ADD)
 IMGLIB_FLAGGED_BINARY_OP(Atop, BINARYOP_ATOP)
@@ -133,7 +135,9 @@ IMGLIB_FLAGGED_BINARY_OP(Screen, BINARYOP_SCREEN)
 
 int Mix(const Image* out, const Image* in0, const Image* in1, float amount,
         const Imath::Color4<float>& bg0, const Imath::Color4<float>& bg1) {
-    return run(out, in0, in1, BINARYOP_MIX, false, amount, 1, bg0, bg1, "Mix");
+    BinaryOp op = makeOp(BINARYOP_MIX, false);
+    op.mix = amount;
+    return run(out, in0, in1, op, bg0, bg1, "Mix");
 }
 
 int MixByMask(const Image* out, const Image* in0, const Image* in1, const Image* mask) {

@@ -38,13 +38,24 @@ enum BinaryOpKind : int32_t {
     BINARYOP_UNDER,
     BINARYOP_SCREEN,
     BINARYOP_MIX,
+    // Input 0's colour with its alpha and input 1's combined (flag: clamped
+    // to [0, 1]); minus is alpha 1 - alpha 0.
+    BINARYOP_MATTE_MAX,
+    BINARYOP_MATTE_MIN,
+    BINARYOP_MATTE_MULTIPLY,
+    BINARYOP_MATTE_PLUS,
+    BINARYOP_MATTE_MINUS,
+    // Input 1's colour, alpha from its largest RGB difference to input 0:
+    // clamp((difference - low) / (high - low)) (a step at low when equal).
+    BINARYOP_DIFFERENCE_KEY,
 };
 
 struct BinaryOp {
     BinaryOpKind kind = BINARYOP_ADD;
-    bool flag = false;   // the operator's one option (see docs/imglib.md)
-    float mix = 1.0f;    // BINARYOP_MIX: the weight of input 1
-    int foreground = 1;  // the input whose extra channels win where it covers
+    bool flag = false;              // the operator's one option (see docs/imglib.md)
+    float mix = 1.0f;               // BINARYOP_MIX: the weight of input 1
+    int foreground = 1;             // the input whose extra channels win where it covers
+    float low = 0.0f, high = 1.0f;  // BINARYOP_DIFFERENCE_KEY
 };
 
 TESSERA_API int ApplyBinaryOp(const Image* out, const Image* in0, const Image* in1,

@@ -328,6 +328,41 @@ Imath::Color4<float> ColorMatrix(const Imath::Color4<float>& c, const float matr
     return runColor(c, MakeColorMatrix(matrix));
 }
 
+PointOp MakePremultiply() {
+    return makeSimple(POINTOP_PREMULTIPLY);
+}
+
+PointOp MakeLuminance(const Imath::Color3<float>& weights) {
+    PointOp op;
+    op.kind = POINTOP_LUMINANCE;
+    op.p[0] = weights.x, op.p[1] = weights.y, op.p[2] = weights.z;
+    return op;
+}
+
+PointOp MakeLumaKey(const Imath::Color3<float>& weights, float low, float high, bool invert) {
+    PointOp op = MakeLuminance(weights);
+    op.kind = POINTOP_LUMA_KEY;
+    op.p[3] = low;
+    op.p[4] = high > low ? 1.0f / (high - low) : 0.0f;
+    op.i[0] = invert;
+    return op;
+}
+
+PointOp MakeChromaKey(const Imath::Color3<float>& key, float tolerance, float softness,
+                      float spill) {
+    PointOp op;
+    op.kind = POINTOP_CHROMA_KEY;
+    const float y = 0.2126f * key.x + 0.7152f * key.y + 0.0722f * key.z;
+    const float u = key.z - y, v = key.x - y, length = std::sqrt(u * u + v * v);
+    op.p[0] = u, op.p[1] = v;
+    op.p[2] = length > 0.0f ? 1.0f / length : 0.0f;
+    op.p[3] = tolerance;
+    op.p[4] = softness > 0.0f ? 1.0f / softness : 0.0f;
+    op.p[5] = spill;
+    op.i[0] = key.x >= key.y && key.x >= key.z ? 0 : key.y >= key.z ? 1 : 2;
+    return op;
+}
+
 void ConvertMtx_imathToImglib(float* out, const Imath::Matrix44<float>& m,
                               const Imath::Color4<float>& offset) {
     const float off[4] = {offset.r, offset.g, offset.b, offset.a};

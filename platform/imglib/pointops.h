@@ -47,6 +47,10 @@ enum PointOpKind : int32_t {
     POINTOP_BLOOM_LUMINANCE,  // p0 threshold, p1 gain; i0 isolate (below the threshold becomes 0)
     POINTOP_BLOOM_RGB,        // the same per channel
     POINTOP_COLOR_MATRIX,     // p0-19: 4 rows of (r, g, b, a, offset)
+    POINTOP_PREMULTIPLY,      // colour times alpha
+    POINTOP_LUMINANCE,        // p0-2 weights: R = G = B = weights . RGB
+    POINTOP_LUMA_KEY,         // p0-2 weights, p3 low, p4 1 / (high - low) (0: a step); i0 invert
+    POINTOP_CHROMA_KEY,       // see MakeChromaKey
 };
 
 // One operator: its kind and parameters. Curves are (x, y) pairs sorted by x
@@ -157,6 +161,19 @@ TESSERA_API int RGBBloomControl(const Image* out, const Image* in, float thresho
 TESSERA_API PointOp MakeColorMatrix(const float matrix[20]);
 TESSERA_API int ColorMatrix(const Image* out, const Image* in, const float matrix[20]);
 TESSERA_API Imath::Color4<float> ColorMatrix(const Imath::Color4<float>& c, const float matrix[20]);
+
+TESSERA_API PointOp MakePremultiply();
+TESSERA_API PointOp MakeLuminance(const Imath::Color3<float>& weights);
+// Alpha from luminance: 0 at `low` and below, 1 at `high` and above, linear
+// between (a step at `low` when they are equal); inverted on request.
+TESSERA_API PointOp MakeLumaKey(const Imath::Color3<float>& weights, float low, float high,
+                                bool invert);
+// Alpha times a matte that is 0 where the pixel's chroma (B - Y, R - Y, Rec.709
+// luma) is within `tolerance` of the key colour's (a distance relative to the
+// key's own chroma), rising to 1 over `softness`; the key's strongest channel
+// is then pulled towards the larger of the other two by `spill` (0 to 1).
+TESSERA_API PointOp MakeChromaKey(const Imath::Color3<float>& key, float tolerance, float softness,
+                                  float spill);
 
 // Imath multiplies row vectors (v' = v M): IMGLIB row c, column k is M[k][c],
 // column 4 the offset.

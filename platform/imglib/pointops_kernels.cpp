@@ -34,6 +34,12 @@ struct Layout {
     int stride;
 };
 
+// weights . RGB
+HWY_INLINE V Luma(D d, const float* w, const V (&v)[4]) {
+    return hn::MulAdd(v[0], hn::Set(d, w[0]),
+                      hn::MulAdd(v[1], hn::Set(d, w[1]), hn::Mul(v[2], hn::Set(d, w[2]))));
+}
+
 HWY_INLINE V Pow(D d, V x, V e) {
     return hn::Exp(d, hn::Mul(e, hn::Log(d, x)));
 }
@@ -272,6 +278,38 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             for (int c = 0; c < 4; ++c) v[c] = o[c];
             break;
         }
+        case POINTOP_PREMULTIPLY:
+            for (int c = 0; c < 3; ++c) v[c] = hn::Mul(v[c], v[3]);
+            break;
+        case POINTOP_LUMINANCE:
+            v[0] = v[1] = v[2] = Luma(d, p, v);
+            break;
+        case POINTOP_LUMA_KEY: {
+            const V y = Luma(d, p, v), one = hn::Set(d, 1.0f);
+            V m = p[4] > 0.0f ? hn::Mul(hn::Sub(y, hn::Set(d, p[3])), hn::Set(d, p[4]))
+                              : hn::IfThenElseZero(hn::Ge(y, hn::Set(d, p[3])), one);
+            m = hn::Min(hn::Max(m, hn::Zero(d)), one);
+            v[3] = op.i[0] ? hn::Sub(one, m) : m;
+            break;
+        }
+        case POINTOP_CHROMA_KEY: {
+            static constexpr float k709[3] = {0.2126f, 0.7152f, 0.0722f};
+            const V y = Luma(d, k709, v), one = hn::Set(d, 1.0f);
+            const V du = hn::Sub(hn::Sub(v[2], y), hn::Set(d, p[0]));
+            const V dv = hn::Sub(hn::Sub(v[0], y), hn::Set(d, p[1]));
+            const V distance =
+                hn::Mul(hn::Sqrt(hn::MulAdd(du, du, hn::Mul(dv, dv))), hn::Set(d, p[2]));
+            const V beyond = hn::Sub(distance, hn::Set(d, p[3]));
+            V m = p[4] > 0.0f ? hn::Mul(beyond, hn::Set(d, p[4]))
+                              : hn::IfThenElseZero(hn::Gt(beyond, hn::Zero(d)), one);
+            m = hn::Min(hn::Max(m, hn::Zero(d)), one);
+            const int k = static_cast<int>(op.i[0]);
+            const V limit = hn::Max(v[(k + 1) % 3], v[(k + 2) % 3]);
+            const V excess = hn::Max(hn::Sub(v[k], limit), hn::Zero(d));
+            v[k] = hn::NegMulAdd(excess, hn::Set(d, p[5]), v[k]);
+            v[3] = hn::Mul(v[3], m);
+            break;
+        }
         default:
             applyLanes(d, op, v);
             break;
@@ -474,6 +512,32 @@ HWY_INLINE void applyBinary(D d, const BinaryOp& op, const V (&x0)[4], const V (
         case BINARYOP_MIX: {
             const V m = hn::Set(d, op.mix);
             for (int c = 0; c < 4; ++c) o[c] = hn::MulAdd(hn::Sub(x1[c], x0[c]), m, x0[c]);
+            break;
+        }
+        case BINARYOP_MATTE_MAX:
+        case BINARYOP_MATTE_MIN:
+        case BINARYOP_MATTE_MULTIPLY:
+        case BINARYOP_MATTE_PLUS:
+        case BINARYOP_MATTE_MINUS: {
+            const V b = x0[3], a = x1[3];
+            V m = op.kind == BINARYOP_MATTE_MAX        ? hn::Max(a, b)
+                  : op.kind == BINARYOP_MATTE_MIN      ? hn::Min(a, b)
+                  : op.kind == BINARYOP_MATTE_MULTIPLY ? hn::Mul(a, b)
+                  : op.kind == BINARYOP_MATTE_PLUS     ? hn::Add(a, b)
+                                                       : hn::Sub(a, b);
+            for (int c = 0; c < 3; ++c) o[c] = x0[c];
+            o[3] = clamp01(d, m, op.flag);
+            break;
+        }
+        case BINARYOP_DIFFERENCE_KEY: {
+            V diff = hn::Abs(hn::Sub(x1[0], x0[0]));
+            for (int c = 1; c < 3; ++c) diff = hn::Max(diff, hn::Abs(hn::Sub(x1[c], x0[c])));
+            const V m = op.high > op.low
+                            ? hn::Mul(hn::Sub(diff, hn::Set(d, op.low)),
+                                      hn::Set(d, 1.0f / (op.high - op.low)))
+                            : hn::IfThenElseZero(hn::Ge(diff, hn::Set(d, op.low)), one);
+            for (int c = 0; c < 3; ++c) o[c] = x1[c];
+            o[3] = clamp01(d, m, true);
             break;
         }
     }

@@ -8,13 +8,14 @@
 #include "colortasks.h"
 #include "imglib/channels.h"
 #include "inplacetask.h"
+#include "private/checkrange.h"
 #include "private/operation.h"
 
 namespace TESSERA {
 namespace {
 
 // How an operator's channels relate to its input's or its output's.
-enum class ChannelRule { Same, PlusAlpha, PlusRGB, RGBIfAny };
+enum class ChannelRule { Same, PlusAlpha, PlusRGB, PlusRGBA, RGBIfAny };
 
 uint64_t applyRule(ChannelRule rule, uint64_t mask) {
     switch (rule) {
@@ -22,6 +23,8 @@ uint64_t applyRule(ChannelRule rule, uint64_t mask) {
             return mask | IMGLIB::CHANNEL_A;
         case ChannelRule::PlusRGB:
             return mask | IMGLIB::CHANNELS_RGB;
+        case ChannelRule::PlusRGBA:
+            return mask | IMGLIB::CHANNELS_RGBA;
         case ChannelRule::RGBIfAny:
             return mask & IMGLIB::CHANNELS_RGB ? mask | IMGLIB::CHANNELS_RGB : mask;
         default:
@@ -299,6 +302,36 @@ TaskPtr createMultInverseTask(const std::string& name, float sampleRate, TaskPtr
     return make(name, sampleRate, input, "MultInverseOp", op, params());
 }
 
+TaskPtr createPremultiplyTask(const std::string& name, float sampleRate, TaskPtr input) {
+    return make(name, sampleRate, input, "Premultiply", IMGLIB::MakePremultiply(), params(),
+                ChannelRule::Same, ChannelRule::PlusAlpha);
+}
+
+TaskPtr createLuminanceTask(const std::string& name, float sampleRate,
+                            const Imath::Color3<float>& weights, TaskPtr input) {
+    return make(name, sampleRate, input, "Luminance", IMGLIB::MakeLuminance(weights),
+                params(weights), ChannelRule::RGBIfAny, ChannelRule::RGBIfAny);
+}
+
+TaskPtr createLumaKeyTask(const std::string& name, float sampleRate,
+                          const Imath::Color3<float>& weights, float low, float high, bool invert,
+                          TaskPtr input) {
+    return make(name, sampleRate, input, "LumaKey", IMGLIB::MakeLumaKey(weights, low, high, invert),
+                params(weights, low, high, invert), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
+}
+
+TaskPtr createChromaKeyTask(const std::string& name, float sampleRate,
+                            const Imath::Color3<float>& key, float tolerance, float softness,
+                            float spill, TaskPtr input) {
+    Private::checkReal(name, "tolerance", tolerance, 0, 1e6);
+    Private::checkReal(name, "softness", softness, 0, 1e6);
+    Private::checkReal(name, "spill", spill, 0, 1);
+    return make(name, sampleRate, input, "ChromaKey",
+                IMGLIB::MakeChromaKey(key, tolerance, softness, spill),
+                params(key, tolerance, softness, spill), ChannelRule::PlusAlpha,
+                ChannelRule::PlusRGBA);
+}
+
 TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels, float low,
                             float high, bool alphaToo, bool clampToRange, TaskPtr input) {
     return make(name, sampleRate, input, "Posterize",
@@ -366,6 +399,8 @@ TaskPtr createHueShiftTask(const std::string& name, float sampleRate, const HueS
 }
 
 namespace Private {
+
+const json kRec709Luma = {0.2126, 0.7152, 0.0722};
 
 void declareColorOperations(OperationList& ops) {
     ops.push_back({"gain",
@@ -483,9 +518,41 @@ void declareColorOperations(OperationList& ops) {
                        p.weights = a.color3("weights");
                        return createHueShiftTask(a.node(), 0, p, a.input("input"));
                    }});
-    ops.push_back({"multinverse", "unpremultiply", {}, {"input"}, [](const OperationArgs& a) {
+    ops.push_back({"multinverse",
+                   "unpremultiply (the older name)",
+                   {},
+                   {"input"},
+                   [](const OperationArgs& a) {
                        return createMultInverseTask(a.node(), 0, a.input("input"));
                    }});
+    ops.push_back({"unpremultiply",
+                   "colour divided by alpha where alpha is not 0",
+                   {},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createMultInverseTask(a.node(), 0, a.input("input"));
+                   },
+                   "RGB / A where A ≠ 0; pixels of alpha 0 keep their colour exactly. As "
+                   "`oiiotool --unpremult`."});
+    ops.push_back({"premultiply",
+                   "colour multiplied by alpha",
+                   {},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createPremultiplyTask(a.node(), 0, a.input("input"));
+                   },
+                   "RGB × A. An image without alpha has alpha 0 and premultiplies to black. As "
+                   "`oiiotool --premult`."});
+    ops.push_back({"luminance",
+                   "grey from weighted RGB",
+                   {{"weights", ParamType::Color3, kRec709Luma, "the weight of R, G and B"}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createLuminanceTask(a.node(), 0, a.color3("weights"),
+                                                  a.input("input"));
+                   },
+                   "R = G = B = w<sub>r</sub> R + w<sub>g</sub> G + w<sub>b</sub> B; alpha "
+                   "unchanged. The default weights are Rec.709's."});
     ops.push_back({"posterize",
                    "quantise to levels",
                    {{"levels", ParamType::Number, 8},
@@ -595,6 +662,44 @@ void declareColorOperations(OperationList& ops) {
         {"copy", "the input as it is (a cache point)", {}, {"input"}, [](const OperationArgs& a) {
              return createInPlaceCopyTask(a.node(), 0, a.input("input"));
          }});
+}
+
+void declareKeyOperations(OperationList& ops) {
+    ops.push_back({"lumakey",
+                   "alpha from luminance between two levels",
+                   {{"low", ParamType::Number, 0, "luminance at and below which alpha is 0"},
+                    {"high", ParamType::Number, 1, "luminance at and above which alpha is 1"},
+                    {"invert", ParamType::Bool, false, "alpha 1 for dark, 0 for bright"},
+                    {"weights", ParamType::Color3, kRec709Luma, "the luminance weights"}},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       return createLumaKeyTask(a.node(), 0, a.color3("weights"), a.number("low"),
+                                                a.number("high"), a.flag("invert"),
+                                                a.input("input"));
+                   },
+                   "Y = weights · RGB; A = clamp((Y − low) / (high − low), 0, 1) (a step at "
+                   "`low` when high = low), or 1 − that when inverted. Colour is unchanged: "
+                   "follow with `premultiply` to cut the image out."});
+    ops.push_back(
+        {"chromakey",
+         "a green- or blue-screen key with spill suppression",
+         {{"key", ParamType::Color3, json{0.1, 0.8, 0.2}, "the screen colour"},
+          Param{"tolerance", ParamType::Number, 0.3,
+                "chroma distance (relative to the key's) still keyed out fully"}
+              .range(0, 1e6),
+          Param{"softness", ParamType::Number, 0.4, "distance over which alpha rises to 1"}.range(
+              0, 1e6),
+          Param{"spill", ParamType::Number, 1, "how much of the screen's cast to remove"}.range(0,
+                                                                                                1)},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createChromaKeyTask(a.node(), 0, a.color3("key"), a.number("tolerance"),
+                                        a.number("softness"), a.number("spill"), a.input("input"));
+         },
+         "With Y the Rec.709 luma, chroma is (B − Y, R − Y). d = |chroma − key chroma| / |key "
+         "chroma|; the matte is clamp((d − tolerance) / softness, 0, 1) (a step when softness is "
+         "0) and A becomes A × matte. Spill: the key's strongest channel c becomes c − spill × "
+         "max(0, c − max(other two)). Colour is otherwise unchanged: follow with `premultiply`."});
 }
 
 }  // namespace Private

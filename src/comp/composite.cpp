@@ -8,6 +8,7 @@
 #include "imglib/channels.h"
 #include "imglib/compositeops.h"
 #include "imglib/pixels.h"
+#include "private/checkrange.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
 
@@ -32,6 +33,8 @@ protected:
     void computeCacheID(CacheIDStream& stream) override {
         stream << m_op.flag;
         if (m_op.kind == IMGLIB::BINARYOP_MIX) stream << ' ' << m_op.mix;
+        if (m_op.kind == IMGLIB::BINARYOP_DIFFERENCE_KEY)
+            stream << ' ' << m_op.low << ' ' << m_op.high;
     }
     uint64_t computeOutputChannels() override {
         return IMGLIB::ValidateChannelMask(getDefinedInputChannels(0) | getDefinedInputChannels(1));
@@ -129,6 +132,35 @@ TaskPtr createCompositeTask(const std::string& name, float sampleRate, Composite
     return task;
 }
 
+TaskPtr createMatteCombineTask(const std::string& name, float sampleRate, MatteOp matte, bool clamp,
+                               TaskPtr a, TaskPtr b) {
+    static const std::array<std::pair<const char*, IMGLIB::BinaryOpKind>, 5> kinds = {{
+        {"MatteMax", IMGLIB::BINARYOP_MATTE_MAX},
+        {"MatteMin", IMGLIB::BINARYOP_MATTE_MIN},
+        {"MatteMultiply", IMGLIB::BINARYOP_MATTE_MULTIPLY},
+        {"MattePlus", IMGLIB::BINARYOP_MATTE_PLUS},
+        {"MatteMinus", IMGLIB::BINARYOP_MATTE_MINUS},
+    }};
+    const auto& [type, kind] = kinds.at(static_cast<size_t>(matte));
+    IMGLIB::BinaryOp op;
+    op.kind = kind;
+    op.flag = clamp;
+    op.foreground = 0;  // b's colour, so b's other channels
+    return TaskPtr(new BaseCompositeTask(name, sampleRate, type, op, std::move(b), std::move(a)));
+}
+
+TaskPtr createDifferenceKeyTask(const std::string& name, float sampleRate, float low, float high,
+                                TaskPtr a, TaskPtr b) {
+    Private::checkReal(name, "low", low, 0, 1e30);
+    Private::checkReal(name, "high", high, low, 1e30);
+    IMGLIB::BinaryOp op;
+    op.kind = IMGLIB::BINARYOP_DIFFERENCE_KEY;
+    op.low = low;
+    op.high = high;
+    return TaskPtr(
+        new BaseCompositeTask(name, sampleRate, "DifferenceKey", op, std::move(b), std::move(a)));
+}
+
 TaskPtr createMixTask(const std::string& name, float sampleRate, float amount, TaskPtr first,
                       TaskPtr second) {
     IMGLIB::BinaryOp op;
@@ -182,6 +214,39 @@ void declareCompositeOperations(OperationList& ops) {
                        return createMixTask(a.node(), 0, a.number("amount"), a.input("first"),
                                             a.input("second"));
                    }});
+}
+
+const Choices<MatteOp> kMatteOps = {{"max", MatteOp::Max},
+                                    {"min", MatteOp::Min},
+                                    {"multiply", MatteOp::Multiply},
+                                    {"plus", MatteOp::Plus},
+                                    {"minus", MatteOp::Minus}};
+
+void declareMatteOperations(OperationList& ops) {
+    ops.push_back({"mattecombine",
+                   "b with its alpha and a's combined",
+                   {choiceParam("operation", kMatteOps, "max", "how the two alphas combine"),
+                    {"clamp", ParamType::Bool, true, "clamp the result to [0, 1]"}},
+                   {"a", "b"},
+                   [](const OperationArgs& a) {
+                       return createMatteCombineTask(a.node(), 0, a.choice(kMatteOps, "operation"),
+                                                     a.flag("clamp"), a.input("a"), a.input("b"));
+                   },
+                   "RGB and other channels from b; A = max(A<sub>a</sub>, A<sub>b</sub>), min, "
+                   "A<sub>a</sub> A<sub>b</sub>, A<sub>a</sub> + A<sub>b</sub> or A<sub>a</sub> − "
+                   "A<sub>b</sub>."});
+    ops.push_back(
+        {"differencekey",
+         "alpha where a differs from a clean plate b",
+         {Param{"low", ParamType::Number, 0.02, "a difference up to which alpha is 0"}.atLeast(0),
+          Param{"high", ParamType::Number, 0.2, "a difference from which alpha is 1"}.atLeast(0)},
+         {"a", "b"},
+         [](const OperationArgs& a) {
+             return createDifferenceKeyTask(a.node(), 0, a.number("low"), a.number("high"),
+                                            a.input("a"), a.input("b"));
+         },
+         "D = max over R, G, B of |a − b|; A = clamp((D − low) / (high − low), 0, 1) (a step at "
+         "`low` when high = low); RGB from a."});
 }
 
 }  // namespace Private
