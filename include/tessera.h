@@ -10,6 +10,7 @@
 #include "fileio.h"
 #include "filtertasks.h"
 #include "generatortasks.h"
+#include "geometrytasks.h"
 #include "graphfile.h"
 #include "imagebuffer.h"
 #include "imglib/channels.h"

@@ -180,6 +180,8 @@ const Operation* findOperation(const std::string& name);
 void declareGeneratorOperations(OperationList& ops);
 void declareFileOperations(OperationList& ops);
 void declareColorOperations(OperationList& ops);
+void declareKeyOperations(OperationList& ops);
+void declareMatteOperations(OperationList& ops);
 void declareOCIOOperations(OperationList& ops);
 void declareCompositeOperations(OperationList& ops);
 void declareBlurOperations(OperationList& ops);
@@ -194,6 +196,7 @@ void declareSharpenOperations(OperationList& ops);
 void declareGlintOperations(OperationList& ops);
 void declareDepthOfFieldOperations(OperationList& ops);
 void declareTransformOperations(OperationList& ops);
+void declareGeometryOperations(OperationList& ops);
 
 }  // namespace Private
 }  // namespace TESSERA

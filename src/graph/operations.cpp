@@ -113,6 +113,8 @@ const OperationList& operations() {
             {"Generators", declareGeneratorOperations},
             {"Files", declareFileOperations},
             {"Colour", declareColorOperations},
+            {"Keys and mattes", declareKeyOperations},
+            {"Keys and mattes", declareMatteOperations},
             {"Colour management", declareOCIOOperations},
             {"Compositing", declareCompositeOperations},
             {"Blur", declareBlurOperations},
@@ -126,6 +128,7 @@ const OperationList& operations() {
             {"Filters", declareSharpenOperations},
             {"Filters", declareGlintOperations},
             {"Depth", declareDepthOfFieldOperations},
+            {"Geometry", declareGeometryOperations},
             {"Transforms", declareTransformOperations}};
         OperationList all;
         for (const auto& [family, declare] : families) {

@@ -1,0 +1,336 @@
+// The everyday compositing operators, built from graph files as a user
+// writes them, against OpenImageIO where it defines the same operation and
+// closed forms elsewhere.
+#include <gtest/gtest.h>
+
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <sstream>
+
+#include "graphfile.h"
+#include "support/serial_render.h"
+
+using namespace TESSERA;
+using namespace TESSERA::testing;
+using Color = Imath::Color4<float>;
+using UTIL::Rect;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kWidth = 37, kHeight = 23;
+
+// A plate of kWidth x kHeight at the origin: colour that varies per pixel
+// (some of it above 1), alpha from 0 to 1 in steps, premultiplied.
+class EverydayOpsTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        fs::create_directories(dir());
+        OIIO::ImageSpec spec(kWidth, kHeight, 4, OIIO::TypeDesc::FLOAT);
+        OIIO::ImageBuf plate(spec);
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const float a = float((x * 3 + y) % 5) / 4.0f;
+                const float v[4] = {a * float((x * 7 + y * 3) % 11) / 7.0f,
+                                    a * float((x * 5 + y * 11) % 13) / 12.0f,
+                                    a * float((x + y * 2) % 9) / 8.0f, a};
+                plate.setpixel(x, y, v);
+            }
+        ASSERT_TRUE(plate.write(platePath()));
+    }
+    static void TearDownTestSuite() { fs::remove_all(dir()); }
+    void SetUp() override { RenderManager::ClearRenderTaskCache(); }
+    void TearDown() override {
+        RenderManager::setGlobalTileSize(256, 256);
+        RenderManager::ClearRenderTaskCache();
+    }
+
+    static fs::path dir() {
+        return fs::temp_directory_path() / ("tessera_everyday_" + std::to_string(::getpid()));
+    }
+    static std::string platePath() { return (dir() / "plate.exr").string(); }
+
+    // Loads a graph of the plate (node "plate") and `nodes`, whose output is
+    // node "out".
+    static Graph graph(const std::string& nodes) {
+        return loadGraph(R"({"nodes": [{"id": "plate", "op": "filein", "params": {"path": ")" +
+                         platePath() + "\"}}, " + nodes + R"(], "outputs": [{"node": "out"}]})");
+    }
+    // The error loading such a graph gives.
+    static std::string error(const std::string& nodes) {
+        try {
+            graph(nodes);
+        } catch (const std::exception& e) {
+            return e.what();
+        }
+        return "no error";
+    }
+    static std::vector<Color> render(const std::string& nodes, const Rect& rect, int tile = 16) {
+        return renderPixels(graph(nodes).outputs[0].description.task, rect, tile);
+    }
+    static Rect region(const std::string& nodes) {
+        UTIL::Region r;
+        graph(nodes).outputs[0].description.task->getOutputDescription(nullptr, &r);
+        return r.boundingBox();
+    }
+    static Color plate(int x, int y) {
+        static const OIIO::ImageBuf buf(platePath());
+        float v[4];
+        buf.getpixel(x, y, v, 4);
+        return Color(v[0], v[1], v[2], v[3]);
+    }
+    // Every pixel of the ROI of `expected` equals ours, exactly or to `tol`
+    // relative to the value's size.
+    static void expectEqual(const OIIO::ImageBuf& expected, const std::string& nodes,
+                            float tol = 0.0f) {
+        const OIIO::ROI roi = expected.roi();
+        const Rect rect(roi.xbegin, roi.ybegin, roi.xend, roi.yend);
+        const std::vector<Color> got = render(nodes, rect);
+        size_t i = 0;
+        for (int y = roi.ybegin; y < roi.yend; ++y)
+            for (int x = roi.xbegin; x < roi.xend; ++x, ++i) {
+                float want[4];
+                expected.getpixel(x, y, want, 4);
+                for (int c = 0; c < 4; ++c)
+                    ASSERT_NEAR(got[i][c], want[c], tol * std::max(1.0f, std::fabs(want[c])))
+                        << nodes << " at " << x << ", " << y << " channel " << c;
+            }
+    }
+};
+
+TEST_F(EverydayOpsTest, OrientationsMatchOpenImageIOExactly) {
+    const OIIO::ImageBuf src(platePath());
+    const std::vector<std::pair<std::string, OIIO::ImageBuf>> cases = {
+        {"flip", OIIO::ImageBufAlgo::flip(src)},
+        {"flop", OIIO::ImageBufAlgo::flop(src)},
+        {"transpose", OIIO::ImageBufAlgo::transpose(src)},
+        {"rotate90", OIIO::ImageBufAlgo::rotate90(src)},
+        {"rotate180", OIIO::ImageBufAlgo::rotate180(src)},
+        {"rotate270", OIIO::ImageBufAlgo::rotate270(src)}};
+    for (const auto& [name, expected] : cases) {
+        const std::string nodes = R"({"id": "out", "op": "orient", "params": {"orientation": ")" +
+                                  name + R"("}, "inputs": {"input": "plate"}})";
+        const OIIO::ROI roi = expected.roi();
+        EXPECT_EQ(region(nodes), Rect(roi.xbegin, roi.ybegin, roi.xend, roi.yend)) << name;
+        expectEqual(expected, nodes);
+    }
+}
+
+TEST_F(EverydayOpsTest, CropAndDataWindowKeepTheirRectangle) {
+    const OIIO::ImageBuf src(platePath());
+    const std::string crop =
+        R"({"id": "out", "op": "crop", "params": {"rect": [5, 3, 30, 40]}, "inputs": {"input": "plate"}})";
+    const OIIO::ImageBuf expected = OIIO::ImageBufAlgo::crop(src, OIIO::ROI(5, 30, 3, 40));
+    EXPECT_EQ(region(crop), Rect(5, 3, 30, kHeight));
+    expectEqual(expected, crop);
+    // Outside the rectangle: transparent black, even over a coloured background.
+    const std::string onColour =
+        R"({"id": "bg", "op": "constant", "params": {"color": [0.2, 0.4, 0.6, 1], "area": [-50, -50, 90, 90]}},
+           {"id": "out", "op": "crop", "params": {"rect": [5, 3, 30, 40]}, "inputs": {"input": "bg"}})";
+    const std::vector<Color> px = render(onColour, Rect(0, 0, 40, 45));
+    EXPECT_EQ(px[size_t(4)], Color(0, 0, 0, 0));
+    EXPECT_EQ(px[size_t(10 * 40 + 10)], Color(0.2f, 0.4f, 0.6f, 1));
+    EXPECT_EQ(px[size_t(42 * 40 + 10)], Color(0, 0, 0, 0));
+
+    // A data window set larger than the data, or shrunk.
+    EXPECT_EQ(region(R"({"id": "out", "op": "datawindow", "params": {"rect": [-10, -10, 60, 50]},
+                          "inputs": {"input": "plate"}})"),
+              Rect(-10, -10, 60, 50));
+    const std::string shrunk =
+        R"({"id": "out", "op": "datawindow", "params": {"rect": [-10, 4, 12, 50], "shrink": true},
+            "inputs": {"input": "plate"}})";
+    EXPECT_EQ(region(shrunk), Rect(0, 4, 12, kHeight));
+    const std::vector<Color> s = render(shrunk, Rect(0, 0, kWidth, kHeight));
+    EXPECT_EQ(s[size_t(3 * kWidth + 5)], Color(0, 0, 0, 0));
+    EXPECT_EQ(s[size_t(6 * kWidth + 11)], plate(11, 6));
+    EXPECT_EQ(s[size_t(6 * kWidth + 12)], Color(0, 0, 0, 0));
+}
+
+TEST_F(EverydayOpsTest, RepositionAndBordersMoveWholePixels) {
+    const std::string moved =
+        R"({"id": "out", "op": "reposition", "params": {"offset": [-7, 40]}, "inputs": {"input": "plate"}})";
+    EXPECT_EQ(region(moved), Rect(-7, 40, kWidth - 7, kHeight + 40));
+    const Rect rect(-10, 35, kWidth, kHeight + 45);
+    const std::vector<Color> got = render(moved, rect);
+    for (int64_t y = rect.ymin; y < rect.ymax; ++y)
+        for (int64_t x = rect.xmin; x < rect.xmax; ++x) {
+            const bool inside = x + 7 >= 0 && x + 7 < kWidth && y >= 40 && y < kHeight + 40;
+            ASSERT_EQ(got[size_t((y - rect.ymin) * rect.width() + (x - rect.xmin))],
+                      inside ? plate(int(x + 7), int(y - 40)) : Color(0, 0, 0, 0))
+                << x << ", " << y;
+        }
+
+    // Borders of 3 left, 2 top, 4 right, 5 bottom: the edge clamped, mirrored
+    // (the edge pixel repeated) or a colour.
+    const auto border = [](const std::string& extend) {
+        return R"({"id": "out", "op": "border", "params": {"left": 3, "top": 2, "right": 4,
+                   "bottom": 5, "extend": ")" +
+               extend + R"(", "color": [1, 0, 0, 1]}, "inputs": {"input": "plate"}})";
+    };
+    const auto mirror = [](int c, int n) { return c < 0 ? -c - 1 : c >= n ? 2 * n - c - 1 : c; };
+    const auto clamp = [](int c, int n) { return std::min(std::max(c, 0), n - 1); };
+    const Rect frame(-3, -2, kWidth + 4, kHeight + 5), around = frame.grown(2, 2);
+    for (const std::string extend : {"clamp", "mirror", "background"}) {
+        EXPECT_EQ(region(border(extend)), frame);
+        const std::vector<Color> full = render(border(extend), around, 1024);
+        EXPECT_EQ(render(border(extend), around, 16), full) << extend;
+        for (int y = int(around.ymin); y < around.ymax; ++y)
+            for (int x = int(around.xmin); x < around.xmax; ++x) {
+                Color want(0, 0, 0, 0);
+                if (frame.contains(x, y)) {
+                    if (extend == "clamp")
+                        want = plate(clamp(x, kWidth), clamp(y, kHeight));
+                    else if (extend == "mirror")
+                        want = plate(mirror(x, kWidth), mirror(y, kHeight));
+                    else
+                        want = x >= 0 && x < kWidth && y >= 0 && y < kHeight ? plate(x, y)
+                                                                             : Color(1, 0, 0, 1);
+                }
+                ASSERT_EQ(full[size_t((y - around.ymin) * around.width() + (x - around.xmin))],
+                          want)
+                    << extend << " at " << x << ", " << y;
+            }
+    }
+}
+
+TEST_F(EverydayOpsTest, PremultiplicationMatchesOpenImageIO) {
+    const OIIO::ImageBuf src(platePath());
+    expectEqual(OIIO::ImageBufAlgo::premult(src),
+                R"({"id": "out", "op": "premultiply", "inputs": {"input": "plate"}})", 1e-6f);
+    expectEqual(OIIO::ImageBufAlgo::unpremult(src),
+                R"({"id": "out", "op": "unpremultiply", "inputs": {"input": "plate"}})", 1e-6f);
+    // Unpremultiplied then premultiplied again: the plate, alpha-0 pixels
+    // exactly as they were.
+    const std::vector<Color> round = render(
+        R"({"id": "u", "op": "unpremultiply", "inputs": {"input": "plate"}},
+           {"id": "out", "op": "premultiply", "inputs": {"input": "u"}})",
+        Rect(0, 0, kWidth, kHeight));
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            for (int c = 0; c < 4; ++c)
+                ASSERT_NEAR(round[size_t(y * kWidth + x)][c], plate(x, y)[c], 1e-6f);
+}
+
+TEST_F(EverydayOpsTest, LuminanceAndKeysFollowTheirFormulas) {
+    const Rect all(0, 0, kWidth, kHeight);
+    const std::vector<Color> luma = render(
+        R"({"id": "out", "op": "luminance", "params": {"weights": [0.3, 0.5, 0.2]}, "inputs": {"input": "plate"}})",
+        all);
+    const std::vector<Color> key = render(
+        R"({"id": "out", "op": "lumakey", "params": {"low": 0.2, "high": 0.6}, "inputs": {"input": "plate"}})",
+        all);
+    const std::vector<Color> inverted = render(
+        R"({"id": "out", "op": "lumakey", "params": {"low": 0.2, "high": 0.2, "invert": true}, "inputs": {"input": "plate"}})",
+        all);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const Color p = plate(x, y);
+            const size_t i = size_t(y * kWidth + x);
+            const float l = 0.3f * p.r + 0.5f * p.g + 0.2f * p.b;
+            EXPECT_NEAR(luma[i].r, l, 1e-6f);
+            EXPECT_EQ(luma[i].r, luma[i].b);
+            EXPECT_EQ(luma[i].a, p.a);
+            const float y709 = 0.2126f * p.r + 0.7152f * p.g + 0.0722f * p.b;
+            EXPECT_NEAR(key[i].a, std::min(1.0f, std::max(0.0f, (y709 - 0.2f) / 0.4f)), 1e-5f);
+            EXPECT_EQ(key[i].g, p.g);
+            EXPECT_EQ(inverted[i].a, y709 >= 0.2f ? 0.0f : 1.0f);
+        }
+
+    // A green screen: the screen colour keys out, a grey and a red stay, a
+    // greenish edge is half keyed and loses its green cast.
+    const auto chroma = [&](const std::string& color) {
+        return render(R"({"id": "c", "op": "constant", "params": {"color": )" + color +
+                          R"(, "area": [0, 0, 4, 4]}},
+                         {"id": "out", "op": "chromakey", "params": {"key": [0.1, 0.8, 0.2],
+                          "tolerance": 0.1, "softness": 0.5, "spill": 1}, "inputs": {"input": "c"}})",
+                      Rect(1, 1, 2, 2))[0];
+    };
+    EXPECT_EQ(chroma("[0.1, 0.8, 0.2, 1]").a, 0.0f);
+    EXPECT_EQ(chroma("[0.5, 0.5, 0.5, 1]").a, 1.0f);
+    EXPECT_EQ(chroma("[0.9, 0.1, 0.1, 1]").a, 1.0f);
+    // (0.3, 0.6, 0.3): chroma (-0.2146, -0.2146) against the key's (-0.4079,
+    // -0.5079): distance 0.3513 / 0.6514 = 0.5393, alpha (0.5393 - 0.1) / 0.5.
+    const Color edge = chroma("[0.3, 0.6, 0.3, 1]");
+    EXPECT_NEAR(edge.a, 0.8786f, 1e-3f);
+    EXPECT_FLOAT_EQ(edge.g, 0.3f);
+    EXPECT_FLOAT_EQ(edge.r, 0.3f);
+}
+
+TEST_F(EverydayOpsTest, MattesCombineAndDifferenceKeysFindTheChange) {
+    // a: the plate; b: a ramp of alpha 0.25 to 1 across x, blue colour.
+    const std::string b =
+        R"({"id": "b", "op": "linearramp", "params": {"start": [0, 0], "end": [36, 0],
+            "startColor": [0, 0, 0.25, 0.25], "endColor": [0, 0, 1, 1], "area": [0, 0, 37, 23]}},)";
+    const Rect all(0, 0, kWidth, kHeight);
+    const std::vector<Color> ramp =
+        render(b + R"({"id": "out", "op": "copy", "inputs": {"input": "b"}})", all);
+    const std::vector<std::pair<std::string, std::function<float(float, float)>>> ops = {
+        {"max", [](float a, float b) { return std::max(a, b); }},
+        {"min", [](float a, float b) { return std::min(a, b); }},
+        {"multiply", [](float a, float b) { return a * b; }},
+        {"plus", [](float a, float b) { return std::min(1.0f, a + b); }},
+        {"minus", [](float a, float b) { return std::max(0.0f, a - b); }}};
+    for (const auto& [name, f] : ops) {
+        const std::vector<Color> got =
+            render(b + R"({"id": "out", "op": "mattecombine", "params": {"operation": ")" + name +
+                       R"("}, "inputs": {"a": "plate", "b": "b"}})",
+                   all);
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const size_t i = size_t(y * kWidth + x);
+                ASSERT_FLOAT_EQ(got[i].a, f(plate(x, y).a, ramp[i].a)) << name;
+                ASSERT_EQ(got[i].b, ramp[i].b) << name;
+            }
+    }
+
+    // A clean plate and the plate with a square painted on it.
+    const std::string painted =
+        R"({"id": "sq", "op": "constant", "params": {"color": [0.5, 0.5, 0.5, 1], "area": [10, 5, 20, 15]}},
+           {"id": "a", "op": "composite", "inputs": {"a": "sq", "b": "plate"}},
+           {"id": "out", "op": "differencekey", "params": {"low": 0.0, "high": 0.5},
+            "inputs": {"a": "a", "b": "plate"}})";
+    const std::vector<Color> diff = render(painted, all);
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const Color p = plate(x, y);
+            const bool inSquare = x >= 10 && x < 20 && y >= 5 && y < 15;
+            const Color a = inSquare ? Color(0.5f, 0.5f, 0.5f, 1) : p;
+            const float d =
+                std::max({std::fabs(a.r - p.r), std::fabs(a.g - p.g), std::fabs(a.b - p.b)});
+            const size_t i = size_t(y * kWidth + x);
+            ASSERT_NEAR(diff[i].a, std::min(1.0f, d / 0.5f), 1e-6f) << x << ", " << y;
+            ASSERT_EQ(diff[i].r, a.r);
+        }
+}
+
+TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
+    EXPECT_EQ(
+        error(
+            R"({"id": "out", "op": "border", "params": {"left": -2}, "inputs": {"input": "plate"}})"),
+        "node 'out', field 'left': value -2 is out of range (0 to 1e+06)");
+    EXPECT_EQ(error(R"({"id": "out", "op": "orient", "params": {"orientation": "sideways"},
+                        "inputs": {"input": "plate"}})"),
+              "node 'out', field 'orientation': unknown value 'sideways' (one of: flip, flop, "
+              "transpose, rotate90, rotate180, rotate270)");
+    EXPECT_EQ(error(R"({"id": "out", "op": "reposition", "params": {"offset": [1.5, 0]},
+                        "inputs": {"input": "plate"}})"),
+              "node 'out', field 'offset': needs whole pixels, got [1.5,0]");
+    EXPECT_NE(error(R"({"id": "out", "op": "crop", "params": {"rect": [10, 10, 5, 20]},
+                        "inputs": {"input": "plate"}})")
+                  .find("rect [10, 10, 5, 20] is empty"),
+              std::string::npos);
+    EXPECT_EQ(
+        error(
+            R"({"id": "out", "op": "chromakey", "params": {"spill": 2}, "inputs": {"input": "plate"}})"),
+        "node 'out', field 'spill': value 2 is out of range (0 to 1)");
+    EXPECT_NE(error(R"({"id": "out", "op": "differencekey", "params": {"low": 0.5, "high": 0.1},
+                        "inputs": {"a": "plate", "b": "plate"}})")
+                  .find("high 0.1 is out of range"),
+              std::string::npos);
+}
+
+}  // namespace
