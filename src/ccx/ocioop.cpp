@@ -1,4 +1,5 @@
 // OpenColorIO processors as in-place operators.
+#include <algorithm>
 #include <sstream>
 
 #include "colortasks.h"
@@ -86,9 +87,98 @@ TaskPtr createOCIOTransformTask(const std::string& name, float sampleRate,
                                    name, sampleRate, std::move(input)));
 }
 
+namespace {
+
+// Each space by the built-in transforms that take it to ACES2065-1 (a
+// leading '-' runs one inverted).
+const std::vector<std::pair<std::string, std::vector<std::string>>>& spaces() {
+    static const std::vector<std::pair<std::string, std::vector<std::string>>> table = {
+        {"aces2065-1", {}},
+        {"acescg", {"ACEScg_to_ACES2065-1"}},
+        {"acescc", {"ACEScc_to_ACES2065-1"}},
+        {"acescct", {"ACEScct_to_ACES2065-1"}},
+        {"lin_rec709", {"-UTILITY - ACES-AP1_to_LINEAR-REC709_BFD", "ACEScg_to_ACES2065-1"}},
+        {"srgb", {"-DISPLAY - CIE-XYZ-D65_to_sRGB", "-UTILITY - ACES-AP0_to_CIE-XYZ-D65_BFD"}},
+        {"rec709",
+         {"-DISPLAY - CIE-XYZ-D65_to_REC.1886-REC.709", "-UTILITY - ACES-AP0_to_CIE-XYZ-D65_BFD"}},
+        {"logc", {"ARRI_ALEXA-LOGC-EI800-AWG_to_ACES2065-1"}},
+        {"slog3", {"SONY_SLOG3-SGAMUT3.CINE_to_ACES2065-1"}},
+        {"log3g10", {"RED_LOG3G10-RWG_to_ACES2065-1"}},
+        {"vlog", {"PANASONIC_VLOG-VGAMUT_to_ACES2065-1"}},
+        {"clog3", {"CANON_CLOG3-CGAMUT_to_ACES2065-1"}}};
+    return table;
+}
+
+const std::vector<std::string>& stepsOf(const std::string& task, const std::string& space) {
+    for (const auto& entry : spaces())
+        if (entry.first == space) return entry.second;
+    std::string names;
+    for (const auto& entry : spaces()) names += (names.empty() ? "" : ", ") + entry.first;
+    throw std::invalid_argument(task + ": unknown colour space '" + space + "' (one of: " + names +
+                                ")");
+}
+
+// The space's steps to ACES2065-1, appended forwards or inverted.
+void appendSteps(OCIO::GroupTransformRcPtr& group, const std::vector<std::string>& steps,
+                 bool toReference) {
+    std::vector<OCIO::TransformRcPtr> transforms;
+    for (const std::string& step : steps) {
+        const bool inverse = step[0] == '-';
+        OCIO::BuiltinTransformRcPtr t = OCIO::BuiltinTransform::Create();
+        t->setStyle(step.c_str() + (inverse ? 1 : 0));
+        t->setDirection(inverse != toReference ? OCIO::TRANSFORM_DIR_FORWARD
+                                               : OCIO::TRANSFORM_DIR_INVERSE);
+        transforms.push_back(t);
+    }
+    if (!toReference) std::reverse(transforms.begin(), transforms.end());
+    for (const OCIO::TransformRcPtr& t : transforms) group->appendTransform(t);
+}
+
+}  // namespace
+
+std::vector<std::string> builtinColorSpaces() {
+    std::vector<std::string> names;
+    for (const auto& entry : spaces()) names.push_back(entry.first);
+    return names;
+}
+
+TaskPtr createColorSpaceTask(const std::string& name, float sampleRate, const std::string& from,
+                             const std::string& to, bool unpremultiply, TaskPtr input) {
+    OCIO::GroupTransformRcPtr group = OCIO::GroupTransform::Create();
+    appendSteps(group, stepsOf(name, from), true);
+    appendSteps(group, stepsOf(name, to), false);
+    if (from == to) return input;
+    OCIO::ConstProcessorRcPtr processor =
+        OCIO::Config::CreateRaw()->getProcessor(group, OCIO::TRANSFORM_DIR_FORWARD);
+    if (unpremultiply) input = createMultInverseTask(name + ".unpremultiply", sampleRate, input);
+    TaskPtr converted(new InPlaceTask(InPlaceOpPtr(new OCIOOp("ColorSpace", std::move(processor))),
+                                      name, sampleRate, std::move(input)));
+    return unpremultiply ? createPremultiplyTask(name + ".premultiply", sampleRate, converted)
+                         : converted;
+}
+
 namespace Private {
 
 void declareOCIOOperations(OperationList& ops) {
+    std::vector<std::pair<std::string, std::string>> names;
+    for (const std::string& space : builtinColorSpaces()) names.emplace_back(space, space);
+    ops.push_back(
+        {"colorspace",
+         "conversion between common colour spaces, no configuration needed",
+         {choiceParam("from", names, "lin_rec709"),
+          choiceParam("to", names, "srgb"),
+          {"unpremultiply", ParamType::Bool, true,
+           "convert straight colour (divide by alpha first, multiply after)"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createColorSpaceTask(a.node(), 0, a.text("from"), a.text("to"),
+                                         a.flag("unpremultiply"), a.input("input"));
+         },
+         "Through OpenColorIO's built-in transforms, by way of ACES2065-1: lin_rec709 (linear "
+         "sRGB and Rec.709 primaries), srgb, rec709 (BT.1886), acescg, aces2065-1, acescc, "
+         "acescct, logc (ARRI LogC EI800, AWG), slog3 (S-Log3, S-Gamut3.Cine), log3g10 (RED "
+         "Log3G10, RWG), vlog (Panasonic V-Log), clog3 (Canon Log 3). As `oiiotool "
+         "--colorconvert` for the spaces both know."});
     ops.push_back(
         {"ociofile",
          "an OpenColorIO file transform (LUT)",

@@ -307,6 +307,54 @@ TEST_F(EverydayOpsTest, MattesCombineAndDifferenceKeysFindTheChange) {
         }
 }
 
+TEST_F(EverydayOpsTest, ColorSpacesConvertAsTheirStandardsSay) {
+    // One colour per pixel over a 4x1 strip, opaque.
+    const auto convert = [&](const std::string& from, const std::string& to, const Color& c) {
+        std::ostringstream nodes;
+        nodes << R"({"id": "c", "op": "constant", "params": {"color": [)" << c.r << ", " << c.g
+              << ", " << c.b << ", " << c.a << R"(], "area": [0, 0, 4, 1]}},
+                  {"id": "out", "op": "colorspace", "params": {"from": ")"
+              << from << R"(", "to": ")" << to << R"("}, "inputs": {"input": "c"}})";
+        return render(nodes.str(), Rect(1, 0, 2, 1))[0];
+    };
+    // The sRGB transfer function (IEC 61966-2-1).
+    const auto srgbToLinear = [](float v) {
+        return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
+    };
+    const Color lin = convert("srgb", "lin_rec709", Color(0.5f, 0.02f, 0.9f, 1));
+    EXPECT_NEAR(lin.r, srgbToLinear(0.5f), 2e-4f);
+    EXPECT_NEAR(lin.g, srgbToLinear(0.02f), 2e-4f);
+    EXPECT_NEAR(lin.b, srgbToLinear(0.9f), 2e-4f);
+    EXPECT_EQ(lin.a, 1.0f);
+    // Rec.709 primaries to AP1 (Bradford D65 to D60): the columns of the
+    // published matrix.
+    const Color red = convert("lin_rec709", "acescg", Color(1, 0, 0, 1));
+    EXPECT_NEAR(red.r, 0.6131f, 1e-3f);
+    EXPECT_NEAR(red.g, 0.0701f, 1e-3f);
+    EXPECT_NEAR(red.b, 0.0206f, 1e-3f);
+    // There and back through a log encoding.
+    const Color grey(0.18f, 0.4f, 2.5f, 1);
+    const Color logc = convert("acescg", "logc", grey);
+    EXPECT_GT(logc.r, 0.3f);  // mid grey sits near 0.39 in LogC
+    EXPECT_LT(logc.r, 0.45f);
+    const std::string back =
+        R"({"id": "c", "op": "constant", "params": {"color": [0.18, 0.4, 2.5, 1], "area": [0, 0, 4, 1]}},
+           {"id": "l", "op": "colorspace", "params": {"from": "acescg", "to": "logc"}, "inputs": {"input": "c"}},
+           {"id": "out", "op": "colorspace", "params": {"from": "logc", "to": "acescg"}, "inputs": {"input": "l"}})";
+    const Color round = render(back, Rect(0, 0, 1, 1))[0];
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(round[c], grey[c], 1e-4f * std::max(1.0f, grey[c]));
+    // Premultiplied colour is converted straight: half-covered sRGB grey
+    // becomes half-covered linear grey.
+    const Color half = convert("srgb", "lin_rec709", Color(0.25f, 0.25f, 0.25f, 0.5f));
+    EXPECT_NEAR(half.r, 0.5f * srgbToLinear(0.5f), 2e-4f);
+    EXPECT_EQ(half.a, 0.5f);
+    EXPECT_NE(
+        error(
+            R"({"id": "out", "op": "colorspace", "params": {"to": "p3"}, "inputs": {"input": "plate"}})")
+            .find("unknown value 'p3'"),
+        std::string::npos);
+}
+
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
     EXPECT_EQ(
         error(
