@@ -3,6 +3,7 @@
 #pragma once
 
 #include "cacheidstream.h"
+#include "channeltasks.h"
 #include "colortasks.h"
 #include "compositetasks.h"
 #include "exceptions.h"

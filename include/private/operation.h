@@ -180,6 +180,7 @@ const Operation* findOperation(const std::string& name);
 void declareGeneratorOperations(OperationList& ops);
 void declareFileOperations(OperationList& ops);
 void declareColorOperations(OperationList& ops);
+void declareShuffleOperations(OperationList& ops);
 void declareKeyOperations(OperationList& ops);
 void declareMatteOperations(OperationList& ops);
 void declareOCIOOperations(OperationList& ops);

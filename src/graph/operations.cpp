@@ -113,6 +113,7 @@ const OperationList& operations() {
             {"Generators", declareGeneratorOperations},
             {"Files", declareFileOperations},
             {"Colour", declareColorOperations},
+            {"Channels", declareShuffleOperations},
             {"Keys and mattes", declareKeyOperations},
             {"Keys and mattes", declareMatteOperations},
             {"Colour management", declareOCIOOperations},

@@ -1,0 +1,32 @@
+// Channel shuffling: each output channel from a channel of one of two
+// inputs, or a constant.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "rendertask.h"
+#include "tessera_export.h"
+
+namespace TESSERA {
+
+// Where one output channel comes from.
+struct TESSERA_API ShuffleSource {
+    enum Kind { Input, Zero, One } kind = Input;
+    int input = 0;         // 0 for a, 1 for b
+    uint64_t channel = 0;  // one channel bit of that input
+};
+
+// A channel as a shuffle names it: "a.r" ... "b.v", "0" or "1".
+TESSERA_API ShuffleSource parseShuffleSource(const std::string& text);
+
+// Output channel i (a channel bit) takes sources[i].second. An output
+// channel is defined when its source is a constant or a channel its input
+// defines. b may be null when nothing reads it. Bad channel bits or a
+// source reading a missing b throw std::invalid_argument naming the task.
+TESSERA_API TaskPtr createShuffleTask(
+    const std::string& name, float time,
+    const std::vector<std::pair<uint64_t, ShuffleSource>>& sources, TaskPtr a, TaskPtr b);
+
+}  // namespace TESSERA

@@ -1,0 +1,198 @@
+// Channel shuffling.
+#include <stdexcept>
+
+#include "channeltasks.h"
+#include "imglib/channels.h"
+#include "imglib/pixels.h"
+#include "private/operation.h"
+
+namespace TESSERA {
+namespace {
+
+using Color4f = Imath::Color4<float>;
+using Sources = std::vector<std::pair<uint64_t, ShuffleSource>>;
+
+const Private::Choices<uint64_t>& channelNames() {
+    return Private::channelChoices();
+}
+
+std::string nameOf(uint64_t channel) {
+    for (const auto& [name, bit] : channelNames())
+        if (bit == channel) return name;
+    return IMGLIB::GetChannelMaskName(channel);
+}
+
+class ShuffleTask : public RenderTask {
+public:
+    ShuffleTask(const std::string& name, float time, Sources sources, TaskPtr a, TaskPtr b)
+        : RenderTask(name, time), m_sources(std::move(sources)) {
+        registerInputTask(std::move(a));
+        registerInputTask(std::move(b));
+    }
+
+protected:
+    std::string getTypeString() override { return "Shuffle"; }
+    void computeCacheID(CacheIDStream& s) override {
+        for (const auto& [channel, source] : m_sources)
+            s << channel << '<' << int(source.kind) << ',' << source.input << ',' << source.channel
+              << ';';
+    }
+    uint64_t computeOutputChannels() override {
+        uint64_t channels = 0;
+        for (const auto& [channel, source] : m_sources)
+            if (source.kind != ShuffleSource::Input ||
+                (getDefinedInputChannels(size_t(source.input)) & source.channel))
+                channels |= channel;
+        return channels;
+    }
+    Color4f computeBackgroundColor() override {
+        Color4f bg(0, 0, 0, 0);
+        for (const auto& [channel, source] : m_sources) {
+            const int out = bitIndex(channel);
+            if (out < 4) bg[out] = valueOf(source, getInputBackgroundColor(size_t(source.input)));
+        }
+        return bg;
+    }
+    UTIL::Region computeOutputDataRegion() override {
+        UTIL::Region region;
+        for (size_t i = 0; i < 2; ++i)
+            if (reads(i)) region.add(getDefinedInputDataRegion(i));
+        return region;
+    }
+    void makeInputFormatRequests() override {
+        const uint64_t wanted = getRequiredOutputChannels();
+        uint64_t need[2] = {0, 0};
+        for (const auto& [channel, source] : m_sources)
+            if ((wanted & channel) && source.kind == ShuffleSource::Input)
+                need[source.input] |= source.channel;
+        for (size_t i = 0; i < 2; ++i)
+            if (reads(i)) addInputRequest(i, need[i] & getDefinedInputChannels(i));
+    }
+    void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
+                                        std::vector<UTIL::Rect>& inputRects) override {
+        inputRects.assign(2, outputRect);
+    }
+    void renderRect(const IMGLIB::Image* out,
+                    const std::vector<const IMGLIB::Image*>& inputs) override {
+        const int stride = IMGLIB::GetChannelCount(out->channels);
+        for (const auto& [channel, source] : m_sources) {
+            const int slot = IMGLIB::GetChannelIndex(out->channels, channel);
+            if (slot < 0) continue;
+            const IMGLIB::Image* in =
+                source.kind == ShuffleSource::Input && size_t(source.input) < inputs.size()
+                    ? inputs[size_t(source.input)]
+                    : nullptr;
+            const int from = in ? IMGLIB::GetChannelIndex(in->channels, source.channel) : -1;
+            const float fill = valueOf(source, getInputBackgroundColor(size_t(source.input)));
+            const int inStride = in ? IMGLIB::GetChannelCount(in->channels) : 0;
+            for (int64_t y = out->y1; y < out->y2; ++y) {
+                float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, 4 * stride) + slot;
+                const bool row = from >= 0 && y >= in->y1 && y < in->y2;
+                for (int64_t x = out->x1; x < out->x2; ++x, dst += stride)
+                    *dst = row && x >= in->x1 && x < in->x2
+                               ? IMGLIB::GetPixelAddress(in, x, y, 4 * inStride)[from]
+                               : fill;
+            }
+        }
+    }
+
+private:
+    static int bitIndex(uint64_t channel) {
+        int i = 0;
+        while (channel > 1) channel >>= 1, ++i;
+        return i;
+    }
+    // A constant source's value, or the input channel's background value.
+    static float valueOf(const ShuffleSource& source, const Color4f& inputBg) {
+        if (source.kind != ShuffleSource::Input) return source.kind == ShuffleSource::One ? 1 : 0;
+        const int bit = bitIndex(source.channel);
+        return bit < 4 ? inputBg[bit] : 0.0f;
+    }
+    bool reads(size_t input) const {
+        for (const auto& entry : m_sources)
+            if (entry.second.kind == ShuffleSource::Input && size_t(entry.second.input) == input)
+                return true;
+        return false;
+    }
+
+    Sources m_sources;
+};
+
+}  // namespace
+
+ShuffleSource parseShuffleSource(const std::string& text) {
+    ShuffleSource s;
+    if (text == "0" || text == "1") {
+        s.kind = text == "0" ? ShuffleSource::Zero : ShuffleSource::One;
+        return s;
+    }
+    if (text.size() > 2 && (text[0] == 'a' || text[0] == 'b') && text[1] == '.')
+        for (const auto& [name, bit] : channelNames())
+            if (name == text.substr(2)) {
+                s.input = text[0] == 'a' ? 0 : 1;
+                s.channel = bit;
+                return s;
+            }
+    std::string names;
+    for (const auto& entry : channelNames()) names += (names.empty() ? "" : ", ") + entry.first;
+    throw std::invalid_argument("'" + text + "' is not a channel: a.X or b.X (X one of " + names +
+                                "), 0 or 1");
+}
+
+TaskPtr createShuffleTask(const std::string& name, float time, const Sources& sources, TaskPtr a,
+                          TaskPtr b) {
+    if (!a) throw std::invalid_argument(name + ": a shuffle needs input a");
+    uint64_t seen = 0;
+    for (const auto& [channel, source] : sources) {
+        const bool oneBit =
+            channel && !(channel & (channel - 1)) && IMGLIB::IsChannelMaskValid(channel);
+        if (!oneBit || (seen & channel))
+            throw std::invalid_argument(name + ": output channel " +
+                                        IMGLIB::GetChannelMaskName(channel) +
+                                        " is not one channel, or given twice");
+        seen |= channel;
+        if (source.kind == ShuffleSource::Input &&
+            (source.input < 0 || source.input > 1 || !source.channel ||
+             (source.channel & (source.channel - 1)) ||
+             !IMGLIB::IsChannelMaskValid(source.channel)))
+            throw std::invalid_argument(name + ": the source of " + nameOf(channel) +
+                                        " is not one channel of a or b");
+        if (source.kind == ShuffleSource::Input && source.input == 1 && !b)
+            throw std::invalid_argument(name + ": " + nameOf(channel) +
+                                        " reads input b, which is not connected");
+    }
+    return TaskPtr(new ShuffleTask(name, time, sources, std::move(a), std::move(b)));
+}
+
+namespace Private {
+
+void declareShuffleOperations(OperationList& ops) {
+    std::vector<Param> params;
+    for (const auto& [channel, bit] : channelChoices())
+        params.push_back(Param{channel, ParamType::String, "a." + channel,
+                               "a.X or b.X (X one of r, g, b, a, z, u, v), 0 or 1; \"\" drops it"});
+    ops.push_back(
+        {"shuffle",
+         "each output channel from a channel of a or b, or 0 or 1",
+         params,
+         {"a", {"b", true}},
+         [](const OperationArgs& a) {
+             Sources sources;
+             for (const auto& [channel, bit] : channelChoices()) {
+                 const std::string text = a.text(channel);
+                 if (text.empty()) continue;
+                 try {
+                     sources.emplace_back(bit, parseShuffleSource(text));
+                 } catch (const std::invalid_argument& e) {
+                     a.fail(channel, e.what());
+                 }
+             }
+             return createShuffleTask(a.node(), 0, sources, a.input("a"), a.input("b"));
+         },
+         "As `oiiotool --ch`, with a second input: `{\"a\": \"1\", \"z\": \"b.r\"}` sets "
+         "alpha to 1 and depth from b's red. A channel whose source its input does not define "
+         "is left out."});
+}
+
+}  // namespace Private
+}  // namespace TESSERA
