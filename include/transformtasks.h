@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "imglib/image.h"
 #include "imglib/kernels.h"
 #include "rendertask.h"
 #include "tessera_export.h"
@@ -32,5 +33,22 @@ TESSERA_API TaskPtr createHomTransformTask(const std::string& name, float time,
                                            const HomTransformParams& params,
                                            const std::vector<Imath::Matrix33<float>>& matrices,
                                            TaskPtr input);
+
+// Scale and translate: the output pixel centre X reads the input at
+// (X - translate) / scale, filtered separably by `filter` (its natural
+// width where the scale enlarges, widened by 1 / scale where it reduces, so
+// a reduction is free of aliasing). The output's box is the input's box
+// mapped; pixels the filter reads beyond the input's box are `extend`ed.
+struct TESSERA_API ResizeParams {
+    float scaleX = 1, scaleY = 1;
+    float translateX = 0, translateY = 0;
+    IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;
+    IMGLIB::ExtendMethod extend = IMGLIB::EXTEND_CLAMP;
+};
+
+// Scales of 0, below 1/1024 or above 1024, or not finite, throw
+// RenderTaskRenderingException naming the task, the parameter and the value.
+TESSERA_API TaskPtr createResizeTask(const std::string& name, float time,
+                                     const ResizeParams& params, TaskPtr input);
 
 }  // namespace TESSERA

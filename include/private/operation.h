@@ -198,6 +198,7 @@ void declareGlintOperations(OperationList& ops);
 void declareDepthOfFieldOperations(OperationList& ops);
 void declareTransformOperations(OperationList& ops);
 void declareGeometryOperations(OperationList& ops);
+void declareResizeOperations(OperationList& ops);
 
 }  // namespace Private
 }  // namespace TESSERA

@@ -130,6 +130,7 @@ const OperationList& operations() {
             {"Filters", declareGlintOperations},
             {"Depth", declareDepthOfFieldOperations},
             {"Geometry", declareGeometryOperations},
+            {"Geometry", declareResizeOperations},
             {"Transforms", declareTransformOperations}};
         OperationList all;
         for (const auto& [family, declare] : families) {

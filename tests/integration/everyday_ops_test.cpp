@@ -355,6 +355,26 @@ TEST_F(EverydayOpsTest, ColorSpacesConvertAsTheirStandardsSay) {
         std::string::npos);
 }
 
+TEST_F(EverydayOpsTest, ResizeMatchesOpenImageIO) {
+    const OIIO::ImageBuf src(platePath());
+    for (const auto& [filter, w, h] :
+         std::vector<std::tuple<std::string, int, int>>{{"lanczos3", 20, 13},
+                                                        {"catmull-rom", 20, 13},
+                                                        {"box", 12, 7},
+                                                        {"lanczos3", 61, 40},
+                                                        {"mitchell", 50, 9},
+                                                        {"triangle", 74, 46}}) {
+        const OIIO::ImageBuf expected =
+            OIIO::ImageBufAlgo::resize(src, filter, 0.0f, OIIO::ROI(0, w, 0, h));
+        ASSERT_FALSE(expected.has_error()) << expected.geterror();
+        std::ostringstream nodes;
+        nodes << R"({"id": "out", "op": "resize", "params": {"size": [)" << w << ", " << h
+              << R"(], "filter": ")" << filter << R"("}, "inputs": {"input": "plate"}})";
+        EXPECT_EQ(region(nodes.str()), Rect(0, 0, w, h));
+        expectEqual(expected, nodes.str(), 2e-5f);
+    }
+}
+
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
     EXPECT_EQ(
         error(
