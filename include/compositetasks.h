@@ -56,6 +56,13 @@ TESSERA_API TaskPtr createMatteCombineTask(const std::string& name, float sample
 TESSERA_API TaskPtr createDifferenceKeyTask(const std::string& name, float sampleRate, float low,
                                             float high, TaskPtr a, TaskPtr b);
 
+// Depth compositing: the pixel of smaller Z goes over the other (a pixel of
+// alpha 0 has no depth); with a softness above 0 the two blend across that
+// depth range. Both inputs must define Z (else std::invalid_argument naming
+// the task and the input).
+TESSERA_API TaskPtr createZMergeTask(const std::string& name, float time, float softness, TaskPtr a,
+                                     TaskPtr b);
+
 // first * (1 - amount) + second * amount.
 TESSERA_API TaskPtr createMixTask(const std::string& name, float sampleRate, float amount,
                                   TaskPtr first, TaskPtr second);

@@ -58,6 +58,12 @@ TESSERA_API TaskPtr createPerlinNoiseTask(const std::string& name, float time, f
                                           const Color4f& low, const Color4f& high,
                                           const UTIL::Rect& area);
 // An independent uniform value per pixel (`randval`), mapping low to high.
+// Bilinear between four colours at the corner pixels of area.
+TESSERA_API TaskPtr createFourCornerGradientTask(const std::string& name, float time,
+                                                 const Color4f& topLeft, const Color4f& topRight,
+                                                 const Color4f& bottomLeft,
+                                                 const Color4f& bottomRight,
+                                                 const UTIL::Rect& area);
 TESSERA_API TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,
                                           const Color4f& low, const Color4f& high,
                                           const UTIL::Rect& area);

@@ -183,6 +183,7 @@ void declareColorOperations(OperationList& ops);
 void declareShuffleOperations(OperationList& ops);
 void declareKeyOperations(OperationList& ops);
 void declareMatteOperations(OperationList& ops);
+void declareDepthMergeOperations(OperationList& ops);
 void declareOCIOOperations(OperationList& ops);
 void declareCompositeOperations(OperationList& ops);
 void declareBlurOperations(OperationList& ops);

@@ -27,7 +27,7 @@ public:
     ShuffleTask(const std::string& name, float time, Sources sources, TaskPtr a, TaskPtr b)
         : RenderTask(name, time), m_sources(std::move(sources)) {
         registerInputTask(std::move(a));
-        registerInputTask(std::move(b));
+        if (b) registerInputTask(std::move(b));  // none when nothing reads it
     }
 
 protected:

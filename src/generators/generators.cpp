@@ -22,19 +22,20 @@ enum class Kind {
     Lattice,
     HueWheel,
     PerlinNoise,
-    RandomNoise
+    RandomNoise,
+    FourCorner
 };
 
 const char* typeOf(Kind kind) {
-    static const char* const names[] = {"Constant",   "Checkerboard", "ColorBars",
-                                        "LinearRamp", "RadialRamp",   "Lattice",
-                                        "HueWheel",   "PerlinNoise",  "RandomNoise"};
+    static const char* const names[] = {"Constant",    "Checkerboard", "ColorBars", "LinearRamp",
+                                        "RadialRamp",  "Lattice",      "HueWheel",  "PerlinNoise",
+                                        "RandomNoise", "FourCorner"};
     return names[static_cast<int>(kind)];
 }
 
 // Every generator's parameters; each kind reads the ones it needs.
 struct Params {
-    Color4f a{0, 0, 0, 0}, b{0, 0, 0, 0};
+    Color4f a{0, 0, 0, 0}, b{0, 0, 0, 0}, c{0, 0, 0, 0}, d{0, 0, 0, 0};
     Imath::V2f p{0, 0}, q{0, 0};
     float size = 1.0f, width = 1.0f, gain = 0.5f;
     int octaves = 1;
@@ -107,6 +108,13 @@ Color4f evaluate(Kind kind, const Params& p, int64_t ix, int64_t iy) {
         }
         case Kind::RandomNoise:
             return mix(p.a, p.b, em::randval(ix, iy, p.seed));
+        case Kind::FourCorner: {
+            // a top left, b top right, c bottom left, d bottom right over
+            // the box from p to q, by pixel centres.
+            const float u = clamp01((x - p.p.x) / (p.q.x - p.p.x));
+            const float v = clamp01((y - p.p.y) / (p.q.y - p.p.y));
+            return mix(mix(p.a, p.b, u), mix(p.c, p.d, u), v);
+        }
     }
     return Color4f(0, 0, 0, 0);
 }
@@ -121,8 +129,8 @@ protected:
     std::string getTypeString() override { return typeOf(m_kind); }
     void computeCacheID(CacheIDStream& s) override {
         const Params& p = m_params;
-        s << m_area << p.a << p.b << p.p << p.q << ' ' << p.size << ' ' << p.width << ' ' << p.gain
-          << ' ' << p.octaves << ' ' << p.seed;
+        s << m_area << p.a << p.b << p.c << p.d << p.p << p.q << ' ' << p.size << ' ' << p.width
+          << ' ' << p.gain << ' ' << p.octaves << ' ' << p.seed;
     }
     uint64_t computeOutputChannels() override { return IMGLIB::CHANNELS_RGBA; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_area); }
@@ -246,6 +254,19 @@ TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed
     return make(name, time, Kind::RandomNoise, p, area);
 }
 
+TaskPtr createFourCornerGradientTask(const std::string& name, float time, const Color4f& topLeft,
+                                     const Color4f& topRight, const Color4f& bottomLeft,
+                                     const Color4f& bottomRight, const UTIL::Rect& area) {
+    if (area.isNull()) throw std::invalid_argument(name + ": the gradient's area is empty");
+    Params p;
+    p.a = topLeft, p.b = topRight, p.c = bottomLeft, p.d = bottomRight;
+    // The corner pixels' centres carry the corner colours exactly.
+    p.p = Imath::V2f(float(area.xmin) + 0.5f, float(area.ymin) + 0.5f);
+    p.q = Imath::V2f(float(std::max(area.xmax - 1, area.xmin + 1)) + 0.5f,
+                     float(std::max(area.ymax - 1, area.ymin + 1)) + 0.5f);
+    return make(name, time, Kind::FourCorner, p, area);
+}
+
 namespace Private {
 
 void declareGeneratorOperations(OperationList& ops) {
@@ -352,6 +373,21 @@ void declareGeneratorOperations(OperationList& ops) {
                                                     a.color("low"), a.color("high"),
                                                     a.rect("area"));
                    }});
+    ops.push_back({"fourcorner",
+                   "a gradient between four corner colours",
+                   {{"topLeft", ParamType::Color4, kBlack},
+                    {"topRight", ParamType::Color4, json{1, 0, 0, 1}},
+                    {"bottomLeft", ParamType::Color4, json{0, 1, 0, 1}},
+                    {"bottomRight", ParamType::Color4, json{0, 0, 1, 1}},
+                    required("area", ParamType::Rect, {0, 0, 64, 48})},
+                   {},
+                   [](const OperationArgs& a) {
+                       return createFourCornerGradientTask(
+                           a.node(), 0, a.color("topLeft"), a.color("topRight"),
+                           a.color("bottomLeft"), a.color("bottomRight"), a.rect("area"));
+                   },
+                   "Bilinear between the corner pixels' centres: with u, v from 0 to 1 across "
+                   "the area, (TL (1 − u) + TR u)(1 − v) + (BL (1 − u) + BR u) v."});
 }
 
 }  // namespace Private

@@ -118,6 +118,7 @@ const OperationList& operations() {
             {"Keys and mattes", declareMatteOperations},
             {"Colour management", declareOCIOOperations},
             {"Compositing", declareCompositeOperations},
+            {"Compositing", declareDepthMergeOperations},
             {"Blur", declareBlurOperations},
             {"Blur", declareDefocusOperations},
             {"Blur", declareMotionBlurOperations},

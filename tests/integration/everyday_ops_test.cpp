@@ -375,6 +375,68 @@ TEST_F(EverydayOpsTest, ResizeMatchesOpenImageIO) {
     }
 }
 
+TEST_F(EverydayOpsTest, DepthMergeMatchesOpenImageIOAndBlendsAcrossItsSoftness) {
+    // Two RGBAZ images, every pixel covered, depths crossing each other.
+    const auto write = [&](const std::string& name, float phase) {
+        OIIO::ImageSpec spec(kWidth, kHeight, 5, OIIO::TypeDesc::FLOAT);
+        spec.channelnames = {"R", "G", "B", "A", "Z"};
+        spec.z_channel = 4;
+        OIIO::ImageBuf buf(spec);
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const float a = 0.25f + 0.75f * float((x + y) % 4) / 3.0f;
+                const float v[5] = {a * phase, a * 0.5f, a * (1 - phase), a,
+                                    1.0f + float((x * 3 + int(phase * 7) * y) % 10) + phase / 3};
+                buf.setpixel(x, y, v);
+            }
+        const std::string path = (dir() / name).string();
+        EXPECT_TRUE(buf.write(path));
+        return path;
+    };
+    const std::string a = write("za.exr", 0.2f), b = write("zb.exr", 0.9f);
+    const OIIO::ImageBuf expected =
+        OIIO::ImageBufAlgo::zover(OIIO::ImageBuf(a), OIIO::ImageBuf(b), false);
+    const std::string nodes =
+        R"({"id": "a", "op": "filein", "params": {"path": ")" + a +
+        R"("}}, {"id": "b", "op": "filein", "params": {"path": ")" + b +
+        R"("}}, {"id": "out", "op": "zmerge", "inputs": {"a": "a", "b": "b"}})";
+    expectEqual(expected, nodes, 1e-6f);
+
+    // Equal depths: a wins outright without softness, and blends half and
+    // half with it (w = 1/2 + 0 / softness).
+    const auto pixel = [&](float softness) {
+        std::ostringstream n;
+        n << R"({"id": "ca", "op": "constant", "params": {"color": [0.8, 0, 0, 0.8], "area": [0, 0, 2, 2]}},
+               {"id": "a", "op": "shuffle", "params": {"z": "1"}, "inputs": {"a": "ca"}},
+               {"id": "cb", "op": "constant", "params": {"color": [0, 0, 0.5, 0.5], "area": [0, 0, 2, 2]}},
+               {"id": "b", "op": "shuffle", "params": {"z": "1"}, "inputs": {"a": "cb"}},
+               {"id": "out", "op": "zmerge", "params": {"softness": )"
+          << softness << R"(}, "inputs": {"a": "a", "b": "b"}})";
+        return render(n.str(), Rect(0, 0, 1, 1))[0];
+    };
+    const Color hard = pixel(0), soft = pixel(4);
+    EXPECT_NEAR(hard.r, 0.8f, 1e-6f);
+    EXPECT_NEAR(hard.b, 0.5f * 0.2f, 1e-6f);
+    EXPECT_NEAR(soft.r, 0.5f * 0.8f + 0.5f * 0.8f * 0.5f, 1e-6f);
+    EXPECT_NEAR(soft.b, 0.5f * 0.1f + 0.5f * 0.5f, 1e-6f);
+    EXPECT_NE(error(R"({"id": "out", "op": "zmerge", "inputs": {"a": "plate", "b": "plate"}})")
+                  .find("input a (plate) has no Z channel (it has RGBA)"),
+              std::string::npos);
+}
+
+TEST_F(EverydayOpsTest, FourCornerGradientHitsItsCorners) {
+    const std::vector<Color> g = render(
+        R"({"id": "out", "op": "fourcorner", "params": {"topLeft": [1, 0, 0, 1], "topRight": [0, 1, 0, 1],
+            "bottomLeft": [0, 0, 1, 1], "bottomRight": [1, 1, 1, 0], "area": [10, 20, 15, 23]}})",
+        Rect(10, 20, 15, 23));
+    EXPECT_EQ(g[0], Color(1, 0, 0, 1));
+    EXPECT_EQ(g[4], Color(0, 1, 0, 1));
+    EXPECT_EQ(g[10], Color(0, 0, 1, 1));
+    EXPECT_EQ(g[14], Color(1, 1, 1, 0));
+    // The centre pixel: the mean of the four.
+    EXPECT_EQ(g[7], Color(0.5f, 0.5f, 0.5f, 0.75f));
+}
+
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
     EXPECT_EQ(
         error(

@@ -76,7 +76,8 @@ std::string requiredValue(const std::string& op, const OperationParameter& p) {
     return p.example;
 }
 
-// A graph of two sources (a plate with alpha and depth, and a ramp) feeding
+// A graph of two sources (a plate with alpha and depth, and a ramp with
+// depth from its blue) feeding
 // `op`, with op as its output.
 std::string graphFor(const OperationDescription& op, const SweepFiles& files) {
     std::ostringstream area;
@@ -85,7 +86,9 @@ std::string graphFor(const OperationDescription& op, const SweepFiles& files) {
     g << "{\"nodes\": ["
       << "{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" << files.image()
       << "\"}},"
-      << "{\"id\": \"ramp\", \"op\": \"linearramp\", \"params\": {\"start\": [0, 0], "
+      << "{\"id\": \"ramp\", \"op\": \"shuffle\", \"params\": {\"z\": \"a.b\"}, "
+         "\"inputs\": {\"a\": \"rampRGBA\"}},"
+      << "{\"id\": \"rampRGBA\", \"op\": \"linearramp\", \"params\": {\"start\": [0, 0], "
          "\"end\": [60, 45], \"startColor\": [0.9, 0.1, 0.2, 1], \"endColor\": [0.1, 0.6, 1.4, "
          "0.5], \"area\": ["
       << kRampArea.xmin << "," << kRampArea.ymin << "," << kRampArea.xmax << "," << kRampArea.ymax
