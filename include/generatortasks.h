@@ -64,6 +64,24 @@ TESSERA_API TaskPtr createFourCornerGradientTask(const std::string& name, float 
                                                  const Color4f& bottomLeft,
                                                  const Color4f& bottomRight,
                                                  const UTIL::Rect& area);
+enum class TextAlign { Left, Centre, Right };
+
+struct TESSERA_API TextParams {
+    std::string text;  // UTF-8; "\n" starts a new line
+    std::string font;  // a font file; empty: defaultFont()
+    float size = 48;   // pixels per em
+    Color4f color{1, 1, 1, 1};
+    Imath::V2f position{10, 50};  // the first baseline's left end, centre or right end
+    TextAlign align = TextAlign::Left;
+    float lineSpacing = 1;  // baseline distance in the font's line heights
+};
+
+// The font text uses when none is given (DejaVu Sans).
+TESSERA_API const char* defaultFont();
+// The text, rasterised once when the task is made. Empty text, a size
+// outside 1 to 4096, or a font that cannot be opened throw
+// RenderTaskRenderingException naming the task, the parameter and the value.
+TESSERA_API TaskPtr createTextTask(const std::string& name, float time, const TextParams& params);
 TESSERA_API TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,
                                           const Color4f& low, const Color4f& high,
                                           const UTIL::Rect& area);

@@ -178,6 +178,7 @@ const Operation* findOperation(const std::string& name);
 
 // Each family's declarations, next to its factories.
 void declareGeneratorOperations(OperationList& ops);
+void declareTextOperations(OperationList& ops);
 void declareFileOperations(OperationList& ops);
 void declareColorOperations(OperationList& ops);
 void declareShuffleOperations(OperationList& ops);

@@ -111,6 +111,7 @@ const OperationList& operations() {
     static const OperationList list = [] {
         const std::pair<const char*, void (*)(OperationList&)> families[] = {
             {"Generators", declareGeneratorOperations},
+            {"Generators", declareTextOperations},
             {"Files", declareFileOperations},
             {"Colour", declareColorOperations},
             {"Channels", declareShuffleOperations},

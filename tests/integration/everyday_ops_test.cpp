@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "generatortasks.h"
 #include "graphfile.h"
 #include "support/serial_render.h"
 
@@ -435,6 +436,67 @@ TEST_F(EverydayOpsTest, FourCornerGradientHitsItsCorners) {
     EXPECT_EQ(g[14], Color(1, 1, 1, 0));
     // The centre pixel: the mean of the four.
     EXPECT_EQ(g[7], Color(0.5f, 0.5f, 0.5f, 0.75f));
+}
+
+TEST_F(EverydayOpsTest, TextCoversWhatOpenImageIODrawsAndKeepsItsLines) {
+    const Rect area(0, 0, 240, 140);
+    // Alpha of our text, and of OpenImageIO's in the same font and size.
+    const auto alpha = [&](const std::string& params) {
+        std::vector<float> a;
+        for (const Color& c :
+             render(R"({"id": "out", "op": "text", "params": {)" + params + "}}", area))
+            a.push_back(c.a);
+        return a;
+    };
+    const auto box = [&](const std::vector<float>& a) {
+        Rect b;
+        for (int64_t y = 0; y < area.ymax; ++y)
+            for (int64_t x = 0; x < area.xmax; ++x)
+                if (a[size_t(y * area.xmax + x)] > 0) b = b.boundingBox(Rect(x, y, x + 1, y + 1));
+        return b;
+    };
+    const std::vector<float> ours =
+        alpha(R"("text": "Quartz 42", "size": 30, "position": [20, 60])");
+    OIIO::ImageBuf theirs(
+        OIIO::ImageSpec(int(area.xmax), int(area.ymax), 4, OIIO::TypeDesc::FLOAT));
+    OIIO::ImageBufAlgo::zero(theirs);
+    ASSERT_TRUE(OIIO::ImageBufAlgo::render_text(theirs, 20, 60, "Quartz 42", 30, defaultFont()))
+        << theirs.geterror();
+    double sumOurs = 0, sumTheirs = 0;
+    Rect theirBox;
+    for (int y = 0; y < area.ymax; ++y)
+        for (int x = 0; x < area.xmax; ++x) {
+            sumOurs += ours[size_t(y * area.xmax + x)];
+            const float a = theirs.getchannel(x, y, 0, 3);
+            sumTheirs += a;
+            if (a > 0) theirBox = theirBox.boundingBox(Rect(x, y, x + 1, y + 1));
+        }
+    EXPECT_NEAR(sumOurs / sumTheirs, 1.0, 0.03);
+    const Rect ourBox = box(ours);
+    EXPECT_NEAR(double(ourBox.xmin), double(theirBox.xmin), 1);
+    EXPECT_NEAR(double(ourBox.xmax), double(theirBox.xmax), 2);
+    EXPECT_NEAR(double(ourBox.ymin), double(theirBox.ymin), 1);
+    EXPECT_NEAR(double(ourBox.ymax), double(theirBox.ymax), 1);
+
+    // Right-aligned text ends at x; a second line repeats the first one a
+    // line height (DejaVu's is 1.164 em) lower.
+    const Rect right =
+        box(alpha(R"("text": "Quartz 42", "size": 30, "position": [200, 60], "align": "right")"));
+    EXPECT_NEAR(double(right.xmax), 200.0, 2.0);
+    const std::vector<float> two = alpha(R"("text": "Hm\nHm", "size": 30, "position": [20, 40])");
+    const int64_t shift = int64_t(std::lround(40 + 30 * 1.164)) - 40;
+    const Rect first = box(alpha(R"("text": "Hm", "size": 30, "position": [20, 40])"));
+    for (int64_t y = first.ymin; y < first.ymax; ++y)
+        for (int64_t x = first.xmin; x < first.xmax; ++x)
+            ASSERT_EQ(two[size_t((y + shift) * area.xmax + x)], two[size_t(y * area.xmax + x)])
+                << x << ", " << y;
+
+    EXPECT_NE(error(R"({"id": "out", "op": "text", "params": {"text": ""}})").find("text is empty"),
+              std::string::npos);
+    EXPECT_NE(
+        error(R"({"id": "out", "op": "text", "params": {"text": "a", "font": "/no/such.ttf"}})")
+            .find("font '/no/such.ttf' cannot be opened"),
+        std::string::npos);
 }
 
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
