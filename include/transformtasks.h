@@ -2,6 +2,7 @@
 #pragma once
 
 #include <Imath/ImathMatrix.h>
+#include <Imath/ImathVec.h>
 
 #include <cstdint>
 #include <string>
@@ -50,5 +51,26 @@ struct TESSERA_API ResizeParams {
 // RenderTaskRenderingException naming the task, the parameter and the value.
 TESSERA_API TaskPtr createResizeTask(const std::string& name, float time,
                                      const ResizeParams& params, TaskPtr input);
+
+// Brown-Conrady lens distortion: radial k1, k2, k3 and tangential p1, p2
+// about the centre of `format` (plus `centre`), in units of half its
+// width; a null format stands for the input's box. Applied (the inverse
+// found numerically) or, with undistort, removed; the output box holds the
+// whole input. Give the plate's format when chaining: an overscanned
+// result has a larger box than the plate.
+struct TESSERA_API LensDistortionParams {
+    float k1 = 0, k2 = 0, k3 = 0, p1 = 0, p2 = 0;
+    Imath::V2f centre{0, 0};
+    UTIL::Rect format;
+    bool undistort = false;
+};
+TESSERA_API TaskPtr createLensDistortionTask(const std::string& name, float time,
+                                             const LensDistortionParams& params, TaskPtr input);
+
+// The input read where an ST map points: s and t (the map's channels
+// sChannel and tChannel) run 0 to 1 across the input's box, t upwards. A
+// map without those channels throws std::invalid_argument naming them.
+TESSERA_API TaskPtr createSTMapTask(const std::string& name, float time, uint64_t sChannel,
+                                    uint64_t tChannel, TaskPtr input, TaskPtr map);
 
 }  // namespace TESSERA

@@ -201,6 +201,7 @@ void declareDepthOfFieldOperations(OperationList& ops);
 void declareTransformOperations(OperationList& ops);
 void declareGeometryOperations(OperationList& ops);
 void declareResizeOperations(OperationList& ops);
+void declareWarpOperations(OperationList& ops);
 
 }  // namespace Private
 }  // namespace TESSERA

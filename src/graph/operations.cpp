@@ -133,6 +133,7 @@ const OperationList& operations() {
             {"Depth", declareDepthOfFieldOperations},
             {"Geometry", declareGeometryOperations},
             {"Geometry", declareResizeOperations},
+            {"Geometry", declareWarpOperations},
             {"Transforms", declareTransformOperations}};
         OperationList all;
         for (const auto& [family, declare] : families) {

@@ -499,6 +499,79 @@ TEST_F(EverydayOpsTest, TextCoversWhatOpenImageIODrawsAndKeepsItsLines) {
         std::string::npos);
 }
 
+TEST_F(EverydayOpsTest, LensDistortionFollowsItsModelAndUndoesItself) {
+    // A ramp linear in x and y: bilinear reads reproduce it exactly, so the
+    // warp shows as the model moves points.
+    const std::string ramp =
+        R"({"id": "ramp", "op": "linearramp", "params": {"start": [0, 0], "end": [200, 100],
+            "startColor": [0, 0, 0, 1], "endColor": [1, 1, 1, 1], "area": [0, 0, 200, 100]}},)";
+    const auto lens = [](double k1, double p1, double x, double y, double& dx, double& dy) {
+        // Centre (100, 50), unit 100.
+        const double nx = (x - 100) / 100, ny = (y - 50) / 100, r2 = nx * nx + ny * ny;
+        dx = 100 + 100 * (nx * (1 + k1 * r2) + 2 * p1 * nx * ny);
+        dy = 50 + 100 * (ny * (1 + k1 * r2) + p1 * (r2 + 2 * ny * ny));
+    };
+    // The ramp's value at a point: its projection on (200, 100), over 50000.
+    const auto rampAt = [](double x, double y) { return (200 * x + 100 * y) / 50000; };
+    const Rect inner(30, 20, 170, 80);
+    const std::vector<Color> removed =
+        render(ramp + R"({"id": "out", "op": "lensdistort", "params": {"k1": 0.1, "p1": 0.02,
+                  "undistort": true}, "inputs": {"input": "ramp"}})",
+               inner);
+    for (int64_t y = inner.ymin; y < inner.ymax; ++y)
+        for (int64_t x = inner.xmin; x < inner.xmax; ++x) {
+            double sx, sy;
+            lens(0.1, 0.02, double(x) + 0.5, double(y) + 0.5, sx, sy);
+            ASSERT_NEAR(removed[size_t((y - inner.ymin) * inner.width() + x - inner.xmin)].r,
+                        rampAt(sx, sy), 2e-5)
+                << x << ", " << y;
+        }
+    // Applying it needs the inverse; applying and removing gives the ramp back.
+    const std::string both =
+        ramp + R"({"id": "d", "op": "lensdistort", "params": {"k1": 0.1, "p1": 0.02},
+                   "inputs": {"input": "ramp"}},
+                  {"id": "out", "op": "lensdistort", "params": {"k1": 0.1, "p1": 0.02,
+                   "undistort": true, "format": [0, 0, 200, 100]}, "inputs": {"input": "d"}})";
+    const std::vector<Color> back = render(both, inner);
+    for (int64_t y = inner.ymin; y < inner.ymax; ++y)
+        for (int64_t x = inner.xmin; x < inner.xmax; ++x)
+            ASSERT_NEAR(back[size_t((y - inner.ymin) * inner.width() + x - inner.xmin)].r,
+                        rampAt(double(x) + 0.5, double(y) + 0.5), 1e-4)
+                << x << ", " << y;
+    // Pincushion grows the box to the corners' new places (overscan).
+    double cx, cy;
+    lens(0.1, 0, 0, 0, cx, cy);
+    const Rect grown = region(ramp + R"({"id": "out", "op": "lensdistort", "params": {"k1": 0.1},
+                                        "inputs": {"input": "ramp"}})");
+    EXPECT_NEAR(double(grown.xmin), std::floor(cx) - 1, 1.0);
+    EXPECT_NEAR(double(grown.ymin), std::floor(cy) - 1, 1.0);
+    EXPECT_NEAR(double(grown.xmax), 200 - std::floor(cx) + 1, 1.0);
+}
+
+TEST_F(EverydayOpsTest, AnIdentitySTMapGivesTheInputBack) {
+    // s = (x + 1/2) / W across, t = 1 - (y + 1/2) / H down.
+    std::ostringstream nodes;
+    nodes << R"({"id": "s", "op": "linearramp", "params": {"start": [0, 0], "end": [)" << kWidth
+          << R"(, 0], "startColor": [0, 0, 0, 1], "endColor": [1, 0, 0, 1], "area": [0, 0, )"
+          << kWidth << ", " << kHeight << R"(]}},
+             {"id": "t", "op": "linearramp", "params": {"start": [0, 0], "end": [0, )"
+          << kHeight
+          << R"(], "startColor": [0, 1, 0, 1], "endColor": [0, 0, 0, 1], "area": [0, 0, )" << kWidth
+          << ", " << kHeight << R"(]}},
+             {"id": "map", "op": "shuffle", "params": {"g": "b.g"}, "inputs": {"a": "s", "b": "t"}},
+             {"id": "out", "op": "stmap", "inputs": {"input": "plate", "map": "map"}})";
+    const std::vector<Color> got = render(nodes.str(), Rect(0, 0, kWidth, kHeight));
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            for (int c = 0; c < 4; ++c)
+                ASSERT_NEAR(got[size_t(y * kWidth + x)][c], plate(x, y)[c], 1e-4f)
+                    << x << ", " << y;
+    EXPECT_NE(error(R"({"id": "out", "op": "stmap", "params": {"s": "u"},
+                        "inputs": {"input": "plate", "map": "plate"}})")
+                  .find("has no U channel for s"),
+              std::string::npos);
+}
+
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
     EXPECT_EQ(
         error(
