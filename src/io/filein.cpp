@@ -1,4 +1,5 @@
 // Reading images with OpenImageIO, region by region.
+#include <OpenImageIO/deepdata.h>
 #include <OpenImageIO/imageio.h>
 #include <sys/stat.h>
 
@@ -94,6 +95,28 @@ struct FileRegistry {
         return ids;
     }
 };
+
+// One pixel of deep data flattened front to back: each channel the sum of
+// its samples, each sample seen through the alpha of those in front; depth
+// the nearest sample's. Samples without alpha are opaque.
+void flattenDeepPixel(const OIIO::DeepData& deep, int64_t pixel, int channels, float* out) {
+    const int z = deep.Z_channel(), a = deep.A_channel();
+    const int n = deep.samples(pixel);
+    std::vector<int> order(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) order[size_t(i)] = i;
+    if (z >= 0)
+        std::stable_sort(order.begin(), order.end(), [&](int p, int q) {
+            return deep.deep_value(pixel, z, p) < deep.deep_value(pixel, z, q);
+        });
+    for (int c = 0; c < channels; ++c) out[c] = 0.0f;
+    float through = 1.0f;  // how much of a sample the ones in front let pass
+    for (int i : order) {
+        for (int c = 0; c < channels; ++c)
+            if (c != z) out[c] += through * deep.deep_value(pixel, c, i);
+        through *= 1.0f - (a >= 0 ? std::clamp(deep.deep_value(pixel, a, i), 0.0f, 1.0f) : 1.0f);
+    }
+    if (z >= 0 && n > 0) out[z] = deep.deep_value(pixel, z, order.front());
+}
 
 std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
                                            int subimage) {
@@ -197,7 +220,8 @@ private:
                 -1);
         std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
         const bool ok =
-            m_spec.tile_width > 0
+            m_spec.deep ? readDeep(area, pixels.data())
+            : m_spec.tile_width > 0
                 ? m_file->read_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
                                      int(area.ymin), int(area.ymax), 0, 1, 0, n,
                                      OIIO::TypeDesc::FLOAT, pixels.data())
@@ -221,6 +245,23 @@ private:
         }
         m_blocks.emplace(std::make_pair(bx, by), image);
         return image;
+    }
+
+    // A block of a deep file, flattened (the file is held by the caller).
+    bool readDeep(const UTIL::Rect& area, float* pixels) {
+        OIIO::DeepData deep;
+        const bool ok =
+            m_spec.tile_width > 0
+                ? m_file->read_native_deep_tiles(m_params.subimage, 0, int(area.xmin),
+                                                 int(area.xmax), int(area.ymin), int(area.ymax), 0,
+                                                 1, 0, m_spec.nchannels, deep)
+                : m_file->read_native_deep_scanlines(m_params.subimage, 0, int(area.ymin),
+                                                     int(area.ymax), 0, 0, m_spec.nchannels, deep);
+        if (!ok) return false;
+        // Scanline reads cover whole rows; the block is all of them here.
+        for (int64_t p = 0; p < area.area(); ++p)
+            flattenDeepPixel(deep, p, m_spec.nchannels, pixels + p * m_spec.nchannels);
+        return true;
     }
 
     static constexpr int64_t kBandRows = 64;
@@ -270,12 +311,17 @@ void declareFileOperations(OperationList& ops) {
     ops.push_back(
         {"filein",
          "an image file",
-         {required("path", ParamType::Path, "plate.exr"), {"subimage", ParamType::Int, 0}},
+         {required("path", ParamType::Path, "plate.exr", "the file"),
+          Param{"subimage", ParamType::Int, 0, "which image of a multi-part file"}.atLeast(0)},
          {},
          [](const OperationArgs& a) {
              return createFileInTask(a.node(), 0,
                                      FileInParams{a.path("path"), a.integer("subimage")});
-         }});
+         },
+         "Any format OpenImageIO reads (EXR scanline and tiled, TIFF, PNG, JPEG, DPX, ...); "
+         "channels R, G, B, A and Z by name, grey (Y) as R = G = B. Deep EXR files are "
+         "flattened as `oiiotool --flatten` does: samples composited front to back by Z, Z the "
+         "nearest sample's."});
 }
 
 }  // namespace Private

@@ -3,6 +3,7 @@
 // closed forms elsewhere.
 #include <gtest/gtest.h>
 
+#include <OpenImageIO/deepdata.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
 #include <unistd.h>
@@ -570,6 +571,48 @@ TEST_F(EverydayOpsTest, AnIdentitySTMapGivesTheInputBack) {
                         "inputs": {"input": "plate", "map": "plate"}})")
                   .find("has no U channel for s"),
               std::string::npos);
+}
+
+TEST_F(EverydayOpsTest, DeepFilesReadFlattenedAsOpenImageIOFlattensThem) {
+    // A deep RGBAZ image: up to three samples a pixel, front to back.
+    OIIO::ImageSpec spec(kWidth, kHeight, 5, OIIO::TypeDesc::FLOAT);
+    spec.channelnames = {"R", "G", "B", "A", "Z"};
+    spec.z_channel = 4;
+    spec.deep = true;
+    OIIO::ImageBuf deep(spec);
+    OIIO::DeepData& data = *deep.deepdata();
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const int64_t p = deep.pixelindex(x, y, 0);
+            const int n = (x + 2 * y) % 4;
+            data.set_samples(p, n);
+            for (int i = 0; i < n; ++i) {
+                const float a = 0.2f + 0.25f * float(i);
+                const float v[5] = {a * 0.9f, a * float(x % 3) / 2, a * float(i) / 2, a,
+                                    1.0f + float(i) + float(x) / 64};
+                for (int c = 0; c < 5; ++c) data.set_deep_value(p, c, i, v[c]);
+            }
+        }
+    const std::string path = (dir() / "deep.exr").string();
+    ASSERT_TRUE(deep.write(path)) << deep.geterror();
+    const OIIO::ImageBuf flat = OIIO::ImageBufAlgo::flatten(OIIO::ImageBuf(path));
+    ASSERT_FALSE(flat.has_error()) << flat.geterror();
+    const std::string nodes =
+        R"({"id": "out", "op": "filein", "params": {"path": ")" + path + R"("}})";
+    expectEqual(flat, nodes, 1e-6f);
+    // Depth is the nearest sample's.
+    const Graph g = graph(nodes);
+    uint64_t channels = 0;
+    g.outputs[0].description.task->getOutputDescription(&channels, nullptr);
+    ASSERT_EQ(channels, IMGLIB::CHANNELS_RGBA | IMGLIB::CHANNEL_Z);
+    const std::vector<Color> z =
+        render(R"({"id": "deep", "op": "filein", "params": {"path": ")" + path + R"("}},
+           {"id": "out", "op": "shuffle", "params": {"r": "a.z"}, "inputs": {"a": "deep"}})",
+               Rect(0, 0, kWidth, kHeight));
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x)
+            ASSERT_EQ(z[size_t(y * kWidth + x)].r, (x + 2 * y) % 4 ? 1.0f + float(x) / 64 : 0.0f)
+                << x << ", " << y;
 }
 
 TEST_F(EverydayOpsTest, BadParametersNameTheNodeTheParameterAndTheValue) {
