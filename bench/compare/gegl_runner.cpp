@@ -60,6 +60,10 @@ struct Steps {
                                                 -kRotateDegrees, "origin-x", cx, "origin-y", cy,
                                                 "sampler", kSamplerCubic, nullptr));
     }
+    // Not run (see GeglRunner::runs).
+    GeglNode* resize(GeglNode* in, Filter) const { return in; }
+    GeglNode* flip(GeglNode* in) const { return in; }
+    GeglNode* crop(GeglNode* in) const { return in; }
     GeglNode* over(GeglNode* a, GeglNode* b) const {
         GeglNode* node = gegl_node_new_child(graph, "operation", "gegl:over", nullptr);
         gegl_node_connect_to(a, "output", node, "aux");
@@ -78,6 +82,10 @@ public:
     void setThreads(int threads) override {
         g_object_set(gegl_config(), "threads", threads, nullptr);
     }
+    // GEGL's scalers have no lanczos or Catmull-Rom filter to compare with,
+    // and it has no exact flip or crop that keeps the frame: the geometry
+    // workloads are left to the others.
+    bool runs(Workload workload) const override { return workload < Workload::ResizeLanczos; }
     void run(Workload workload, const Inputs& inputs, Picture& out) override {
         GeglNode* graph = gegl_node_new();
         GeglBuffer* bufferA = wrap(inputs.a);
@@ -86,7 +94,7 @@ public:
                                           bufferA, nullptr);
         GeglNode* b = gegl_node_new_child(graph, "operation", "gegl:buffer-source", "buffer",
                                           bufferB, nullptr);
-        Steps steps{graph, out.width, out.height};
+        Steps steps{graph, inputs.b.width, inputs.b.height};
         GeglNode* result = compose(workload, steps, a, b);
         const GeglRectangle roi = {0, 0, int(out.width), int(out.height)};
         gegl_node_blit(result, 1.0, &roi, premultiplied(), out.pixels.data(), int(out.rowBytes()),

@@ -27,7 +27,8 @@ public:
         m_result = compose(workload, *this, a, b);
     }
     void fetch(Picture& out) override {
-        m_result.get_pixels(OIIO::ROI(0, int(out.width), 0, int(out.height), 0, 1, 0, 4),
+        m_result.get_pixels(OIIO::ROI(int(out.x0), int(out.x0 + out.width), int(out.y0),
+                                      int(out.y0 + out.height), 0, 1, 0, 4),
                             OIIO::TypeDesc::FLOAT, out.pixels.data());
     }
 
@@ -67,6 +68,19 @@ public:
         const ImageBuf ky = IBA::make_kernel("gaussian", 1.0f, width);
         return check(IBA::convolve(check(IBA::convolve(in, kx, true, {}, m_threads)), ky, true, {},
                                    m_threads));
+    }
+    ImageBuf resize(const ImageBuf& in, Filter filter) const {
+        const OIIO::ROI& roi = in.roi();
+        return check(IBA::resize(in, filter == Filter::Lanczos3 ? "lanczos3" : "catmull-rom", 0.0f,
+                                 OIIO::ROI(0, roi.width() / 2, 0, roi.height() / 2), m_threads));
+    }
+    ImageBuf flip(const ImageBuf& in) const { return check(IBA::flip(in, {}, m_threads)); }
+    ImageBuf crop(const ImageBuf& in) const {
+        const OIIO::ROI& roi = in.roi();
+        return check(IBA::crop(in,
+                               OIIO::ROI(int(kCropX), int(kCropX) + roi.width() / 2, int(kCropY),
+                                         int(kCropY) + roi.height() / 2),
+                               m_threads));
     }
     ImageBuf over(const ImageBuf& a, const ImageBuf& b) const {
         return check(IBA::over(a, b, {}, m_threads));

@@ -7,11 +7,17 @@
 
 namespace compare {
 
-Picture::Picture(int64_t width, int64_t height)
-    : width(width), height(height), pixels(static_cast<size_t>(width * height * 4)) {
+Picture::Picture(int64_t width, int64_t height, int64_t x0, int64_t y0)
+    : width(width),
+      height(height),
+      x0(x0),
+      y0(y0),
+      pixels(static_cast<size_t>(width * height * 4)) {
     image.channels = IMGLIB::CHANNELS_RGBA;
-    image.x2 = width;
-    image.y2 = height;
+    image.x1 = x0;
+    image.y1 = y0;
+    image.x2 = x0 + width;
+    image.y2 = y0 + height;
     image.rowBytes = width * 16;
     image.pixelPtr = pixels.data();
 }

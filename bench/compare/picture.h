@@ -11,13 +11,14 @@
 namespace compare {
 
 struct Picture {
-    Picture(int64_t width, int64_t height);
+    // Pixels [x0, x0 + width) x [y0, y0 + height).
+    Picture(int64_t width, int64_t height, int64_t x0 = 0, int64_t y0 = 0);
     Picture(const Picture&) = delete;
     Picture& operator=(const Picture&) = delete;
 
-    int64_t width, height;
+    int64_t width, height, x0, y0;
     std::vector<float> pixels;
-    IMGLIB::Image image;  // the same pixels as an IMGLIB record over [0, width) x [0, height)
+    IMGLIB::Image image;  // the same pixels as an IMGLIB record over its area
 
     size_t bytes() const { return pixels.size() * sizeof(float); }
     size_t rowBytes() const { return static_cast<size_t>(width) * 16; }

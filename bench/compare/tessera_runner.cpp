@@ -6,6 +6,7 @@
 #include "colortasks.h"
 #include "compositetasks.h"
 #include "filtertasks.h"
+#include "geometrytasks.h"
 #include "imagebuffer.h"
 #include "rendermanager.h"
 #include "transformtasks.h"
@@ -71,6 +72,22 @@ struct Steps {
         return createHomTransformTask("rotate", 0, params, {matrix}, std::move(input));
     }
 
+    TaskPtr resize(TaskPtr input, Filter filter) const {
+        ResizeParams params;
+        params.scaleX = params.scaleY = 0.5f;
+        params.filter =
+            filter == Filter::Lanczos3 ? IMGLIB::KERNEL_LANCZOS3 : IMGLIB::KERNEL_CATMULL_ROM;
+        return createResizeTask("resize", 0, params, std::move(input));
+    }
+    TaskPtr flip(TaskPtr input) const {
+        return createOrientTask("flip", 0, Orientation::Flip, std::move(input));
+    }
+    TaskPtr crop(TaskPtr input) const {
+        return createCropTask("crop", 0,
+                              UTIL::Rect(kCropX, kCropY, kCropX + width / 2, kCropY + height / 2),
+                              true, std::move(input));
+    }
+
     TaskPtr over(TaskPtr a, TaskPtr b) const {
         return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f, a, b);
     }
@@ -86,12 +103,14 @@ public:
         RenderManager::ClearRenderTaskCache();
         const TaskPtr a = bench::memorySource("a", inputs.a.image);
         const TaskPtr b = bench::memorySource("b", inputs.b.image);
-        Steps steps{out.width, out.height};
+        Steps steps{inputs.b.width, inputs.b.height};
         const TaskPtr graph = compose(workload, steps, a, b);
         const RenderObserverPtr observer(new CopyObserver(out));
-        RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, out.width, out.height),
-                                                 IMGLIB::CHANNELS_RGBA)},
-                              observer, nullptr, true, RENDERTYPE_BATCH);
+        RenderManager::Render(
+            {RenderDescription(graph,
+                               UTIL::Rect(out.x0, out.y0, out.x0 + out.width, out.y0 + out.height),
+                               IMGLIB::CHANNELS_RGBA)},
+            observer, nullptr, true, RENDERTYPE_BATCH);
     }
 };
 

@@ -97,6 +97,24 @@ struct Steps {
             [&](VipsImage** out) { return vips_linear(in, out, scale, offset, 4, nullptr); });
     }
 
+    VipsImage* resize(VipsImage* in, Filter filter) {
+        return images.make([&](VipsImage** out) {
+            return vips_resize(
+                in, out, 0.5, "kernel",
+                filter == Filter::Lanczos3 ? VIPS_KERNEL_LANCZOS3 : VIPS_KERNEL_CUBIC, nullptr);
+        });
+    }
+    VipsImage* flip(VipsImage* in) {
+        return images.make(
+            [&](VipsImage** out) { return vips_flip(in, out, VIPS_DIRECTION_VERTICAL, nullptr); });
+    }
+    VipsImage* crop(VipsImage* in) {
+        return images.make([&](VipsImage** out) {
+            return vips_crop(in, out, int(kCropX), int(kCropY), int(width / 2), int(height / 2),
+                             nullptr);
+        });
+    }
+
     VipsImage* over(VipsImage* a, VipsImage* b) {
         // libvips before 8.15 takes the alpha of scRGB images as 0 to 255: the
         // alphas are scaled to that range around the composite.
@@ -122,7 +140,7 @@ public:
         Images images;
         VipsImage* a = wrap(images, inputs.a);
         VipsImage* b = wrap(images, inputs.b);
-        Steps steps{images, out.width, out.height};
+        Steps steps{images, inputs.b.width, inputs.b.height};
         VipsImage* result = compose(workload, steps, a, b);
         clear();
         m_result = vips_image_write_to_memory(result, &m_size);

@@ -16,12 +16,43 @@ const char* workloadName(Workload workload) {
             return "A over B";
         case Workload::Comp:
             return "full comp";
+        case Workload::ResizeLanczos:
+            return "resize to half, lanczos3";
+        case Workload::ResizeCubic:
+            return "resize to half, cubic";
+        case Workload::Flip:
+            return "flip";
+        case Workload::Crop:
+            return "crop the centre quarter";
     }
     return "";
 }
 
-int framesMoved(Workload workload) {
-    return workload == Workload::Over || workload == Workload::Comp ? 3 : 2;
+double framesMoved(Workload workload) {
+    switch (workload) {
+        case Workload::Over:
+        case Workload::Comp:
+            return 3;
+        case Workload::ResizeLanczos:
+        case Workload::ResizeCubic:
+            return 1.25;
+        case Workload::Crop:
+            return 0.5;
+        default:
+            return 2;
+    }
+}
+
+Area outputArea(Workload workload, int64_t width, int64_t height) {
+    switch (workload) {
+        case Workload::ResizeLanczos:
+        case Workload::ResizeCubic:
+            return {0, 0, width / 2, height / 2};
+        case Workload::Crop:
+            return {kCropX, kCropY, width / 2, height / 2};
+        default:
+            return {0, 0, width, height};
+    }
 }
 
 std::array<double, 6> rotationMatrix(double width, double height) {

@@ -9,12 +9,35 @@
 
 namespace compare {
 
-enum class Workload { ColourChain, Blur, Rotate, Over, Comp };
-constexpr std::array<Workload, 5> kWorkloads = {Workload::ColourChain, Workload::Blur,
-                                                Workload::Rotate, Workload::Over, Workload::Comp};
+enum class Workload {
+    ColourChain,
+    Blur,
+    Rotate,
+    Over,
+    Comp,
+    ResizeLanczos,
+    ResizeCubic,
+    Flip,
+    Crop
+};
+constexpr std::array<Workload, 9> kWorkloads = {
+    Workload::ColourChain, Workload::Blur, Workload::Rotate,
+    Workload::Over,        Workload::Comp, Workload::ResizeLanczos,
+    Workload::ResizeCubic, Workload::Flip, Workload::Crop};
 const char* workloadName(Workload workload);
-// Frames read by the workload (one or two) plus the one written.
-int framesMoved(Workload workload);
+// Frames the workload must read and write (a frame being one input).
+double framesMoved(Workload workload);
+
+// The geometry workloads: resize to half size (1920x1080 from 3840x2160)
+// with lanczos3 or a cubic (Catmull-Rom), edges clamped; flip top to
+// bottom; crop to the centre quarter, which keeps its place.
+enum class Filter { Lanczos3, Cubic };
+constexpr int64_t kCropX = 960, kCropY = 540;
+// The output's area for an input of width x height.
+struct Area {
+    int64_t x0, y0, width, height;
+};
+Area outputArea(Workload workload, int64_t width, int64_t height);
 
 // The colour chain: multiply, add, power, repeated, ending on a multiply.
 // Each step applies to R, G and B and leaves alpha as it is.
@@ -66,6 +89,14 @@ Image compose(Workload workload, Steps& steps, Image a, Image b) {
             return steps.rotate(b);
         case Workload::Over:
             return steps.over(a, b);
+        case Workload::ResizeLanczos:
+            return steps.resize(b, Filter::Lanczos3);
+        case Workload::ResizeCubic:
+            return steps.resize(b, Filter::Cubic);
+        case Workload::Flip:
+            return steps.flip(b);
+        case Workload::Crop:
+            return steps.crop(b);
         case Workload::Comp:
             break;
     }
@@ -78,6 +109,8 @@ public:
     virtual ~Runner() = default;
     virtual std::string name() const = 0;
     virtual void setThreads(int threads) = 0;
+    // Whether the library has the workload's operations.
+    virtual bool runs(Workload) const { return true; }
     // One run of the workload, from `inputs` in memory to pixels in memory:
     // written to `out`, or held in the library's own image until fetch.
     virtual void run(Workload workload, const Inputs& inputs, Picture& out) = 0;

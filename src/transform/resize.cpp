@@ -4,6 +4,7 @@
 // same for any tiling.
 #include <algorithm>
 #include <cmath>
+#include <type_traits>
 #include <vector>
 
 #include "imglib/channels.h"
@@ -70,6 +71,18 @@ struct Axis {
         }
     }
 };
+
+// One output pixel of the horizontal pass: the taps' weighted sum, channel
+// by channel (kN channels, or n when kN is 0).
+template <int kN>
+inline void filterPixel(const float* w, int64_t taps, const float* p, int n, float* out) {
+    constexpr int kMax = 64;
+    float acc[kN ? kN : kMax] = {};
+    const int channels = kN ? kN : n;
+    for (int64_t i = 0; i < taps; ++i, p += channels)
+        for (int c = 0; c < channels; ++c) acc[c] += w[i] * p[c];
+    for (int c = 0; c < channels; ++c) out[c] = acc[c];
+}
 
 class ResizeTask : public RenderTask {
 public:
@@ -148,13 +161,20 @@ void ResizeTask::renderRect(const IMGLIB::Image* out,
     for (int64_t sy = rowLo; sy < rowHi; ++sy) {
         const float* src = IMGLIB::GetPixelAddress(in, in->x1, sy, 4 * n);
         float* dst = &rows[size_t((sy - rowLo) * width * n)];
-        for (int64_t x = 0; x < width; ++x, dst += n) {
-            const float* w = &wx[size_t(x * tapsX)];
-            const float* p = src + (firstX[size_t(x)] - in->x1) * n;
-            for (int c = 0; c < n; ++c) dst[c] = 0.0f;
-            for (int64_t i = 0; i < tapsX; ++i, p += n)
-                for (int c = 0; c < n; ++c) dst[c] += w[i] * p[c];
-        }
+        const auto row = [&](auto channels) {
+            constexpr int kN = decltype(channels)::value;
+            const int c = kN ? kN : n;
+            for (int64_t x = 0; x < width; ++x, dst += c) {
+                const float* w = &wx[size_t(x * tapsX)];
+                const float* p = src + (firstX[size_t(x)] - in->x1) * c;
+                filterPixel<kN>(w, tapsX, p, c, dst);
+            }
+        };
+        // RGBA, the usual case, with the channel loop unrolled.
+        if (n == 4)
+            row(std::integral_constant<int, 4>());
+        else
+            row(std::integral_constant<int, 0>());
     }
     // Vertical pass: whole rows at a time.
     const int64_t rowFloats = width * n;
