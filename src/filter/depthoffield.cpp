@@ -202,7 +202,7 @@ std::vector<Param> withLens(std::vector<Param> params) {
                                      {"maxCoc", ParamType::Number, 32},
                                      channelParam("depthChannel", "z"),
                                      {"physical", ParamType::Bool, false},
-                                     {"blades", ParamType::Int, 0},
+                                     Param{"blades", ParamType::Int, 0}.range(0, 64),
                                      {"layers", ParamType::Int, 8},
                                      {"cleanupRadius", ParamType::Number, 2}};
     params.insert(params.begin(), lens.begin(), lens.end());

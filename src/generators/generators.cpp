@@ -348,7 +348,7 @@ void declareGeneratorOperations(OperationList& ops) {
     ops.push_back({"perlinnoise",
                    "fractal Perlin noise",
                    {{"scale", ParamType::Number, 64},
-                    {"octaves", ParamType::Int, 4},
+                    Param{"octaves", ParamType::Int, 4}.range(1, 32),
                     {"gain", ParamType::Number, 0.5},
                     {"seed", ParamType::Int, 0},
                     {"low", ParamType::Color4, kBlack},

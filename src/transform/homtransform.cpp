@@ -92,7 +92,7 @@ void declareTransformOperations(OperationList& ops) {
          "average over a shutter of 3x3 matrices (9 numbers each)",
          {required("matrices", ParamType::Floats, {1, 0,   0,  0, 1, 0, 0, 0, 1, 1, 0, 0,  0, 1,
                                                    0, 3.5, -2, 1, 1, 0, 0, 0, 1, 0, 7, -4, 1}),
-          {"samplesPerStratum", ParamType::Int, 1},
+          Param{"samplesPerStratum", ParamType::Int, 1}.atLeast(1),
           kernelParam("filter", "catmull-rom")},
          {"input"},
          [](const OperationArgs& a) {
