@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <vector>
 
 #include "compositetasks.h"
 #include "imglib/channels.h"
@@ -64,27 +65,44 @@ private:
     float m_softness;
 };
 
-Sample sampleAt(const IMGLIB::Image* image, const Color4f& bg, int64_t x, int64_t y) {
-    Sample s{{bg.r, bg.g, bg.b, bg.a}, std::numeric_limits<float>::infinity(), nullptr};
-    if (!image || x < image->x1 || x >= image->x2 || y < image->y1 || y >= image->y2) return s;
-    const int stride = IMGLIB::GetChannelCount(image->channels);
-    s.pixel = IMGLIB::GetPixelAddress(image, x, y, 4 * stride);
-    for (int c = 0; c < 4; ++c) {
-        const int slot = IMGLIB::GetChannelIndex(image->channels, uint64_t(1) << c);
-        s.rgba[c] = slot >= 0 ? s.pixel[slot] : 0.0f;
+// Where an input image keeps each channel the merge reads or passes on,
+// worked out once per tile.
+struct InputLayout {
+    InputLayout(const IMGLIB::Image* image, uint64_t outChannels) : image(image) {
+        if (!image) return;
+        stride = IMGLIB::GetChannelCount(image->channels);
+        for (int c = 0; c < 4; ++c)
+            rgba[c] = IMGLIB::GetChannelIndex(image->channels, uint64_t(1) << c);
+        z = IMGLIB::GetChannelIndex(image->channels, IMGLIB::CHANNEL_Z);
+        for (int bit = 0; bit < 64; ++bit)
+            if (outChannels & (uint64_t(1) << bit))
+                slotOf.push_back(IMGLIB::GetChannelIndex(image->channels, uint64_t(1) << bit));
     }
-    const int z = IMGLIB::GetChannelIndex(image->channels, IMGLIB::CHANNEL_Z);
-    if (z >= 0 && s.rgba[3] > 0.0f) s.z = s.pixel[z];
+    const IMGLIB::Image* image;
+    int stride = 0, rgba[4] = {-1, -1, -1, -1}, z = -1;
+    std::vector<int> slotOf;  // per output slot: the input's slot, or -1
+};
+
+Sample sampleAt(const InputLayout& in, const Color4f& bg, int64_t x, int64_t y) {
+    Sample s{{bg.r, bg.g, bg.b, bg.a}, std::numeric_limits<float>::infinity(), nullptr};
+    const IMGLIB::Image* image = in.image;
+    if (!image || x < image->x1 || x >= image->x2 || y < image->y1 || y >= image->y2) return s;
+    s.pixel = IMGLIB::GetPixelAddress(image, x, y, 4 * in.stride);
+    for (int c = 0; c < 4; ++c) s.rgba[c] = in.rgba[c] >= 0 ? s.pixel[in.rgba[c]] : 0.0f;
+    if (in.z >= 0 && s.rgba[3] > 0.0f) s.z = s.pixel[in.z];
     return s;
 }
 
 void ZMergeTask::renderRect(const IMGLIB::Image* out,
                             const std::vector<const IMGLIB::Image*>& inputs) {
-    const IMGLIB::Image* in[2] = {inputs.size() > 0 ? inputs[0] : nullptr,
-                                  inputs.size() > 1 ? inputs[1] : nullptr};
+    const InputLayout in[2] = {InputLayout(inputs.size() > 0 ? inputs[0] : nullptr, out->channels),
+                               InputLayout(inputs.size() > 1 ? inputs[1] : nullptr, out->channels)};
     const Color4f bg[2] = {getInputBackgroundColor(0), getInputBackgroundColor(1)};
     const int stride = IMGLIB::GetChannelCount(out->channels);
     const int zSlot = IMGLIB::GetChannelIndex(out->channels, IMGLIB::CHANNEL_Z);
+    int rgbaSlot[4];
+    for (int c = 0; c < 4; ++c)
+        rgbaSlot[c] = IMGLIB::GetChannelIndex(out->channels, uint64_t(1) << c);
     for (int64_t y = out->y1; y < out->y2; ++y) {
         float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, 4 * stride);
         for (int64_t x = out->x1; x < out->x2; ++x, dst += stride) {
@@ -95,30 +113,22 @@ void ZMergeTask::renderRect(const IMGLIB::Image* out,
                 w = std::clamp(0.5f + (b.z - a.z) / m_softness, 0.0f, 1.0f);
             else
                 w = a.z <= b.z ? 1.0f : 0.0f;
-            float rgba[4];
-            for (int c = 0; c < 4; ++c) {
-                const float aOverB = a.rgba[c] + b.rgba[c] * (1.0f - a.rgba[3]);
-                const float bOverA = b.rgba[c] + a.rgba[c] * (1.0f - b.rgba[3]);
-                rgba[c] = w * aOverB + (1.0f - w) * bOverA;
-            }
             // Other channels from the pixel in front; depth the nearer one.
             const Sample& front = w >= 0.5f ? a : b;
-            const IMGLIB::Image* frontImage = w >= 0.5f ? in[0] : in[1];
-            int slot = 0;
-            for (int bit = 0; bit < 64; ++bit) {
-                const uint64_t ch = uint64_t(1) << bit;
-                if (!(out->channels & ch)) continue;
-                if (bit < 4) {
-                    dst[slot] = rgba[bit];
-                } else if (slot == zSlot) {
-                    const float z = std::min(a.z, b.z);
-                    dst[slot] = std::isfinite(z) ? z : 0.0f;
-                } else {
-                    const int from =
-                        front.pixel ? IMGLIB::GetChannelIndex(frontImage->channels, ch) : -1;
-                    dst[slot] = from >= 0 ? front.pixel[from] : 0.0f;
-                }
-                ++slot;
+            const InputLayout& frontLayout = w >= 0.5f ? in[0] : in[1];
+            for (int slot = 0; slot < stride; ++slot) {
+                const int from = front.pixel ? frontLayout.slotOf[size_t(slot)] : -1;
+                dst[slot] = from >= 0 ? front.pixel[from] : 0.0f;
+            }
+            for (int c = 0; c < 4; ++c) {
+                if (rgbaSlot[c] < 0) continue;
+                const float aOverB = a.rgba[c] + b.rgba[c] * (1.0f - a.rgba[3]);
+                const float bOverA = b.rgba[c] + a.rgba[c] * (1.0f - b.rgba[3]);
+                dst[rgbaSlot[c]] = w * aOverB + (1.0f - w) * bOverA;
+            }
+            if (zSlot >= 0) {
+                const float z = std::min(a.z, b.z);
+                dst[zSlot] = std::isfinite(z) ? z : 0.0f;
             }
         }
     }
