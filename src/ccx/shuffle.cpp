@@ -12,12 +12,8 @@ namespace {
 using Color4f = Imath::Color4<float>;
 using Sources = std::vector<std::pair<uint64_t, ShuffleSource>>;
 
-const Private::Choices<uint64_t>& channelNames() {
-    return Private::channelChoices();
-}
-
 std::string nameOf(uint64_t channel) {
-    for (const auto& [name, bit] : channelNames())
+    for (const auto& [name, bit] : Private::channelChoices())
         if (bit == channel) return name;
     return IMGLIB::GetChannelMaskName(channel);
 }
@@ -127,14 +123,15 @@ ShuffleSource parseShuffleSource(const std::string& text) {
         return s;
     }
     if (text.size() > 2 && (text[0] == 'a' || text[0] == 'b') && text[1] == '.')
-        for (const auto& [name, bit] : channelNames())
+        for (const auto& [name, bit] : Private::channelChoices())
             if (name == text.substr(2)) {
                 s.input = text[0] == 'a' ? 0 : 1;
                 s.channel = bit;
                 return s;
             }
     std::string names;
-    for (const auto& entry : channelNames()) names += (names.empty() ? "" : ", ") + entry.first;
+    for (const auto& entry : Private::channelChoices())
+        names += (names.empty() ? "" : ", ") + entry.first;
     throw std::invalid_argument("'" + text + "' is not a channel: a.X or b.X (X one of " + names +
                                 "), 0 or 1");
 }

@@ -148,14 +148,22 @@ DefocusParams defocusParams(const OperationArgs& a) {
     return p;
 }
 
+// The aperture's settings, which defocus and image defocus share, then
+// `params`.
+std::vector<Param> withAperture(std::vector<Param> params) {
+    const std::vector<Param> aperture = {required("size", ParamType::Number, 6.5),
+                                         {"aspect", ParamType::Number, 1},
+                                         Param{"blades", ParamType::Int, 0}.range(0, 64),
+                                         {"rotation", ParamType::Number, 0},
+                                         {"smooth", ParamType::Bool, true}};
+    params.insert(params.begin(), aperture.begin(), aperture.end());
+    return params;
+}
+
 void declareDefocusOperations(OperationList& ops) {
     ops.push_back({"defocus",
                    "convolution by a lens aperture (a disc, or a polygon of 3 or more blades)",
-                   {required("size", ParamType::Number, 6.5),
-                    {"aspect", ParamType::Number, 1},
-                    Param{"blades", ParamType::Int, 0}.range(0, 64),
-                    {"rotation", ParamType::Number, 0},
-                    {"smooth", ParamType::Bool, true}},
+                   withAperture({}),
                    {"input"},
                    [](const OperationArgs& a) {
                        return createDefocusTask(a.node(), 0, defocusParams(a), a.input("input"),
@@ -163,14 +171,9 @@ void declareDefocusOperations(OperationList& ops) {
                    }});
     ops.push_back({"imageDefocus",
                    "defocus whose size follows a channel of the control image (0 to 1)",
-                   {required("size", ParamType::Number, 6.5),
-                    {"aspect", ParamType::Number, 1},
-                    Param{"blades", ParamType::Int, 0}.range(0, 64),
-                    {"rotation", ParamType::Number, 0},
-                    {"smooth", ParamType::Bool, true},
-                    channelParam("channel", "a"),
-                    {"scale", ParamType::Number, 1},
-                    {"layers", ParamType::Int, 8}},
+                   withAperture({channelParam("channel", "a"),
+                                 {"scale", ParamType::Number, 1},
+                                 {"layers", ParamType::Int, 8}}),
                    {"input", "control"},
                    [](const OperationArgs& a) {
                        ImageDefocusParams p;

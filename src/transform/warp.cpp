@@ -26,13 +26,11 @@ public:
         : m_in(in),
           m_box(in ? box.intersection(Rect(in->x1, in->y1, in->x2, in->y2)) : Rect()),
           m_stride(in ? IMGLIB::GetChannelCount(in->channels) : 0) {
-        int i = 0;
         for (int bit = 0; bit < 64; ++bit) {
             const uint64_t ch = uint64_t(1) << bit;
             if (!(channels & ch)) continue;
             m_from.push_back(in ? IMGLIB::GetChannelIndex(in->channels, ch) : -1);
             m_bg.push_back(bit < 4 ? bg[bit] : 0.0f);
-            ++i;
         }
     }
     // The input at continuous point (x, y) (pixel centres at +0.5).
