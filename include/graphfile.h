@@ -44,7 +44,8 @@ struct TESSERA_API OperationParameter {
     std::string description;
     std::string range;                 // "0 to 32"; empty when any value goes
     std::vector<std::string> choices;  // the names a choice parameter accepts
-    std::string example;               // JSON text: a value that works, for a required one
+    std::string example;  // JSON text: a value that works (for a required one, or one whose default
+                          // does nothing)
 };
 struct TESSERA_API OperationDescription {
     std::string name;

@@ -1,5 +1,5 @@
-// Tasks whose pixels already lie in memory, so that a tile of them can be a
-// view instead of a rendered copy.
+// Tasks whose tiles can share pixels that already lie in memory instead of
+// being rendered copies.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,16 @@ public:
     // An image of rect with exactly `channels` whose pixels are the task's
     // own, or a null buffer when the pixels do not cover rect that way.
     virtual ImageBuffer viewRect(const UTIL::Rect& rect, uint64_t channels) const = 0;
+};
+
+// Tasks whose output over some rectangles is their first input moved by
+// whole pixels: such a tile shares the input's pixels.
+class ForwardsInput {
+public:
+    virtual ~ForwardsInput() = default;
+    // True when every pixel (x, y) of rect is the first input's pixel
+    // (x - dx, y - dy), the input's background colour where it has no data.
+    virtual bool forwardsInput(const UTIL::Rect& rect, int64_t& dx, int64_t& dy) const = 0;
 };
 
 }  // namespace Private

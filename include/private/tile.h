@@ -74,6 +74,10 @@ public:
     // A tile of a task whose pixels already lie in memory takes a view of
     // them instead of being rendered; false when the task cannot give one.
     bool tryViewPixels();
+    // The input's pixels as this tile's when the task forwards its input
+    // over the tile (no copy when one input tile covers it); false when it
+    // does not.
+    bool tryForwardInput();
     ImageBuffer getImage() const;
     TileStage getStage() const;
     void setStage(TileStage stage);

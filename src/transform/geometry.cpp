@@ -14,6 +14,7 @@
 #include "private/checkrange.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
+#include "private/pixelview.h"
 
 namespace TESSERA {
 namespace {
@@ -67,7 +68,7 @@ const char* typeOf(const Settings& s) {
     return "Geometry";
 }
 
-class GeometryTask : public RenderTask {
+class GeometryTask : public RenderTask, public Private::ForwardsInput {
 public:
     GeometryTask(const std::string& name, float time, const Settings& settings, TaskPtr input)
         : RenderTask(name, time), m_settings(settings) {
@@ -136,6 +137,22 @@ protected:
 
     void renderRect(const IMGLIB::Image* out,
                     const std::vector<const IMGLIB::Image*>& inputs) override;
+
+    // Moves and crops hand on the input's tiles: a whole-tile reposition or
+    // a crop inside the rectangle copies no pixel.
+    bool forwardsInput(const Rect& rect, int64_t& dx, int64_t& dy) const override {
+        switch (m_settings.kind) {
+            case Kind::Reposition:
+                dx = m_settings.dx, dy = m_settings.dy;
+                return true;
+            case Kind::Crop:
+            case Kind::DataWindow:
+                dx = dy = 0;
+                return m_source.contains(rect);
+            default:
+                return false;
+        }
+    }
 
 private:
     // The map, frame and source area for the input's box.
@@ -427,8 +444,9 @@ void declareGeometryOperations(OperationList& ops) {
                    "no data); outside, the input's background colour."});
     ops.push_back({"reposition",
                    "the input moved by whole pixels",
-                   {Param{"offset", ParamType::Vec2, json{0, 0}, "pixels right and down"}.range(
-                       -limit, limit)},
+                   {Param{"offset", ParamType::Vec2, json{0, 0}, "pixels right and down"}
+                        .range(-limit, limit)
+                        .withExample({7, -5})},
                    {"input"},
                    [](const OperationArgs& a) {
                        const json& o = a.value("offset");
@@ -453,11 +471,12 @@ void declareGeometryOperations(OperationList& ops) {
     ops.push_back(
         {"border",
          "the frame grown by margins of a colour, or of the clamped or mirrored edge",
-         {Param{"left", ParamType::Int, 0}.range(0, limit),
+         {Param{"left", ParamType::Int, 0}.range(0, limit).withExample(6),
           Param{"top", ParamType::Int, 0}.range(0, limit),
           Param{"right", ParamType::Int, 0}.range(0, limit),
-          Param{"bottom", ParamType::Int, 0}.range(0, limit),
-          extendParam("extend", "background", "background: the colour; clamp; mirror"),
+          Param{"bottom", ParamType::Int, 0}.range(0, limit).withExample(3),
+          extendParam("extend", "background", "background: the colour; clamp; mirror")
+              .withExample("mirror"),
           {"color", ParamType::Color4, kClear, "the margins' colour"}},
          {"input"},
          [](const OperationArgs& a) {

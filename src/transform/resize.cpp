@@ -226,7 +226,8 @@ void declareResizeOperations(OperationList& ops) {
          "the input's box resampled to a size, its top-left corner kept",
          {Param{"size", ParamType::Vec2, json{0, 0},
                 "width and height in pixels (0: keep that side's aspect with the other)"}
-              .range(0, 1e6),
+              .range(0, 1e6)
+              .withExample({37, 0}),
           kernelParam("filter", "lanczos3", "the reconstruction filter"),
           extendParam("extend", "clamp", "what the filter reads beyond the edge")},
          {"input"},

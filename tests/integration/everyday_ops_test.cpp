@@ -13,7 +13,9 @@
 #include <sstream>
 
 #include "generatortasks.h"
+#include "geometrytasks.h"
 #include "graphfile.h"
+#include "memoryimage.h"
 #include "support/serial_render.h"
 
 using namespace TESSERA;
@@ -196,6 +198,60 @@ TEST_F(EverydayOpsTest, RepositionAndBordersMoveWholePixels) {
                           want)
                     << extend << " at " << x << ", " << y;
             }
+    }
+}
+
+// A whole-tile move and a crop hand on the source's pixels: every delivered
+// tile of a memory image moved by whole tiles, or cropped, lies in the host's
+// own buffer. A move by part of a tile copies where a tile straddles the
+// source's tiles, and still gives the pixels.
+TEST_F(EverydayOpsTest, WholeTileMovesAndCropsCopyNoPixel) {
+    constexpr int64_t kTile = 32, kW = 128, kH = 96;
+    std::vector<float> host(size_t(kW * kH * 4));
+    for (size_t i = 0; i < host.size(); ++i) host[i] = float(i % 1013) / 7.0f;
+    IMGLIB::Image pixels;
+    pixels.channels = IMGLIB::CHANNELS_RGBA;
+    pixels.x2 = kW, pixels.y2 = kH, pixels.rowBytes = kW * 16, pixels.pixelPtr = host.data();
+    const auto hostPixel = [&](int64_t x, int64_t y) {
+        const float* p = &host[size_t((y * kW + x) * 4)];
+        return Color(p[0], p[1], p[2], p[3]);
+    };
+    const auto inHost = [&](const float* p) {
+        return p >= host.data() && p < host.data() + host.size();
+    };
+    RenderManager::setGlobalTileSize(kTile, kTile);
+    struct Case {
+        int64_t dx, dy;
+        Rect crop;  // null: no crop
+        bool shared;
+    };
+    for (const Case& c :
+         {Case{2 * kTile, -kTile, Rect(), true},
+          Case{0, 0, Rect(kTile, 0, 3 * kTile + 5, kH - 7), true}, Case{5, 3, Rect(), false}}) {
+        RenderManager::ClearRenderTaskCache();
+        TaskPtr task = createMemoryImageTask("host", 0, pixels, nullptr);
+        if (c.dx || c.dy) task = createRepositionTask("moved", 0, c.dx, c.dy, task);
+        if (!c.crop.isNull()) task = createCropTask("cropped", 0, c.crop, true, task);
+        const Rect area = c.crop.isNull() ? Rect(c.dx, c.dy, kW + c.dx, kH + c.dy) : c.crop;
+        auto observer = make<RecordingObserver>();
+        RenderManager::Render({RenderDescription(task, area, IMGLIB::CHANNELS_RGBA)}, observer,
+                              nullptr, true, RENDERTYPE_BATCH);
+        ASSERT_EQ(observer->status, RenderStatus::Success) << observer->message;
+        size_t shared = 0;
+        for (ImageBuffer& tile : observer->tiles[0]) {
+            ImageBuffer_LockScoper lock(tile);
+            const IMGLIB::Image* image = tile.getImage();
+            shared += inHost(image->row(image->y1)) ? 1 : 0;
+        }
+        const size_t tiles = observer->tiles[0].size();
+        if (c.shared)
+            EXPECT_EQ(shared, tiles);
+        else
+            EXPECT_LT(shared, tiles);
+        for (int64_t y = area.ymin; y < area.ymax; ++y)
+            for (int64_t x = area.xmin; x < area.xmax; ++x)
+                ASSERT_EQ(observer->pixel(0, x, y), hostPixel(x - c.dx, y - c.dy))
+                    << x << ", " << y;
     }
 }
 

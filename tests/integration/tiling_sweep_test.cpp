@@ -96,7 +96,9 @@ std::string graphFor(const OperationDescription& op, const SweepFiles& files) {
       << "{\"id\": \"op\", \"op\": \"" << op.name << "\", \"params\": {";
     bool first = true;
     for (const OperationParameter& p : op.parameters) {
-        if (!p.defaultValue.empty()) continue;
+        // Optional parameters keep their defaults unless the default would
+        // make the operation a no-op (the declaration then gives an example).
+        if (!p.defaultValue.empty() && p.example.empty()) continue;
         g << (first ? "" : ", ") << "\"" << p.name << "\": " << requiredValue(op.name, p);
         first = false;
     }

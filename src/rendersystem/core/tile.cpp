@@ -7,6 +7,7 @@
 #include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendernode.h"
 #include "rendersystem/images/imageallocator.h"
+#include "rendersystem/images/imagebuffer_imp.h"
 #include "rendersystem/images/speculativecache.h"
 #include "util/exceptions.h"
 
@@ -144,6 +145,25 @@ bool Tile::tryViewPixels() {
     ImageBuffer view = pixels->viewRect(m_rect, m_task->requiredOutputChannels());
     if (view.isNull()) return false;
     m_image = view;
+    return true;
+}
+
+bool Tile::tryForwardInput() {
+    const auto* forwarding = dynamic_cast<const ForwardsInput*>(&m_task->task());
+    if (!forwarding) return false;
+    const UTIL::Rect rect = getRect();
+    const InputRequest* request = m_task->getInputRequest(0);
+    int64_t dx = 0, dy = 0;
+    if (rect.isNull() || !request || request->getChannels() != m_task->requiredOutputChannels() ||
+        !forwarding->forwardsInput(rect, dx, dy))
+        return false;
+    const ImageBuffer input = buildInputImages()[0];
+    const UTIL::Rect source(rect.xmin - dx, rect.ymin - dy, rect.xmax - dx, rect.ymax - dy);
+    if (input.isNull() || input.getChannels() != request->getChannels() ||
+        !input.getBounds().contains(source))
+        return false;
+    Lock lock(m_mutex);
+    m_image = ImageBufferAccess::alias(input, source, dx, dy);
     return true;
 }
 

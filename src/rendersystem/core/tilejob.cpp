@@ -29,7 +29,8 @@ void TileJob::run() {
     RenderNode& task = *tile.getTask();
     const RenderTask::Imp& imp = task.imp();
     double seconds = 0.0;
-    if (!tile.hasImage() && !tile.tryViewPixels() && !tile.tryGetFromSpeculativeCache()) {
+    if (!tile.hasImage() && !tile.tryViewPixels() && !tile.tryForwardInput() &&
+        !tile.tryGetFromSpeculativeCache()) {
         const auto start = std::chrono::steady_clock::now();
         UTIL_ASSERT(tile.getStage() == InRenderQueue);
         tile.setStage(Rendering);

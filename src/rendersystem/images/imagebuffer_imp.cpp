@@ -52,6 +52,24 @@ ImageBuffer::Impl::Impl(const IMGLIB::Image& view, std::shared_ptr<const void> o
       m_allocator(nullptr),
       m_viewOwner(std::move(owner)) {}
 
+ImageBuffer::Impl::Impl(const ImageBuffer& parent, const UTIL::Rect& source,
+                        const UTIL::Rect& bounds, std::string comment)
+    : m_comment(std::move(comment)),
+      m_allocator(nullptr),
+      m_aliasOf(parent),
+      m_aliasX(source.xmin),
+      m_aliasY(source.ymin) {
+    UTIL_ASSERT(parent.getBounds().contains(source));
+    UTIL_ASSERT(source.width() == bounds.width() && source.height() == bounds.height());
+    const IMGLIB::Image& from = parent.m_impl->m_image;
+    m_image.channels = from.channels;
+    m_image.x1 = bounds.xmin;
+    m_image.y1 = bounds.ymin;
+    m_image.x2 = bounds.xmax;
+    m_image.y2 = bounds.ymax;
+    m_image.rowBytes = from.rowBytes;
+}
+
 void ImageBuffer::Impl::releaseRef() noexcept {
     if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     if (isView())
@@ -62,6 +80,21 @@ void ImageBuffer::Impl::releaseRef() noexcept {
 
 void ImageBuffer::Impl::lock() {
     std::lock_guard<std::mutex> guard(m_mutex);
+    if (isAlias()) {
+        // Lock order: an alias's mutex before its parent's.
+        if (m_lockCount++ != 0) return;
+        try {
+            m_aliasOf.lock();
+        } catch (...) {
+            --m_lockCount;
+            throw;
+        }
+        const IMGLIB::Image* parent = m_aliasOf.getImage();
+        m_image.pixelPtr = static_cast<unsigned char*>(parent->pixelPtr) +
+                           (m_aliasY - parent->y1) * parent->rowBytes +
+                           (m_aliasX - parent->x1) * IMGLIB::GetPixelBytes(parent->channels);
+        return;
+    }
     if (m_isEmptyImage || isView()) return;
     if (++m_lockCount != 1) return;
     try {
@@ -74,6 +107,13 @@ void ImageBuffer::Impl::lock() {
 
 void ImageBuffer::Impl::unlock() {
     std::lock_guard<std::mutex> guard(m_mutex);
+    if (isAlias()) {
+        IMAGE_ASSERT(m_lockCount > 0);
+        if (--m_lockCount != 0) return;
+        m_image.pixelPtr = nullptr;
+        m_aliasOf.unlock();
+        return;
+    }
     if (m_isEmptyImage || isView()) return;
     if (m_lockCount <= 0) IMAGE_ASSERT(m_lockCount > 0);
     if (--m_lockCount == 0) m_allocator->onLastUnlock(this);
@@ -83,7 +123,7 @@ void ImageBuffer::Impl::unlock() {
 
 const IMGLIB::Image* ImageBuffer::Impl::getImage() {
     std::lock_guard<std::mutex> guard(m_mutex);
-    if (!isView()) IMAGE_ASSERT(m_lockCount > 0 || m_isEmptyImage);
+    if (!isView() || isAlias()) IMAGE_ASSERT(m_lockCount > 0 || m_isEmptyImage);
     return &m_image;
 }
 

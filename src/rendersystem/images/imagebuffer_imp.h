@@ -28,6 +28,11 @@ public:
     // A view of pixels that `owner` (if any) keeps alive: always in memory,
     // never locked, counted, cached or swapped by the allocator.
     Impl(const IMGLIB::Image& view, std::shared_ptr<const void> owner, std::string comment);
+    // An alias: the pixels of `source` (inside parent's bounds) placed at
+    // `bounds`, a rectangle of the same size. Locking it locks the parent,
+    // so the parent may still be swapped out while nobody holds the alias.
+    Impl(const ImageBuffer& parent, const UTIL::Rect& source, const UTIL::Rect& bounds,
+         std::string comment);
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
@@ -46,7 +51,9 @@ public:
 
     int64_t size() const { return m_image.height() * m_image.rowBytes; }
     bool isInRam() const { return m_image.pixelPtr != nullptr; }
+    // Views and aliases: not the allocator's, and gone with their last handle.
     bool isView() const { return m_allocator == nullptr; }
+    bool isAlias() const { return !m_aliasOf.isNull(); }
     bool isFileIn() const { return m_comment.find("FILEIN.") != std::string::npos; }
     Private::CacheDataPtr getCacheData() const { return m_cacheData; }
 
@@ -59,6 +66,8 @@ public:
     bool m_isEmptyImage = false;
     Private::CacheDataPtr m_cacheData;
     std::shared_ptr<const void> m_viewOwner;  // a view's; const after construction
+    ImageBuffer m_aliasOf;                    // an alias's parent; const after construction
+    int64_t m_aliasX = 0, m_aliasY = 0;       // where m_image's first pixel lies in it
     // Where the image stands in the allocator's locked or unlocked list
     // (guarded by that list's mutex), so it leaves the list in constant time.
     std::list<Impl*>::iterator m_lockedPos, m_unlockedPos;
@@ -79,6 +88,14 @@ struct ImageBufferAccess {
     static ImageBuffer view(const IMGLIB::Image& pixels, std::shared_ptr<const void> owner,
                             std::string comment) {
         return wrap(new ImageBuffer::Impl(pixels, std::move(owner), std::move(comment)));
+    }
+    // The pixels of parent inside `source` shown moved by (dx, dy), without a
+    // copy.
+    static ImageBuffer alias(const ImageBuffer& parent, const UTIL::Rect& source, int64_t dx,
+                             int64_t dy) {
+        const UTIL::Rect bounds(source.xmin + dx, source.ymin + dy, source.xmax + dx,
+                                source.ymax + dy);
+        return wrap(new ImageBuffer::Impl(parent, source, bounds, parent.getComment()));
     }
 };
 
