@@ -200,8 +200,8 @@ uint64_t RenderController::sleepMicroseconds() {
 
 void RenderController::render(const std::vector<RenderDescription>& outputs,
                               const RenderObserverPtr& observer,
-                              const OutputTilePrioritizerPtr& prioritizer, bool wait,
-                              bool analysis) {
+                              const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
+                              const std::function<bool()>& poll) {
     if (!observer) throw UTIL::ErrorException("Render: no RenderObserver given");
     ActiveRenderPtr render(new ActiveRender);
     render->controller = this;
@@ -273,20 +273,37 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
         render->submit(first);
     }
     if (--render->outstandingJobs == 0) finish(render);
-    if (wait) this->wait(render);
+    if (wait) this->wait(render, poll);
 }
 
-void RenderController::wait(const ActiveRenderPtr& render) {
+void RenderController::wait(const ActiveRenderPtr& render, const std::function<bool()>& poll) {
     const auto step = std::chrono::microseconds(sleepMicroseconds());
     Util::ThreadPool::Blocking blocking;
-    std::exception_ptr error;
+    std::exception_ptr error, pollError;
     {
         std::unique_lock<std::mutex> lock(render->mutex);
-        while (!render->finished) render->finishedSignal.wait_for(lock, step);
+        while (!render->finished) {
+            render->finishedSignal.wait_for(lock, step);
+            if (!poll || render->finished || render->cancelled) continue;
+            // Polled without the render's mutex: the hook may call anything.
+            lock.unlock();
+            bool go = false;
+            try {
+                go = poll();
+            } catch (...) {
+                pollError = std::current_exception();
+            }
+            if (!go) {
+                render->cancelled = true;
+                render->cancelTasks();
+            }
+            lock.lock();
+        }
         // The waiter takes the error: the exception it rethrows is then
         // never released by the worker that drops the render last.
         error.swap(render->error);
     }
+    if (pollError) std::rethrow_exception(pollError);
     if (error) std::rethrow_exception(error);
     if (render->cancelled) throw RenderCancelledException("Render cancelled.");
 }

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -96,8 +97,12 @@ public:
     // Sets up the render on the calling thread and schedules its ready
     // tiles. With wait, returns when it ended, rethrowing its error, or
     // RenderCancelledException when it was cancelled.
+    // While it waits, `poll` (when given) runs on the calling thread at
+    // least every sleepMicroseconds(); returning false, or throwing, cancels
+    // the render, and what it threw is rethrown once the render ended.
     void render(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
-                const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis);
+                const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
+                const std::function<bool()>& poll = {});
     void reprioritize(const OutputTilePrioritizerPtr& prioritizer);
     // Queued tiles are dropped, running ones finish or notice (CheckAbort).
     void cancel(bool wait);
@@ -116,7 +121,7 @@ public:
     void finish(const ActiveRenderPtr& render);
 
 private:
-    void wait(const ActiveRenderPtr& render);
+    void wait(const ActiveRenderPtr& render, const std::function<bool()>& poll);
     void analysisJobDone();
 
     const RenderType m_type;
