@@ -20,9 +20,13 @@ demo: build
 
 test: test-release test-asan test-tsan
 
-# The operator reference, generated from the operators' declarations.
+# The operator reference (generated from the operators' declarations), the
+# manual page (build/release/tools/tessera/tessera.1) and the API reference
+# of the public headers (build/docs/api/html).
 docs: build
 	build/release/tools/tessera/tessera ops --markdown > docs/operators.md
+	cmake --build build/release --target tessera_man
+	mkdir -p build/docs && doxygen docs/Doxyfile
 
 # Compares whole pipelines with libvips, OpenImageIO and GEGL on this machine
 # and writes the table to docs/performance.md.

@@ -7,6 +7,7 @@ set(TESSERA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Tessera)
 
 # The public headers, and the platform headers they include.
 file(GLOB TESSERA_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/include/*.h)
+list(APPEND TESSERA_PUBLIC_HEADERS ${PROJECT_BINARY_DIR}/include/tessera_version.h)
 install(FILES ${TESSERA_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tessera)
 set(TESSERA_PLATFORM_HEADERS
   imglib/channels.h imglib/defocus.h imglib/depthoffield.h imglib/error.h imglib/image.h

@@ -31,10 +31,23 @@ struct TESSERA_API Graph {
     std::vector<GraphOutput> outputs;
 };
 
-// Builds the tasks of a graph file's text. Relative file paths are taken
-// from `baseDirectory`. Throws GraphFileError.
-TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".");
-TESSERA_API Graph loadGraphFile(const std::string& path);
+// A value that replaces a node's parameter in the file (or adds it): the
+// value is JSON text, or a bare word taken as a string.
+struct TESSERA_API ParameterOverride {
+    std::string node, parameter, value;
+};
+// Reads "NODE.PARAM=VALUE"; throws GraphFileError naming the text when it
+// does not have that form.
+TESSERA_API ParameterOverride parseParameterOverride(const std::string& text);
+
+// Builds the tasks of a graph file's text, with the overrides applied first
+// (checked as the file's own values are; a node that is not there is an
+// error). Relative file paths are taken from `baseDirectory`. Throws
+// GraphFileError.
+TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".",
+                            const std::vector<ParameterOverride>& overrides = {});
+TESSERA_API Graph loadGraphFile(const std::string& path,
+                                const std::vector<ParameterOverride>& overrides = {});
 
 // What a graph file may use: every operation with its inputs and parameters.
 struct TESSERA_API OperationParameter {

@@ -26,6 +26,7 @@
 #include "renderobserver.h"
 #include "rendertask.h"
 #include "tessera_export.h"
+#include "tessera_version.h"
 #include "tileid.h"
 #include "transformtasks.h"
 #include "util/exceptions.h"

@@ -128,7 +128,39 @@ uint64_t parseChannels(const std::string& node, const std::string& text) {
 
 }  // namespace
 
-Graph loadGraph(const std::string& text, const std::string& base) {
+ParameterOverride parseParameterOverride(const std::string& text) {
+    const size_t dot = text.find('.'), equals = text.find('=');
+    if (dot == 0 || dot == std::string::npos || equals == std::string::npos || equals < dot + 2)
+        throw GraphFileError("(override)", "",
+                             "'" + text + "' is not of the form NODE.PARAM=VALUE");
+    return {text.substr(0, dot), text.substr(dot + 1, equals - dot - 1), text.substr(equals + 1)};
+}
+
+namespace {
+
+void applyOverrides(json& doc, const std::vector<ParameterOverride>& overrides) {
+    for (const ParameterOverride& o : overrides) {
+        json* target = nullptr;
+        for (json& node : doc["nodes"])
+            if (node.is_object() && node.value("id", json()) == o.node) target = &node;
+        if (!target) throw GraphFileError(o.node, o.parameter, "no such node to set");
+        json value;
+        try {
+            value = json::parse(o.value);
+        } catch (const json::parse_error&) {
+            value = o.value;  // a bare word: a string
+        }
+        json& params = (*target)["params"];
+        if (params.is_null()) params = json::object();
+        if (!params.is_object()) throw GraphFileError(o.node, "params", "must be an object");
+        params[o.parameter] = std::move(value);
+    }
+}
+
+}  // namespace
+
+Graph loadGraph(const std::string& text, const std::string& base,
+                const std::vector<ParameterOverride>& overrides) {
     // Values nest a few levels at most; a file nesting thousands is refused
     // while it is read (nothing else here walks values recursively).
     constexpr int kMaxDepth = 64;
@@ -151,6 +183,7 @@ Graph loadGraph(const std::string& text, const std::string& base) {
             throw GraphFileError("(file)", it.key(), "unknown field");
     if (!doc.contains("nodes") || !doc["nodes"].is_array())
         throw GraphFileError("(file)", "nodes", "a list of nodes is required");
+    applyOverrides(doc, overrides);
 
     std::map<std::string, const json*> nodes;
     std::vector<std::string> order;
@@ -323,12 +356,15 @@ Graph loadGraph(const std::string& text, const std::string& base) {
     return graph;
 }
 
-Graph loadGraphFile(const std::string& path) {
+Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec))
+        throw GraphFileError("(file)", "", "'" + path + "' is a folder, not a graph file");
     std::ifstream in(path);
     if (!in) throw GraphFileError("(file)", "", "cannot read '" + path + "'");
     std::stringstream text;
     text << in.rdbuf();
-    return loadGraph(text.str(), std::filesystem::path(path).parent_path().string());
+    return loadGraph(text.str(), std::filesystem::path(path).parent_path().string(), overrides);
 }
 
 std::vector<OperationDescription> listOperations() {

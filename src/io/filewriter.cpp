@@ -4,7 +4,10 @@
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imageio.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -60,11 +63,24 @@ private:
     std::string m_failure;
 };
 
+// A new name in the file's own folder (so the rename cannot cross file
+// systems), hidden, keeping the extension the image library goes by.
+std::string temporaryPathFor(const std::string& path) {
+    static std::atomic<uint64_t> counter{0};
+    const std::filesystem::path p(path);
+    const std::string name = "." + p.stem().string() + ".tessera-" + std::to_string(::getpid()) +
+                             "-" + std::to_string(++counter) + p.extension().string();
+    return (p.parent_path() / name).string();
+}
+
 }  // namespace
 
 // One file of an output: the image library's writer and the file under it.
+// It is written under a temporary name and renamed when complete, so an
+// interrupted render never leaves a truncated image under the final name.
 struct FileWriter::Stream {
     FileOutParams params;
+    std::string temporary;  // where the bytes go until the file is complete
     std::unique_ptr<CheckedFile> file;
     std::unique_ptr<OIIO::ImageOutput> out;
     std::string error;  // the first failure, with the path
@@ -74,12 +90,13 @@ struct FileWriter::Stream {
         makeParentDirectory(params.path);
         out = OIIO::ImageOutput::create(params.path);
         if (!out) return failed(OIIO::geterror());
+        temporary = temporaryPathFor(params.path);
         if (out->supports("ioproxy")) {
-            file = std::make_unique<CheckedFile>(params.path);
+            file = std::make_unique<CheckedFile>(temporary);
             if (!file->failure().empty()) return failed(file->failure());
             out->set_ioproxy(file.get());
         }
-        if (!out->open(params.path, spec)) return failed(out->geterror());
+        if (!out->open(temporary, spec)) return failed(out->geterror());
         return true;
     }
     // Whether the library and the file took everything so far.
@@ -89,15 +106,17 @@ struct FileWriter::Stream {
         if (!ok) return failed(out->geterror());
         return true;
     }
-    // Closes the file (once); a file that failed is removed, never left
-    // truncated.
+    // Closes the file (once) and gives it its name; a file that failed is
+    // removed.
     bool close() {
         if (!out) return error.empty();
         const bool ok = check(out->close());
         out.reset();
         if (file) file->close();
         if (ok && file && !file->failure().empty()) failed(file->failure());
-        if (!error.empty()) std::remove(params.path.c_str());
+        if (error.empty() && std::rename(temporary.c_str(), params.path.c_str()) != 0)
+            failed(std::strerror(errno));
+        if (!error.empty()) std::remove(temporary.c_str());
         return error.empty();
     }
     bool failed(const std::string& reason) {

@@ -1,23 +1,22 @@
 // tessera: renders graph files to image files.
 //
-//   tessera render GRAPH.json [options]
+//   tessera render GRAPH.json [--set NODE.PARAM=VALUE]... [options]
 //   tessera demo [options]          the built-in demo graph, to out/
-//   tessera ops [NAME]              the operations a graph may use, or one in full
-//   tessera ops --markdown          the operator reference (docs/operators.md)
+//   tessera ops [NAME] [--markdown] the operations a graph may use
 //
-// Options: --threads N, --tile N, --mem MB, --disk MB, --stats (print the
-// statistics XML), --debug-log FILE. Exit status 0 on success, 1 on any error.
+// Exit status: 0 success, 1 a render or file failure, 2 a usage or graph
+// file error, 128 + the signal when interrupted.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -28,109 +27,127 @@ using namespace TESSERA;
 
 namespace {
 
-struct Options {
-    std::string command, graph;
-    long threads = 0, tile = 0, mem = 0, disk = 0;
-    bool stats = false, markdown = false;
+constexpr int kUsageError = 2, kRenderError = 1;
+
+struct RenderSettings {
+    uint64_t threads = 0, tile = 0, mem = 0, disk = 0;
+    bool stats = false, quiet = false;
     std::string debugLog;
+    std::vector<std::string> overrides;
 };
 
-[[noreturn]] void usage(const std::string& problem) {
-    std::cerr << "tessera: " << problem << "\n"
-              << "usage: tessera render GRAPH.json | demo | ops [NAME] [--markdown]  [--threads N] "
-                 "[--tile N] [--mem MB]"
-                 " [--disk MB] [--stats] [--debug-log FILE]\n";
-    std::exit(1);
+using Clock = std::chrono::steady_clock;
+
+std::string duration(double seconds) {
+    char text[32];
+    if (seconds < 60)
+        std::snprintf(text, sizeof text, "%.1f s", seconds);
+    else
+        std::snprintf(text, sizeof text, "%d min %02d s", int(seconds) / 60, int(seconds) % 60);
+    return text;
 }
 
-long number(const std::string& option, const char* text) {
-    char* end = nullptr;
-    const long value = text ? std::strtol(text, &end, 10) : 0;
-    if (!text || *end || value <= 0) usage(option + " needs a positive whole number");
-    return value;
-}
-
-Options parse(int argc, char** argv) {
-    Options o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const char* next = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (arg == "--threads")
-            o.threads = number(arg, next), ++i;
-        else if (arg == "--tile")
-            o.tile = number(arg, next), ++i;
-        else if (arg == "--mem")
-            o.mem = number(arg, next), ++i;
-        else if (arg == "--disk")
-            o.disk = number(arg, next), ++i;
-        else if (arg == "--stats")
-            o.stats = true;
-        else if (arg == "--markdown")
-            o.markdown = true;
-        else if (arg == "--debug-log") {
-            if (!next) usage("--debug-log needs a file");
-            o.debugLog = next, ++i;
-        } else if (arg.rfind("--", 0) == 0)
-            usage("unknown option " + arg);
-        else if (o.command.empty())
-            o.command = arg;
-        else if (o.graph.empty())
-            o.graph = arg;
-        else
-            usage("unexpected argument " + arg);
-    }
-    if (o.command.empty()) usage("no command");
-    return o;
-}
-
-// Writes the files and draws a progress bar on a terminal.
-class Progress : public FileWriter {
+// Writes the files and reports progress: on a terminal a bar redrawn in
+// place, elsewhere (a log, a farm) one plain line every few seconds.
+class ProgressWriter : public FileWriter {
 public:
-    Progress(size_t total, bool terminal) : m_total(total), m_terminal(terminal) {}
+    ProgressWriter(uint64_t total, bool quiet)
+        : m_total(total), m_quiet(quiet), m_terminal(isatty(STDERR_FILENO) != 0) {}
+
     void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
         FileWriter::tileDone(image, id);
-        const size_t done = ++m_done;
-        if (!m_terminal) return;
-        const int width = 40, filled = m_total ? int(width * done / m_total) : width;
-        std::fprintf(stderr, "\r[%s%s] %3zu%%", std::string(size_t(filled), '#').c_str(),
-                     std::string(size_t(width - filled), ' ').c_str(),
-                     m_total ? 100 * done / m_total : 100);
-        if (done == m_total) std::fprintf(stderr, "\n");
+        const uint64_t done = ++m_done;
+        if (m_quiet) return;
+        const auto now = Clock::now();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const auto interval = m_terminal ? std::chrono::milliseconds(100) : std::chrono::seconds(5);
+        if (done != m_total && now - m_lastReport < interval) return;
+        m_lastReport = now;
+        const double elapsed = std::chrono::duration<double>(now - m_start).count();
+        const double fraction = m_total ? double(done) / double(m_total) : 1.0;
+        const std::string left = fraction > 0 && done < m_total
+                                     ? ", " + duration(elapsed / fraction - elapsed) + " left"
+                                     : "";
+        if (m_terminal) {
+            const int width = 30, filled = int(width * fraction);
+            std::fprintf(stderr, "\r[%s%s] %3d%%  %llu/%llu tiles%s\033[K",
+                         std::string(size_t(filled), '#').c_str(),
+                         std::string(size_t(width - filled), ' ').c_str(), int(100 * fraction),
+                         (unsigned long long)done, (unsigned long long)m_total, left.c_str());
+            if (done == m_total) std::fprintf(stderr, "\n");
+        } else {
+            std::fprintf(stderr, "tessera: %d%% (%llu of %llu tiles) after %s%s\n",
+                         int(100 * fraction), (unsigned long long)done, (unsigned long long)m_total,
+                         duration(elapsed).c_str(), left.c_str());
+        }
     }
 
 private:
-    size_t m_total;
-    bool m_terminal;
-    std::atomic<size_t> m_done{0};
+    const uint64_t m_total;
+    const bool m_quiet, m_terminal;
+    const Clock::time_point m_start = Clock::now();
+    std::atomic<uint64_t> m_done{0};
+    std::mutex m_mutex;  // guards m_lastReport and the lines written
+    Clock::time_point m_lastReport = Clock::now();
 };
 
-int render(const Graph& graph, const Options& o) {
+int render(const Graph& graph, const RenderSettings& o) {
     std::vector<RenderDescription> outputs;
-    size_t tiles = 0;
+    uint64_t tiles = 0;
     for (const GraphOutput& out : graph.outputs) {
         outputs.push_back(out.description);
         tiles += TileID::countTiles(out.description.rect, int(RenderManager::getGlobalTileWidth()),
                                     int(RenderManager::getGlobalTileHeight()));
     }
-    RCX_ptr_v4::ref_ptr<Progress> progress(new Progress(tiles, isatty(STDERR_FILENO)));
+    RCX_ptr_v4::ref_ptr<ProgressWriter> writer(new ProgressWriter(tiles, o.quiet));
     for (size_t i = 0; i < graph.outputs.size(); ++i)
-        progress->addOutput(i, graph.outputs[i].description, graph.outputs[i].files);
-    const auto start = std::chrono::steady_clock::now();
-    RenderManager::Render(outputs, progress, nullptr, true, RENDERTYPE_BATCH);
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (!progress->getErrors().empty()) return 1;
-    struct rusage usage {};
-    getrusage(RUSAGE_SELF, &usage);
-    std::cout << "rendered " << tiles << " tiles in " << seconds << " s on "
-              << (RenderManager::getRenderThreads()
-                      ? RenderManager::getRenderThreads()
-                      : std::max(1u, std::thread::hardware_concurrency()))
-              << " threads; peak resident memory " << usage.ru_maxrss / 1024 << " MB\n";
-    for (const GraphOutput& out : graph.outputs)
-        for (const FileOutParams& file : out.files) std::cout << "wrote " << file.path << "\n";
+        writer->addOutput(i, graph.outputs[i].description, graph.outputs[i].files);
+    const auto start = Clock::now();
+    RenderManager::Render(outputs, writer, nullptr, true, RENDERTYPE_BATCH);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (!writer->getErrors().empty()) throw UTIL::ErrorException(writer->getErrors());
+    if (!o.quiet) {
+        struct rusage usage {};
+        getrusage(RUSAGE_SELF, &usage);
+        std::cout << "rendered " << tiles << " tiles in " << seconds << " s on "
+                  << (RenderManager::getRenderThreads()
+                          ? RenderManager::getRenderThreads()
+                          : std::max(1u, std::thread::hardware_concurrency()))
+                  << " threads; peak resident memory " << usage.ru_maxrss / 1024 << " MB\n";
+        for (const GraphOutput& out : graph.outputs)
+            for (const FileOutParams& file : out.files) std::cout << "wrote " << file.path << "\n";
+    }
     if (o.stats) RenderManager::getStatistics()->write(std::cout);
     return 0;
+}
+
+void apply(const RenderSettings& o) {
+    useRenderThreadsForFiles();
+    if (o.threads) RenderManager::setRenderThreads(o.threads);
+    if (o.tile) RenderManager::setGlobalTileSize(int64_t(o.tile), int64_t(o.tile));
+    if (o.mem) RenderManager::SetMaxImageMemory(o.mem);
+    if (o.disk) RenderManager::SetMaxDiskUsage(o.disk);
+    if (!o.debugLog.empty()) {
+        RenderManager::setRenderLogFile(o.debugLog);
+        RenderManager::setRenderDebug(true);
+    }
+}
+
+// The options render and demo share, each with the values it allows.
+void addRenderOptions(CLI::App& command, RenderSettings& o) {
+    command.add_option("--threads", o.threads, "render threads (default: one per core)")
+        ->check(CLI::Range(uint64_t(1), uint64_t(1024)));
+    command.add_option("--tile", o.tile, "tile width and height in pixels (default 256)")
+        ->check(CLI::Range(uint64_t(8), uint64_t(16384)));
+    // A megabyte budget is kept in bytes: 2^43 MB would overflow.
+    command.add_option("--mem", o.mem, "image memory budget in MB")
+        ->check(CLI::Range(uint64_t(1), uint64_t(1) << 30));
+    command.add_option("--disk", o.disk, "swap file budget in MB")
+        ->check(CLI::Range(uint64_t(1), uint64_t(1) << 30));
+    command.add_flag("--stats", o.stats, "print the render statistics (XML)");
+    command.add_flag("-q,--quiet", o.quiet, "no progress and no summary; errors only");
+    command.add_option("--debug-log", o.debugLog, "write the render log to FILE")
+        ->type_name("FILE");
 }
 
 }  // namespace
@@ -168,35 +185,92 @@ int finish(int status) {
 }
 
 int main(int argc, char** argv) {
-    const Options o = parse(argc, argv);
+    CLI::App app("Renders Tessera graph files to image files.", "tessera");
+    app.set_version_flag("--version", "tessera " TESSERA_VERSION);
+    app.set_help_all_flag("--help-all", "Print the help of every command and exit");
+    app.footer(
+        "Exit status: 0 success, 1 a render or file failure, 2 a usage or graph-file error, 130 "
+        "when interrupted.");
+    app.require_subcommand(1);
+
+    RenderSettings settings;
+    std::string graphPath, opName;
+    bool markdown = false;
+
+    CLI::App* renderCommand = app.add_subcommand("render", "render a graph file's outputs");
+    renderCommand->add_option("GRAPH", graphPath, "the graph file (JSON)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    renderCommand
+        ->add_option("--set", settings.overrides,
+                     "NODE.PARAM=VALUE: override a parameter of a node (VALUE is JSON, or a "
+                     "bare word for a string); repeatable")
+        ->type_name("NODE.PARAM=VALUE")
+        ->allow_extra_args(false);
+    addRenderOptions(*renderCommand, settings);
+
+    CLI::App* demoCommand = app.add_subcommand("demo", "render the built-in demo graph to out/");
+    addRenderOptions(*demoCommand, settings);
+
+    CLI::App* opsCommand =
+        app.add_subcommand("ops", "list the operations a graph may use, or describe one");
+    opsCommand->add_option("NAME", opName, "one operation, in full");
+    opsCommand->add_flag("--markdown", markdown, "the whole operator reference, in Markdown");
+
+    // An unknown command is named (the parser would only say that one is
+    // required).
+    const auto known = [&](const std::string& name) {
+        for (const CLI::App* command : app.get_subcommands([](CLI::App*) { return true; }))
+            if (command->get_name() == name) return true;
+        return false;
+    };
+    if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
+        std::cerr << "tessera: unknown command '" << argv[1]
+                  << "' (render, demo or ops; see tessera --help)" << std::endl;
+        return kUsageError;
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // --help and --version end here too, with status 0.
+        const int status = app.exit(e);
+        return status == 0 ? 0 : kUsageError;
+    }
+
     watchInterrupts();
     try {
-        useRenderThreadsForFiles();
-        if (o.threads) RenderManager::setRenderThreads(uint64_t(o.threads));
-        if (o.tile) RenderManager::setGlobalTileSize(o.tile, o.tile);
-        if (o.mem) RenderManager::SetMaxImageMemory(uint64_t(o.mem));
-        if (o.disk) RenderManager::SetMaxDiskUsage(uint64_t(o.disk));
-        if (!o.debugLog.empty()) {
-            RenderManager::setRenderLogFile(o.debugLog);
-            RenderManager::setRenderDebug(true);
-        }
-        if (o.command == "ops") {
-            std::cout << (o.markdown        ? operatorReference()
-                          : o.graph.empty() ? describeOperations()
-                                            : describeOperation(o.graph));
+        if (opsCommand->parsed()) {
+            try {
+                std::cout << (markdown         ? operatorReference()
+                              : opName.empty() ? describeOperations()
+                                               : describeOperation(opName));
+            } catch (const std::invalid_argument& e) {
+                std::cerr << "tessera: " << e.what() << std::endl;
+                return kUsageError;
+            }
             return 0;
         }
-        if (o.command == "demo") return finish(render(loadGraph(kDemoGraph, "."), o));
-        if (o.command == "render") {
-            if (o.graph.empty()) usage("render needs a graph file");
-            return finish(render(loadGraphFile(o.graph), o));
-        }
-        usage("unknown command " + o.command);
+        std::vector<ParameterOverride> overrides;
+        for (const std::string& text : settings.overrides)
+            overrides.push_back(parseParameterOverride(text));
+        apply(settings);
+        const Graph graph = renderCommand->parsed() ? loadGraphFile(graphPath, overrides)
+                                                    : loadGraph(kDemoGraph, ".", overrides);
+        return finish(render(graph, settings));
     } catch (const RenderCancelledException&) {
         std::cerr << "tessera: interrupted" << std::endl;
         return finish(128 + (s_interrupt ? s_interrupt.load() : SIGINT));
+    } catch (const GraphFileError& e) {
+        std::cerr << "tessera: " << (graphPath.empty() ? "demo graph" : graphPath) << ": "
+                  << e.what() << std::endl;
+        return finish(kUsageError);
     } catch (const std::exception& e) {
-        std::cerr << "tessera: " << e.what() << std::endl;
-        return finish(1);
+        // One line, whatever the message holds (several files may have failed).
+        std::string message = e.what();
+        while (!message.empty() && message.back() == '\n') message.pop_back();
+        for (char& c : message)
+            if (c == '\n') c = ';';
+        std::cerr << "tessera: " << message << std::endl;
+        return finish(kRenderError);
     }
 }
