@@ -1,12 +1,14 @@
 // Graph files: a render described in JSON (see docs/graph-format.md).
 #pragma once
 
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "fileio.h"
 #include "renderdescription.h"
+#include "renderimage.h"
 #include "tessera_export.h"
 
 namespace TESSERA {
@@ -48,6 +50,21 @@ TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDire
                             const std::vector<ParameterOverride>& overrides = {});
 TESSERA_API Graph loadGraphFile(const std::string& path,
                                 const std::vector<ParameterOverride>& overrides = {});
+
+// Renders every output of the graph that names files and writes them (each
+// under a temporary name, renamed when complete), waiting, with the
+// options' progress and cancellation. Throws what failed, naming the file.
+TESSERA_API void writeGraphOutputs(const Graph& graph, const RenderOptions& options = {});
+
+// One node built as a graph file builds it: the operation by name, its
+// parameters as a JSON object (checked against the declaration, defaults
+// filled in), its input tasks by input name (optional ones may be left
+// out). Relative paths are taken from baseDirectory. Throws GraphFileError
+// naming the node.
+TESSERA_API TaskPtr createOperationTask(const std::string& operation, const std::string& node,
+                                        const std::string& paramsJson,
+                                        const std::map<std::string, TaskPtr>& inputs,
+                                        const std::string& baseDirectory = ".");
 
 // What a graph file may use: every operation with its inputs and parameters.
 struct TESSERA_API OperationParameter {

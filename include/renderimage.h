@@ -9,6 +9,7 @@
 
 #include "imglib/image.h"
 #include "renderdescription.h"
+#include "renderobserver.h"
 #include "rendertask.h"
 #include "tessera_export.h"
 #include "util/rect.h"
@@ -32,6 +33,13 @@ struct RenderOptions {
     // The render queue it runs in; one render per queue at a time.
     RenderType type = RENDERTYPE_BATCH;
 };
+
+// Renders the outputs for the observer, as RenderManager::Render does, and
+// waits, with the options' progress and cancellation. Progress counts the
+// output tiles delivered to the observer.
+TESSERA_API void renderOutputs(const std::vector<RenderDescription>& outputs,
+                               const RenderObserverPtr& observer,
+                               const RenderOptions& options = {});
 
 // Renders task over destination's bounds, with destination's channels, into
 // destination's pixels, and returns when every tile is there. Throws the

@@ -138,6 +138,50 @@ ParameterOverride parseParameterOverride(const std::string& text) {
 
 namespace {
 
+const Operation& findOperationFor(const std::string& id, const json& name) {
+    if (!name.is_string()) throw GraphFileError(id, "op", "required");
+    const Operation* op = Private::findOperation(name.get<std::string>());
+    if (!op)
+        throw GraphFileError(
+            id, "op",
+            "unknown operation '" + name.get<std::string>() + "' (tessera ops lists them)");
+    return *op;
+}
+
+// The node's parameters checked against the declaration, defaults filled in.
+json checkedParams(const std::string& id, const Operation& op, const json& given) {
+    if (!given.is_object()) throw GraphFileError(id, "params", "must be an object");
+    for (auto it = given.begin(); it != given.end(); ++it) {
+        bool known = false;
+        for (const Param& p : op.params) known |= p.name == it.key();
+        if (!known) throw GraphFileError(id, it.key(), "unknown parameter of " + op.name);
+    }
+    json params = json::object();
+    for (const Param& p : op.params) {
+        if (given.contains(p.name)) {
+            checkValue(id, p, given[p.name]);
+            params[p.name] = given[p.name];
+        } else if (p.fallback.is_null()) {
+            throw GraphFileError(id, p.name, "required");
+        } else {
+            params[p.name] = p.fallback;
+        }
+    }
+    return params;
+}
+
+// Runs the declaration's build; its errors name the node.
+TaskPtr buildNode(const std::string& id, const Operation& op, const json& params,
+                  const std::map<std::string, TaskPtr>& inputs, const std::string& base) {
+    try {
+        return op.build(Private::OperationArgs(id, params, inputs, base));
+    } catch (const GraphFileError&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw GraphFileError(id, "", e.what());
+    }
+}
+
 void applyOverrides(json& doc, const std::vector<ParameterOverride>& overrides) {
     for (const ParameterOverride& o : overrides) {
         json* target = nullptr;
@@ -211,32 +255,8 @@ Graph loadGraph(const std::string& text, const std::string& base,
 
     // Checks a node and names the nodes its inputs come from.
     const auto expand = [&](const std::string& id, const json& node) {
-        if (!node.contains("op") || !node["op"].is_string())
-            throw GraphFileError(id, "op", "required");
-        const Operation* op = Private::findOperation(node["op"].get<std::string>());
-        if (!op)
-            throw GraphFileError(id, "op",
-                                 "unknown operation '" + node["op"].get<std::string>() +
-                                     "' (tessera ops lists them)");
-
-        json params = json::object();
-        const json given = node.value("params", json::object());
-        if (!given.is_object()) throw GraphFileError(id, "params", "must be an object");
-        for (auto it = given.begin(); it != given.end(); ++it) {
-            bool known = false;
-            for (const Param& p : op->params) known |= p.name == it.key();
-            if (!known) throw GraphFileError(id, it.key(), "unknown parameter of " + op->name);
-        }
-        for (const Param& p : op->params) {
-            if (given.contains(p.name)) {
-                checkValue(id, p, given[p.name]);
-                params[p.name] = given[p.name];
-            } else if (p.fallback.is_null()) {
-                throw GraphFileError(id, p.name, "required");
-            } else {
-                params[p.name] = p.fallback;
-            }
-        }
+        const Operation* op = &findOperationFor(id, node.value("op", json()));
+        json params = checkedParams(id, *op, node.value("params", json::object()));
         json inputs = node.value("inputs", json::object());
         if (!inputs.is_object()) throw GraphFileError(id, "inputs", "must be an object");
         for (auto it = inputs.begin(); it != inputs.end(); ++it)
@@ -293,14 +313,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 inputTasks[in.name] = p.inputs.contains(in.name)
                                           ? built.at(p.inputs[in.name].get<std::string>())
                                           : TaskPtr();
-            TaskPtr task;
-            try {
-                task = p.op->build(Private::OperationArgs(id, p.params, inputTasks, base));
-            } catch (const GraphFileError&) {
-                throw;
-            } catch (const std::exception& e) {
-                throw GraphFileError(id, "", e.what());
-            }
+            const TaskPtr task = buildNode(id, *p.op, p.params, inputTasks, base);
             building.erase(id);
             pending.erase(id);
             built[id] = task;
@@ -354,6 +367,31 @@ Graph loadGraph(const std::string& text, const std::string& base,
         graph.outputs.push_back(g);
     }
     return graph;
+}
+
+TaskPtr createOperationTask(const std::string& operation, const std::string& node,
+                            const std::string& paramsJson,
+                            const std::map<std::string, TaskPtr>& inputs,
+                            const std::string& baseDirectory) {
+    const Operation& op = findOperationFor(node, json(operation));
+    json given;
+    try {
+        given = paramsJson.empty() ? json::object() : json::parse(paramsJson);
+    } catch (const json::parse_error& e) {
+        throw GraphFileError(node, "params", std::string("not valid JSON: ") + e.what());
+    }
+    const json params = checkedParams(node, op, given);
+    for (const auto& [name, task] : inputs)
+        if (std::none_of(op.inputs.begin(), op.inputs.end(),
+                         [&](const Private::Input& in) { return in.name == name; }))
+            throw GraphFileError(node, name, "unknown input of " + op.name);
+    std::map<std::string, TaskPtr> tasks;
+    for (const Private::Input& in : op.inputs) {
+        const auto given = inputs.find(in.name);
+        tasks[in.name] = given == inputs.end() ? TaskPtr() : given->second;
+        if (!tasks[in.name] && !in.optional) throw GraphFileError(node, in.name, "input required");
+    }
+    return buildNode(node, op, params, tasks, baseDirectory);
 }
 
 Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides) {

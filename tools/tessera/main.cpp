@@ -16,7 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -47,65 +46,58 @@ std::string duration(double seconds) {
     return text;
 }
 
-// Writes the files and reports progress: on a terminal a bar redrawn in
-// place, elsewhere (a log, a farm) one plain line every few seconds.
-class ProgressWriter : public FileWriter {
+// Progress: on a terminal a bar redrawn in place, elsewhere (a log, a farm)
+// one plain line every few seconds. Called on the main thread.
+class ProgressReport {
 public:
-    ProgressWriter(uint64_t total, bool quiet)
-        : m_total(total), m_quiet(quiet), m_terminal(isatty(STDERR_FILENO) != 0) {}
+    explicit ProgressReport(bool quiet) : m_quiet(quiet), m_terminal(isatty(STDERR_FILENO) != 0) {}
 
-    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
-        FileWriter::tileDone(image, id);
-        const uint64_t done = ++m_done;
-        if (m_quiet) return;
+    void operator()(const RenderProgress& p) {
+        if (m_quiet || p.tilesDone == m_lastDone) return;
         const auto now = Clock::now();
-        std::lock_guard<std::mutex> lock(m_mutex);
+        const bool done = p.tilesDone == p.tilesTotal;
         const auto interval = m_terminal ? std::chrono::milliseconds(100) : std::chrono::seconds(5);
-        if (done != m_total && now - m_lastReport < interval) return;
+        if (!done && now - m_lastReport < interval) return;
         m_lastReport = now;
+        m_lastDone = p.tilesDone;
         const double elapsed = std::chrono::duration<double>(now - m_start).count();
-        const double fraction = m_total ? double(done) / double(m_total) : 1.0;
-        const std::string left = fraction > 0 && done < m_total
-                                     ? ", " + duration(elapsed / fraction - elapsed) + " left"
-                                     : "";
+        const double fraction = p.fraction();
+        const std::string left =
+            fraction > 0 && !done ? ", " + duration(elapsed / fraction - elapsed) + " left" : "";
+        const auto tiles = (unsigned long long)p.tilesDone,
+                   total = (unsigned long long)p.tilesTotal;
         if (m_terminal) {
             const int width = 30, filled = int(width * fraction);
             std::fprintf(stderr, "\r[%s%s] %3d%%  %llu/%llu tiles%s\033[K",
                          std::string(size_t(filled), '#').c_str(),
                          std::string(size_t(width - filled), ' ').c_str(), int(100 * fraction),
-                         (unsigned long long)done, (unsigned long long)m_total, left.c_str());
-            if (done == m_total) std::fprintf(stderr, "\n");
+                         tiles, total, left.c_str());
+            if (done) std::fprintf(stderr, "\n");
         } else {
             std::fprintf(stderr, "tessera: %d%% (%llu of %llu tiles) after %s%s\n",
-                         int(100 * fraction), (unsigned long long)done, (unsigned long long)m_total,
-                         duration(elapsed).c_str(), left.c_str());
+                         int(100 * fraction), tiles, total, duration(elapsed).c_str(),
+                         left.c_str());
         }
     }
 
 private:
-    const uint64_t m_total;
     const bool m_quiet, m_terminal;
     const Clock::time_point m_start = Clock::now();
-    std::atomic<uint64_t> m_done{0};
-    std::mutex m_mutex;  // guards m_lastReport and the lines written
-    Clock::time_point m_lastReport = Clock::now();
+    Clock::time_point m_lastReport = m_start;
+    uint64_t m_lastDone = ~uint64_t(0);
 };
 
 int render(const Graph& graph, const RenderSettings& o) {
-    std::vector<RenderDescription> outputs;
+    RenderOptions options;
+    ProgressReport report(o.quiet);
     uint64_t tiles = 0;
-    for (const GraphOutput& out : graph.outputs) {
-        outputs.push_back(out.description);
-        tiles += TileID::countTiles(out.description.rect, int(RenderManager::getGlobalTileWidth()),
-                                    int(RenderManager::getGlobalTileHeight()));
-    }
-    RCX_ptr_v4::ref_ptr<ProgressWriter> writer(new ProgressWriter(tiles, o.quiet));
-    for (size_t i = 0; i < graph.outputs.size(); ++i)
-        writer->addOutput(i, graph.outputs[i].description, graph.outputs[i].files);
+    options.progress = [&](const RenderProgress& p) {
+        tiles = p.tilesTotal;
+        report(p);
+    };
     const auto start = Clock::now();
-    RenderManager::Render(outputs, writer, nullptr, true, RENDERTYPE_BATCH);
+    writeGraphOutputs(graph, options);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    if (!writer->getErrors().empty()) throw UTIL::ErrorException(writer->getErrors());
     if (!o.quiet) {
         struct rusage usage {};
         getrusage(RUSAGE_SELF, &usage);

@@ -25,17 +25,61 @@ public:
         ImageBuffer image = tile;
         ImageBuffer_LockScoper lock(image);
         Private::checkImglib(IMGLIB::CopyInto(&m_destination, image.getImage()), m_task);
-        m_done.fetch_add(1, std::memory_order_relaxed);
     }
-    uint64_t done() const { return m_done.load(std::memory_order_relaxed); }
 
 private:
     const IMGLIB::Image m_destination;
     const std::string m_task;
+};
+
+// Counts the output tiles on their way to the host's observer.
+class CountingObserver : public RenderObserver {
+public:
+    explicit CountingObserver(RenderObserverPtr host) : m_host(std::move(host)) {}
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+        m_host->tileDone(image, id);
+        m_done.fetch_add(1, std::memory_order_relaxed);
+    }
+    void internalTileDone(const std::string& task, const std::string& description,
+                          double seconds) override {
+        m_host->internalTileDone(task, description, seconds);
+    }
+    void outputFinished(size_t outputIndex) override { m_host->outputFinished(outputIndex); }
+    void renderFinished(RenderStatus status, const std::string& message) override {
+        m_host->renderFinished(status, message);
+    }
+    uint64_t done() const { return m_done.load(std::memory_order_relaxed); }
+
+private:
+    const RenderObserverPtr m_host;
     std::atomic<uint64_t> m_done{0};
 };
 
 }  // namespace
+
+void renderOutputs(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
+                   const RenderOptions& options) {
+    if (!observer) throw UTIL::ErrorException("renderOutputs: no RenderObserver given");
+    RCX_ptr_v4::ref_ptr<CountingObserver> counting(new CountingObserver(observer));
+    RenderProgress progress;
+    for (const RenderDescription& output : outputs)
+        progress.tilesTotal +=
+            TileID::countTiles(output.rect, int(RenderManager::getGlobalTileWidth()),
+                               int(RenderManager::getGlobalTileHeight()));
+    const auto report = [&] {
+        if (!options.progress) return;
+        progress.tilesDone = counting->done();
+        options.progress(progress);
+    };
+    if (options.cancel && options.cancel->load())
+        throw RenderCancelledException("Render cancelled.");
+    Private::RenderController::get(options.type)
+        .render(outputs, counting, nullptr, true, false, [&] {
+            report();
+            return !(options.cancel && options.cancel->load());
+        });
+    report();
+}
 
 void renderInto(const TaskPtr& task, const IMGLIB::Image& destination,
                 const RenderOptions& options) {
@@ -49,27 +93,8 @@ void renderInto(const TaskPtr& task, const IMGLIB::Image& destination,
                                    std::to_string(destination.rowBytes) +
                                    " hold less than a row of the destination");
     const UTIL::Rect rect(destination.x1, destination.y1, destination.x2, destination.y2);
-    RCX_ptr_v4::ref_ptr<CopyingObserver> observer(
-        new CopyingObserver(destination, task->getName()));
-    RenderProgress progress;
-    progress.tilesTotal = TileID::countTiles(rect, int(RenderManager::getGlobalTileWidth()),
-                                             int(RenderManager::getGlobalTileHeight()));
-    const auto poll = [&] {
-        if (options.progress) {
-            progress.tilesDone = observer->done();
-            options.progress(progress);
-        }
-        return !(options.cancel && options.cancel->load());
-    };
-    if (options.cancel && options.cancel->load())
-        throw RenderCancelledException("Render cancelled.");
-    Private::RenderController::get(options.type)
-        .render({RenderDescription(task, rect, destination.channels)}, observer, nullptr, true,
-                false, poll);
-    if (options.progress) {
-        progress.tilesDone = observer->done();
-        options.progress(progress);
-    }
+    renderOutputs({RenderDescription(task, rect, destination.channels)},
+                  RenderObserverPtr(new CopyingObserver(destination, task->getName())), options);
 }
 
 IMGLIB::Image RenderedImage::image() {
