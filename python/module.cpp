@@ -1,0 +1,288 @@
+// The native part of the Python module: tasks, operations built by name,
+// memory images over numpy arrays, renders into numpy arrays, graph files and
+// the render settings. tessera/__init__.py turns the operation declarations
+// this module lists into one Python function each.
+//
+// Every call that may wait for render threads releases the GIL, and code
+// that runs Python from a render (progress, an array's release) takes it:
+// a worker never waits for the GIL while the GIL's holder waits for it.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cctype>
+#include <optional>
+#include <sstream>
+
+#include "tessera.h"
+
+namespace py = pybind11;
+using namespace TESSERA;
+
+PYBIND11_DECLARE_HOLDER_TYPE(T, RCX_ptr_v4::ref_ptr<T>, true);
+
+namespace {
+
+using RectTuple = std::tuple<int64_t, int64_t, int64_t, int64_t>;
+constexpr const char* kChannelNames = "RGBAZ";
+
+// "RGBA" and the like, in the order the channels lie in memory.
+uint64_t channelMask(const std::string& names) {
+    const std::string known = kChannelNames;
+    uint64_t mask = 0;
+    int last = -1;
+    for (const char c : names) {
+        const size_t bit = known.find(char(std::toupper(static_cast<unsigned char>(c))));
+        if (bit == std::string::npos)
+            throw py::value_error("channels '" + names + "': unknown channel '" +
+                                  std::string(1, c) + "' (R, G, B, A, Z)");
+        if (int(bit) <= last)
+            throw py::value_error("channels '" + names + "': give them once each, in the order " +
+                                  "R, G, B, A, Z");
+        last = int(bit);
+        mask |= uint64_t(1) << bit;
+    }
+    if (mask == 0) throw py::value_error("channels: none given");
+    return mask;
+}
+
+RectTuple toTuple(const UTIL::Rect& r) {
+    return {r.xmin, r.ymin, r.xmax, r.ymax};
+}
+
+UTIL::Rect dataWindow(const TaskPtr& task) {
+    UTIL::Region region;
+    py::gil_scoped_release release;
+    task->getOutputDescription(nullptr, &region);
+    return region.boundingBox();
+}
+
+RenderType queueOf(const std::string& name) {
+    if (name == "batch") return RENDERTYPE_BATCH;
+    if (name == "viewer") return RENDERTYPE_VIEWER;
+    if (name == "background") return RENDERTYPE_BACKGROUND;
+    throw py::value_error("queue '" + name + "': one of batch, viewer, background");
+}
+
+// Progress and cancellation for a render the calling thread waits for
+// without the GIL: Ctrl-C, a callback that raises and a set cancel event
+// all cancel it, and the Python error (if any) is kept for the caller.
+RenderOptions pythonOptions(const py::object& progress, const py::object& cancel,
+                            const std::string& queue) {
+    RenderOptions options;
+    options.type = queueOf(queue);
+    options.progress = [progress, cancel](const RenderProgress& p) {
+        py::gil_scoped_acquire gil;
+        try {
+            if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+            if (!progress.is_none()) progress(p.tilesDone, p.tilesTotal);
+            if (!cancel.is_none() && cancel.attr("is_set")().cast<bool>())
+                throw RenderCancelledException("Render cancelled.");
+        } catch (py::error_already_set& e) {
+            e.restore();
+            throw RenderCancelledException("Render cancelled.");
+        }
+    };
+    return options;
+}
+
+// Runs a waiting render without the GIL; a Python error raised during it
+// (KeyboardInterrupt, a callback's) is what the caller sees.
+template <class Render>
+auto withoutGil(Render&& render) {
+    try {
+        py::gil_scoped_release release;
+        return render();
+    } catch (const RenderCancelledException&) {
+        if (PyErr_Occurred()) throw py::error_already_set();
+        throw;
+    }
+}
+
+py::array render(const TaskPtr& task, std::optional<RectTuple> rect, const std::string& channels,
+                 const py::object& progress, const py::object& cancel, const std::string& queue) {
+    if (!task) throw py::value_error("render: no task given");
+    const UTIL::Rect r = rect ? UTIL::Rect(std::get<0>(*rect), std::get<1>(*rect),
+                                           std::get<2>(*rect), std::get<3>(*rect))
+                              : dataWindow(task);
+    if (r.isNull())
+        throw py::value_error("render: task " + task->getName() + ": the rectangle is empty");
+    RenderOptions options = pythonOptions(progress, cancel, queue);
+    RenderedImage image =
+        withoutGil([&] { return renderImage(task, r, channelMask(channels), options); });
+    // The pixels pass to numpy without a copy.
+    auto* pixels = new std::vector<float>(std::move(image.pixels));
+    py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<float>*>(p); });
+    const auto c = py::ssize_t(IMGLIB::GetChannelCount(image.channels));
+    return py::array_t<float>({py::ssize_t(r.height()), py::ssize_t(r.width()), c}, pixels->data(),
+                              owner);
+}
+
+// A task over the array's own memory, which it keeps alive: float32 with
+// each pixel's channels side by side is read in place; anything else is
+// converted once.
+TaskPtr fromArray(const py::array& input, std::optional<std::string> channels,
+                  std::pair<int64_t, int64_t> origin, const std::string& name) {
+    auto a = py::array_t<float>::ensure(input);
+    if (!a) throw py::value_error(name + ": not an array of numbers");
+    if (a.ndim() == 2) a = a.reshape({a.shape(0), a.shape(1), py::ssize_t(1)});
+    if (a.ndim() != 3)
+        throw py::value_error(name + ": an array of height x width x channels is needed, got " +
+                              std::to_string(a.ndim()) + " dimensions");
+    const py::ssize_t count = a.shape(2);
+    if (!channels) {
+        if (count != 3 && count != 4)
+            throw py::value_error(name + ": " + std::to_string(count) +
+                                  " channels: say which (channels='A', 'RGBAZ', ...)");
+        channels = count == 3 ? "RGB" : "RGBA";
+    }
+    const uint64_t mask = channelMask(*channels);
+    if (IMGLIB::GetChannelCount(mask) != count)
+        throw py::value_error(name + ": channels '" + *channels + "' for an array of " +
+                              std::to_string(count) + " channels");
+    if (a.strides(2) != 4 || a.strides(1) != 4 * count || a.strides(0) < a.shape(1) * 4 * count)
+        a = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(a);
+    IMGLIB::Image pixels;
+    pixels.channels = mask;
+    pixels.x1 = origin.first, pixels.y1 = origin.second;
+    pixels.x2 = origin.first + a.shape(1), pixels.y2 = origin.second + a.shape(0);
+    pixels.rowBytes = a.strides(0);
+    pixels.pixelPtr = const_cast<float*>(a.data());
+    // Released wherever the last tile lets go of it, with the GIL taken.
+    auto* held = new py::object(a);
+    std::shared_ptr<const void> owner(held, [](const void* p) {
+        if (!Py_IsInitialized()) return;  // the interpreter is gone: nothing to release
+        py::gil_scoped_acquire gil;
+        delete static_cast<const py::object*>(p);
+    });
+    return createMemoryImageTask(name, 0, pixels, std::move(owner));
+}
+
+TaskPtr createOperation(const std::string& operation, const std::string& node,
+                        const std::string& paramsJson,
+                        const std::map<std::string, std::optional<TaskPtr>>& inputs,
+                        const std::string& baseDirectory) {
+    std::map<std::string, TaskPtr> tasks;
+    for (const auto& [name, task] : inputs)
+        if (task && *task) tasks[name] = *task;
+    return createOperationTask(operation, node, paramsJson, tasks, baseDirectory);
+}
+
+Graph loadGraphPython(const std::string& path, const std::map<std::string, std::string>& set) {
+    std::vector<ParameterOverride> overrides;
+    for (const auto& [key, value] : set)
+        overrides.push_back(parseParameterOverride(key + "=" + value));
+    return loadGraphFile(path, overrides);
+}
+
+std::string statistics() {
+    std::ostringstream xml;
+    RenderManager::getStatistics()->write(xml);
+    return xml.str();
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_tessera, m) {
+    m.doc() = "Tessera's native module; use the tessera package.";
+    m.attr("__version__") = TESSERA_VERSION;
+
+    // Library errors keep their messages.
+    auto error = py::exception<UTIL::ErrorException>(m, "Error", PyExc_RuntimeError);
+    py::register_exception<GraphFileError>(m, "GraphFileError", error);
+    py::register_exception<RenderTaskRenderingException>(m, "RenderError", error);
+    py::register_exception<RenderCancelledException>(m, "Cancelled", error);
+    py::register_exception<UTIL::OutOfMemoryException>(m, "OutOfMemory", error);
+
+    py::class_<RenderTask, TaskPtr>(m, "Task", "A node of an image graph.")
+        .def_property_readonly("name", &RenderTask::getName)
+        .def_property_readonly(
+            "data_window", [](const TaskPtr& t) { return toTuple(dataWindow(t)); },
+            "(x0, y0, x1, y1): the bounding box of the task's defined pixels")
+        .def_property_readonly("channels",
+                               [](const TaskPtr& t) {
+                                   uint64_t channels = 0;
+                                   py::gil_scoped_release release;
+                                   t->getOutputDescription(&channels, nullptr);
+                                   return IMGLIB::GetChannelMaskName(channels);
+                               })
+        .def_property_readonly("cache_id", &RenderTask::getCacheID,
+                               py::call_guard<py::gil_scoped_release>())
+        .def("__repr__", [](const TaskPtr& t) { return "<tessera.Task '" + t->getName() + "'>"; });
+
+    py::class_<OperationParameter>(m, "OperationParameter")
+        .def_readonly("name", &OperationParameter::name)
+        .def_readonly("type", &OperationParameter::type)
+        .def_readonly("default", &OperationParameter::defaultValue)
+        .def_readonly("description", &OperationParameter::description)
+        .def_readonly("range", &OperationParameter::range)
+        .def_readonly("choices", &OperationParameter::choices)
+        .def_readonly("example", &OperationParameter::example);
+    py::class_<OperationDescription>(m, "OperationDescription")
+        .def_readonly("name", &OperationDescription::name)
+        .def_readonly("family", &OperationDescription::family)
+        .def_readonly("summary", &OperationDescription::summary)
+        .def_readonly("reference", &OperationDescription::reference)
+        .def_readonly("inputs", &OperationDescription::inputs)
+        .def_readonly("optional_inputs", &OperationDescription::optionalInputs)
+        .def_readonly("parameters", &OperationDescription::parameters);
+    m.def("list_operations", &listOperations, "Every operation a graph may use.");
+    m.def("_create", &createOperation, py::arg("operation"), py::arg("node"), py::arg("params"),
+          py::arg("inputs"), py::arg("base_directory") = ".");
+
+    py::class_<FileOutParams>(m, "OutputFile")
+        .def_readonly("path", &FileOutParams::path)
+        .def_readonly("data_type", &FileOutParams::dataType)
+        .def_readonly("compression", &FileOutParams::compression);
+    py::class_<GraphOutput>(m, "GraphOutput")
+        .def_property_readonly("task", [](const GraphOutput& o) { return o.description.task; })
+        .def_property_readonly("rect",
+                               [](const GraphOutput& o) { return toTuple(o.description.rect); })
+        .def_property_readonly(
+            "channels",
+            [](const GraphOutput& o) { return IMGLIB::GetChannelMaskName(o.description.channels); })
+        .def_readonly("files", &GraphOutput::files);
+    py::class_<Graph>(m, "Graph").def_readonly("outputs", &Graph::outputs);
+    m.def("load_graph", &loadGraphPython, py::arg("path"),
+          py::arg("set") = std::map<std::string, std::string>(),
+          "Reads a graph file; set={'node.param': 'JSON value'} overrides parameters.");
+    m.def(
+        "write_outputs",
+        [](const Graph& graph, const py::object& progress, const py::object& cancel,
+           const std::string& queue) {
+            RenderOptions options = pythonOptions(progress, cancel, queue);
+            withoutGil([&] {
+                writeGraphOutputs(graph, options);
+                return 0;
+            });
+        },
+        py::arg("graph"), py::arg("progress") = py::none(), py::arg("cancel") = py::none(),
+        py::arg("queue") = "batch", "Renders the graph's outputs to their files.");
+
+    m.def("from_array", &fromArray, py::arg("array"), py::arg("channels") = py::none(),
+          py::arg("origin") = std::make_pair(int64_t(0), int64_t(0)), py::arg("name") = "array");
+    m.def("render", &render, py::arg("task"), py::arg("rect") = py::none(),
+          py::arg("channels") = "RGBA", py::arg("progress") = py::none(),
+          py::arg("cancel") = py::none(), py::arg("queue") = "batch");
+
+    // Render settings and reports. Those that wait for running renders
+    // release the GIL.
+    const auto release = py::call_guard<py::gil_scoped_release>();
+    m.def("set_threads", &RenderManager::setRenderThreads, py::arg("threads"), release);
+    m.def("threads", &RenderManager::getRenderThreads);
+    m.def(
+        "set_tile_size",
+        [](int64_t width, int64_t height) { RenderManager::setGlobalTileSize(width, height); },
+        py::arg("width"), py::arg("height"), release);
+    m.def("tile_size", [] {
+        return std::make_pair(RenderManager::getGlobalTileWidth(),
+                              RenderManager::getGlobalTileHeight());
+    });
+    m.def("set_memory_limit", &RenderManager::SetMaxImageMemory, py::arg("megabytes"), release);
+    m.def("set_disk_limit", &RenderManager::SetMaxDiskUsage, py::arg("megabytes"), release);
+    m.def("set_caching", &RenderManager::setSpeculativeCachingEnable, py::arg("enable"), release);
+    m.def("clear_cache", &RenderManager::clearSpeculativeCache, release);
+    m.def("clear_task_cache", &RenderManager::ClearRenderTaskCache, release);
+    m.def("statistics", &statistics, release, "The render statistics, as XML text.");
+    m.def("reset_statistics", &RenderManager::resetStatistics, release);
+}
