@@ -51,7 +51,7 @@ TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDire
 TESSERA_API Graph loadGraphFile(const std::string& path,
                                 const std::vector<ParameterOverride>& overrides = {});
 
-// Renders every output of the graph that names files and writes them (each
+// Renders every output of the graph and writes those that name files (each
 // under a temporary name, renamed when complete), waiting, with the
 // options' progress and cancellation. Throws what failed, naming the file.
 TESSERA_API void writeGraphOutputs(const Graph& graph, const RenderOptions& options = {});

@@ -7,11 +7,9 @@ void writeGraphOutputs(const Graph& graph, const RenderOptions& options) {
     RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
     std::vector<RenderDescription> outputs;
     for (const GraphOutput& out : graph.outputs) {
-        if (out.files.empty()) continue;
-        writer->addOutput(outputs.size(), out.description, out.files);
+        if (!out.files.empty()) writer->addOutput(outputs.size(), out.description, out.files);
         outputs.push_back(out.description);
     }
-    if (outputs.empty()) return;
     renderOutputs(outputs, writer, options);
     // The render fails with the first file's error; the others are kept.
     const std::string errors = writer->getErrors();

@@ -178,6 +178,10 @@ int finish(int status) {
 
 int main(int argc, char** argv) {
     CLI::App app("Renders Tessera graph files to image files.", "tessera");
+    // Errors are one line each.
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("tessera: ") + e.what() + " (see tessera --help)\n";
+    });
     app.set_version_flag("--version", "tessera " TESSERA_VERSION);
     app.set_help_all_flag("--help-all", "Print the help of every command and exit");
     app.footer(
