@@ -1,4 +1,5 @@
 // Channel shuffling.
+#include <algorithm>
 #include <stdexcept>
 
 #include "channeltasks.h"
@@ -70,25 +71,46 @@ protected:
     }
     void renderRect(const IMGLIB::Image* out,
                     const std::vector<const IMGLIB::Image*>& inputs) override {
-        const int stride = IMGLIB::GetChannelCount(out->channels);
+        // Per output slot: the input it reads (and the channel there), or the
+        // value it is where there is nothing to read. One pass over the tile.
+        struct Slot {
+            const IMGLIB::Image* in = nullptr;
+            int from = -1, inStride = 0;
+            float fill = 0;
+        };
+        const size_t stride = size_t(IMGLIB::GetChannelCount(out->channels));
+        std::vector<Slot> slots(stride);
         for (const auto& [channel, source] : m_sources) {
             const int slot = IMGLIB::GetChannelIndex(out->channels, channel);
             if (slot < 0) continue;
-            const IMGLIB::Image* in =
-                source.kind == ShuffleSource::Input && size_t(source.input) < inputs.size()
-                    ? inputs[size_t(source.input)]
-                    : nullptr;
-            const int from = in ? IMGLIB::GetChannelIndex(in->channels, source.channel) : -1;
-            const float fill = valueOf(source, getInputBackgroundColor(size_t(source.input)));
-            const int inStride = in ? IMGLIB::GetChannelCount(in->channels) : 0;
-            for (int64_t y = out->y1; y < out->y2; ++y) {
-                float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, 4 * stride) + slot;
-                const bool row = from >= 0 && y >= in->y1 && y < in->y2;
-                for (int64_t x = out->x1; x < out->x2; ++x, dst += stride)
-                    *dst = row && x >= in->x1 && x < in->x2
-                               ? IMGLIB::GetPixelAddress(in, x, y, 4 * inStride)[from]
-                               : fill;
+            Slot& s = slots[size_t(slot)];
+            s.in = source.kind == ShuffleSource::Input && size_t(source.input) < inputs.size()
+                       ? inputs[size_t(source.input)]
+                       : nullptr;
+            s.from = s.in ? IMGLIB::GetChannelIndex(s.in->channels, source.channel) : -1;
+            s.inStride = s.in ? IMGLIB::GetChannelCount(s.in->channels) : 0;
+            s.fill = valueOf(source, getInputBackgroundColor(size_t(source.input)));
+        }
+        const int64_t width = out->x2 - out->x1;
+        std::vector<const float*> rows(stride);
+        std::vector<int64_t> lo(stride), hi(stride), shift(stride);
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            float* dst = IMGLIB::GetPixelAddress(out, out->x1, y, 4 * int64_t(stride));
+            // Each slot's readable span of this row, in output columns.
+            for (size_t c = 0; c < slots.size(); ++c) {
+                const Slot& s = slots[c];
+                const bool readable = s.from >= 0 && y >= s.in->y1 && y < s.in->y2;
+                lo[c] = readable ? std::clamp(s.in->x1 - out->x1, int64_t(0), width) : width;
+                hi[c] = readable ? std::clamp(s.in->x2 - out->x1, lo[c], width) : width;
+                shift[c] = readable ? s.in->x1 - out->x1 : 0;
+                rows[c] = readable
+                              ? IMGLIB::GetPixelAddress(s.in, s.in->x1, y, 4 * s.inStride) + s.from
+                              : nullptr;
             }
+            for (int64_t x = 0; x < width; ++x, dst += stride)
+                for (size_t c = 0; c < slots.size(); ++c)
+                    dst[c] = x >= lo[c] && x < hi[c] ? rows[c][(x - shift[c]) * slots[c].inStride]
+                                                     : slots[c].fill;
         }
     }
 

@@ -349,6 +349,17 @@ void RenderController::finish(const ActiveRenderPtr& render) {
         std::cerr << "RenderObserver::renderFinished threw: " << e.what() << std::endl;
     }
     observer.reset();
+    // Likewise the tasks the render holds (its outputs and its plan): a host
+    // that drops its graph after the render sees every task go.
+    std::unique_ptr<RenderPlan> plan;
+    std::vector<RenderDescription> outputs;
+    {
+        std::lock_guard<std::mutex> lock(render->mutex);
+        plan.swap(render->plan);
+        outputs.swap(render->outputs);
+    }
+    plan.reset();
+    outputs.clear();
     {
         std::lock_guard<std::mutex> lock(render->mutex);
         render->finished = true;
@@ -367,13 +378,15 @@ void RenderController::reprioritize(const OutputTilePrioritizerPtr& prioritizer)
     }
     if (!render || !prioritizer) return;
     std::vector<OutputTileID> finalTiles;
+    std::vector<RenderDescription> outputs;
     {
         std::lock_guard<std::mutex> lock(render->mutex);
         if (!render->plan) return;
         for (const TilePtr& tile : render->plan->finalTiles)
             finalTiles.push_back(OutputTileID{tile->getOutputIndex(), tile->getTileID()});
+        outputs = render->outputs;
     }
-    std::vector<uint32_t> ordering = prioritizer->prioritize(finalTiles, render->outputs);
+    std::vector<uint32_t> ordering = prioritizer->prioritize(finalTiles, outputs);
     if (ordering.size() != finalTiles.size()) return;
     {
         std::lock_guard<std::mutex> lock(render->mutex);

@@ -25,7 +25,8 @@ class RenderController;
 
 // The shared state of one render, held by the controller and by every job
 // of the render. `mutex` guards the plan (set up while the render is already
-// visible to cancel), the ordering, the outcome and `finished`.
+// visible to cancel) and the outputs (both released when it finishes), the
+// ordering, the outcome and `finished`.
 class ActiveRender : public ThreadSafeRefBase {
 public:
     RenderController* controller = nullptr;
