@@ -85,6 +85,13 @@ struct FileWriter::Stream {
     std::unique_ptr<OIIO::ImageOutput> out;
     std::string error;  // the first failure, with the path
 
+    // A file never finished (the render failed to start) is removed.
+    ~Stream() {
+        if (!out) return;
+        failed("the render did not finish");
+        close();
+    }
+
     // Opens the file for spec; false (and `error` set) when it cannot.
     bool open(const OIIO::ImageSpec& spec) {
         makeParentDirectory(params.path);

@@ -226,6 +226,17 @@ TEST_F(ContractTest, EveryOutputGetsEveryTileEvenWhenOutputsShareTasks) {
                         (2.0f / 5.0f);
     EXPECT_NEAR(observer->pixel(2, 40, 5).r, boxed.r, 1e-4f);
     EXPECT_EQ(observer->pixel(3, 7, 9), Color(7, 9, (7 * 9) % 7, 0));  // RGB only
+
+    // One task asked for twice and by nothing else (one file written twice).
+    auto twice = make<RecordingObserver>();
+    withinSeconds(kHang, "one task as two outputs", [&] {
+        RenderManager::Render({RenderDescription(box, whole, IMGLIB::CHANNELS_RGBA),
+                               RenderDescription(box, left, IMGLIB::CHANNELS_RGB)},
+                              twice, nullptr, true, RENDERTYPE_BATCH);
+    });
+    ASSERT_EQ(twice->status, RenderStatus::Success) << twice->message;
+    EXPECT_EQ(twice->pixel(0, 40, 5), observer->pixel(2, 40, 5));
+    EXPECT_EQ(twice->pixel(1, 40, 5).r, observer->pixel(2, 40, 5).r);
 }
 
 // Reads alpha of its input into every channel: a consumer of alpha.

@@ -330,6 +330,18 @@ TEST_F(ProductTest, TheCommandOverridesParametersAndReportsProgressPlainly) {
     std::ifstream quiet(log);
     EXPECT_EQ(
         std::string((std::istreambuf_iterator<char>(quiet)), std::istreambuf_iterator<char>()), "");
+
+    // A render refused before it starts (beyond the tile grid) leaves
+    // neither the file nor its temporary, though the file was opened.
+    const std::string far = (dir / "far.json").string();
+    std::ofstream(far) << R"({"nodes": [{"id": "c", "op": "constant", "params": {"area":
+        [9999872, 0, 10000128, 64]}}], "outputs": [{"node": "c", "file": [")" +
+                              (dir / "far.exr").string() + R"("]}]})";
+    EXPECT_EQ(run(cli + " render " + far + " > /dev/null 2>&1"), 1);
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name == "far.json" || name.find("far") == std::string::npos) << name;
+    }
 }
 
 TEST_F(ProductTest, EveryExampleGraphLoadsAndRenders) {

@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <iostream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -204,12 +205,14 @@ void RenderPlan::describeAndReshape(std::vector<RenderOutput>& outputs) {
     RenderManager::debugLine(">>>>>> Setting up to render outputs...");
     for (const RenderOutput& output : outputs) output.task->imp().ensureOutputDescription();
     // Outputs that cannot use their task's own tiles get a copy of it.
+    // A task asked for twice serves neither output itself: its copies consume it.
     const ConsumerCounts asked = countConsumers(collectGraph(outputs));
-    std::set<const Imp*> served;
+    std::map<const Imp*, int> timesAsked;
+    for (const RenderOutput& output : outputs) ++timesAsked[&output.task->imp()];
     for (RenderOutput& output : outputs) {
         Imp& imp = output.task->imp();
         const uint64_t channels = IMGLIB::ValidateChannelMask(output.channels);
-        if (consumersOf(asked, imp) > 0 || !served.insert(&imp).second ||
+        if (consumersOf(asked, imp) > 0 || timesAsked[&imp] > 1 ||
             (channels & ~imp.m_definedOutputChannels) != 0) {
             output.task = TaskPtr(new OutputCopyTask(output.task, channels));
             output.task->imp().ensureOutputDescription();
