@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <list>
 #include <map>
 #include <mutex>
 #include <set>
@@ -19,6 +22,7 @@
 #include "rendermanager.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/speculativecache.h"
+#include "util/threadpool.h"
 
 namespace TESSERA {
 namespace {
@@ -156,12 +160,18 @@ protected:
     void makeInputFormatRequests() override {}
     void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
     void preRender() override {
-        m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
+        // Opened now so that a file gone since the graph was built fails
+        // the render at once.
+        auto reader = openFile(getNameAtTime(), m_params.path, m_params.subimage);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_readers.push_back(std::move(reader));
     }
     void postRender() override {
-        std::lock_guard<std::mutex> lock(m_fileMutex);
-        m_file.reset();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_readers.clear();
         m_blocks.clear();
+        m_recent.clear();
+        m_recentPosition.clear();
     }
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
         const UTIL::Rect rect =
@@ -191,20 +201,122 @@ private:
                           std::clamp<int64_t>(kBandBytes / rowBytes, 1, kBandRows));
     }
 
-    // The decoded block, read on first use and kept for the render (as an
-    // image buffer under the "FILEIN." accounting, so it counts against the
-    // memory budget and may be swapped out).
+    // A block being decoded or decoded. The thread that made the slot reads
+    // the block; any other that needs it meanwhile waits for that read
+    // instead of reading it again.
+    struct Block {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool ready = false;
+        ImageBuffer image;
+        std::exception_ptr error;
+    };
+    using BlockKey = std::pair<int64_t, int64_t>;
+
+    // The decoded block: read on first use, on the thread that needs it
+    // (several blocks are read at once, each with a reader of its own), kept
+    // while recently used (as an image buffer under the "FILEIN."
+    // accounting, so it counts against the memory budget and may be
+    // swapped out). A render touches blocks in tile order, so the last few
+    // rows of tiles' worth are all it comes back to.
     ImageBuffer block(int64_t bx, int64_t by) {
-        std::lock_guard<std::mutex> lock(m_fileMutex);
-        auto found = m_blocks.find({bx, by});
-        if (found != m_blocks.end()) return found->second;
+        std::shared_ptr<Block> slot;
+        bool mine = false;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            std::shared_ptr<Block>& entry = m_blocks[{bx, by}];
+            if (!entry) entry = std::make_shared<Block>(), mine = true;
+            slot = entry;
+            touch({bx, by});
+        }
+        if (!mine) {
+            Util::ThreadPool::Blocking blocking;
+            std::unique_lock<std::mutex> lock(slot->mutex);
+            slot->done.wait(lock, [&] { return slot->ready; });
+            if (slot->error) std::rethrow_exception(slot->error);
+            return slot->image;
+        }
+        ImageBuffer image;
+        std::exception_ptr error;
+        try {
+            image = read(bx, by);
+        } catch (...) {
+            error = std::current_exception();
+        }
+        {
+            std::lock_guard<std::mutex> lock(slot->mutex);
+            slot->image = image;
+            slot->error = error;
+            slot->ready = true;
+        }
+        slot->done.notify_all();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            // A failed read is not kept: a later render tries again.
+            if (error) forget({bx, by}, slot);
+            evict();
+        }
+        if (error) std::rethrow_exception(error);
+        return image;
+    }
+
+    // Under m_mutex: key becomes the most recently used block.
+    void touch(const BlockKey& key) {
+        auto at = m_recentPosition.find(key);
+        if (at != m_recentPosition.end()) m_recent.erase(at->second);
+        m_recent.push_front(key);
+        m_recentPosition[key] = m_recent.begin();
+    }
+    void forget(const BlockKey& key, const std::shared_ptr<Block>& slot) {
+        auto found = m_blocks.find(key);
+        if (found == m_blocks.end() || found->second != slot) return;
+        m_blocks.erase(found);
+        m_recent.erase(m_recentPosition.at(key));
+        m_recentPosition.erase(key);
+    }
+    // Under m_mutex: drops the least recently used finished blocks beyond
+    // three rows of tiles' worth (a tile being rendered holds its own handle).
+    void evict() {
+        const UTIL::Rect size = blockSize();
+        const int64_t tileRows = (RenderManager::getGlobalTileHeight() + size.ymax - 1) / size.ymax;
+        const int64_t across = (m_dataWindow.width() + size.xmax - 1) / size.xmax;
+        const size_t keep = size_t(std::max<int64_t>(8, 3 * (tileRows + 1) * across));
+        for (auto key = m_recent.end(); m_blocks.size() > keep && key != m_recent.begin();) {
+            --key;
+            const std::shared_ptr<Block> slot = m_blocks.at(*key);  // outlives the lock
+            std::lock_guard<std::mutex> lock(slot->mutex);
+            if (!slot->ready) continue;
+            m_blocks.erase(*key);
+            m_recentPosition.erase(*key);
+            key = m_recent.erase(key);
+        }
+    }
+
+    // A reader of the file no other thread is using.
+    std::unique_ptr<OIIO::ImageInput> takeReader() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_readers.empty()) {
+                auto reader = std::move(m_readers.back());
+                m_readers.pop_back();
+                return reader;
+            }
+        }
+        return openFile(getNameAtTime(), m_params.path, m_params.subimage);
+    }
+    void returnReader(std::unique_ptr<OIIO::ImageInput> reader) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_readers.push_back(std::move(reader));
+    }
+
+    // Decodes one block into a new image buffer.
+    ImageBuffer read(int64_t bx, int64_t by) {
         const UTIL::Rect size = blockSize();
         const UTIL::Rect area =
             UTIL::Rect(m_dataWindow.xmin + bx * size.xmax, m_dataWindow.ymin + by * size.ymax,
                        m_dataWindow.xmin + (bx + 1) * size.xmax,
                        m_dataWindow.ymin + (by + 1) * size.ymax)
                 .intersection(m_dataWindow);
-        if (!m_file) m_file = openFile(getNameAtTime(), m_params.path, m_params.subimage);
         const int n = m_spec.nchannels;
         // The decoded block is held twice for a moment: refuse what the image
         // memory budget could not hold (a damaged header declaring a huge width).
@@ -219,17 +331,19 @@ private:
                     std::to_string(budget >> 20) + " MB)",
                 -1);
         std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
+        std::unique_ptr<OIIO::ImageInput> file = takeReader();
         const bool ok =
-            m_spec.deep ? readDeep(area, pixels.data())
+            m_spec.deep ? readDeep(*file, area, pixels.data())
             : m_spec.tile_width > 0
-                ? m_file->read_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
-                                     int(area.ymin), int(area.ymax), 0, 1, 0, n,
-                                     OIIO::TypeDesc::FLOAT, pixels.data())
-                : m_file->read_scanlines(m_params.subimage, 0, int(area.ymin), int(area.ymax), 0, 0,
-                                         n, OIIO::TypeDesc::FLOAT, pixels.data());
+                ? file->read_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
+                                   int(area.ymin), int(area.ymax), 0, 1, 0, n,
+                                   OIIO::TypeDesc::FLOAT, pixels.data())
+                : file->read_scanlines(m_params.subimage, 0, int(area.ymin), int(area.ymax), 0, 0,
+                                       n, OIIO::TypeDesc::FLOAT, pixels.data());
         if (!ok)
             throw RenderTaskRenderingException(
-                getNameAtTime(), "cannot read '" + m_params.path + "': " + m_file->geterror(), -1);
+                getNameAtTime(), "cannot read '" + m_params.path + "': " + file->geterror(), -1);
+        returnReader(std::move(file));
         ImageBuffer image(m_channels, area, "FILEIN." + m_params.path);
         {
             ImageBuffer_LockScoper imageLock(image);
@@ -243,20 +357,19 @@ private:
                         if (m_channels & (uint64_t(1) << bit)) *d++ = src[m_slots[bit]];
             }
         }
-        m_blocks.emplace(std::make_pair(bx, by), image);
         return image;
     }
 
-    // A block of a deep file, flattened (the file is held by the caller).
-    bool readDeep(const UTIL::Rect& area, float* pixels) {
+    // A block of a deep file, flattened.
+    bool readDeep(OIIO::ImageInput& file, const UTIL::Rect& area, float* pixels) {
         OIIO::DeepData deep;
         const bool ok =
             m_spec.tile_width > 0
-                ? m_file->read_native_deep_tiles(m_params.subimage, 0, int(area.xmin),
-                                                 int(area.xmax), int(area.ymin), int(area.ymax), 0,
-                                                 1, 0, m_spec.nchannels, deep)
-                : m_file->read_native_deep_scanlines(m_params.subimage, 0, int(area.ymin),
-                                                     int(area.ymax), 0, 0, m_spec.nchannels, deep);
+                ? file.read_native_deep_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
+                                              int(area.ymin), int(area.ymax), 0, 1, 0,
+                                              m_spec.nchannels, deep)
+                : file.read_native_deep_scanlines(m_params.subimage, 0, int(area.ymin),
+                                                  int(area.ymax), 0, 0, m_spec.nchannels, deep);
         if (!ok) return false;
         // Scanline reads cover whole rows; the block is all of them here.
         for (int64_t p = 0; p < area.area(); ++p)
@@ -274,9 +387,13 @@ private:
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     UTIL::Rect m_dataWindow;
-    std::mutex m_fileMutex;  // guards m_file (one read at a time) and m_blocks
-    std::unique_ptr<OIIO::ImageInput> m_file;
-    std::map<std::pair<int64_t, int64_t>, ImageBuffer> m_blocks;
+    // m_mutex guards the readers and the blocks; it is taken before a
+    // block's own mutex, and never held while a file is read.
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<OIIO::ImageInput>> m_readers;  // open, not in use
+    std::map<BlockKey, std::shared_ptr<Block>> m_blocks;
+    std::list<BlockKey> m_recent;  // most recently used first
+    std::map<BlockKey, std::list<BlockKey>::iterator> m_recentPosition;
 };
 
 }  // namespace

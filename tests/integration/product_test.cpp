@@ -180,6 +180,55 @@ TEST_F(ProductTest, TiledFilesAreReadInTheRegionsTheRenderNeeds) {
     EXPECT_EQ(Private::ImageAllocator::instance().getPeakFileInMemUsage(), 64 * 64 * 16);
 }
 
+// Tall files read on two threads with small render tiles: blocks are read
+// by several readers at once, dropped once the render has moved on and read
+// again if asked again (a blur reads rows above its tile). Every pixel is the
+// file's, scanline and tiled alike, and the file memory stays a few rows.
+TEST_F(ProductTest, FilesReadInParallelAndDroppedBehindTheRenderKeepEveryPixel) {
+    const int W = 64, H = 2000;
+    OIIO::ImageSpec spec(W, H, 4, OIIO::TypeDesc::FLOAT);
+    OIIO::ImageBuf buf(spec);
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const float v[4] = {float(x), float(y), float((x * 7 + y) % 13), 1};
+            buf.setpixel(x, y, v);
+        }
+    RenderManager::setRenderThreads(2);
+    RenderManager::setSpeculativeCachingEnable(false);
+    for (const bool tiled : {false, true}) {
+        const std::string path = (dir / (tiled ? "tall_tiled.exr" : "tall.exr")).string();
+        if (tiled) buf.set_write_tiles(16, 16);
+        ASSERT_TRUE(buf.write(path));
+        RenderManager::ClearRenderTaskCache();
+        Private::ImageAllocator::instance().resetStatistics();
+        TaskPtr read = createFileInTask("tall", 0, FileInParams{path, 0});
+        PerChannelBlurParameters params;
+        params.blur.sizeX = params.blur.sizeY = 9;
+        TaskPtr blurred = createBlurTask("soft", 0, params, read);
+        const Rect all(0, 0, W, H);
+        RenderManager::setGlobalTileSize(16, 16);
+        auto observer = make<CollectingObserver>();
+        RenderManager::Render({RenderDescription(read, all, IMGLIB::CHANNELS_RGBA),
+                               RenderDescription(blurred, all, IMGLIB::CHANNELS_RGBA)},
+                              observer, nullptr, true, RENDERTYPE_BATCH);
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x)
+                ASSERT_EQ(observer->pixel(0, x, y),
+                          Color(float(x), float(y), float((x * 7 + y) % 13), 1))
+                    << (tiled ? "tiled " : "scanline ") << x << ", " << y;
+        // Red and green are ramps, which a symmetric blur leaves as they are
+        // away from the edges, wherever the tile and block boundaries fall.
+        for (int y = 8; y < H - 8; y += 37) {
+            EXPECT_NEAR(observer->pixel(1, 30, y).r, 30.0f, 1e-3f) << y;
+            EXPECT_NEAR(observer->pixel(1, 30, y).g, float(y), 1e-3f) << y;
+        }
+        // File memory: a few rows of blocks, not the whole file (2 MB).
+        EXPECT_LT(Private::ImageAllocator::instance().getPeakFileInMemUsage(), 1 << 20);
+    }
+    RenderManager::setSpeculativeCachingEnable(true);
+    RenderManager::setGlobalTileSize(256, 256);
+}
+
 TEST_F(ProductTest, UnreadableFilesNameThemselves) {
     const std::string missing = (dir / "missing.exr").string();
     try {

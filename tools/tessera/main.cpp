@@ -115,6 +115,9 @@ int render(const Graph& graph, const RenderSettings& o) {
 
 void apply(const RenderSettings& o) {
     useRenderThreadsForFiles();
+    // One render and the process ends: no later render could use a tile
+    // kept for it, so none is kept (memory stays with the tiles in flight).
+    RenderManager::setSpeculativeCachingEnable(false);
     if (o.threads) RenderManager::setRenderThreads(o.threads);
     if (o.tile) RenderManager::setGlobalTileSize(int64_t(o.tile), int64_t(o.tile));
     if (o.mem) RenderManager::SetMaxImageMemory(o.mem);
