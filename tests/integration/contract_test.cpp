@@ -14,6 +14,7 @@
 #include "compositetasks.h"
 #include "filtertasks.h"
 #include "private/tile.h"
+#include "renderimage.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 #include "support/watchdog.h"
@@ -153,6 +154,16 @@ TEST_F(ContractTest, SettingsCancelAndFinishFromCallbacksAndOtherThreadsNeverDea
         [] { RenderManager::finishRender(RENDERTYPE_VIEWER); },
         [] { RenderManager::cancel(RENDERTYPE_VIEWER, true); },
         [] { RenderManager::cancel(RENDERTYPE_BATCH, true); },
+        [] {  // a blocking render of its own, with progress, in another queue
+            RenderOptions options;
+            RenderProgress last;
+            options.progress = [&](const RenderProgress& p) { last = p; };
+            const Rect area(0, 0, 40, 40);
+            const RenderedImage image =
+                renderImage(make<PatternTask>("inner", area), area, IMGLIB::CHANNELS_RGBA, options);
+            EXPECT_EQ(last.tilesDone, last.tilesTotal);
+            EXPECT_EQ(image.pixels[(5 * 40 + 7) * 4], PatternTask::at(7, 5).r);
+        },
     };
     for (size_t i = 0; i < calls.size(); ++i) {
         RenderManager::ClearRenderTaskCache();
