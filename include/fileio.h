@@ -57,14 +57,20 @@ struct TESSERA_API FileOutParams {
     std::string compression = "zip";  // EXR and TIFF compression
 };
 
-// An observer that writes outputs to files: each output's tiles are gathered
-// as they arrive and the file is written when the output is finished. A
-// file that cannot be written (a missing folder, a full disk) fails the
-// render with "cannot write 'PATH': REASON"; a render that does not succeed
-// leaves no partial file behind. Errors are also kept for the caller
-// (getErrors).
+// An observer that writes outputs to files while the render runs: each tile
+// goes to the files as it arrives, and a file writes each of its tiles (EXR,
+// compressed on the thread that delivered the tile) or bands of rows (other
+// formats, from the top) as soon as it is whole, so a file costs memory for
+// a few rows of tiles, not for the image. A file is written under a hidden
+// temporary name and renamed when complete. A file that cannot be written (a
+// missing folder, a full disk) fails the render with "cannot write 'PATH':
+// REASON"; a render that does not succeed leaves no partial file behind.
+// Errors are also kept for the caller (getErrors).
 class TESSERA_API FileWriter : public RenderObserver {
 public:
+    FileWriter();
+    ~FileWriter() override;
+
     // Output `index` of the render goes to each file of `files`.
     void addOutput(size_t index, const RenderDescription& output,
                    const std::vector<FileOutParams>& files);
@@ -75,8 +81,9 @@ public:
     std::string getErrors() const;
 
 private:
-    struct Stream;
     struct Target;
+    std::shared_ptr<Target> target(size_t outputIndex) const;
+    void remember(const std::string& error);
     mutable std::mutex m_mutex;  // guards m_targets and m_errors
     std::map<size_t, std::shared_ptr<Target>> m_targets;
     std::string m_errors;

@@ -186,6 +186,9 @@ std::string statistics() {
 PYBIND11_MODULE(_tessera, m) {
     m.doc() = "Tessera's native module; use the tessera package.";
     m.attr("__version__") = TESSERA_VERSION;
+    // Files are decoded and encoded on the render's threads, as in the
+    // command; the image libraries start no pools of their own.
+    useRenderThreadsForFiles();
 
     // Library errors keep their messages.
     auto error = py::exception<UTIL::ErrorException>(m, "Error", PyExc_RuntimeError);

@@ -1,0 +1,57 @@
+#include "io/outputfile.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "util/exceptions.h"
+
+namespace TESSERA {
+namespace Private {
+
+namespace {
+
+// A new name in the file's own folder, hidden, keeping the extension the
+// image libraries go by.
+std::string temporaryPathFor(const std::string& path) {
+    static std::atomic<uint64_t> counter{0};
+    const std::filesystem::path p(path);
+    const std::string name = "." + p.stem().string() + ".tessera-" + std::to_string(::getpid()) +
+                             "-" + std::to_string(++counter) + p.extension().string();
+    return (p.parent_path() / name).string();
+}
+
+}  // namespace
+
+FileCommit::FileCommit(std::string path)
+    : m_path(std::move(path)), m_temporary(temporaryPathFor(m_path)) {
+    std::error_code ec;
+    const std::filesystem::path dir = std::filesystem::path(m_path).parent_path();
+    if (!dir.empty()) std::filesystem::create_directories(dir, ec);
+}
+
+bool FileCommit::fail(const std::string& reason) {
+    if (m_error.empty()) m_error = "cannot write '" + m_path + "': " + reason;
+    return false;
+}
+
+bool FileCommit::commit() {
+    if (m_error.empty() && std::rename(m_temporary.c_str(), m_path.c_str()) != 0)
+        fail(std::strerror(errno));
+    if (!m_error.empty()) std::remove(m_temporary.c_str());
+    return m_error.empty();
+}
+
+std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
+                                           const OutputLayout& layout) {
+    if (std::filesystem::path(params.path).extension() == ".exr")
+        if (std::unique_ptr<OutputFile> file = openExrTiledFile(params, layout)) return file;
+    return openScanlineFile(params, layout);
+}
+
+}  // namespace Private
+}  // namespace TESSERA

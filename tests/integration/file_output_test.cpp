@@ -1,0 +1,167 @@
+// Files written while the render runs hold the pixels an in-memory render
+// gives, in every format and compression, whatever the tile grid, the
+// output's corner and the number of threads; and they read back the same
+// as tiled or scanline inputs.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <OpenImageIO/half.h>
+#include <OpenImageIO/imageio.h>
+
+#include <cmath>
+#include <filesystem>
+
+#include "fileio.h"
+#include "generatortasks.h"
+#include "support/serial_render.h"
+
+using namespace TESSERA;
+using namespace TESSERA::testing;
+using Color = Imath::Color4<float>;
+using UTIL::Rect;
+namespace fs = std::filesystem;
+
+namespace {
+
+class FileOutputTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = fs::temp_directory_path() / ("tessera_fileout_" + std::to_string(::getpid()));
+        fs::create_directories(dir);
+    }
+    void TearDown() override {
+        fs::remove_all(dir);
+        RenderManager::setGlobalTileSize(256, 256);
+        RenderManager::setRenderThreads(2);
+    }
+    fs::path dir;
+};
+
+// Pixels as the file holds them, as floats, in R, G, B, A order.
+std::vector<float> readFile(const std::string& path, const Rect& area) {
+    auto in = OIIO::ImageInput::open(path);
+    EXPECT_TRUE(in) << OIIO::geterror();
+    if (!in) return {};
+    const OIIO::ImageSpec& s = in->spec();
+    // TIFF and PNG keep no negative origin: their size is checked.
+    const Rect window(s.x, s.y, s.x + s.width, s.y + s.height);
+    if (fs::path(path).extension() == ".exr") EXPECT_EQ(window, area) << path;
+    EXPECT_EQ(window.width(), area.width());
+    EXPECT_EQ(window.height(), area.height());
+    std::vector<float> pixels(size_t(area.area()) * 4);
+    EXPECT_TRUE(in->read_image(0, 0, 0, 4, OIIO::TypeDesc::FLOAT, pixels.data())) << path;
+    return pixels;
+}
+
+// Renders `task` over `area` to the files and returns what failed.
+std::string writeFiles(const TaskPtr& task, const Rect& area,
+                       const std::vector<FileOutParams>& files) {
+    RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
+    RenderDescription out(task, area, IMGLIB::CHANNELS_RGBA);
+    writer->addOutput(0, out, files);
+    RenderManager::Render({out}, writer, nullptr, true, RENDERTYPE_BATCH);
+    return writer->getErrors();
+}
+
+float toHalf(float v) {
+    return float(Imath::half(v));
+}
+float quantized(float v, float levels) {
+    return std::round(std::clamp(v, 0.0f, 1.0f) * levels) / levels;
+}
+
+}  // namespace
+
+TEST_F(FileOutputTest, EveryFormatHoldsTheRenderedPixelsWhateverTheTilesAndThreads) {
+    // Values that use every bit of a float, over a rectangle whose corner is
+    // on no tile grid. (8-bit files, which divide colour by alpha, have
+    // their own round trip.)
+    const Rect area(-13, 7, 301, 190);
+    TaskPtr source = createPerlinNoiseTask("n", 0, 9, 3, 0.5f, 0, Color(-0.2f, 0, 0.1f, 0.3f),
+                                           Color(1.3f, 1, 0.7f, 1), area);
+    const auto expected = renderPixels(source, area, 16);
+    struct Case {
+        std::string file, dataType, compression;
+        std::function<float(float)> stored;  // what the format keeps of a value
+        float tolerance;
+    };
+    const auto exact = [](float v) { return v; };
+    const auto u16 = [](float v) { return quantized(v, 65535); };
+    const std::vector<Case> cases = {
+        {"none.exr", "float", "none", exact, 0},
+        {"rle.exr", "float", "rle", exact, 0},
+        {"zips.exr", "float", "zips", exact, 0},
+        {"zip.exr", "float", "zip:9", exact, 0},
+        {"piz.exr", "float", "piz", exact, 0},
+        {"half.exr", "half", "zip", toHalf, 0},
+        {"pxr24.exr", "half", "pxr24", toHalf, 0},
+        {"dwaa.exr", "half", "dwaa", toHalf, 0.02f},  // lossy, written in scanlines
+        {"float.tif", "float", "zip", exact, 0},
+        {"u16.tif", "uint16", "none", u16, 1e-7f},
+    };
+    std::vector<FileOutParams> files;
+    for (const Case& c : cases)
+        files.push_back(FileOutParams{(dir / c.file).string(), c.dataType, c.compression});
+    for (const auto& [tile, threads] : {std::pair{16, 1}, {64, 3}, {1024, 2}}) {
+        RenderManager::setGlobalTileSize(tile, tile);
+        RenderManager::setRenderThreads(threads);
+        RenderManager::ClearRenderTaskCache();
+        ASSERT_EQ(writeFiles(source, area, files), "");
+        for (const Case& c : cases) {
+            const std::vector<float> got = readFile((dir / c.file).string(), area);
+            ASSERT_EQ(got.size(), expected.size() * 4);
+            for (size_t p = 0; p < expected.size(); ++p)
+                for (int ch = 0; ch < 4; ++ch)
+                    ASSERT_NEAR(got[p * 4 + ch], c.stored(expected[p][ch]), c.tolerance)
+                        << c.file << " tile " << tile << " pixel " << p << " channel " << ch;
+        }
+        // No temporary file is left beside them.
+        for (const auto& entry : fs::directory_iterator(dir))
+            EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
+    }
+}
+
+TEST_F(FileOutputTest, WrittenFilesReadBackAsTiledAndScanlineInputs) {
+    const Rect area(0, 0, 200, 150);
+    TaskPtr source =
+        createPerlinNoiseTask("n", 0, 11, 2, 0.5f, 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area);
+    RenderManager::setGlobalTileSize(32, 32);
+    // The EXR is tiled on the render's grid; the TIFF is in scanlines.
+    const std::vector<FileOutParams> files = {{(dir / "tiled.exr").string(), "float", "zip"},
+                                              {(dir / "scanline.tif").string(), "float", "none"}};
+    ASSERT_EQ(writeFiles(source, area, files), "");
+    auto tiled = OIIO::ImageInput::open(files[0].path);
+    ASSERT_TRUE(tiled);
+    EXPECT_EQ(tiled->spec().tile_width, 32);
+    const auto expected = renderPixels(source, area, 16);
+    for (const FileOutParams& file : files) {
+        // A copy through the file, on another grid: the same pixels.
+        RenderManager::setGlobalTileSize(48, 48);
+        TaskPtr read = createFileInTask("in", 0, FileInParams{file.path, 0});
+        const std::string copy =
+            (dir / ("copy_" + fs::path(file.path).stem().string() + ".exr")).string();
+        ASSERT_EQ(writeFiles(read, area, {{copy, "float", "piz"}}), "");
+        const std::vector<float> got = readFile(copy, area);
+        for (size_t p = 0; p < expected.size(); ++p)
+            for (int ch = 0; ch < 4; ++ch)
+                ASSERT_EQ(got[p * 4 + ch], expected[p][ch]) << file.path << " pixel " << p;
+    }
+}
+
+TEST_F(FileOutputTest, UnknownCompressionIsRefusedNamingTheFile) {
+    const Rect area(0, 0, 8, 8);
+    TaskPtr source = createConstantTask("c", 0, Color(1, 1, 1, 1), area);
+    RCX_ptr_v4::ref_ptr<FileWriter> writer(new FileWriter);
+    const std::string path = (dir / "odd.exr").string();
+    try {
+        writer->addOutput(0, RenderDescription(source, area, IMGLIB::CHANNELS_RGBA),
+                          {{path, "half", "lzma"}});
+        FAIL() << "an unknown compression was taken";
+    } catch (const UTIL::ErrorException& e) {
+        EXPECT_NE(
+            std::string(e.what()).find("cannot write '" + path + "': unknown compression 'lzma'"),
+            std::string::npos)
+            << e.what();
+    }
+    EXPECT_TRUE(fs::is_empty(dir));
+}
