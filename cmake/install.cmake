@@ -22,6 +22,8 @@ endforeach()
 
 install(TARGETS tessera tessera_public EXPORT TesseraTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# Found beside the library at run time.
+install(TARGETS tessera_oiio LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(tessera_cli PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS tessera_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 

@@ -1,6 +1,4 @@
-// Reading images with OpenImageIO, region by region.
-#include <OpenImageIO/deepdata.h>
-#include <OpenImageIO/imageio.h>
+// Reading image files, region by region.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 #include "fileio.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "io/imagefiles.h"
 #include "private/operation.h"
 #include "rendermanager.h"
 #include "rendersystem/images/imageallocator.h"
@@ -29,15 +28,16 @@ namespace {
 
 // The channel bits of a file's channel names (R, G, B, A, Z), and where each
 // is in the file's pixels.
-uint64_t channelsOf(const OIIO::ImageSpec& spec, int slots[IMGLIB::NUM_KNOWN_CHANNELS]) {
-    static const char* const names[5] = {"R", "G", "B", "A", "Z"};
+uint64_t channelsOf(const std::vector<std::string>& names, int slots[IMGLIB::NUM_KNOWN_CHANNELS]) {
+    const int count = int(names.size());
+    static const char* const known[5] = {"R", "G", "B", "A", "Z"};
     uint64_t mask = 0;
     for (int bit = 0; bit < 5; ++bit) {
         slots[bit] = -1;
-        for (int c = 0; c < spec.nchannels; ++c)
-            if (spec.channel_name(c) == names[bit] ||
-                (bit < 4 && spec.channel_name(c).size() == 1 &&
-                 std::toupper(spec.channel_name(c)[0]) == names[bit][0])) {
+        for (int c = 0; c < count; ++c)
+            if (names[size_t(c)] == known[bit] ||
+                (bit < 4 && names[size_t(c)].size() == 1 &&
+                 std::toupper(names[size_t(c)][0]) == known[bit][0])) {
                 slots[bit] = c;
                 mask |= uint64_t(1) << bit;
                 break;
@@ -45,17 +45,17 @@ uint64_t channelsOf(const OIIO::ImageSpec& spec, int slots[IMGLIB::NUM_KNOWN_CHA
     }
     // Grey with or without alpha ("Y", "YA"): R, G and B take the grey.
     if (!(mask & IMGLIB::CHANNELS_RGB))
-        for (int c = 0; c < spec.nchannels; ++c)
-            if (spec.channel_name(c) == "Y") {
+        for (int c = 0; c < count; ++c)
+            if (names[size_t(c)] == "Y") {
                 for (int bit = 0; bit < 3; ++bit) slots[bit] = c;
                 mask |= IMGLIB::CHANNELS_RGB;
                 break;
             }
     // Unnamed single-channel images are grey: R, G and B.
-    if (!mask && spec.nchannels >= 1) {
-        for (int bit = 0; bit < 3; ++bit) slots[bit] = std::min(bit, spec.nchannels - 1);
+    if (!mask && count >= 1) {
+        for (int bit = 0; bit < 3; ++bit) slots[bit] = std::min(bit, count - 1);
         mask = IMGLIB::CHANNELS_RGB;
-        if (spec.nchannels == 4) slots[3] = 3, mask |= IMGLIB::CHANNEL_A;
+        if (count == 4) slots[3] = 3, mask |= IMGLIB::CHANNEL_A;
     }
     return mask;
 }
@@ -100,37 +100,11 @@ struct FileRegistry {
     }
 };
 
-// One pixel of deep data flattened front to back: each channel the sum of
-// its samples, each sample seen through the alpha of those in front; depth
-// the nearest sample's. Samples without alpha are opaque.
-void flattenDeepPixel(const OIIO::DeepData& deep, int64_t pixel, int channels, float* out) {
-    const int z = deep.Z_channel(), a = deep.A_channel();
-    const int n = deep.samples(pixel);
-    std::vector<int> order(static_cast<size_t>(n));
-    for (int i = 0; i < n; ++i) order[size_t(i)] = i;
-    if (z >= 0)
-        std::stable_sort(order.begin(), order.end(), [&](int p, int q) {
-            return deep.deep_value(pixel, z, p) < deep.deep_value(pixel, z, q);
-        });
-    for (int c = 0; c < channels; ++c) out[c] = 0.0f;
-    float through = 1.0f;  // how much of a sample the ones in front let pass
-    for (int i : order) {
-        for (int c = 0; c < channels; ++c)
-            if (c != z) out[c] += through * deep.deep_value(pixel, c, i);
-        through *= 1.0f - (a >= 0 ? std::clamp(deep.deep_value(pixel, a, i), 0.0f, 1.0f) : 1.0f);
-    }
-    if (z >= 0 && n > 0) out[z] = deep.deep_value(pixel, z, order.front());
-}
-
-std::unique_ptr<OIIO::ImageInput> openFile(const std::string& task, const std::string& path,
-                                           int subimage) {
-    auto in = OIIO::ImageInput::open(path);
-    if (!in)
-        throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + OIIO::geterror(),
-                                           -1);
-    if (subimage != 0 && !in->seek_subimage(subimage, 0))
-        throw RenderTaskRenderingException(
-            task, "'" + path + "' has no subimage " + std::to_string(subimage), -1);
+std::unique_ptr<Private::ImageReader> openFile(const std::string& task, const std::string& path,
+                                               int subimage) {
+    std::string error;
+    auto in = Private::openImageReader(path, subimage, error);
+    if (!in) throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + error, -1);
     return in;
 }
 
@@ -139,12 +113,11 @@ public:
     FileInTask(const std::string& name, float time, const FileInParams& params)
         : RenderTask(name, time), m_params(params) {
         auto in = openFile(getNameAtTime(), params.path, params.subimage);
-        m_spec = in->spec();
+        m_info = in->info();
         m_fileIdentity = fileIdentity(params.path);
         m_generation = FileRegistry::instance().generationOf(params.path);
-        m_channels = channelsOf(m_spec, m_slots);
-        m_dataWindow =
-            UTIL::Rect(m_spec.x, m_spec.y, m_spec.x + m_spec.width, m_spec.y + m_spec.height);
+        m_channels = channelsOf(m_info.channelNames, m_slots);
+        m_dataWindow = m_info.dataWindow;
     }
 
 protected:
@@ -152,8 +125,8 @@ protected:
     void computeCacheID(CacheIDStream& s) override {
         // The file's identity as far as a reader can tell without reading it all.
         s << m_params.path << ',' << m_params.subimage << ',' << m_dataWindow << ','
-          << m_spec.nchannels << ',' << m_spec.get_string_attribute("DateTime") << ','
-          << m_fileIdentity << ',' << m_generation;
+          << m_info.channelNames.size() << ',' << m_info.description << ',' << m_fileIdentity << ','
+          << m_generation;
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
@@ -194,11 +167,14 @@ private:
     // Files are read in blocks: a tiled file's tiles, a scanline file's bands
     // of rows. (xmax, ymax) is the block size.
     UTIL::Rect blockSize() const {
-        if (m_spec.tile_width > 0) return UTIL::Rect(0, 0, m_spec.tile_width, m_spec.tile_height);
-        // Bands of about kBandBytes: fewer rows for wide images.
-        const int64_t rowBytes = std::max<int64_t>(1, m_dataWindow.width()) * m_spec.nchannels * 4;
-        return UTIL::Rect(0, 0, m_dataWindow.width(),
-                          std::clamp<int64_t>(kBandBytes / rowBytes, 1, kBandRows));
+        if (m_info.tileWidth > 0) return UTIL::Rect(0, 0, m_info.tileWidth, m_info.tileHeight);
+        // Bands of about kBandBytes (fewer rows for wide images), in whole
+        // chunks of the file.
+        const int64_t rowBytes =
+            std::max<int64_t>(1, m_dataWindow.width()) * int64_t(m_info.channelNames.size()) * 4;
+        const int64_t rows = std::clamp<int64_t>(kBandBytes / rowBytes, 1, kBandRows);
+        const int64_t chunk = std::max<int64_t>(1, m_info.rowsPerChunk);
+        return UTIL::Rect(0, 0, m_dataWindow.width(), (rows + chunk - 1) / chunk * chunk);
     }
 
     // A block being decoded or decoded. The thread that made the slot reads
@@ -275,12 +251,14 @@ private:
         m_recentPosition.erase(key);
     }
     // Under m_mutex: drops the least recently used finished blocks beyond
-    // three rows of tiles' worth (a tile being rendered holds its own handle).
+    // two rows of tiles' worth, the rows the render threads work in (a tile
+    // being rendered holds its own handle; a block asked for again after it
+    // went is read again).
     void evict() {
         const UTIL::Rect size = blockSize();
         const int64_t tileRows = (RenderManager::getGlobalTileHeight() + size.ymax - 1) / size.ymax;
         const int64_t across = (m_dataWindow.width() + size.xmax - 1) / size.xmax;
-        const size_t keep = size_t(std::max<int64_t>(8, 3 * (tileRows + 1) * across));
+        const size_t keep = size_t(std::max<int64_t>(8, 2 * (tileRows + 1) * across));
         for (auto key = m_recent.end(); m_blocks.size() > keep && key != m_recent.begin();) {
             --key;
             const std::shared_ptr<Block> slot = m_blocks.at(*key);  // outlives the lock
@@ -293,7 +271,7 @@ private:
     }
 
     // A reader of the file no other thread is using.
-    std::unique_ptr<OIIO::ImageInput> takeReader() {
+    std::unique_ptr<Private::ImageReader> takeReader() {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (!m_readers.empty()) {
@@ -304,7 +282,7 @@ private:
         }
         return openFile(getNameAtTime(), m_params.path, m_params.subimage);
     }
-    void returnReader(std::unique_ptr<OIIO::ImageInput> reader) {
+    void returnReader(std::unique_ptr<Private::ImageReader> reader) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readers.push_back(std::move(reader));
     }
@@ -317,7 +295,7 @@ private:
                        m_dataWindow.xmin + (bx + 1) * size.xmax,
                        m_dataWindow.ymin + (by + 1) * size.ymax)
                 .intersection(m_dataWindow);
-        const int n = m_spec.nchannels;
+        const int n = int(m_info.channelNames.size());
         // The decoded block is held twice for a moment: refuse what the image
         // memory budget could not hold (a damaged header declaring a huge width).
         const uint64_t bytes = uint64_t(area.area()) * uint64_t(n) * sizeof(float);
@@ -331,18 +309,11 @@ private:
                     std::to_string(budget >> 20) + " MB)",
                 -1);
         std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
-        std::unique_ptr<OIIO::ImageInput> file = takeReader();
-        const bool ok =
-            m_spec.deep ? readDeep(*file, area, pixels.data())
-            : m_spec.tile_width > 0
-                ? file->read_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
-                                   int(area.ymin), int(area.ymax), 0, 1, 0, n,
-                                   OIIO::TypeDesc::FLOAT, pixels.data())
-                : file->read_scanlines(m_params.subimage, 0, int(area.ymin), int(area.ymax), 0, 0,
-                                       n, OIIO::TypeDesc::FLOAT, pixels.data());
-        if (!ok)
-            throw RenderTaskRenderingException(
-                getNameAtTime(), "cannot read '" + m_params.path + "': " + file->geterror(), -1);
+        std::unique_ptr<Private::ImageReader> file = takeReader();
+        const std::string error = file->read(area, pixels.data());
+        if (!error.empty())
+            throw RenderTaskRenderingException(getNameAtTime(),
+                                               "cannot read '" + m_params.path + "': " + error, -1);
         returnReader(std::move(file));
         ImageBuffer image(m_channels, area, "FILEIN." + m_params.path);
         {
@@ -360,28 +331,11 @@ private:
         return image;
     }
 
-    // A block of a deep file, flattened.
-    bool readDeep(OIIO::ImageInput& file, const UTIL::Rect& area, float* pixels) {
-        OIIO::DeepData deep;
-        const bool ok =
-            m_spec.tile_width > 0
-                ? file.read_native_deep_tiles(m_params.subimage, 0, int(area.xmin), int(area.xmax),
-                                              int(area.ymin), int(area.ymax), 0, 1, 0,
-                                              m_spec.nchannels, deep)
-                : file.read_native_deep_scanlines(m_params.subimage, 0, int(area.ymin),
-                                                  int(area.ymax), 0, 0, m_spec.nchannels, deep);
-        if (!ok) return false;
-        // Scanline reads cover whole rows; the block is all of them here.
-        for (int64_t p = 0; p < area.area(); ++p)
-            flattenDeepPixel(deep, p, m_spec.nchannels, pixels + p * m_spec.nchannels);
-        return true;
-    }
-
     static constexpr int64_t kBandRows = 64;
-    static constexpr int64_t kBandBytes = int64_t(4) << 20;
+    static constexpr int64_t kBandBytes = int64_t(1) << 20;
 
     FileInParams m_params;
-    OIIO::ImageSpec m_spec;
+    Private::ImageFileInfo m_info;
     std::string m_fileIdentity;
     uint64_t m_generation = 0;
     uint64_t m_channels = 0;
@@ -390,7 +344,7 @@ private:
     // m_mutex guards the readers and the blocks; it is taken before a
     // block's own mutex, and never held while a file is read.
     std::mutex m_mutex;
-    std::vector<std::unique_ptr<OIIO::ImageInput>> m_readers;  // open, not in use
+    std::vector<std::unique_ptr<Private::ImageReader>> m_readers;  // open, not in use
     std::map<BlockKey, std::shared_ptr<Block>> m_blocks;
     std::list<BlockKey> m_recent;  // most recently used first
     std::map<BlockKey, std::list<BlockKey>::iterator> m_recentPosition;
@@ -399,8 +353,7 @@ private:
 }  // namespace
 
 void useRenderThreadsForFiles() {
-    OIIO::attribute("threads", 1);
-    OIIO::attribute("exr_threads", -1);
+    Private::useRenderThreadsInModule();
 }
 
 TaskPtr createFileInTask(const std::string& name, float time, const FileInParams& params) {
@@ -416,10 +369,7 @@ void forgetFile(const std::string& path) {
 
 FileWindows readFileWindows(const std::string& path) {
     auto in = openFile("readFileWindows", path, 0);
-    const OIIO::ImageSpec& s = in->spec();
-    return FileWindows{
-        UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height),
-        UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height)};
+    return FileWindows{in->info().dataWindow, in->info().displayWindow};
 }
 
 namespace Private {

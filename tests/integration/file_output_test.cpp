@@ -128,6 +128,7 @@ TEST_F(FileOutputTest, WrittenFilesReadBackAsTiledAndScanlineInputs) {
     RenderManager::setGlobalTileSize(32, 32);
     // The EXR is tiled on the render's grid; the TIFF is in scanlines.
     const std::vector<FileOutParams> files = {{(dir / "tiled.exr").string(), "float", "zip"},
+                                              {(dir / "half.exr").string(), "half", "piz"},
                                               {(dir / "scanline.tif").string(), "float", "none"}};
     ASSERT_EQ(writeFiles(source, area, files), "");
     auto tiled = OIIO::ImageInput::open(files[0].path);
@@ -144,7 +145,9 @@ TEST_F(FileOutputTest, WrittenFilesReadBackAsTiledAndScanlineInputs) {
         const std::vector<float> got = readFile(copy, area);
         for (size_t p = 0; p < expected.size(); ++p)
             for (int ch = 0; ch < 4; ++ch)
-                ASSERT_EQ(got[p * 4 + ch], expected[p][ch]) << file.path << " pixel " << p;
+                ASSERT_EQ(got[p * 4 + ch],
+                          file.dataType == "half" ? toHalf(expected[p][ch]) : expected[p][ch])
+                    << file.path << " pixel " << p << " channel " << ch;
     }
 }
 

@@ -1,0 +1,84 @@
+// Reading and writing image files below the tasks: EXR through OpenEXR's
+// core library in this library; every other format (and deep EXR) through
+// OpenImageIO in a module loaded the first time such a file is opened, so
+// that programs working in EXR never load OpenImageIO and the hundreds of
+// libraries it brings (a fifth of a second and over 100 MB at start-up).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "util/rect.h"
+
+namespace TESSERA {
+namespace Private {
+
+struct ImageFileInfo {
+    UTIL::Rect dataWindow;
+    UTIL::Rect displayWindow;
+    std::vector<std::string> channelNames;
+    int64_t tileWidth = 0;  // 0: the file is in scanlines
+    int64_t tileHeight = 0;
+    int64_t rowsPerChunk = 1;  // scanline files: rows stored together
+    bool deep = false;
+    std::string description;  // what tells versions apart beyond the header (a date)
+};
+
+// One open file. A reader serves one thread at a time.
+class ImageReader {
+public:
+    virtual ~ImageReader() = default;
+    virtual const ImageFileInfo& info() const = 0;
+    // Decodes `area` (inside the data window; whole tiles of a tiled file)
+    // as floats, every channel, interleaved. Deep files are flattened
+    // front to back. Empty on success, else the reason.
+    virtual std::string read(const UTIL::Rect& area, float* pixels) = 0;
+};
+
+// Opens `path` (part `subimage`); null and `error` set when it cannot.
+std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage,
+                                             std::string& error);
+
+// A file written in bands of rows from the top.
+struct ImageWriterSpec {
+    std::string path;      // where the bytes go
+    std::string formatOf;  // the name whose extension gives the format
+    UTIL::Rect rect;
+    std::vector<std::string> channelNames;
+    std::string dataType;  // "half", "float", "uint8", "uint16"; empty: the format's usual
+    std::string compression;
+};
+class ImageWriter {
+public:
+    virtual ~ImageWriter() = default;
+    // Rows [ymin, ymax), every channel as floats; empty on success, else
+    // the reason (in the system's words for a failed write).
+    virtual std::string writeRows(int64_t ymin, int64_t ymax, const float* pixels,
+                                  int64_t pixelBytes, int64_t lineBytes) = 0;
+    virtual std::string close() = 0;
+};
+
+// The OpenImageIO module's entry points.
+struct ImageFormatModule {
+    std::unique_ptr<ImageReader> (*openReader)(const std::string& path, int subimage,
+                                               std::string& error);
+    std::unique_ptr<ImageWriter> (*openWriter)(const ImageWriterSpec& spec, std::string& error);
+    // OpenImageIO and OpenEXR start no threads of their own, process-wide.
+    void (*useRenderThreads)();
+};
+// Loads the module on first use; null and `error` set when it cannot be.
+const ImageFormatModule* imageFormatModule(std::string& error);
+// useRenderThreads, now if the module is loaded, else when it is.
+void useRenderThreadsInModule();
+
+// EXR through the core library; null when the file needs the module
+// (deep, subsampled channels) or is not EXR (`error` then stays empty).
+std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage,
+                                           std::string& error);
+
+}  // namespace Private
+}  // namespace TESSERA
+
+// The module's one symbol.
+extern "C" const TESSERA::Private::ImageFormatModule* tessera_image_format_module();

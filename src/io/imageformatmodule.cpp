@@ -1,0 +1,85 @@
+// Finding and loading the OpenImageIO module: beside the library that holds
+// this code (an installed or built shared library), else where the build
+// put it, else where it is installed.
+#include <dlfcn.h>
+
+#include <atomic>
+#include <filesystem>
+#include <mutex>
+
+#include "io/imagefiles.h"
+
+namespace TESSERA {
+namespace Private {
+
+namespace {
+
+constexpr const char* kModuleName = "libtessera_oiio.so";
+std::atomic<bool> g_renderThreads{false};
+std::atomic<const ImageFormatModule*> g_loaded{nullptr};
+
+std::vector<std::string> candidates() {
+    std::vector<std::string> paths;
+    Dl_info self{};
+    if (dladdr(reinterpret_cast<void*>(&imageFormatModule), &self) && self.dli_fname)
+        paths.push_back(
+            (std::filesystem::path(self.dli_fname).parent_path() / kModuleName).string());
+    paths.push_back(std::string(TESSERA_MODULE_BUILD_DIR) + "/" + kModuleName);
+    paths.push_back(std::string(TESSERA_MODULE_INSTALL_DIR) + "/" + kModuleName);
+    return paths;
+}
+
+}  // namespace
+
+const ImageFormatModule* imageFormatModule(std::string& error) {
+    static std::once_flag once;
+    static const ImageFormatModule* module = nullptr;
+    static std::string failure;
+    std::call_once(once, [] {
+        std::string tried;
+        for (const std::string& path : candidates()) {
+            if (!std::filesystem::exists(path)) {
+                tried += (tried.empty() ? "" : ", ") + path;
+                continue;
+            }
+            // Kept for the life of the process: readers and writers of it
+            // may live until the end.
+            void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+            if (!handle) {
+                failure = std::string("cannot load ") + path + ": " + dlerror();
+                return;
+            }
+            auto entry = reinterpret_cast<const ImageFormatModule* (*)()>(
+                dlsym(handle, "tessera_image_format_module"));
+            if (!entry) {
+                failure = path + " is not Tessera's image format module";
+                return;
+            }
+            module = entry();
+            g_loaded = module;
+            if (g_renderThreads) module->useRenderThreads();
+            return;
+        }
+        failure = std::string("the image format module ") + kModuleName +
+                  " is missing (looked for " + tried + ")";
+    });
+    error = failure;
+    return module;
+}
+
+void useRenderThreadsInModule() {
+    g_renderThreads = true;
+    if (const ImageFormatModule* module = g_loaded) module->useRenderThreads();
+}
+
+std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage,
+                                             std::string& error) {
+    error.clear();
+    if (auto exr = openExrReader(path, subimage, error)) return exr;
+    if (!error.empty()) return nullptr;
+    const ImageFormatModule* module = imageFormatModule(error);
+    return module ? module->openReader(path, subimage, error) : nullptr;
+}
+
+}  // namespace Private
+}  // namespace TESSERA

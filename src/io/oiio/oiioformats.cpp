@@ -1,0 +1,220 @@
+// The module that reads and writes every format OpenImageIO knows. It is
+// loaded only when such a file is opened (see imagefiles.h) and uses nothing
+// of the library but the interfaces there.
+#include <OpenImageIO/deepdata.h>
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imageio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "io/imagefiles.h"
+
+namespace TESSERA {
+namespace Private {
+namespace {
+
+// One pixel of deep data flattened front to back: each channel the sum of
+// its samples, each sample seen through the alpha of those in front; depth
+// the nearest sample's. Samples without alpha are opaque.
+void flattenDeepPixel(const OIIO::DeepData& deep, int64_t pixel, int channels, float* out) {
+    const int z = deep.Z_channel(), a = deep.A_channel();
+    const int n = deep.samples(pixel);
+    std::vector<int> order(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) order[size_t(i)] = i;
+    if (z >= 0)
+        std::stable_sort(order.begin(), order.end(), [&](int p, int q) {
+            return deep.deep_value(pixel, z, p) < deep.deep_value(pixel, z, q);
+        });
+    for (int c = 0; c < channels; ++c) out[c] = 0.0f;
+    float through = 1.0f;  // how much of a sample the ones in front let pass
+    for (int i : order) {
+        for (int c = 0; c < channels; ++c)
+            if (c != z) out[c] += through * deep.deep_value(pixel, c, i);
+        through *= 1.0f - (a >= 0 ? std::clamp(deep.deep_value(pixel, a, i), 0.0f, 1.0f) : 1.0f);
+    }
+    if (z >= 0 && n > 0) out[z] = deep.deep_value(pixel, z, order.front());
+}
+
+class OiioReader final : public ImageReader {
+public:
+    OiioReader(std::unique_ptr<OIIO::ImageInput> in, int subimage)
+        : m_in(std::move(in)), m_subimage(subimage) {
+        const OIIO::ImageSpec& s = m_in->spec();
+        m_info.dataWindow = UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height);
+        m_info.displayWindow =
+            UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height);
+        for (int c = 0; c < s.nchannels; ++c) m_info.channelNames.push_back(s.channel_name(c));
+        m_info.tileWidth = s.tile_width;
+        m_info.tileHeight = s.tile_height;
+        m_info.deep = s.deep;
+        m_info.description = s.get_string_attribute("DateTime");
+        m_in->threads(1);  // decoding runs on the render's threads
+    }
+    const ImageFileInfo& info() const override { return m_info; }
+
+    std::string read(const UTIL::Rect& area, float* pixels) override {
+        const int n = int(m_info.channelNames.size());
+        const int x0 = int(area.xmin), x1 = int(area.xmax), y0 = int(area.ymin),
+                  y1 = int(area.ymax);
+        bool ok;
+        if (m_info.deep) {
+            OIIO::DeepData deep;
+            ok = m_info.tileWidth > 0
+                     ? m_in->read_native_deep_tiles(m_subimage, 0, x0, x1, y0, y1, 0, 1, 0, n, deep)
+                     : m_in->read_native_deep_scanlines(m_subimage, 0, y0, y1, 0, 0, n, deep);
+            // Scanline reads cover whole rows: the area is all of them here.
+            if (ok)
+                for (int64_t p = 0; p < int64_t(x1 - x0) * (y1 - y0); ++p)
+                    flattenDeepPixel(deep, p, n, pixels + p * n);
+        } else if (m_info.tileWidth > 0) {
+            ok = m_in->read_tiles(m_subimage, 0, x0, x1, y0, y1, 0, 1, 0, n, OIIO::TypeDesc::FLOAT,
+                                  pixels);
+        } else {
+            ok =
+                m_in->read_scanlines(m_subimage, 0, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT, pixels);
+        }
+        if (ok) return std::string();
+        const std::string error = m_in->geterror();
+        return error.empty() ? "the file is damaged" : error;
+    }
+
+private:
+    std::unique_ptr<OIIO::ImageInput> m_in;
+    int m_subimage;
+    ImageFileInfo m_info;
+};
+
+std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, std::string& error) {
+    auto in = OIIO::ImageInput::open(path);
+    if (!in) {
+        error = OIIO::geterror();
+        return nullptr;
+    }
+    if (subimage != 0 && !in->seek_subimage(subimage, 0)) {
+        error = "no subimage " + std::to_string(subimage);
+        return nullptr;
+    }
+    return std::make_unique<OiioReader>(std::move(in), subimage);
+}
+
+// A file that notices every failed write (a full disk, a file size limit)
+// and from then on takes writes without doing them: the image library never
+// sees the failure (some writers wait for ever after one), and the writer
+// reports it in the system's words.
+class CheckedFile : public OIIO::Filesystem::IOFile {
+public:
+    explicit CheckedFile(const std::string& path) : IOFile(path, Write) {
+        if (!m_file) fail();
+    }
+    size_t write(const void* buf, size_t size) override {
+        if (!m_failed && IOFile::write(buf, size) != size) fail();
+        return size;
+    }
+    size_t pwrite(const void* buf, size_t size, int64_t offset) override {
+        if (!m_failed && IOFile::pwrite(buf, size, offset) != size) fail();
+        return size;
+    }
+    void close() override {
+        if (m_file && !m_failed && (std::fflush(m_file) != 0 || std::ferror(m_file))) fail();
+        IOFile::close();
+    }
+    // Empty when every byte reached the file.
+    const std::string& failure() const { return m_failure; }
+
+private:
+    void fail() {
+        m_failed = true;
+        m_failure = std::strerror(errno ? errno : EIO);
+    }
+    bool m_failed = false;
+    std::string m_failure;
+};
+
+OIIO::TypeDesc typeOf(const ImageWriterSpec& spec) {
+    std::string name = spec.dataType;
+    if (name.empty()) {
+        const std::string ext = std::filesystem::path(spec.formatOf).extension().string();
+        name = ext == ".exr" ? "half" : (ext == ".tif" || ext == ".tiff") ? "uint16" : "uint8";
+    }
+    if (name == "float") return OIIO::TypeDesc::FLOAT;
+    if (name == "uint8") return OIIO::TypeDesc::UINT8;
+    if (name == "uint16") return OIIO::TypeDesc::UINT16;
+    return OIIO::TypeDesc::HALF;
+}
+
+class OiioWriter final : public ImageWriter {
+public:
+    std::string open(const ImageWriterSpec& s) {
+        OIIO::ImageSpec spec(int(s.rect.width()), int(s.rect.height()), int(s.channelNames.size()),
+                             typeOf(s));
+        spec.x = spec.full_x = int(s.rect.xmin);
+        spec.y = spec.full_y = int(s.rect.ymin);
+        spec.channelnames = s.channelNames;
+        const auto alpha = std::find(s.channelNames.begin(), s.channelNames.end(), "A");
+        spec.alpha_channel =
+            alpha == s.channelNames.end() ? -1 : int(alpha - s.channelNames.begin());
+        spec.attribute("compression", s.compression);
+        m_out = OIIO::ImageOutput::create(s.formatOf);
+        if (!m_out) return OIIO::geterror();
+        if (m_out->supports("ioproxy")) {
+            m_file = std::make_unique<CheckedFile>(s.path);
+            if (!m_file->failure().empty()) return m_file->failure();
+            m_out->set_ioproxy(m_file.get());
+        }
+        m_out->threads(1);  // encoding runs on the render's threads
+        if (!m_out->open(s.path, spec)) return m_out->geterror();
+        return std::string();
+    }
+    std::string writeRows(int64_t ymin, int64_t ymax, const float* pixels, int64_t pixelBytes,
+                          int64_t lineBytes) override {
+        return check(m_out->write_scanlines(int(ymin), int(ymax), 0, OIIO::TypeDesc::FLOAT, pixels,
+                                            pixelBytes, lineBytes));
+    }
+    std::string close() override {
+        std::string error = m_out ? check(m_out->close()) : std::string();
+        m_out.reset();
+        if (m_file) {
+            m_file->close();
+            if (error.empty()) error = m_file->failure();
+            m_file.reset();
+        }
+        return error;
+    }
+
+private:
+    // The file's failure first: the library's own message says less.
+    std::string check(bool ok) {
+        if (m_file && !m_file->failure().empty()) return m_file->failure();
+        return ok ? std::string() : m_out->geterror();
+    }
+    std::unique_ptr<CheckedFile> m_file;
+    std::unique_ptr<OIIO::ImageOutput> m_out;
+};
+
+std::unique_ptr<ImageWriter> openWriter(const ImageWriterSpec& spec, std::string& error) {
+    auto writer = std::make_unique<OiioWriter>();
+    error = writer->open(spec);
+    if (error.empty()) return writer;
+    writer->close();
+    return nullptr;
+}
+
+void useRenderThreads() {
+    OIIO::attribute("threads", 1);
+    OIIO::attribute("exr_threads", -1);
+}
+
+const ImageFormatModule kModule = {&openReader, &openWriter, &useRenderThreads};
+
+}  // namespace
+}  // namespace Private
+}  // namespace TESSERA
+
+extern "C" __attribute__((visibility("default"))) const TESSERA::Private::ImageFormatModule*
+tessera_image_format_module() {
+    return &TESSERA::Private::kModule;
+}
