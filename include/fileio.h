@@ -1,5 +1,7 @@
-// File input and output through OpenImageIO: every format it reads (EXR
-// scanline and tiled, TIFF, PNG, JPEG, DPX, ...) and writes.
+// File input and output: EXR (scanline and tiled, read and written on the
+// render's threads with OpenEXR), and every other format OpenImageIO reads
+// and writes (TIFF, PNG, JPEG, DPX, ...), through a module loaded when such
+// a file is first opened.
 #pragma once
 
 #include <map>
@@ -36,11 +38,13 @@ TESSERA_API TaskPtr createFileInTask(const std::string& name, float time,
 TESSERA_API void forgetFile(const std::string& path);
 
 // For programs whose files are all read and written through renders (the
-// tessera command): OpenImageIO and OpenEXR start no worker threads of their
-// own (OpenImageIO's "threads" 1 and "exr_threads" -1, for the whole
-// process), so decoding and encoding share the render's workers instead of
+// tessera command, the Python module): OpenImageIO and OpenEXR start no
+// worker threads of their own (OpenImageIO's "threads" 1 and "exr_threads"
+// -1, for the whole process, applied when OpenImageIO is first needed), so
+// decoding and encoding share the render's workers instead of
 // oversubscribing the cores. A host that uses OpenImageIO for its own work
-// keeps its settings by not calling this.
+// keeps its settings by not calling this. (EXR files, and every file the
+// library opens itself, use the render's threads either way.)
 TESSERA_API void useRenderThreadsForFiles();
 
 // The data and display windows of a file (throws like createFileInTask).
