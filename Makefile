@@ -29,12 +29,16 @@ docs: build
 	mkdir -p build/docs && doxygen docs/Doxyfile
 
 # Compares whole pipelines with libvips, OpenImageIO and GEGL on this machine
-# and writes the table to docs/performance.md.
+# (in memory, then file to file against oiiotool and the vips command) and
+# writes the tables to docs/performance.md.
 bench:
 	@scripts/install-deps --bench
 	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
 	cmake --build build/release -j$(JOBS) --target tessera_bench_compare
 	build/release/bench/tessera_bench_compare --out docs/performance.md
+	cmake --build build/release -j$(JOBS) --target tessera_cli
+	/usr/bin/python3 bench/files/filebench.py --tessera build/release/tools/tessera/tessera \
+	  --out docs/performance.md --big
 
 test-release: build
 	$(CTEST) build/release

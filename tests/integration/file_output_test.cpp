@@ -12,7 +12,9 @@
 #include <filesystem>
 
 #include "fileio.h"
+#include "filtertasks.h"
 #include "generatortasks.h"
+#include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 
 using namespace TESSERA;
@@ -167,4 +169,49 @@ TEST_F(FileOutputTest, UnknownCompressionIsRefusedNamingTheFile) {
             << e.what();
     }
     EXPECT_TRUE(fs::is_empty(dir));
+}
+
+// A file-to-file render of an image four times the memory budget: the
+// engine's images (tiles and decoded blocks) stay within the budget, the
+// decoded blocks within a few rows, and the file holds every pixel.
+TEST_F(FileOutputTest, FileToFileStaysWithinTheMemoryBudget) {
+    const int W = 1024, H = 1024;
+    OIIO::ImageSpec spec(W, H, 4, OIIO::TypeDesc::FLOAT);
+    spec.attribute("compression", "zip");
+    std::vector<float> pixels(size_t(W) * H * 4);
+    for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float((i * 7919) % 1001) / 1000.0f;
+    const std::string input = (dir / "in.exr").string();
+    {
+        auto out = OIIO::ImageOutput::create(input);
+        ASSERT_TRUE(out && out->open(input, spec));  // scanlines, 16 rows a chunk
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()));
+        ASSERT_TRUE(out->close());
+    }
+    RenderManager::setGlobalTileSize(64, 64);
+    RenderManager::setRenderThreads(2);
+    const Rect area(0, 0, W, H);
+    PerChannelBlurParameters blur;
+    blur.blur.sizeX = blur.blur.sizeY = 9;
+    TaskPtr graph =
+        createBlurTask("soft", 0, blur, createFileInTask("in", 0, FileInParams{input, 0}));
+    const auto expected = renderPixels(graph, area, 64);
+
+    const uint64_t budget = RenderManager::GetMaxImageMemory();
+    RenderManager::SetMaxImageMemory(4);  // MB; the image is 16
+    RenderManager::setSpeculativeCachingEnable(false);
+    RenderManager::ClearRenderTaskCache();
+    Private::ImageAllocator::instance().resetStatistics();
+    const std::string output = (dir / "out.exr").string();
+    const std::string errors = writeFiles(graph, area, {{output, "float", "zip"}});
+    const int64_t peak = Private::ImageAllocator::instance().getPeakMemUsage();
+    const int64_t peakFileIn = Private::ImageAllocator::instance().getPeakFileInMemUsage();
+    RenderManager::SetMaxImageMemory(budget);
+    RenderManager::setSpeculativeCachingEnable(true);
+    ASSERT_EQ(errors, "");
+    EXPECT_LE(peak, int64_t(4) << 20);
+    // Decoded blocks: a few bands of 64 rows (1 MB each), not the file.
+    EXPECT_LE(peakFileIn, int64_t(W) * H * 16 / 4);
+    const std::vector<float> got = readFile(output, area);
+    for (size_t p = 0; p < expected.size(); ++p)
+        for (int ch = 0; ch < 4; ++ch) ASSERT_EQ(got[p * 4 + ch], expected[p][ch]) << p;
 }
