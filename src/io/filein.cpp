@@ -250,15 +250,16 @@ private:
         m_recent.erase(m_recentPosition.at(key));
         m_recentPosition.erase(key);
     }
-    // Under m_mutex: drops the least recently used finished blocks beyond
-    // two rows of tiles' worth, the rows the render threads work in (a tile
-    // being rendered holds its own handle; a block asked for again after it
-    // went is read again).
+    // Under m_mutex: drops the least recently used finished blocks beyond a
+    // row of render tiles' worth and a row of blocks more (eight at least):
+    // the threads work along one row, and the next row may start in the
+    // blocks this one ends in. A tile being rendered holds its own handle; a
+    // block asked for again after it went is read again.
     void evict() {
         const UTIL::Rect size = blockSize();
         const int64_t tileRows = (RenderManager::getGlobalTileHeight() + size.ymax - 1) / size.ymax;
         const int64_t across = (m_dataWindow.width() + size.xmax - 1) / size.xmax;
-        const size_t keep = size_t(std::max<int64_t>(8, 2 * (tileRows + 1) * across));
+        const size_t keep = size_t(std::max<int64_t>(8, (tileRows + 2) * across));
         for (auto key = m_recent.end(); m_blocks.size() > keep && key != m_recent.begin();) {
             --key;
             const std::shared_ptr<Block> slot = m_blocks.at(*key);  // outlives the lock

@@ -1,7 +1,5 @@
 #include "renderimage.h"
 
-#include <mutex>
-
 #include "imagebuffer.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
