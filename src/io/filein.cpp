@@ -8,6 +8,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -155,12 +156,22 @@ protected:
         const int64_t bx1 = (rect.xmax - 1 - m_dataWindow.xmin) / grid.xmax;
         const int64_t by0 = (rect.ymin - m_dataWindow.ymin) / grid.ymax;
         const int64_t by1 = (rect.ymax - 1 - m_dataWindow.ymin) / grid.ymax;
+        // Blocks another thread is decoding are taken last: meanwhile this
+        // thread decodes the others, so threads working along the same row
+        // of tiles (which need the same bands) decode different blocks.
+        std::vector<std::pair<int64_t, int64_t>> busy;
+        auto copy = [&](ImageBuffer block) {
+            ImageBuffer_LockScoper lock(block);
+            IMGLIB::CopyInto(out, block.getImage());
+        };
         for (int64_t by = by0; by <= by1; ++by)
             for (int64_t bx = bx0; bx <= bx1; ++bx) {
-                ImageBuffer block = this->block(bx, by);
-                ImageBuffer_LockScoper lock(block);
-                IMGLIB::CopyInto(out, block.getImage());
+                if (std::optional<ImageBuffer> block = this->block(bx, by, false))
+                    copy(*block);
+                else
+                    busy.emplace_back(bx, by);
             }
+        for (const auto& [bx, by] : busy) copy(*this->block(bx, by, true));
     }
 
 private:
@@ -195,7 +206,8 @@ private:
     // accounting, so it counts against the memory budget and may be
     // swapped out). A render touches blocks in tile order, so the last few
     // rows of tiles' worth are all it comes back to.
-    ImageBuffer block(int64_t bx, int64_t by) {
+    // Without `wait`, nothing when another thread is decoding the block.
+    std::optional<ImageBuffer> block(int64_t bx, int64_t by, bool wait) {
         std::shared_ptr<Block> slot;
         bool mine = false;
         {
@@ -206,8 +218,9 @@ private:
             touch({bx, by});
         }
         if (!mine) {
-            Util::ThreadPool::Blocking blocking;
             std::unique_lock<std::mutex> lock(slot->mutex);
+            if (!slot->ready && !wait) return std::nullopt;
+            Util::ThreadPool::Blocking blocking;
             slot->done.wait(lock, [&] { return slot->ready; });
             if (slot->error) std::rethrow_exception(slot->error);
             return slot->image;
