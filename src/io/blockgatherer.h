@@ -25,6 +25,9 @@ public:
     using Whole = std::function<void(int64_t column, int64_t row, const PixelPiece& pixels,
                                      std::vector<float>& storage)>;
 
+    // a / b rounded towards minus infinity (b > 0).
+    static int64_t floorDiv(int64_t a, int64_t b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
+
     BlockGatherer(const UTIL::Rect& area, size_t channels, int64_t originX, int64_t originY,
                   int64_t blockWidth, int64_t blockHeight, bool borrow);
 
@@ -38,7 +41,6 @@ public:
     size_t pending() const;
 
 private:
-    static int64_t floorDiv(int64_t a, int64_t b) { return a >= 0 ? a / b : -((-a + b - 1) / b); }
     struct Block {
         std::vector<float> pixels;  // interleaved, in the file's channel order
         int64_t missing = 0;        // pixels not yet delivered

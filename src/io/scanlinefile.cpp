@@ -15,10 +15,6 @@ namespace Private {
 
 namespace {
 
-int64_t floorTo(int64_t v, int64_t step) {
-    return (v >= 0 ? v / step : -((-v + step - 1) / step)) * step;
-}
-
 class ScanlineFile final : public OutputFile {
 public:
     ScanlineFile(const FileOutParams& params, const OutputLayout& layout)
@@ -26,9 +22,10 @@ public:
           m_layout(layout),
           // Bands follow the render's rows of tiles, so a tile fills part of
           // one band (two when the output does not start on a tile row).
-          m_gatherer(layout.rect, layout.channelNames.size(), layout.rect.xmin,
-                     floorTo(layout.rect.ymin, layout.tileHeight), layout.rect.width(),
-                     layout.tileHeight, false),
+          m_gatherer(
+              layout.rect, layout.channelNames.size(), layout.rect.xmin,
+              BlockGatherer::floorDiv(layout.rect.ymin, layout.tileHeight) * layout.tileHeight,
+              layout.rect.width(), layout.tileHeight, false),
           m_next(m_gatherer.firstRow()) {
         std::string error;
         const ImageFormatModule* module = imageFormatModule(error);
