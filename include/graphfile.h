@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -31,6 +32,9 @@ struct TESSERA_API GraphOutput {
 
 struct TESSERA_API Graph {
     std::vector<GraphOutput> outputs;
+    std::vector<int> frames;  // the frames the file declares ("frames"); empty for a still
+    int frame = 0;            // the frame it was loaded at (its tasks' time)
+    bool animated = false;    // some value or file path changes from frame to frame
 };
 
 // A value that replaces a node's parameter in the file (or adds it): the
@@ -42,14 +46,21 @@ struct TESSERA_API ParameterOverride {
 // does not have that form.
 TESSERA_API ParameterOverride parseParameterOverride(const std::string& text);
 
-// Builds the tasks of a graph file's text, with the overrides applied first
-// (checked as the file's own values are; a node that is not there is an
-// error). Relative file paths are taken from `baseDirectory`. Throws
-// GraphFileError.
+// Builds the tasks of a graph file's text at a frame, with the overrides
+// applied first (checked as the file's own values are; a node that is not
+// there is an error). Animated values and numbered paths are taken at the
+// frame; without one, at the first frame the file declares, or 0. Relative
+// file paths are taken from `baseDirectory`. Throws GraphFileError.
 TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".",
-                            const std::vector<ParameterOverride>& overrides = {});
+                            const std::vector<ParameterOverride>& overrides = {},
+                            std::optional<int> frame = std::nullopt);
 TESSERA_API Graph loadGraphFile(const std::string& path,
-                                const std::vector<ParameterOverride>& overrides = {});
+                                const std::vector<ParameterOverride>& overrides = {},
+                                std::optional<int> frame = std::nullopt);
+
+// The frames a graph file declares ("frames"); empty for a still. Reads
+// only the file, not its inputs.
+TESSERA_API std::vector<int> graphFileFrames(const std::string& path);
 
 // Renders every output of the graph and writes those that name files (each
 // under a temporary name, renamed when complete), waiting, with the

@@ -9,6 +9,7 @@
 #include "exceptions.h"
 #include "expressionimage.h"
 #include "fileio.h"
+#include "frames.h"
 #include "filtertasks.h"
 #include "generatortasks.h"
 #include "geometrytasks.h"

@@ -168,11 +168,71 @@ TaskPtr createOperation(const std::string& operation, const std::string& node,
     return createOperationTask(operation, node, paramsJson, tasks, baseDirectory);
 }
 
-Graph loadGraphPython(const std::string& path, const std::map<std::string, std::string>& set) {
+std::vector<ParameterOverride> overridesOf(const std::map<std::string, std::string>& set) {
     std::vector<ParameterOverride> overrides;
     for (const auto& [key, value] : set)
         overrides.push_back(parseParameterOverride(key + "=" + value));
-    return loadGraphFile(path, overrides);
+    return overrides;
+}
+
+Graph loadGraphPython(const std::string& path, const std::map<std::string, std::string>& set,
+                      std::optional<int> frame) {
+    return loadGraphFile(path, overridesOf(set), frame);
+}
+
+// A frame list given as text ("1-100x2") or as numbers.
+std::vector<int> framesOf(const py::object& frames) {
+    if (py::isinstance<py::str>(frames)) return parseFrames(frames.cast<std::string>());
+    return frames.cast<std::vector<int>>();
+}
+
+// Renders a graph file's frames: {"rendered": [frames], "failed": {frame: message}}.
+py::dict renderFrames(const std::string& path, const py::object& frameList,
+                      const std::map<std::string, std::string>& set, const py::object& progress,
+                      const py::object& onFrame, const py::object& cancel, const std::string& queue,
+                      bool removeAbandonedFiles) {
+    std::vector<int> frames = frameList.is_none() ? graphFileFrames(path) : framesOf(frameList);
+    if (frames.empty())
+        throw py::value_error("render_frames: " + path +
+                              " declares no frames: give frames=\"1-100\" or a list");
+    // Each frame's render polls for Ctrl-C, the cancel event and a raising
+    // callback, as render does.
+    const RenderOptions poll = pythonOptions(py::none(), cancel, queue);
+    SequenceOptions options;
+    options.type = poll.type;
+    options.removeAbandonedFiles = removeAbandonedFiles;
+    options.progress = [&](const SequenceProgress& p) {
+        poll.progress(p.tiles);
+        if (progress.is_none()) return;
+        py::gil_scoped_acquire gil;
+        try {
+            progress(p.frame, p.tiles.tilesDone, p.tiles.tilesTotal);
+        } catch (py::error_already_set& e) {
+            e.restore();
+            throw RenderCancelledException("Render cancelled.");
+        }
+    };
+    py::list rendered;
+    py::dict failed;
+    options.frameDone = [&](int frame, const std::string& error) {
+        py::gil_scoped_acquire gil;
+        if (error.empty())
+            rendered.append(frame);
+        else
+            failed[py::int_(frame)] = error;
+        try {
+            if (!onFrame.is_none())
+                onFrame(frame, error.empty() ? py::object(py::none()) : py::str(error));
+        } catch (py::error_already_set& e) {
+            e.restore();
+            throw RenderCancelledException("Render cancelled.");
+        }
+    };
+    withoutGil([&] { return writeGraphFrames(path, frames, overridesOf(set), options); });
+    py::dict result;
+    result["rendered"] = rendered;
+    result["failed"] = failed;
+    return result;
 }
 
 std::string statistics() {
@@ -245,10 +305,31 @@ PYBIND11_MODULE(_tessera, m) {
             "channels",
             [](const GraphOutput& o) { return IMGLIB::GetChannelMaskName(o.description.channels); })
         .def_readonly("files", &GraphOutput::files);
-    py::class_<Graph>(m, "Graph").def_readonly("outputs", &Graph::outputs);
+    py::class_<Graph>(m, "Graph")
+        .def_readonly("outputs", &Graph::outputs)
+        .def_readonly("frames", &Graph::frames, "the frames the file declares; [] for a still")
+        .def_readonly("frame", &Graph::frame, "the frame the graph was loaded at")
+        .def_readonly("animated", &Graph::animated,
+                      "whether a value or a file path changes from frame to frame");
     m.def("load_graph", &loadGraphPython, py::arg("path"),
-          py::arg("set") = std::map<std::string, std::string>(),
-          "Reads a graph file; set={'node.param': 'JSON value'} overrides parameters.");
+          py::arg("set") = std::map<std::string, std::string>(), py::arg("frame") = py::none(),
+          "Reads a graph file at a frame (default: its first); set={'node.param': 'JSON value'} "
+          "overrides parameters.");
+    m.def("parse_frames", &parseFrames, py::arg("text"),
+          "The frames of a list such as '1-100', '1-100x2', '5' or '1,4,9'.");
+    m.def("graph_frames", &graphFileFrames, py::arg("path"),
+          "The frames a graph file declares; [] for a still.");
+    m.def("frame_path", &framePath, py::arg("path"), py::arg("frame"),
+          "A numbered path ('a.####.exr', 'a.%04d.exr') at a frame.");
+    m.def("render_frames", &renderFrames, py::arg("path"), py::arg("frames") = py::none(),
+          py::arg("set") = std::map<std::string, std::string>(), py::arg("progress") = py::none(),
+          py::arg("on_frame") = py::none(), py::arg("cancel") = py::none(),
+          py::arg("queue") = "batch", py::arg("remove_abandoned_files") = false,
+          "Writes a graph file's outputs at each frame (default: the frames it declares).\n"
+          "progress(frame, tiles_done, tiles_total) runs while a frame renders, "
+          "on_frame(frame, error) after each (error None when it was written). A frame that "
+          "fails does not stop the others. Returns {'rendered': [frames], 'failed': {frame: "
+          "message}}. Ctrl-C, a set cancel event or a raising callback stops the sequence.");
     m.def(
         "write_outputs",
         [](const Graph& graph, const py::object& progress, const py::object& cancel,

@@ -120,8 +120,8 @@ inline const nlohmann::json kClear = {0, 0, 0, 0};
 class OperationArgs {
 public:
     OperationArgs(const std::string& node, const nlohmann::json& params,
-                  const std::map<std::string, TaskPtr>& inputs, const std::string& base)
-        : m_node(node), m_params(params), m_inputs(inputs), m_base(base) {}
+                  const std::map<std::string, TaskPtr>& inputs, const std::string& base, float time)
+        : m_node(node), m_params(params), m_inputs(inputs), m_base(base), m_time(time) {}
 
     const nlohmann::json& value(const std::string& name) const { return m_params.at(name); }
     float number(const std::string& n) const { return value(n).get<float>(); }
@@ -148,6 +148,8 @@ public:
     uint64_t channel(const std::string& n) const { return choice(channelChoices(), n); }
     TaskPtr input(const std::string& n) const { return m_inputs.at(n); }
     const std::string& node() const { return m_node; }
+    // The frame the node is built for: its task's time.
+    float time() const { return m_time; }
     // Throws the graph-file error naming this node and the parameter.
     [[noreturn]] void fail(const std::string& param, const std::string& message) const;
 
@@ -156,6 +158,7 @@ private:
     const nlohmann::json& m_params;
     const std::map<std::string, TaskPtr>& m_inputs;
     std::string m_base;
+    float m_time;
 };
 
 struct Operation {

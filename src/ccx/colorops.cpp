@@ -408,7 +408,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"gain", ParamType::Color4, kWhite}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createGainTask(a.node(), 0, a.color("gain"), a.input("input"));
+                       return createGainTask(a.node(), a.time(), a.color("gain"), a.input("input"));
                    }});
     ops.push_back({"colortransform",
                    "a 4x4 matrix (row vectors) and an offset",
@@ -420,7 +420,7 @@ void declareColorOperations(OperationList& ops) {
                        const std::vector<float> m = a.floats("matrix");
                        if (m.size() != 16) a.fail("matrix", "needs 16 numbers");
                        return createColorTransformTask(
-                           a.node(), 0,
+                           a.node(), a.time(),
                            Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7],
                                                   m[8], m[9], m[10], m[11], m[12], m[13], m[14],
                                                   m[15]),
@@ -434,7 +434,7 @@ void declareColorOperations(OperationList& ops) {
                     {"clampHigh", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createClampTask(a.node(), 0, a.color("low"), a.color("high"),
+                       return createClampTask(a.node(), a.time(), a.color("low"), a.color("high"),
                                               a.flag("clampLow"), a.flag("clampHigh"),
                                               a.input("input"));
                    }});
@@ -447,7 +447,7 @@ void declareColorOperations(OperationList& ops) {
                     {"aboveColor", ParamType::Color4, kWhite}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createThresholdTask(a.node(), 0, a.color("threshold"),
+                       return createThresholdTask(a.node(), a.time(), a.color("threshold"),
                                                   a.flag("replaceBelow"), a.color("belowColor"),
                                                   a.flag("replaceAbove"), a.color("aboveColor"),
                                                   a.input("input"));
@@ -457,7 +457,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"clampColorAtOne", ParamType::Bool, false}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createCleanupClampTask(a.node(), 0, a.flag("clampColorAtOne"),
+                       return createCleanupClampTask(a.node(), a.time(), a.flag("clampColorAtOne"),
                                                      a.input("input"));
                    }});
     ops.push_back({"contrast",
@@ -466,7 +466,7 @@ void declareColorOperations(OperationList& ops) {
                     {"pivot", ParamType::Color4, json::array({0.18, 0.18, 0.18, 0})}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createContrastTask(a.node(), 0, a.color("contrast"), a.color("pivot"),
+                       return createContrastTask(a.node(), a.time(), a.color("contrast"), a.color("pivot"),
                                                  a.input("input"));
                    }});
     ops.push_back({"gamma",
@@ -474,7 +474,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"gamma", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createGammaTask(a.node(), 0, a.color("gamma"), a.color("pivot"),
+                       return createGammaTask(a.node(), a.time(), a.color("gamma"), a.color("pivot"),
                                               a.input("input"));
                    }});
     ops.push_back({"exponential",
@@ -482,7 +482,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"exponent", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createExponentialTask(a.node(), 0, a.color("exponent"),
+                       return createExponentialTask(a.node(), a.time(), a.color("exponent"),
                                                     a.color("pivot"), a.input("input"));
                    }});
     ops.push_back({"compressrange",
@@ -493,7 +493,7 @@ void declareColorOperations(OperationList& ops) {
                     {"expand", ParamType::Bool, false}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createCompressRangeTask(a.node(), 0, a.number("midGrey"),
+                       return createCompressRangeTask(a.node(), a.time(), a.number("midGrey"),
                                                       a.number("maximum"), a.number("scale"),
                                                       a.flag("expand"), a.input("input"));
                    }});
@@ -502,7 +502,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"amount", ParamType::Number, 1}, {"alphaToo", ParamType::Bool, false}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createNContrastBoostTask(a.node(), 0, a.number("amount"),
+                       return createNContrastBoostTask(a.node(), a.time(), a.number("amount"),
                                                        a.flag("alphaToo"), a.input("input"));
                    }});
     ops.push_back({"hueshift",
@@ -516,21 +516,21 @@ void declareColorOperations(OperationList& ops) {
                        p.hueShift = a.number("hueShift");
                        p.saturation = a.number("saturation");
                        p.weights = a.color3("weights");
-                       return createHueShiftTask(a.node(), 0, p, a.input("input"));
+                       return createHueShiftTask(a.node(), a.time(), p, a.input("input"));
                    }});
     ops.push_back({"multinverse",
                    "unpremultiply (the older name)",
                    {},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createMultInverseTask(a.node(), 0, a.input("input"));
+                       return createMultInverseTask(a.node(), a.time(), a.input("input"));
                    }});
     ops.push_back({"unpremultiply",
                    "colour divided by alpha where alpha is not 0",
                    {},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createMultInverseTask(a.node(), 0, a.input("input"));
+                       return createMultInverseTask(a.node(), a.time(), a.input("input"));
                    },
                    "RGB / A where A ≠ 0; pixels of alpha 0 keep their colour exactly. As "
                    "`oiiotool --unpremult`."});
@@ -539,7 +539,7 @@ void declareColorOperations(OperationList& ops) {
                    {},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createPremultiplyTask(a.node(), 0, a.input("input"));
+                       return createPremultiplyTask(a.node(), a.time(), a.input("input"));
                    },
                    "RGB × A. An image without alpha has alpha 0 and premultiplies to black. As "
                    "`oiiotool --premult`."});
@@ -548,7 +548,7 @@ void declareColorOperations(OperationList& ops) {
                    {{"weights", ParamType::Color3, kRec709Luma, "the weight of R, G and B"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createLuminanceTask(a.node(), 0, a.color3("weights"),
+                       return createLuminanceTask(a.node(), a.time(), a.color3("weights"),
                                                   a.input("input"));
                    },
                    "R = G = B = w<sub>r</sub> R + w<sub>g</sub> G + w<sub>b</sub> B; alpha "
@@ -562,7 +562,7 @@ void declareColorOperations(OperationList& ops) {
                     {"clampToRange", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createPosterizeTask(a.node(), 0, a.number("levels"), a.number("low"),
+                       return createPosterizeTask(a.node(), a.time(), a.number("levels"), a.number("low"),
                                                   a.number("high"), a.flag("alphaToo"),
                                                   a.flag("clampToRange"), a.input("input"));
                    }});
@@ -571,22 +571,22 @@ void declareColorOperations(OperationList& ops) {
                    {{"toHSV", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createHSVConvertTask(a.node(), 0, a.flag("toHSV"), a.input("input"));
+                       return createHSVConvertTask(a.node(), a.time(), a.flag("toHSV"), a.input("input"));
                    }});
     ops.push_back({"lab",
                    "RGB to L*a*b*, or back",
                    {{"toLab", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createLabTask(a.node(), 0, a.flag("toLab"), a.input("input"));
+                       return createLabTask(a.node(), a.time(), a.flag("toLab"), a.input("input"));
                    }});
     ops.push_back(
         {"maxrgbtoalpha", "alpha = max(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
-             return createMaxRGBToAlphaTask(a.node(), 0, a.input("input"));
+             return createMaxRGBToAlphaTask(a.node(), a.time(), a.input("input"));
          }});
     ops.push_back(
         {"minrgbtoalpha", "alpha = min(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
-             return createMinRGBToAlphaTask(a.node(), 0, a.input("input"));
+             return createMinRGBToAlphaTask(a.node(), a.time(), a.input("input"));
          }});
     ops.push_back({"bloom",
                    "bloom control",
@@ -601,7 +601,7 @@ void declareColorOperations(OperationList& ops) {
                        b.gain = a.number("gain");
                        b.isolate = a.flag("isolate");
                        b.luminance = a.flag("luminance");
-                       return createBloomTask(a.node(), 0, b, a.input("input"));
+                       return createBloomTask(a.node(), a.time(), b, a.input("input"));
                    }});
     ops.push_back({"rgbacurves",
                    "a curve per channel, (x, y) pairs",
@@ -611,7 +611,7 @@ void declareColorOperations(OperationList& ops) {
                     {"alpha", ParamType::Floats, json::array()}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createRGBACurvesTask(a.node(), 0, a.floats("red"), a.floats("green"),
+                       return createRGBACurvesTask(a.node(), a.time(), a.floats("red"), a.floats("green"),
                                                    a.floats("blue"), a.floats("alpha"),
                                                    a.input("input"));
                    }});
@@ -621,12 +621,12 @@ void declareColorOperations(OperationList& ops) {
                     {"points", ParamType::Floats, json::array({0, 0, 1, 1})}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createLumaCurvesTask(a.node(), 0, a.color3("weights"),
+                       return createLumaCurvesTask(a.node(), a.time(), a.color3("weights"),
                                                    a.floats("points"), a.input("input"));
                    }});
     ops.push_back(
         {"fringe", "keep half-covered edge pixels", {}, {"input"}, [](const OperationArgs& a) {
-             return createFringeTask(a.node(), 0, a.input("input"));
+             return createFringeTask(a.node(), a.time(), a.input("input"));
          }});
     ops.push_back({"screenrgbtoalpha",
                    "a screen key: 1 red, 2 green, 4 blue",
@@ -634,7 +634,7 @@ void declareColorOperations(OperationList& ops) {
                    {"input"},
                    [](const OperationArgs& a) {
                        return createScreenRGBToAlphaTask(
-                           a.node(), 0, uint64_t(a.integer("channel")), a.input("input"));
+                           a.node(), a.time(), uint64_t(a.integer("channel")), a.input("input"));
                    }});
     ops.push_back({"hsvcomponenttoalpha",
                    "alpha = hue (0), saturation (1) or value (2)",
@@ -642,7 +642,7 @@ void declareColorOperations(OperationList& ops) {
                    {"input"},
                    [](const OperationArgs& a) {
                        return createHSVComponentToAlphaTask(
-                           a.node(), 0, HSVComponent(a.integer("component")), a.input("input"));
+                           a.node(), a.time(), HSVComponent(a.integer("component")), a.input("input"));
                    }});
     ops.push_back({"logconvert",
                    "Cineon-style log conversion",
@@ -653,14 +653,14 @@ void declareColorOperations(OperationList& ops) {
                     {"alphaToo", ParamType::Bool, false}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createAnalyticalLogConvertTask(a.node(), 0, a.color("blackCode"),
+                       return createAnalyticalLogConvertTask(a.node(), a.time(), a.color("blackCode"),
                                                              a.color("whiteCode"),
                                                              a.color("density"), a.flag("toLog"),
                                                              a.flag("alphaToo"), a.input("input"));
                    }});
     ops.push_back(
         {"copy", "the input as it is (a cache point)", {}, {"input"}, [](const OperationArgs& a) {
-             return createInPlaceCopyTask(a.node(), 0, a.input("input"));
+             return createInPlaceCopyTask(a.node(), a.time(), a.input("input"));
          }});
 }
 
@@ -673,7 +673,7 @@ void declareKeyOperations(OperationList& ops) {
                     {"weights", ParamType::Color3, kRec709Luma, "the luminance weights"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createLumaKeyTask(a.node(), 0, a.color3("weights"), a.number("low"),
+                       return createLumaKeyTask(a.node(), a.time(), a.color3("weights"), a.number("low"),
                                                 a.number("high"), a.flag("invert"),
                                                 a.input("input"));
                    },
@@ -693,7 +693,7 @@ void declareKeyOperations(OperationList& ops) {
                                                                                                 1)},
          {"input"},
          [](const OperationArgs& a) {
-             return createChromaKeyTask(a.node(), 0, a.color3("key"), a.number("tolerance"),
+             return createChromaKeyTask(a.node(), a.time(), a.color3("key"), a.number("tolerance"),
                                         a.number("softness"), a.number("spill"), a.input("input"));
          },
          "With Y the Rec.709 luma, chroma is (B − Y, R − Y). d = |chroma − key chroma| / |key "

@@ -171,7 +171,7 @@ void declareOCIOOperations(OperationList& ops) {
            "convert straight colour (divide by alpha first, multiply after)"}},
          {"input"},
          [](const OperationArgs& a) {
-             return createColorSpaceTask(a.node(), 0, a.text("from"), a.text("to"),
+             return createColorSpaceTask(a.node(), a.time(), a.text("from"), a.text("to"),
                                          a.flag("unpremultiply"), a.input("input"));
          },
          "Through OpenColorIO's built-in transforms, by way of ACES2065-1: lin_rec709 (linear "
@@ -187,7 +187,7 @@ void declareOCIOOperations(OperationList& ops) {
          [](const OperationArgs& a) {
              auto t = OCIO_NAMESPACE::FileTransform::Create();
              t->setSrc(a.path("path").c_str());
-             return createOCIOTransformTask(a.node(), 0, t,
+             return createOCIOTransformTask(a.node(), a.time(), t,
                                             a.flag("inverse")
                                                 ? OCIO_NAMESPACE::TRANSFORM_DIR_INVERSE
                                                 : OCIO_NAMESPACE::TRANSFORM_DIR_FORWARD,
@@ -202,7 +202,7 @@ void declareOCIOOperations(OperationList& ops) {
          [](const OperationArgs& a) {
              auto config = OCIO_NAMESPACE::Config::CreateFromFile(a.path("config").c_str());
              return createOCIOProcessorTask(
-                 a.node(), 0, config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
+                 a.node(), a.time(), config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
                  a.input("input"));
          }});
 }

@@ -206,7 +206,7 @@ void declareShuffleOperations(OperationList& ops) {
                      a.fail(channel, e.what());
                  }
              }
-             return createShuffleTask(a.node(), 0, sources, a.input("a"), a.input("b"));
+             return createShuffleTask(a.node(), a.time(), sources, a.input("a"), a.input("b"));
          },
          "As `oiiotool --ch`, with a second input: `{\"a\": \"1\", \"z\": \"b.r\"}` sets "
          "alpha to 1 and depth from b's red. A channel whose source its input does not define "

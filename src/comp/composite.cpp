@@ -202,7 +202,7 @@ void declareCompositeOperations(OperationList& ops) {
                    {"a", "b"},
                    [](const OperationArgs& a) {
                        return createCompositeTask(
-                           a.node(), 0, a.choice(kCompositeOperators, "operator"),
+                           a.node(), a.time(), a.choice(kCompositeOperators, "operator"),
                            a.flag("extremaFlag"), a.flag("alphaFlag"), a.flag("cleanupClamp"),
                            a.number("mix"), a.input("a"), a.input("b"));
                    }});
@@ -211,7 +211,7 @@ void declareCompositeOperations(OperationList& ops) {
                    {{"amount", ParamType::Number, 0.5}},
                    {"first", "second"},
                    [](const OperationArgs& a) {
-                       return createMixTask(a.node(), 0, a.number("amount"), a.input("first"),
+                       return createMixTask(a.node(), a.time(), a.number("amount"), a.input("first"),
                                             a.input("second"));
                    }});
 }
@@ -229,7 +229,7 @@ void declareMatteOperations(OperationList& ops) {
                     {"clamp", ParamType::Bool, true, "clamp the result to [0, 1]"}},
                    {"a", "b"},
                    [](const OperationArgs& a) {
-                       return createMatteCombineTask(a.node(), 0, a.choice(kMatteOps, "operation"),
+                       return createMatteCombineTask(a.node(), a.time(), a.choice(kMatteOps, "operation"),
                                                      a.flag("clamp"), a.input("a"), a.input("b"));
                    },
                    "RGB and other channels from b; A = max(A<sub>a</sub>, A<sub>b</sub>), min, "
@@ -242,7 +242,7 @@ void declareMatteOperations(OperationList& ops) {
           Param{"high", ParamType::Number, 0.2, "a difference from which alpha is 1"}.atLeast(0)},
          {"a", "b"},
          [](const OperationArgs& a) {
-             return createDifferenceKeyTask(a.node(), 0, a.number("low"), a.number("high"),
+             return createDifferenceKeyTask(a.node(), a.time(), a.number("low"), a.number("high"),
                                             a.input("a"), a.input("b"));
          },
          "D = max over R, G, B of |a − b|; A = clamp((D − low) / (high − low), 0, 1) (a step at "

@@ -162,7 +162,7 @@ void declareDepthMergeOperations(OperationList& ops) {
               .atLeast(0)},
          {"a", "b"},
          [](const OperationArgs& a) {
-             return createZMergeTask(a.node(), 0, a.number("softness"), a.input("a"), a.input("b"));
+             return createZMergeTask(a.node(), a.time(), a.number("softness"), a.input("a"), a.input("b"));
          },
          "Smaller Z is nearer; a pixel of alpha 0 has no depth. With w = 1 where Z<sub>a</sub> "
          "≤ Z<sub>b</sub> (or clamp(½ + (Z<sub>b</sub> − Z<sub>a</sub>) / softness, 0, 1)), the "

@@ -169,7 +169,7 @@ void declareBlurOperations(OperationList& ops) {
                        p.blur.filterX = p.blur.filterY = a.kernel("filter");
                        p.blur.extendMethod = a.extend("extend");
                        for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
-                       return createBlur(a.node(), 0, p, a.input("input"));
+                       return createBlur(a.node(), a.time(), p, a.input("input"));
                    }});
 }
 

@@ -141,7 +141,7 @@ void declareConvolveOperations(OperationList& ops) {
                    [](const OperationArgs& a) {
                        ImageConvolveParams p;
                        p.kernelRect = a.rect("kernelArea");
-                       return createImageConvolveTask(a.node(), 0, a.flag("normalize"), p,
+                       return createImageConvolveTask(a.node(), a.time(), a.flag("normalize"), p,
                                                       a.input("input"), a.input("kernel"));
                    }});
     ops.push_back({"energyNormalize",
@@ -149,7 +149,7 @@ void declareConvolveOperations(OperationList& ops) {
                    {{"area", ParamType::Rect, json::array({0, 0, 0, 0})}},
                    {"kernel"},
                    [](const OperationArgs& a) {
-                       return createEnergyNormalizationTask(a.node(), 0, a.rect("area"),
+                       return createEnergyNormalizationTask(a.node(), a.time(), a.rect("area"),
                                                             a.input("kernel"));
                    }});
 }

@@ -166,7 +166,7 @@ void declareDefocusOperations(OperationList& ops) {
                    withAperture({}),
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createDefocusTask(a.node(), 0, defocusParams(a), a.input("input"),
+                       return createDefocusTask(a.node(), a.time(), defocusParams(a), a.input("input"),
                                                 a.flag("smooth"));
                    }});
     ops.push_back({"imageDefocus",
@@ -182,7 +182,7 @@ void declareDefocusOperations(OperationList& ops) {
                        p.controlChannel = a.channel("channel");
                        p.controlScale = a.number("scale");
                        p.layers = a.integer("layers");
-                       return createImageDefocusTask(a.node(), 0, p, a.input("input"),
+                       return createImageDefocusTask(a.node(), a.time(), p, a.input("input"),
                                                      a.input("control"));
                    }});
     ops.push_back({"imageBlur",
@@ -201,7 +201,7 @@ void declareDefocusOperations(OperationList& ops) {
                        p.controlChannel = a.channel("channel");
                        p.controlScale = a.number("scale");
                        p.layers = a.integer("layers");
-                       return createImageBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                       return createImageBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
                                               a.input("control"));
                    }});
 }

@@ -233,7 +233,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                    {"depth"},
                    [](const OperationArgs& a) {
                        return createCircleOfConfusionTask(
-                           a.node(), 0, dofParams(a), IMGLIB::CHANNEL_R,
+                           a.node(), a.time(), dofParams(a), IMGLIB::CHANNEL_R,
                            a.choice(kCocOutputs, "output"), a.input("depth"));
                    }});
     ops.push_back({"depthOfField",
@@ -241,7 +241,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                    withLens({}),
                    {"input", "depth", {"mask", true}},
                    [](const OperationArgs& a) {
-                       return createDepthOfFieldTask(a.node(), 0, dofParams(a), noBloom(),
+                       return createDepthOfFieldTask(a.node(), a.time(), dofParams(a), noBloom(),
                                                      a.input("input"), a.input("depth"),
                                                      a.input("mask"));
                    }});
@@ -250,7 +250,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                    withLens({}),
                    {"depth"},
                    [](const OperationArgs& a) {
-                       return createDOFDepthCleanupTask(a.node(), 0, dofParams(a),
+                       return createDOFDepthCleanupTask(a.node(), a.time(), dofParams(a),
                                                         a.input("depth"));
                    }});
 }

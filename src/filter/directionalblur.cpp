@@ -100,7 +100,7 @@ void declareMotionBlurOperations(OperationList& ops) {
                        p.angle = a.number("angle");
                        p.offset = a.number("offset");
                        p.filter = a.kernel("filter");
-                       return createDirectionalBlur(a.node(), 0, p, noBloom(), a.input("input"));
+                       return createDirectionalBlur(a.node(), a.time(), p, noBloom(), a.input("input"));
                    }});
     ops.push_back({"vectorBlur",
                    "motion blur along per-pixel vectors (channels u and v of the vectors input)",
@@ -115,7 +115,7 @@ void declareMotionBlurOperations(OperationList& ops) {
                        p.vectors.maxLength = a.number("maxLength");
                        p.vectors.samples = a.integer("samples");
                        p.splat = a.flag("splat");
-                       return createVectorBlur(a.node(), 0, p, noBloom(), a.input("input"),
+                       return createVectorBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
                                                a.input("vectors"));
                    }});
 }

@@ -62,7 +62,7 @@ void declareEdgeOperations(OperationList& ops) {
                    [](const OperationArgs& a) {
                        const EdgeDetectParams p{a.choice(kEdgeMethods, "method"), a.flag("select"),
                                                 a.number("threshold")};
-                       return createEdgeDetectTask(a.node(), 0, p, a.input("input"));
+                       return createEdgeDetectTask(a.node(), a.time(), p, a.input("input"));
                    }});
 }
 

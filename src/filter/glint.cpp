@@ -100,7 +100,7 @@ void declareGlintOperations(OperationList& ops) {
                    {{"threshold", ParamType::Number, 1}, {"gain", ParamType::Number, 1}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createGlintControlTask(a.node(), 0,
+                       return createGlintControlTask(a.node(), a.time(),
                                                      {a.number("threshold"), a.number("gain")},
                                                      a.input("input"));
                    }});
@@ -114,7 +114,7 @@ void declareGlintOperations(OperationList& ops) {
          {"input", {"source", true}},
          [](const OperationArgs& a) {
              const GlintParams p{a.integer("rays"), a.number("length"), a.number("rotation")};
-             return createGlintTask(a.node(), 0, a.flag("add"), p, a.input("input"),
+             return createGlintTask(a.node(), a.time(), a.flag("add"), p, a.input("input"),
                                     a.input("source"));
          }});
 }

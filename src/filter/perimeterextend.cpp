@@ -40,7 +40,7 @@ void declarePerimeterOperations(OperationList& ops) {
                    {required("distance", ParamType::Number, 6.5)},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createPerimeterExtendTask(a.node(), 0, a.number("distance"),
+                       return createPerimeterExtendTask(a.node(), a.time(), a.number("distance"),
                                                         a.input("input"));
                    }});
 }

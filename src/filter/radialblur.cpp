@@ -77,7 +77,7 @@ void declareRadialBlurOperations(OperationList& ops) {
                        p.centreY = a.vec2("centre").y;
                        p.amount = a.number("amount");
                        p.samples = a.integer("samples");
-                       return createRadialBlur(a.node(), 0, p, a.extend("extend"), false,
+                       return createRadialBlur(a.node(), a.time(), p, a.extend("extend"), false,
                                                UTIL::Rect(), a.input("input"));
                    }});
 }

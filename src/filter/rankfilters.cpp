@@ -97,7 +97,7 @@ void declareRankFilterOperations(OperationList& ops) {
                    [](const OperationArgs& a) {
                        const MedianFilterParams p{a.vec2("size").x, a.vec2("size").y,
                                                   a.flag("circular"), a.number("threshold")};
-                       return createMedianFilterTask(a.node(), 0, p, a.input("input"));
+                       return createMedianFilterTask(a.node(), a.time(), p, a.input("input"));
                    }});
     ops.push_back({"erodeDilate",
                    "dilation (positive radii) or erosion (negative)",
@@ -105,7 +105,7 @@ void declareRankFilterOperations(OperationList& ops) {
                    {"input"},
                    [](const OperationArgs& a) {
                        const ErodeDilateParams p{a.vec2("radius").x, a.vec2("radius").y};
-                       return createErodeDilateTask(a.node(), 0, p, a.input("input"));
+                       return createErodeDilateTask(a.node(), a.time(), p, a.input("input"));
                    }});
     ops.push_back({"bilateral",
                    "edge-preserving blur",
@@ -120,7 +120,7 @@ void declareRankFilterOperations(OperationList& ops) {
                        const BilateralFilterParams p{uint32_t(r.x), uint32_t(r.y),
                                                      a.number("sigmaSpatial"),
                                                      a.number("sigmaRange")};
-                       return createBilateralFilterTask(a.node(), 0, p, a.input("input"));
+                       return createBilateralFilterTask(a.node(), a.time(), p, a.input("input"));
                    }});
 }
 

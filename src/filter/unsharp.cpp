@@ -52,7 +52,7 @@ void declareSharpenOperations(OperationList& ops) {
                     {"threshold", ParamType::Color4, json::array({0, 0, 0, 0})}},
                    {"input", "blurred"},
                    [](const OperationArgs& a) {
-                       return createUnSharpTask(a.node(), 0, a.color("amount"),
+                       return createUnSharpTask(a.node(), a.time(), a.color("amount"),
                                                 a.color("threshold"), a.input("input"),
                                                 a.input("blurred"));
                    }});

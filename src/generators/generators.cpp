@@ -276,7 +276,7 @@ void declareGeneratorOperations(OperationList& ops) {
          {{"color", ParamType::Color4, kWhite}, required("area", ParamType::Rect, {0, 0, 64, 48})},
          {},
          [](const OperationArgs& a) {
-             return createConstantTask(a.node(), 0, a.color("color"), a.rect("area"));
+             return createConstantTask(a.node(), a.time(), a.color("color"), a.rect("area"));
          }});
     ops.push_back({"checkerboard",
                    "squares of two colours",
@@ -286,7 +286,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createCheckerboardTask(a.node(), 0, a.color("first"),
+                       return createCheckerboardTask(a.node(), a.time(), a.color("first"),
                                                      a.color("second"), a.number("size"),
                                                      a.rect("area"));
                    }});
@@ -295,7 +295,7 @@ void declareGeneratorOperations(OperationList& ops) {
          "eight bars at 75%",
          {required("area", ParamType::Rect, {0, 0, 64, 48})},
          {},
-         [](const OperationArgs& a) { return createColorBarsTask(a.node(), 0, a.rect("area")); }});
+         [](const OperationArgs& a) { return createColorBarsTask(a.node(), a.time(), a.rect("area")); }});
     ops.push_back({"linearramp",
                    "a ramp between two points",
                    {required("start", ParamType::Vec2, {0, 0}),
@@ -305,7 +305,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createLinearRampTask(a.node(), 0, a.vec2("start"),
+                       return createLinearRampTask(a.node(), a.time(), a.vec2("start"),
                                                    a.color("startColor"), a.vec2("end"),
                                                    a.color("endColor"), a.rect("area"));
                    }});
@@ -318,7 +318,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createRadialRampTask(a.node(), 0, a.vec2("centre"),
+                       return createRadialRampTask(a.node(), a.time(), a.vec2("centre"),
                                                    a.number("radius"), a.color("inner"),
                                                    a.color("outer"), a.rect("area"));
                    }});
@@ -331,7 +331,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createLatticeTask(a.node(), 0, a.color("lineColor"),
+                       return createLatticeTask(a.node(), a.time(), a.color("lineColor"),
                                                 a.color("fillColor"), a.number("spacing"),
                                                 a.number("lineWidth"), a.rect("area"));
                    }});
@@ -342,7 +342,7 @@ void declareGeneratorOperations(OperationList& ops) {
           required("area", ParamType::Rect, {0, 0, 64, 48})},
          {},
          [](const OperationArgs& a) {
-             return createHueWheelTask(a.node(), 0, a.vec2("centre"), a.number("radius"),
+             return createHueWheelTask(a.node(), a.time(), a.vec2("centre"), a.number("radius"),
                                        a.rect("area"));
          }});
     ops.push_back({"perlinnoise",
@@ -356,7 +356,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createPerlinNoiseTask(a.node(), 0, a.number("scale"),
+                       return createPerlinNoiseTask(a.node(), a.time(), a.number("scale"),
                                                     a.integer("octaves"), a.number("gain"),
                                                     uint32_t(a.integer("seed")), a.color("low"),
                                                     a.color("high"), a.rect("area"));
@@ -369,7 +369,7 @@ void declareGeneratorOperations(OperationList& ops) {
                     required("area", ParamType::Rect, {0, 0, 64, 48})},
                    {},
                    [](const OperationArgs& a) {
-                       return createRandomNoiseTask(a.node(), 0, uint32_t(a.integer("seed")),
+                       return createRandomNoiseTask(a.node(), a.time(), uint32_t(a.integer("seed")),
                                                     a.color("low"), a.color("high"),
                                                     a.rect("area"));
                    }});
@@ -383,7 +383,7 @@ void declareGeneratorOperations(OperationList& ops) {
                    {},
                    [](const OperationArgs& a) {
                        return createFourCornerGradientTask(
-                           a.node(), 0, a.color("topLeft"), a.color("topRight"),
+                           a.node(), a.time(), a.color("topLeft"), a.color("topRight"),
                            a.color("bottomLeft"), a.color("bottomRight"), a.rect("area"));
                    },
                    "Bilinear between the corner pixels' centres: with u, v from 0 to 1 across "

@@ -201,7 +201,7 @@ void declareTextOperations(OperationList& ops) {
              p.position = a.vec2("position");
              p.align = a.choice(kAlignments, "align");
              p.lineSpacing = a.number("lineSpacing");
-             return createTextTask(a.node(), 0, p);
+             return createTextTask(a.node(), a.time(), p);
          },
          "HarfBuzz shapes each line and FreeType renders its glyphs with 8-bit anti-aliasing; "
          "the result is the colour times the coverage (premultiplied). Baselines are a line "

@@ -11,6 +11,8 @@
 #include <set>
 #include <sstream>
 
+#include "animation.h"
+#include "frames.h"
 #include "imglib/channels.h"
 #include "private/operation.h"
 
@@ -148,23 +150,37 @@ const Operation& findOperationFor(const std::string& id, const json& name) {
     return *op;
 }
 
-// The node's parameters checked against the declaration, defaults filled in.
-json checkedParams(const std::string& id, const Operation& op, const json& given) {
+// The node's parameters checked against the declaration, defaults filled
+// in, animated values and numbered paths taken at the frame. `varies` tells
+// whether any of them changes from frame to frame.
+json checkedParams(const std::string& id, const Operation& op, const json& given, int frame,
+                   bool& varies) {
     if (!given.is_object()) throw GraphFileError(id, "params", "must be an object");
     for (auto it = given.begin(); it != given.end(); ++it) {
         bool known = false;
         for (const Param& p : op.params) known |= p.name == it.key();
         if (!known) throw GraphFileError(id, it.key(), "unknown parameter of " + op.name);
     }
+    varies = false;
     json params = json::object();
     for (const Param& p : op.params) {
-        if (given.contains(p.name)) {
-            checkValue(id, p, given[p.name]);
-            params[p.name] = given[p.name];
-        } else if (p.fallback.is_null()) {
-            throw GraphFileError(id, p.name, "required");
-        } else {
+        if (!given.contains(p.name)) {
+            if (p.fallback.is_null()) throw GraphFileError(id, p.name, "required");
             params[p.name] = p.fallback;
+            continue;
+        }
+        const json& value = given[p.name];
+        if (Private::isAnimated(value)) {
+            Private::checkKeys(id, p, value, [&](const json& v) { checkValue(id, p, v); });
+            params[p.name] = Private::valueAtFrame(value, frame, p.type);
+            varies |= Private::changesOverTime(value);
+        } else {
+            checkValue(id, p, value);
+            params[p.name] = value;
+        }
+        if (p.type == ParamType::Path && hasFrameNumber(value.get<std::string>())) {
+            params[p.name] = framePath(value.get<std::string>(), frame);
+            varies = true;
         }
     }
     return params;
@@ -172,9 +188,10 @@ json checkedParams(const std::string& id, const Operation& op, const json& given
 
 // Runs the declaration's build; its errors name the node.
 TaskPtr buildNode(const std::string& id, const Operation& op, const json& params,
-                  const std::map<std::string, TaskPtr>& inputs, const std::string& base) {
+                  const std::map<std::string, TaskPtr>& inputs, const std::string& base,
+                  int frame) {
     try {
-        return op.build(Private::OperationArgs(id, params, inputs, base));
+        return op.build(Private::OperationArgs(id, params, inputs, base, float(frame)));
     } catch (const GraphFileError&) {
         throw;
     } catch (const std::exception& e) {
@@ -201,10 +218,8 @@ void applyOverrides(json& doc, const std::vector<ParameterOverride>& overrides) 
     }
 }
 
-}  // namespace
-
-Graph loadGraph(const std::string& text, const std::string& base,
-                const std::vector<ParameterOverride>& overrides) {
+// The file's JSON, its fields checked.
+json parseDocument(const std::string& text) {
     // Values nest a few levels at most; a file nesting thousands is refused
     // while it is read (nothing else here walks values recursively).
     constexpr int kMaxDepth = 64;
@@ -223,8 +238,43 @@ Graph loadGraph(const std::string& text, const std::string& base,
                              "values nest more than " + std::to_string(kMaxDepth) + " levels deep");
     if (!doc.is_object()) throw GraphFileError("(file)", "", "the graph must be an object");
     for (auto it = doc.begin(); it != doc.end(); ++it)
-        if (it.key() != "nodes" && it.key() != "outputs")
+        if (it.key() != "nodes" && it.key() != "outputs" && it.key() != "frames")
             throw GraphFileError("(file)", it.key(), "unknown field");
+    return doc;
+}
+
+std::vector<int> declaredFrames(const json& doc) {
+    if (!doc.contains("frames")) return {};
+    if (!doc["frames"].is_string())
+        throw GraphFileError("(file)", "frames", "a frame list such as \"1-100\"");
+    try {
+        return parseFrames(doc["frames"].get<std::string>());
+    } catch (const std::invalid_argument& e) {
+        throw GraphFileError("(file)", "frames", e.what());
+    }
+}
+
+std::string readGraphText(const std::string& path) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec))
+        throw GraphFileError("(file)", "", "'" + path + "' is a folder, not a graph file");
+    std::ifstream in(path);
+    if (!in) throw GraphFileError("(file)", "", "cannot read '" + path + "'");
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+Graph loadGraph(const std::string& text, const std::string& base,
+                const std::vector<ParameterOverride>& overrides, std::optional<int> atFrame) {
+    json doc = parseDocument(text);
+    Graph graph;
+    graph.frames = declaredFrames(doc);
+    // Without a frame, the first of the file's range (or 0 for a still).
+    const int frame = atFrame ? *atFrame : graph.frames.empty() ? 0 : graph.frames.front();
+    graph.frame = frame;
     if (!doc.contains("nodes") || !doc["nodes"].is_array())
         throw GraphFileError("(file)", "nodes", "a list of nodes is required");
     applyOverrides(doc, overrides);
@@ -244,19 +294,22 @@ Graph loadGraph(const std::string& text, const std::string& base,
     }
 
     std::map<std::string, TaskPtr> built;
+    std::set<std::string> varying;   // built nodes whose output changes with the frame
     std::set<std::string> building;  // the nodes on the path being built
     // The operation and checked parameters of a node whose inputs are next.
     struct Pending {
         const Operation* op = nullptr;
         json params;
         json inputs;
+        bool varies = false;
     };
     std::map<std::string, Pending> pending;
 
     // Checks a node and names the nodes its inputs come from.
     const auto expand = [&](const std::string& id, const json& node) {
         const Operation* op = &findOperationFor(id, node.value("op", json()));
-        json params = checkedParams(id, *op, node.value("params", json::object()));
+        bool varies = false;
+        json params = checkedParams(id, *op, node.value("params", json::object()), frame, varies);
         json inputs = node.value("inputs", json::object());
         if (!inputs.is_object()) throw GraphFileError(id, "inputs", "must be an object");
         for (auto it = inputs.begin(); it != inputs.end(); ++it)
@@ -268,7 +321,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
             if (!inputs.contains(in.name) || !inputs[in.name].is_string())
                 throw GraphFileError(id, in.name, "input required (a node id)");
         }
-        pending[id] = Pending{op, std::move(params), std::move(inputs)};
+        pending[id] = Pending{op, std::move(params), std::move(inputs), varies};
     };
 
     // Builds a node after its inputs, depth first with a stack of its own: a
@@ -280,19 +333,18 @@ Graph loadGraph(const std::string& text, const std::string& base,
         };
         std::vector<Frame> stack{{root, rootFrom, rootField}};
         while (!stack.empty()) {
-            const Frame frame = stack.back();
-            const std::string& id = frame.id;
+            const Frame top = stack.back();
+            const std::string& id = top.id;
             if (built.count(id)) {
                 stack.pop_back();
                 continue;
             }
             auto found = nodes.find(id);
             if (found == nodes.end())
-                throw GraphFileError(frame.from, frame.field, "no node '" + id + "'");
+                throw GraphFileError(top.from, top.field, "no node '" + id + "'");
             if (!pending.count(id)) {
                 if (!building.insert(id).second)
-                    throw GraphFileError(id, frame.field,
-                                         "the graph has a cycle through this node");
+                    throw GraphFileError(id, top.field, "the graph has a cycle through this node");
                 expand(id, *found->second);
                 const Pending& p = pending[id];
                 // Inputs in reverse, so the first is built first.
@@ -309,11 +361,22 @@ Graph loadGraph(const std::string& text, const std::string& base,
             }
             const Pending& p = pending[id];
             std::map<std::string, TaskPtr> inputTasks;
-            for (const Private::Input& in : p.op->inputs)
-                inputTasks[in.name] = p.inputs.contains(in.name)
-                                          ? built.at(p.inputs[in.name].get<std::string>())
-                                          : TaskPtr();
-            const TaskPtr task = buildNode(id, *p.op, p.params, inputTasks, base);
+            bool varies = p.varies;
+            for (const Private::Input& in : p.op->inputs) {
+                inputTasks[in.name] = TaskPtr();
+                if (!p.inputs.contains(in.name)) continue;
+                const std::string from = p.inputs[in.name].get<std::string>();
+                inputTasks[in.name] = built.at(from);
+                varies |= varying.count(from) > 0;
+            }
+            const TaskPtr task = buildNode(id, *p.op, p.params, inputTasks, base, frame);
+            // What changes every frame is not kept for the next: the tile
+            // cache keeps what stays, and later frames re-use it.
+            if (varies) {
+                task->setCaching(false);
+                varying.insert(id);
+                graph.animated = true;
+            }
             building.erase(id);
             pending.erase(id);
             built[id] = task;
@@ -322,7 +385,6 @@ Graph loadGraph(const std::string& text, const std::string& base,
         return built.at(root);
     };
 
-    Graph graph;
     if (!doc.contains("outputs") || !doc["outputs"].is_array() || doc["outputs"].empty())
         throw GraphFileError("(file)", "outputs", "at least one output is required");
     for (const json& out : doc["outputs"]) {
@@ -358,7 +420,8 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 throw GraphFileError(id, "file", "a path or a list of paths");
             for (const std::string& path : paths) {
                 FileOutParams file;
-                file.path = path;  // as given: relative to the current folder
+                file.path = framePath(path, frame);  // relative to the current folder
+                graph.animated |= hasFrameNumber(path);
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
                 g.files.push_back(file);
@@ -380,7 +443,8 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
     } catch (const json::parse_error& e) {
         throw GraphFileError(node, "params", std::string("not valid JSON: ") + e.what());
     }
-    const json params = checkedParams(node, op, given);
+    bool varies = false;
+    const json params = checkedParams(node, op, given, 0, varies);
     for (const auto& [name, task] : inputs)
         if (std::none_of(op.inputs.begin(), op.inputs.end(),
                          [&](const Private::Input& in) { return in.name == name; }))
@@ -391,18 +455,17 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
         tasks[in.name] = given == inputs.end() ? TaskPtr() : given->second;
         if (!tasks[in.name] && !in.optional) throw GraphFileError(node, in.name, "input required");
     }
-    return buildNode(node, op, params, tasks, baseDirectory);
+    return buildNode(node, op, params, tasks, baseDirectory, 0);
 }
 
-Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec))
-        throw GraphFileError("(file)", "", "'" + path + "' is a folder, not a graph file");
-    std::ifstream in(path);
-    if (!in) throw GraphFileError("(file)", "", "cannot read '" + path + "'");
-    std::stringstream text;
-    text << in.rdbuf();
-    return loadGraph(text.str(), std::filesystem::path(path).parent_path().string(), overrides);
+Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides,
+                    std::optional<int> frame) {
+    return loadGraph(readGraphText(path), std::filesystem::path(path).parent_path().string(),
+                     overrides, frame);
+}
+
+std::vector<int> graphFileFrames(const std::string& path) {
+    return declaredFrames(parseDocument(readGraphText(path)));
 }
 
 std::vector<OperationDescription> listOperations() {

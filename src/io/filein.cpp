@@ -396,7 +396,7 @@ void declareFileOperations(OperationList& ops) {
           Param{"subimage", ParamType::Int, 0, "which image of a multi-part file"}.atLeast(0)},
          {},
          [](const OperationArgs& a) {
-             return createFileInTask(a.node(), 0,
+             return createFileInTask(a.node(), a.time(),
                                      FileInParams{a.path("path"), a.integer("subimage")});
          },
          "Any format OpenImageIO reads (EXR scanline and tiled, TIFF, PNG, JPEG, DPX, ...); "

@@ -17,15 +17,32 @@ namespace {
 
 // A new name in the file's own folder, hidden, keeping the extension the
 // image libraries go by.
+std::string temporaryPrefix(const std::filesystem::path& p) {
+    return "." + p.stem().string() + ".tessera-";
+}
+
 std::string temporaryPathFor(const std::string& path) {
     static std::atomic<uint64_t> counter{0};
     const std::filesystem::path p(path);
-    const std::string name = "." + p.stem().string() + ".tessera-" + std::to_string(::getpid()) +
-                             "-" + std::to_string(++counter) + p.extension().string();
+    const std::string name = temporaryPrefix(p) + std::to_string(::getpid()) + "-" +
+                             std::to_string(++counter) + p.extension().string();
     return (p.parent_path() / name).string();
 }
 
 }  // namespace
+
+void removeAbandonedTemporaries(const std::string& path) {
+    const std::filesystem::path p(path);
+    const std::string prefix = temporaryPrefix(p), extension = p.extension().string();
+    std::error_code ec;
+    const std::filesystem::path dir = p.parent_path().empty() ? "." : p.parent_path();
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+        const std::string name = entry.path().filename().string();
+        if (name.size() > prefix.size() + extension.size() && name.rfind(prefix, 0) == 0 &&
+            name.compare(name.size() - extension.size(), extension.size(), extension) == 0)
+            std::filesystem::remove(entry.path(), ec);
+    }
+}
 
 FileCommit::FileCommit(std::string path)
     : m_path(std::move(path)), m_temporary(temporaryPathFor(m_path)) {

@@ -87,5 +87,9 @@ private:
     std::string m_error;
 };
 
+// Removes the temporary files of `path` that a process died writing (every
+// process's: only for a caller that owns the path).
+void removeAbandonedTemporaries(const std::string& path);
+
 }  // namespace Private
 }  // namespace TESSERA

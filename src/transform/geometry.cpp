@@ -425,7 +425,7 @@ void declareGeometryOperations(OperationList& ops) {
                      "transparent black outside (else the input's background colour)"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createCropTask(a.node(), 0, a.rect("rect"), a.flag("blackOutside"),
+                       return createCropTask(a.node(), a.time(), a.rect("rect"), a.flag("blackOutside"),
                                              a.input("input"));
                    },
                    "As `oiiotool --crop`: the data window becomes the rectangle's part of the "
@@ -437,7 +437,7 @@ void declareGeometryOperations(OperationList& ops) {
                      "keep only the part of the input's region inside rect"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createDataWindowTask(a.node(), 0, a.rect("rect"), a.flag("shrink"),
+                       return createDataWindowTask(a.node(), a.time(), a.rect("rect"), a.flag("shrink"),
                                                    a.input("input"));
                    },
                    "Pixels inside the region are the input's (its background colour where it has "
@@ -452,7 +452,7 @@ void declareGeometryOperations(OperationList& ops) {
                        const json& o = a.value("offset");
                        if (!o[0].is_number_integer() || !o[1].is_number_integer())
                            a.fail("offset", "needs whole pixels, got " + o.dump());
-                       return createRepositionTask(a.node(), 0, o[0].get<int64_t>(),
+                       return createRepositionTask(a.node(), a.time(), o[0].get<int64_t>(),
                                                    o[1].get<int64_t>(), a.input("input"));
                    },
                    "out(x, y) = in(x − dx, y − dy); exact."});
@@ -462,7 +462,7 @@ void declareGeometryOperations(OperationList& ops) {
          {choiceParam("orientation", kOrientations, "flip", "rotations are clockwise as viewed")},
          {"input"},
          [](const OperationArgs& a) {
-             return createOrientTask(a.node(), 0, a.choice(kOrientations, "orientation"),
+             return createOrientTask(a.node(), a.time(), a.choice(kOrientations, "orientation"),
                                      a.input("input"));
          },
          "Within the input's bounding box, whose top-left corner stays: as `oiiotool "
@@ -480,7 +480,7 @@ void declareGeometryOperations(OperationList& ops) {
           {"color", ParamType::Color4, kClear, "the margins' colour"}},
          {"input"},
          [](const OperationArgs& a) {
-             return createBorderTask(a.node(), 0, a.integer("left"), a.integer("top"),
+             return createBorderTask(a.node(), a.time(), a.integer("left"), a.integer("top"),
                                      a.integer("right"), a.integer("bottom"), a.extend("extend"),
                                      a.color("color"), a.input("input"));
          },

@@ -84,7 +84,7 @@ void declareTransformOperations(OperationList& ops) {
                        p.primaryKernel = a.kernel("filter");
                        p.secondaryKernel = a.kernel("minifyFilter");
                        p.useAffine = true;
-                       return createHomTransformTask(a.node(), 0, p, {a.matrix("matrix")},
+                       return createHomTransformTask(a.node(), a.time(), p, {a.matrix("matrix")},
                                                      a.input("input"));
                    }});
     ops.push_back(
@@ -108,7 +108,7 @@ void declareTransformOperations(OperationList& ops) {
              HomTransformParams p;
              p.primaryKernel = p.secondaryKernel = a.kernel("filter");
              p.motionSamplesPerStratum = a.integer("samplesPerStratum");
-             return createHomTransformTask(a.node(), 0, p, matrices, a.input("input"));
+             return createHomTransformTask(a.node(), a.time(), p, matrices, a.input("input"));
          }});
     ops.push_back({"rotate",
                    "rotate and scale about a centre, then move",
@@ -128,7 +128,7 @@ void declareTransformOperations(OperationList& ops) {
                        HomTransformParams p;
                        p.primaryKernel = p.secondaryKernel = a.kernel("filter");
                        p.useAffine = true;
-                       return createHomTransformTask(a.node(), 0, p, {toOrigin * s * r * back},
+                       return createHomTransformTask(a.node(), a.time(), p, {toOrigin * s * r * back},
                                                      a.input("input"));
                    }});
 }

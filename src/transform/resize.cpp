@@ -245,7 +245,7 @@ void declareResizeOperations(OperationList& ops) {
              p.translateY = float(box.ymin) * (1.0f - p.scaleY);
              p.filter = a.kernel("filter");
              p.extend = a.extend("extend");
-             return createResizeTask(a.node(), 0, p, input);
+             return createResizeTask(a.node(), a.time(), p, input);
          },
          "As `oiiotool --resize`: output pixel centre X reads the input at x<sub>0</sub> + (X "
          "− x<sub>0</sub> + ½) / s − ½, weights from the filter at its natural width where "
@@ -266,7 +266,7 @@ void declareResizeOperations(OperationList& ops) {
                        p.translateY = a.vec2("translate").y;
                        p.filter = a.kernel("filter");
                        p.extend = a.extend("extend");
-                       return createResizeTask(a.node(), 0, p, a.input("input"));
+                       return createResizeTask(a.node(), a.time(), p, a.input("input"));
                    },
                    "X = s x + t per axis, filtered as `resize` does."});
     ops.push_back({"proxy",
@@ -278,7 +278,7 @@ void declareResizeOperations(OperationList& ops) {
                        ResizeParams p;
                        p.scaleX = p.scaleY = 1.0f / float(1 << a.integer("level"));
                        p.filter = a.kernel("filter");
-                       return createResizeTask(a.node(), 0, p, a.input("input"));
+                       return createResizeTask(a.node(), a.time(), p, a.input("input"));
                    },
                    "A `scale` by 2<sup>−level</sup> about the origin."});
 }

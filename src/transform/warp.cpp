@@ -320,7 +320,7 @@ void declareWarpOperations(OperationList& ops) {
              p.centre = a.vec2("centre");
              p.format = a.rect("format");
              p.undistort = a.flag("undistort");
-             return createLensDistortionTask(a.node(), 0, p, a.input("input"));
+             return createLensDistortionTask(a.node(), a.time(), p, a.input("input"));
          },
          "Brown–Conrady about the centre, x and y in units of half the format's width, r² = "
          "x² + y²: x<sub>d</sub> = x (1 + k1 r² + k2 r⁴ + k3 r⁶) + 2 p1 x y + p2 (r² + 2 x²), "
@@ -334,7 +334,7 @@ void declareWarpOperations(OperationList& ops) {
           channelParam("t", "g", "the map's channel of t (0 to 1 bottom to top)")},
          {"input", "map"},
          [](const OperationArgs& a) {
-             return createSTMapTask(a.node(), 0, a.channel("s"), a.channel("t"), a.input("input"),
+             return createSTMapTask(a.node(), a.time(), a.channel("s"), a.channel("t"), a.input("input"),
                                     a.input("map"));
          },
          "Output pixel (x, y) reads the input, bilinearly, at (x<sub>0</sub> + s W, "

@@ -1,6 +1,6 @@
 // tessera: renders graph files to image files.
 //
-//   tessera render GRAPH.json [--set NODE.PARAM=VALUE]... [options]
+//   tessera render GRAPH.json [--frames LIST] [--set NODE.PARAM=VALUE]... [options]
 //   tessera demo [options]          the built-in demo graph, to out/
 //   tessera ops [NAME] [--markdown] the operations a graph may use
 //
@@ -33,6 +33,7 @@ struct RenderSettings {
     bool stats = false, quiet = false;
     std::string debugLog;
     std::vector<std::string> overrides;
+    std::string frames;
 };
 
 using Clock = std::chrono::steady_clock;
@@ -52,7 +53,13 @@ class ProgressReport {
 public:
     explicit ProgressReport(bool quiet) : m_quiet(quiet), m_terminal(isatty(STDERR_FILENO) != 0) {}
 
-    void operator()(const RenderProgress& p) {
+    // `label` names what is rendering ("frame 12 (3 of 100)"), if not the whole run.
+    void operator()(const RenderProgress& p, const std::string& label = {}) {
+        if (label != m_label) {  // a new frame starts its bar afresh
+            m_label = label;
+            m_start = Clock::now();
+            m_lastDone = ~uint64_t(0);
+        }
         if (m_quiet || p.tilesDone == m_lastDone) return;
         const auto now = Clock::now();
         const bool done = p.tilesDone == p.tilesTotal;
@@ -68,24 +75,37 @@ public:
                    total = (unsigned long long)p.tilesTotal;
         if (m_terminal) {
             const int width = 30, filled = int(width * fraction);
-            std::fprintf(stderr, "\r[%s%s] %3d%%  %llu/%llu tiles%s\033[K",
+            std::fprintf(stderr, "\r%s[%s%s] %3d%%  %llu/%llu tiles%s\033[K",
+                         label.empty() ? "" : (label + " ").c_str(),
                          std::string(size_t(filled), '#').c_str(),
                          std::string(size_t(width - filled), ' ').c_str(), int(100 * fraction),
                          tiles, total, left.c_str());
             if (done) std::fprintf(stderr, "\n");
         } else {
-            std::fprintf(stderr, "tessera: %d%% (%llu of %llu tiles) after %s%s\n",
-                         int(100 * fraction), tiles, total, duration(elapsed).c_str(),
-                         left.c_str());
+            std::fprintf(stderr, "tessera: %s%d%% (%llu of %llu tiles) after %s%s\n",
+                         label.empty() ? "" : (label + ": ").c_str(), int(100 * fraction), tiles,
+                         total, duration(elapsed).c_str(), left.c_str());
         }
     }
 
 private:
     const bool m_quiet, m_terminal;
-    const Clock::time_point m_start = Clock::now();
+    std::string m_label;
+    Clock::time_point m_start = Clock::now();
     Clock::time_point m_lastReport = m_start;
     uint64_t m_lastDone = ~uint64_t(0);
 };
+
+std::string peakMemory() {
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    return std::to_string(usage.ru_maxrss / 1024) + " MB";
+}
+
+unsigned renderThreads() {
+    return RenderManager::getRenderThreads() ? RenderManager::getRenderThreads()
+                                             : std::max(1u, std::thread::hardware_concurrency());
+}
 
 int render(const Graph& graph, const RenderSettings& o) {
     RenderOptions options;
@@ -99,18 +119,50 @@ int render(const Graph& graph, const RenderSettings& o) {
     writeGraphOutputs(graph, options);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (!o.quiet) {
-        struct rusage usage {};
-        getrusage(RUSAGE_SELF, &usage);
-        std::cout << "rendered " << tiles << " tiles in " << seconds << " s on "
-                  << (RenderManager::getRenderThreads()
-                          ? RenderManager::getRenderThreads()
-                          : std::max(1u, std::thread::hardware_concurrency()))
-                  << " threads; peak resident memory " << usage.ru_maxrss / 1024 << " MB\n";
+        std::cout << "rendered " << tiles << " tiles in " << seconds << " s on " << renderThreads()
+                  << " threads; peak resident memory " << peakMemory() << "\n";
         for (const GraphOutput& out : graph.outputs)
             for (const FileOutParams& file : out.files) std::cout << "wrote " << file.path << "\n";
     }
     if (o.stats) RenderManager::getStatistics()->write(std::cout);
     return 0;
+}
+
+// Renders each frame; a failed frame is reported and the next one rendered.
+int renderFrames(const std::string& graphPath, const std::vector<int>& frames,
+                 const std::vector<ParameterOverride>& overrides, const RenderSettings& o) {
+    // What stays the same from frame to frame is rendered once: the tile
+    // cache keeps it for the next frames (what changes is never kept).
+    if (frames.size() > 1) RenderManager::setSpeculativeCachingEnable(true);
+    ProgressReport report(o.quiet);
+    SequenceOptions options;
+    options.progress = [&](const SequenceProgress& p) {
+        report(p.tiles, "frame " + std::to_string(p.frame) + " (" + std::to_string(p.index + 1) +
+                            " of " + std::to_string(p.count) + ")");
+    };
+    options.frameDone = [&](int frame, const std::string& error) {
+        if (!error.empty())
+            std::cerr << "tessera: " << error << std::endl;
+        else if (!o.quiet)
+            std::cout << "frame " << frame << " written" << std::endl;
+    };
+    const auto start = Clock::now();
+    const std::vector<FrameFailure> failures =
+        writeGraphFrames(graphPath, frames, overrides, options);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (!o.quiet)
+        std::cout << "rendered " << frames.size() - failures.size() << " of " << frames.size()
+                  << " frames in " << seconds << " s (" << double(frames.size()) / seconds
+                  << " frames per second) on " << renderThreads()
+                  << " threads; peak resident memory " << peakMemory() << "\n";
+    if (o.stats) RenderManager::getStatistics()->write(std::cout);
+    if (failures.empty()) return 0;
+    std::string list;
+    for (const FrameFailure& f : failures)
+        list += (list.empty() ? "" : ", ") + std::to_string(f.frame);
+    std::cerr << "tessera: " << failures.size() << " of " << frames.size()
+              << " frames failed: " << list << std::endl;
+    return kRenderError;
 }
 
 void apply(const RenderSettings& o) {
@@ -206,6 +258,11 @@ int main(int argc, char** argv) {
                      "bare word for a string); repeatable")
         ->type_name("NODE.PARAM=VALUE")
         ->allow_extra_args(false);
+    renderCommand
+        ->add_option("--frames", settings.frames,
+                     "the frames to render: 1-100, 1-100x2 (every second), 5, 1,4,9 or a mix "
+                     "(default: the graph's own frames, or the graph as a still)")
+        ->type_name("LIST");
     addRenderOptions(*renderCommand, settings);
 
     CLI::App* demoCommand = app.add_subcommand("demo", "render the built-in demo graph to out/");
@@ -252,10 +309,21 @@ int main(int argc, char** argv) {
         std::vector<ParameterOverride> overrides;
         for (const std::string& text : settings.overrides)
             overrides.push_back(parseParameterOverride(text));
+        std::vector<int> frames;
+        if (!settings.frames.empty()) {
+            try {
+                frames = parseFrames(settings.frames);
+            } catch (const std::invalid_argument& e) {
+                std::cerr << "tessera: --frames: " << e.what() << std::endl;
+                return kUsageError;
+            }
+        }
         apply(settings);
-        const Graph graph = renderCommand->parsed() ? loadGraphFile(graphPath, overrides)
-                                                    : loadGraph(kDemoGraph, ".", overrides);
-        return finish(render(graph, settings));
+        if (!renderCommand->parsed())
+            return finish(render(loadGraph(kDemoGraph, ".", overrides), settings));
+        if (frames.empty()) frames = graphFileFrames(graphPath);
+        if (frames.empty()) return finish(render(loadGraphFile(graphPath, overrides), settings));
+        return finish(renderFrames(graphPath, frames, overrides, settings));
     } catch (const RenderCancelledException&) {
         std::cerr << "tessera: interrupted" << std::endl;
         return finish(128 + (s_interrupt ? s_interrupt.load() : SIGINT));

@@ -1,0 +1,64 @@
+// A graph file rendered frame by frame.
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "exceptions.h"
+#include "frames.h"
+#include "io/outputfile.h"
+
+namespace TESSERA {
+
+std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
+                                           const std::vector<int>& frames,
+                                           const std::vector<ParameterOverride>& overrides,
+                                           const SequenceOptions& options) {
+    std::ifstream in(graphPath);
+    if (!in || std::filesystem::is_directory(graphPath))
+        throw GraphFileError("(file)", "", "cannot read '" + graphPath + "'");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string base = std::filesystem::path(graphPath).parent_path().string();
+
+    std::vector<FrameFailure> failures;
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const int frame = frames[i];
+        if (options.cancel && options.cancel->load())
+            throw RenderCancelledException("Render cancelled.");
+        // The caller's own exceptions end the sequence; the frame's are its failure.
+        std::exception_ptr callerError;
+        RenderOptions render;
+        render.cancel = options.cancel;
+        render.type = options.type;
+        if (options.progress)
+            render.progress = [&](const RenderProgress& p) {
+                try {
+                    options.progress(SequenceProgress{frame, i, frames.size(), p});
+                } catch (...) {
+                    callerError = std::current_exception();
+                    throw;
+                }
+            };
+        std::string error;
+        try {
+            const Graph graph = loadGraph(text.str(), base, overrides, frame);
+            if (options.removeAbandonedFiles)
+                for (const GraphOutput& out : graph.outputs)
+                    for (const FileOutParams& file : out.files)
+                        Private::removeAbandonedTemporaries(file.path);
+            writeGraphOutputs(graph, render);
+        } catch (const RenderCancelledException&) {
+            throw;
+        } catch (const std::exception& e) {
+            if (callerError) std::rethrow_exception(callerError);
+            error = "frame " + std::to_string(frame) + ": " + e.what();
+            failures.push_back({frame, error});
+        }
+        if (callerError) std::rethrow_exception(callerError);
+        if (options.frameDone) options.frameDone(frame, error);
+    }
+    return failures;
+}
+
+}  // namespace TESSERA
