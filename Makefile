@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build demo docs test test-release test-asan test-tsan bench format clean
+.PHONY: all deps build demo farm-demo docs test test-release test-asan test-tsan bench format clean
 
 all: build
 
@@ -17,6 +17,11 @@ build: deps
 # Renders the built-in demo graph to out/demo.exr and out/demo.png.
 demo: build
 	build/release/tools/tessera/tessera demo --stats
+
+# Renders the example shot (examples/sequence, 48 frames) to out/shot/ on a
+# local Dask cluster of two worker processes, and prints the summary.
+farm-demo: build
+	build/release/tools/tessera-farm examples/sequence/shot.json --workers 2 --chunk 8
 
 test: test-release test-asan test-tsan
 
@@ -39,6 +44,8 @@ bench:
 	cmake --build build/release -j$(JOBS) --target tessera_cli
 	/usr/bin/python3 bench/files/filebench.py --tessera build/release/tools/tessera/tessera \
 	  --out docs/performance.md --big
+	/usr/bin/python3 bench/farm/farmbench.py --tessera build/release/tools/tessera/tessera \
+	  --farm build/release/tools/tessera-farm --out docs/performance.md
 
 test-release: build
 	$(CTEST) build/release

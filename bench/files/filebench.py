@@ -14,6 +14,9 @@ import subprocess
 import sys
 import tempfile
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from report import replace_section  # noqa: E402
+
 W, H = 3840, 2160
 SECTION = "## File to file"
 
@@ -120,12 +123,7 @@ def main():
         lines = run(tessera, work, args)
     finally:
         shutil.rmtree(work, ignore_errors=True)
-    text = open(args.out).read() if os.path.exists(args.out) else "# Performance\n"
-    at = text.find(SECTION)
-    if at >= 0:
-        end = text.find("\n## ", at + len(SECTION))
-        text = text[:at] + text[end + 1:] if end >= 0 else text[:at]
-    open(args.out, "w").write(text.rstrip("\n") + "\n\n" + "\n".join(lines) + "\n")
+    replace_section(args.out, SECTION, lines)
 
 
 def render(tessera, work, name, nodes, outputs, threads=None):

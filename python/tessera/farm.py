@@ -77,8 +77,7 @@ def render_chunk(graph, frames, overrides, threads, run, folder):
         return {"rendered": [], "failed": {}}
     finally:
         os.chdir(previous)
-        cancel.set()
-        watcher.join()
+        cancel.set()  # the watcher ends at its next look, without holding up the next chunk
 
 
 class Run:

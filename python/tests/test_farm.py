@@ -1,0 +1,142 @@
+"""tessera-farm on a local Dask cluster: the frames it writes are the
+frames rendered locally, bit for bit; it survives a killed worker, reports
+failed frames by number, and stops on Ctrl-C. Every process a test starts
+is stopped by it."""
+import os
+import re
+import signal
+import subprocess
+import threading
+import time
+
+import pytest
+
+from sequences import assert_same_frames, write_comp, write_inputs
+
+pytestmark = pytest.mark.skipif(
+    not os.environ.get("TESSERA_FARM") or os.environ.get("TESSERA_SANITIZED"),
+    reason="the farm runs in the release build (worker processes cannot preload a sanitizer)")
+
+FRAMES = 24
+
+
+@pytest.fixture
+def shot(tmp_path, monkeypatch):
+    monkeypatch.chdir(tmp_path)
+    write_inputs(tmp_path, f"1-{FRAMES}")
+    return write_comp(tmp_path, frames=f"1-{FRAMES}")
+
+
+class Farm:
+    """tessera-farm in a session of its own, its output lines read as they come."""
+
+    def __init__(self, graph, cwd, *args):
+        cwd.mkdir(exist_ok=True)
+        self.process = subprocess.Popen(
+            [os.environ["TESSERA_FARM"], str(graph), "--workers", "2", "--threads", "1", *args],
+            cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+            start_new_session=True)
+        self.lines, self._errors = [], []
+        self._readers = [threading.Thread(target=self._read, args=(pipe, lines), daemon=True)
+                         for pipe, lines in ((self.process.stdout, self.lines),
+                                             (self.process.stderr, self._errors))]
+        for reader in self._readers:
+            reader.start()
+
+    @staticmethod
+    def _read(pipe, lines):
+        for line in pipe:
+            lines.append(line.rstrip("\n"))
+
+    @property
+    def errors(self):
+        return "\n".join(self._errors)
+
+    def first_line(self, pattern, timeout=60):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            for line in list(self.lines):
+                match = re.search(pattern, line)
+                if match:
+                    return match
+            time.sleep(0.02)
+        raise AssertionError(f"no line matching {pattern!r} in {self.lines}")
+
+    def wait(self, timeout=120):
+        try:
+            status = self.process.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.stop()
+            raise
+        for reader in self._readers:
+            reader.join(timeout=5)
+        return status
+
+    def stop(self):
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)  # workers included
+        except ProcessLookupError:
+            pass
+        self.process.wait(timeout=30)
+
+
+@pytest.fixture
+def farms():
+    started = []
+    yield lambda *args: started.append(Farm(*args)) or started[-1]
+    for farm in started:
+        farm.stop()
+
+
+def leftovers(folder):
+    return [p.name for p in folder.iterdir() if ".tessera-" in p.name]
+
+
+def test_frames_rendered_on_the_farm_equal_the_local_render(shot, farms, cli):
+    local = shot.parent / "local"
+    local.mkdir()
+    subprocess.run([cli, "render", str(shot), "-q"], cwd=local, check=True, timeout=120)
+    farm = farms(shot, shot.parent / "farm", "--chunk", "5")
+    assert farm.wait() == 0, farm.errors
+    assert f"tessera-farm: {FRAMES} of {FRAMES} frames in" in farm.lines[-1]
+    assert sum("written" in line for line in farm.lines) == FRAMES
+    assert_same_frames(local / "out", shot.parent / "farm/out", range(1, FRAMES + 1))
+
+
+def test_a_chunk_whose_worker_is_killed_is_rendered_again(shot, farms):
+    out = shot.parent / "farm"
+    farm = farms(shot, out, "--chunk", "6")
+    # The worker that wrote the first frame is killed in the middle of its chunk.
+    pid = int(farm.first_line(r"frame \d+ written .* pid (\d+)").group(1))
+    os.kill(pid, signal.SIGKILL)
+    assert farm.wait() == 0, farm.errors
+    assert "rendered again after a lost worker" in farm.lines[-1]
+    written = sorted(p.name for p in (out / "out").iterdir())
+    assert written == [f"comp.{f:04d}.exr" for f in range(1, FRAMES + 1)]
+    assert leftovers(out / "out") == []
+
+
+def test_a_failed_frame_is_reported_by_number(shot, farms):
+    (shot.parent / "in.0007.exr").unlink()
+    farm = farms(shot, shot.parent / "farm", "--frames", "1-12", "--chunk", "4")
+    assert farm.wait() == 1
+    assert "tessera-farm: 1 of 12 frames failed: 7" in farm.errors
+    assert "in.0007.exr" in farm.errors
+    assert len(list((shot.parent / "farm/out").iterdir())) == 11
+
+
+def test_ctrl_c_cancels_the_frames_not_rendered(shot, farms):
+    out = shot.parent / "farm"
+    farm = farms(shot, out, "--frames", "1-24,1-24", "--chunk", "2",
+                 "--set", "soft.size=[41, 41]")
+    farm.first_line(r"frame \d+ written")
+    workers = subprocess.run(["pgrep", "-s", str(farm.process.pid)], capture_output=True,
+                             text=True).stdout.split()
+    farm.process.send_signal(signal.SIGINT)
+    assert farm.wait(timeout=60) == 130
+    assert "interrupted" in farm.errors
+    assert len(list((out / "out").iterdir())) < FRAMES
+    assert leftovers(out / "out") == []
+    alive = [p for p in workers if os.path.exists(f"/proc/{p}")
+             and open(f"/proc/{p}/stat").read().split()[2] != "Z"]
+    assert alive == []
