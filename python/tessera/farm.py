@@ -117,6 +117,8 @@ class Run:
             self.failed[frame] = error
 
     def chunk_failed(self, frames, error):
+        print(f"tessera-farm: frames {', '.join(str(f) for f in frames)} failed: {error}",
+              file=sys.stderr, flush=True)
         for frame in frames:
             if frame not in self.written:
                 self.failed[frame] = f"frame {frame}: {error}"
@@ -183,6 +185,15 @@ def _interrupt(signum, frame):
 
 def main(argv=None):
     args = _arguments(argv)
+    signal.signal(signal.SIGTERM, _interrupt)
+    try:
+        return _run(args)
+    except KeyboardInterrupt:  # before the chunks went out, or after they came back
+        print("tessera-farm: interrupted", file=sys.stderr)
+        return INTERRUPTED
+
+
+def _run(args):
     import tessera
 
     graph = os.path.abspath(args.graph)
@@ -197,7 +208,6 @@ def main(argv=None):
         print(f"tessera-farm: {args.graph} declares no frames: give --frames", file=sys.stderr)
         return USAGE
 
-    signal.signal(signal.SIGTERM, _interrupt)
     start = time.monotonic()
     run = Run(frames, args.quiet)
     client = cluster = cancel = None
@@ -280,6 +290,8 @@ def _reason(future):
         return str(e) or type(e).__name__
     if type(exception).__name__ == "KilledWorker":
         return "its worker died every time it ran"
+    if isinstance(exception, ModuleNotFoundError):
+        return f"{exception} on the worker (is Tessera installed there?)"
     return str(exception) or type(exception).__name__
 
 

@@ -2,6 +2,7 @@
 frames rendered locally, bit for bit; it survives a killed worker, reports
 failed frames by number, and stops on Ctrl-C. Every process a test starts
 is stopped by it."""
+import json
 import os
 import re
 import signal
@@ -11,6 +12,7 @@ import time
 
 import pytest
 
+import tessera
 from sequences import assert_same_frames, write_comp, write_inputs
 
 pytestmark = pytest.mark.skipif(
@@ -18,6 +20,9 @@ pytestmark = pytest.mark.skipif(
     reason="the farm runs in the release build (worker processes cannot preload a sanitizer)")
 
 FRAMES = 24
+# Frames slow enough (a tenth of a second or so) that a test acts while a
+# chunk is half done.
+SLOW = ["--set", "glow.radius=[25, 25]"]
 
 
 @pytest.fixture
@@ -25,6 +30,19 @@ def shot(tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
     write_inputs(tmp_path, f"1-{FRAMES}")
     return write_comp(tmp_path, frames=f"1-{FRAMES}")
+
+
+def started(command, **kwargs):
+    return subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                            start_new_session=True, **kwargs)
+
+
+def stop(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait(timeout=30)
 
 
 class Farm:
@@ -73,11 +91,7 @@ class Farm:
         return status
 
     def stop(self):
-        try:
-            os.killpg(self.process.pid, signal.SIGKILL)  # workers included
-        except ProcessLookupError:
-            pass
-        self.process.wait(timeout=30)
+        stop(self.process)  # its workers too
 
 
 @pytest.fixture
@@ -103,9 +117,40 @@ def test_frames_rendered_on_the_farm_equal_the_local_render(shot, farms, cli):
     assert_same_frames(local / "out", shot.parent / "farm/out", range(1, FRAMES + 1))
 
 
+def test_a_running_scheduler_and_its_workers_render_the_same_frames(shot, farms, tmp_path):
+    """Many machines, as one: a dask-scheduler and two dask-workers started apart."""
+    address_file = tmp_path / "scheduler.json"
+    processes = [started(["/usr/bin/dask-scheduler", "--host", "127.0.0.1", "--port", "0",
+                          "--no-dashboard", "--scheduler-file", str(address_file)])]
+    try:
+        deadline = time.monotonic() + 60
+        while not address_file.exists() or not address_file.read_text():
+            assert time.monotonic() < deadline, "the scheduler did not start"
+            time.sleep(0.1)
+        address = json.loads(address_file.read_text())["address"]
+        # A worker imports tessera from where this test does.
+        package = os.path.dirname(os.path.dirname(os.path.abspath(tessera.__file__)))
+        env = dict(os.environ, PYTHONPATH=package)
+        for _ in range(2):
+            processes.append(started(["/usr/bin/dask-worker", address, "--nthreads", "1",
+                                      "--no-dashboard", "--host", "127.0.0.1"], env=env))
+        local = tmp_path / "local"
+        local.mkdir()
+        subprocess.run([os.environ["TESSERA_CLI"], "render", str(shot), "-q", "--frames", "1-8"],
+                       cwd=local, check=True, timeout=120)
+        farm = farms(shot, tmp_path / "farm", "--frames", "1-8", "--chunk", "2",
+                     "--scheduler", address)
+        assert farm.wait() == 0, farm.errors
+        assert "8 of 8 frames" in farm.lines[-1]
+        assert_same_frames(local / "out", tmp_path / "farm/out", range(1, 9))
+    finally:
+        for process in processes:
+            stop(process)
+
+
 def test_a_chunk_whose_worker_is_killed_is_rendered_again(shot, farms):
     out = shot.parent / "farm"
-    farm = farms(shot, out, "--chunk", "6")
+    farm = farms(shot, out, "--chunk", "12", *SLOW)
     # The worker that wrote the first frame is killed in the middle of its chunk.
     pid = int(farm.first_line(r"frame \d+ written .* pid (\d+)").group(1))
     os.kill(pid, signal.SIGKILL)
@@ -127,8 +172,7 @@ def test_a_failed_frame_is_reported_by_number(shot, farms):
 
 def test_ctrl_c_cancels_the_frames_not_rendered(shot, farms):
     out = shot.parent / "farm"
-    farm = farms(shot, out, "--frames", "1-24,1-24", "--chunk", "2",
-                 "--set", "soft.size=[41, 41]")
+    farm = farms(shot, out, "--chunk", "2", *SLOW)
     farm.first_line(r"frame \d+ written")
     workers = subprocess.run(["pgrep", "-s", str(farm.process.pid)], capture_output=True,
                              text=True).stdout.split()
