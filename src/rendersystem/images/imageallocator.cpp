@@ -1,5 +1,6 @@
 #include "rendersystem/images/imageallocator.h"
 
+#include <malloc.h>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -76,6 +77,19 @@ bool BlockPool::give(void* block, size_t bytes, int64_t maxMemory) {
     m_free[bytes].push_back(block);
     m_bytes += bytes;
     return true;
+}
+
+// The C library keeps freed memory for its own reuse, and memory freed
+// between blocks still alive (pixels, and the buffers files are decoded
+// and encoded through) stays resident. After every 64 MB of pixels made it
+// is asked to hand free pages back, so resident memory follows the images
+// alive rather than the most there ever were: a long file-to-file render
+// otherwise grows far past its budget.
+void BlockPool::churn(size_t bytes) {
+    constexpr size_t kTrimEvery = size_t(64) << 20;
+    if (m_churnSinceTrim.fetch_add(bytes) + bytes < kTrimEvery) return;
+    m_churnSinceTrim = 0;  // two threads may both trim: harmless
+    malloc_trim(0);
 }
 
 void BlockPool::clear() {
@@ -226,6 +240,7 @@ void ImageAllocator::allocate(Impl* image) {
     reserve(image, size);
     void* block = m_blocks.take(blockBytes(size));
     if (!block) block = std::aligned_alloc(kPixelAlignment, blockBytes(size));
+    m_blocks.churn(blockBytes(size));
     if (!block) {
         unaccount(image->isFileIn(), size);
         throw std::bad_alloc();

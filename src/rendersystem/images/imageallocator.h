@@ -35,6 +35,8 @@ public:
     void* take(size_t bytes);
     // Keeps the block if there is room (returns false: the caller frees it).
     bool give(void* block, size_t bytes, int64_t maxMemory);
+    // Counts pixels made, and now and then hands free memory back.
+    void churn(size_t bytes);
     void clear();
     size_t bytesHeld() const;
 
@@ -42,6 +44,7 @@ private:
     mutable std::mutex m_mutex;
     std::map<size_t, std::vector<void*>> m_free;
     size_t m_bytes = 0;
+    std::atomic<size_t> m_churnSinceTrim{0};
 };
 
 // Every ImageBuffer's pixels are accounted here against a memory budget and
