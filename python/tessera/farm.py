@@ -217,6 +217,9 @@ def _run(args):
         from distributed import Event, Queue
 
         workers = len(client.scheduler_info()["workers"])
+        if not workers:
+            print("tessera-farm: the scheduler has no workers yet; the chunks wait for them",
+                  file=sys.stderr, flush=True)
         threads = args.threads
         if not threads and cluster:
             threads = max(1, (os.cpu_count() or 1) // args.workers)

@@ -1,8 +1,5 @@
 // A graph file rendered frame by frame.
 #include <exception>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "exceptions.h"
 #include "frames.h"
@@ -14,13 +11,7 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
                                            const std::vector<int>& frames,
                                            const std::vector<ParameterOverride>& overrides,
                                            const SequenceOptions& options) {
-    std::ifstream in(graphPath);
-    if (!in || std::filesystem::is_directory(graphPath))
-        throw GraphFileError("(file)", "", "cannot read '" + graphPath + "'");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string base = std::filesystem::path(graphPath).parent_path().string();
-
+    graphFileFrames(graphPath);  // a file that is not a graph fails once, not at every frame
     std::vector<FrameFailure> failures;
     for (size_t i = 0; i < frames.size(); ++i) {
         const int frame = frames[i];
@@ -42,7 +33,7 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
             };
         std::string error;
         try {
-            const Graph graph = loadGraph(text.str(), base, overrides, frame);
+            const Graph graph = loadGraphFile(graphPath, overrides, frame);
             if (options.removeAbandonedFiles)
                 for (const GraphOutput& out : graph.outputs)
                     for (const FileOutParams& file : out.files)
