@@ -58,7 +58,8 @@ struct SequenceOptions {
 // Loads the graph file at each frame and writes its outputs. A frame that
 // fails (a missing input frame, a failed write) is reported and the next
 // one rendered; the failures are returned, by frame, each message naming
-// the frame. Cancellation throws RenderCancelledException. Parts of the
+// the frame. A file that cannot be read or is not JSON throws
+// GraphFileError first; cancellation throws RenderCancelledException. Parts of the
 // graph that do not change from frame to frame keep their tiles in the
 // tile cache, so later frames re-use them.
 TESSERA_API std::vector<FrameFailure> writeGraphFrames(
