@@ -198,9 +198,10 @@ def _run(args):
 
     graph = os.path.abspath(args.graph)
     try:
-        frames = tessera.parse_frames(args.frames) if args.frames else tessera.graph_frames(graph)
-        # The graph must load before the workers start.
-        tessera.load_graph(graph, set=args.overrides, frame=frames[0] if frames else None)
+        # A file that is not a graph fails here; a frame that fails to load
+        # (a missing input frame) is that frame's failure, on its worker.
+        declared = tessera.graph_frames(graph)
+        frames = tessera.parse_frames(args.frames) if args.frames else declared
     except (ValueError, tessera.Error) as e:
         print(f"tessera-farm: {args.graph}: {e}", file=sys.stderr)
         return USAGE
