@@ -1,11 +1,18 @@
 #include "imglib/error.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace IMGLIB {
 namespace {
 
+// Trivially destructible, so a thread's exit runs no destructor for it
+// (pool threads come and go; a destructor would run after the thread has
+// finished and race, as far as ThreadSanitizer can tell, with the reuse of
+// the thread's storage). Messages longer than the buffer are cut.
 struct ThreadError {
     int code = ERROR_NONE;
-    std::string message;
+    char message[1024] = {};
 };
 
 ThreadError& threadError() {
@@ -25,7 +32,7 @@ std::string GetErrorMessage() {
 
 void ClearError() {
     threadError().code = ERROR_NONE;
-    threadError().message.clear();
+    threadError().message[0] = '\0';
 }
 
 int CheckError() {
@@ -35,8 +42,11 @@ int CheckError() {
 }
 
 int SetError(int code, const std::string& message) {
-    threadError().code = code;
-    threadError().message = message;
+    ThreadError& error = threadError();
+    error.code = code;
+    const size_t length = std::min(message.size(), sizeof error.message - 1);
+    std::memcpy(error.message, message.data(), length);
+    error.message[length] = '\0';
     return code;
 }
 

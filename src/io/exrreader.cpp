@@ -15,15 +15,16 @@ namespace Private {
 namespace {
 
 // The library reports a failure to a handler before returning its code;
-// the words are kept for the thread's next message.
-thread_local std::string t_lastMessage;
+// the words are kept for the thread's next message (in a plain buffer: a
+// thread's exit runs no destructor for it).
+thread_local char t_lastMessage[512];
 void remember(exr_const_context_t, exr_result_t, const char* message) {
-    t_lastMessage = message ? message : "";
+    std::snprintf(t_lastMessage, sizeof t_lastMessage, "%s", message ? message : "");
 }
 std::string describe(exr_result_t result) {
     std::string message =
-        t_lastMessage.empty() ? exr_get_default_error_message(result) : t_lastMessage;
-    t_lastMessage.clear();
+        t_lastMessage[0] ? std::string(t_lastMessage) : exr_get_default_error_message(result);
+    t_lastMessage[0] = '\0';
     return message;
 }
 
