@@ -4,6 +4,8 @@
 // tiles of a cancelled render never served later.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <atomic>
 #include <chrono>
 #include <iostream>
@@ -13,6 +15,7 @@
 #include "colortasks.h"
 #include "compositetasks.h"
 #include "filtertasks.h"
+#include "frames.h"
 #include "private/tile.h"
 #include "renderimage.h"
 #include "rendersystem/images/imageallocator.h"
@@ -163,6 +166,14 @@ TEST_F(ContractTest, SettingsCancelAndFinishFromCallbacksAndOtherThreadsNeverDea
                 renderImage(make<PatternTask>("inner", area), area, IMGLIB::CHANNELS_RGBA, options);
             EXPECT_EQ(last.tilesDone, last.tilesTotal);
             EXPECT_EQ(image.pixels[(5 * 40 + 7) * 4], PatternTask::at(7, 5).r);
+        },
+        [] {  // a sequence of its own, written frame by frame
+            const std::string dir = ::testing::TempDir(), graph = dir + "/callback_frames.json";
+            std::ofstream(graph) << R"({"frames": "1-2", "nodes": [{"id": "c", "op": "constant",
+                "params": {"area": [0, 0, 8, 8], "color": [{"frame": 1, "value": [0, 0, 0, 1]},
+                {"frame": 2, "value": [1, 1, 1, 1]}]}}], "outputs": [{"node": "c", "file": ")" +
+                                        dir + R"(/callback.####.exr"}]})";
+            EXPECT_TRUE(writeGraphFrames(graph, graphFileFrames(graph)).empty());
         },
     };
     for (size_t i = 0; i < calls.size(); ++i) {

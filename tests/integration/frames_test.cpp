@@ -7,9 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "frames.h"
 #include "rendermanager.h"
+#include "support/watchdog.h"
 
 using namespace TESSERA;
 namespace fs = std::filesystem;
@@ -246,11 +248,24 @@ TEST_F(FramesTest, CallersStopASequenceAndAbandonedFilesGoWhenAsked) {
     for (const fs::path& p : others) EXPECT_TRUE(fs::exists(p)) << p;
     EXPECT_FALSE(fs::exists(dir / "out.0003.exr"));
 
-    std::atomic<bool> cancel{true};
+    // Cancelled from another thread (after frame 3, which waits for it).
+    std::atomic<bool> cancel{false}, frameWritten{false};
     options = SequenceOptions();
     options.cancel = &cancel;
-    EXPECT_THROW(writeGraphFrames(graph, {3}, {}, options), RenderCancelledException);
-    EXPECT_FALSE(fs::exists(dir / "out.0003.exr"));
+    options.frameDone = [&](int, const std::string&) {
+        frameWritten = true;
+        while (!cancel) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    };
+    TESSERA::testing::withinSeconds(60, "a sequence cancelled from another thread", [&] {
+        std::thread host([&] {
+            while (!frameWritten) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            cancel = true;
+        });
+        EXPECT_THROW(writeGraphFrames(graph, {3, 4, 1}, {}, options), RenderCancelledException);
+        host.join();
+    });
+    EXPECT_TRUE(fs::exists(dir / "out.0003.exr"));
+    EXPECT_FALSE(fs::exists(dir / "out.0004.exr"));
 }
 
 }  // namespace
