@@ -64,6 +64,28 @@ RenderType queueOf(const std::string& name) {
     throw py::value_error("queue '" + name + "': one of batch, viewer, background");
 }
 
+// Runs Python code for a waiting render, with the GIL: a Python error is
+// kept for the caller and cancels the render.
+template <class Body>
+void callPython(Body&& body) {
+    py::gil_scoped_acquire gil;
+    try {
+        body();
+    } catch (py::error_already_set& e) {
+        e.restore();
+        throw RenderCancelledException("Render cancelled.");
+    }
+}
+
+// Ctrl-C and the cancel event, between a render's Python callbacks (with the GIL).
+void checkSignals() {
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+void checkCancel(const py::object& cancel) {
+    if (!cancel.is_none() && cancel.attr("is_set")().cast<bool>())
+        throw RenderCancelledException("Render cancelled.");
+}
+
 // Progress and cancellation for a render the calling thread waits for
 // without the GIL: Ctrl-C, a callback that raises and a set cancel event
 // all cancel it, and the Python error (if any) is kept for the caller.
@@ -72,16 +94,11 @@ RenderOptions pythonOptions(const py::object& progress, const py::object& cancel
     RenderOptions options;
     options.type = queueOf(queue);
     options.progress = [progress, cancel](const RenderProgress& p) {
-        py::gil_scoped_acquire gil;
-        try {
-            if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+        callPython([&] {
+            checkSignals();
             if (!progress.is_none()) progress(p.tilesDone, p.tilesTotal);
-            if (!cancel.is_none() && cancel.attr("is_set")().cast<bool>())
-                throw RenderCancelledException("Render cancelled.");
-        } catch (py::error_already_set& e) {
-            e.restore();
-            throw RenderCancelledException("Render cancelled.");
-        }
+            checkCancel(cancel);
+        });
     };
     return options;
 }
@@ -197,36 +214,27 @@ py::dict renderFrames(const std::string& path, const py::object& frameList,
                               " declares no frames: give frames=\"1-100\" or a list");
     // Each frame's render polls for Ctrl-C, the cancel event and a raising
     // callback, as render does.
-    const RenderOptions poll = pythonOptions(py::none(), cancel, queue);
     SequenceOptions options;
-    options.type = poll.type;
+    options.type = queueOf(queue);
     options.removeAbandonedFiles = removeAbandonedFiles;
     options.progress = [&](const SequenceProgress& p) {
-        poll.progress(p.tiles);
-        if (progress.is_none()) return;
-        py::gil_scoped_acquire gil;
-        try {
-            progress(p.frame, p.tiles.tilesDone, p.tiles.tilesTotal);
-        } catch (py::error_already_set& e) {
-            e.restore();
-            throw RenderCancelledException("Render cancelled.");
-        }
+        callPython([&] {
+            checkSignals();
+            if (!progress.is_none()) progress(p.frame, p.tiles.tilesDone, p.tiles.tilesTotal);
+            checkCancel(cancel);
+        });
     };
     py::list rendered;
     py::dict failed;
     options.frameDone = [&](int frame, const std::string& error) {
-        py::gil_scoped_acquire gil;
-        if (error.empty())
-            rendered.append(frame);
-        else
-            failed[py::int_(frame)] = error;
-        try {
+        callPython([&] {
+            if (error.empty())
+                rendered.append(frame);
+            else
+                failed[py::int_(frame)] = error;
             if (!onFrame.is_none())
                 onFrame(frame, error.empty() ? py::object(py::none()) : py::str(error));
-        } catch (py::error_already_set& e) {
-            e.restore();
-            throw RenderCancelledException("Render cancelled.");
-        }
+        });
     };
     withoutGil([&] { return writeGraphFrames(path, frames, overridesOf(set), options); });
     py::dict result;

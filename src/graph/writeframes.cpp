@@ -46,7 +46,6 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
             error = "frame " + std::to_string(frame) + ": " + e.what();
             failures.push_back({frame, error});
         }
-        if (callerError) std::rethrow_exception(callerError);
         if (options.frameDone) options.frameDone(frame, error);
     }
     return failures;
