@@ -28,5 +28,18 @@ public:
     virtual bool forwardsInput(const UTIL::Rect& rect, int64_t& dx, int64_t& dy) const = 0;
 };
 
+// Tasks that make any rectangle of their pixels cheaply, from any thread
+// (a file read through a cache of decoded blocks). When no tile cache keeps
+// their tiles, a consumer's input image is rendered straight from the task
+// instead of being copied out of tiles kept for every consumer: memory then
+// holds the blocks, not rows of tiles.
+class DirectSource {
+public:
+    virtual ~DirectSource() = default;
+    // Told when a render will read the task so (until its postRender): the
+    // reads then follow the consumers' tiles, in whatever order they go.
+    virtual void readDirectly() = 0;
+};
+
 }  // namespace Private
 }  // namespace TESSERA

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace IMGLIB {
 
@@ -19,5 +20,9 @@ void RowMedian9(float* dst, const float* const rows[9], size_t count);
 void RowAddDifference(double* acc, const double* hi, const double* lo, size_t count);
 // acc[i] += w src[i], the floats widened to double
 void RowMulAddWiden(double* acc, const float* src, float w, size_t count);
+// IEEE half-precision bits to and from floats (to the nearest, ties to
+// even): halves widen exactly, so a half narrowed from one comes back equal.
+void RowFloatToHalf(uint16_t* dst, const float* src, size_t count);
+void RowHalfToFloat(float* dst, const uint16_t* src, size_t count);
 
 }  // namespace IMGLIB

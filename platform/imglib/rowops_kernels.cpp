@@ -73,6 +73,31 @@ void MulAddWidenRow(double* acc, const float* src, float w, size_t count) {
     for (; i < count; ++i) acc[i] = std::fma(double(w), double(src[i]), acc[i]);
 }
 
+void FloatToHalfRow(uint16_t* dst, const float* src, size_t count) {
+    const hn::ScalableTag<float> d;
+    const hn::Rebind<hwy::float16_t, decltype(d)> h;
+    const size_t N = hn::Lanes(d);
+    auto* out = reinterpret_cast<hwy::float16_t*>(dst);
+    size_t i = 0;
+    for (; i + N <= count; i += N) hn::StoreU(hn::DemoteTo(h, hn::LoadU(d, src + i)), h, out + i);
+    const hn::CappedTag<float, 1> one;
+    const hn::Rebind<hwy::float16_t, decltype(one)> oneHalf;
+    for (; i < count; ++i)
+        hn::StoreU(hn::DemoteTo(oneHalf, hn::LoadU(one, src + i)), oneHalf, out + i);
+}
+
+void HalfToFloatRow(float* dst, const uint16_t* src, size_t count) {
+    const hn::ScalableTag<float> d;
+    const hn::Rebind<hwy::float16_t, decltype(d)> h;
+    const size_t N = hn::Lanes(d);
+    const auto* in = reinterpret_cast<const hwy::float16_t*>(src);
+    size_t i = 0;
+    for (; i + N <= count; i += N) hn::StoreU(hn::PromoteTo(d, hn::LoadU(h, in + i)), d, dst + i);
+    const hn::CappedTag<float, 1> one;
+    const hn::Rebind<hwy::float16_t, decltype(one)> oneHalf;
+    for (; i < count; ++i) hn::StoreU(hn::PromoteTo(one, hn::LoadU(oneHalf, in + i)), one, dst + i);
+}
+
 // The median-of-nine network (Devillard): 19 compare-exchanges.
 constexpr int kMedian9[19][2] = {{1, 2}, {4, 5}, {7, 8}, {0, 1}, {3, 4}, {6, 7}, {1, 2},
                                  {4, 5}, {7, 8}, {0, 3}, {5, 8}, {4, 7}, {3, 6}, {1, 4},
@@ -117,6 +142,8 @@ HWY_EXPORT(ExtremeRow);
 HWY_EXPORT(AddDifferenceRow);
 HWY_EXPORT(Median9Row);
 HWY_EXPORT(MulAddWidenRow);
+HWY_EXPORT(FloatToHalfRow);
+HWY_EXPORT(HalfToFloatRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
@@ -136,6 +163,14 @@ void RowAddDifference(double* acc, const double* hi, const double* lo, size_t co
 
 void RowMulAddWiden(double* acc, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddWidenRow)(acc, src, w, count);
+}
+
+void RowFloatToHalf(uint16_t* dst, const float* src, size_t count) {
+    HWY_DYNAMIC_DISPATCH(FloatToHalfRow)(dst, src, count);
+}
+
+void RowHalfToFloat(float* dst, const uint16_t* src, size_t count) {
+    HWY_DYNAMIC_DISPATCH(HalfToFloatRow)(dst, src, count);
 }
 
 }  // namespace IMGLIB

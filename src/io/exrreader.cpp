@@ -59,9 +59,11 @@ public:
         if (exr_get_channels(m_context, m_part, &channels) != EXR_ERR_SUCCESS || !channels)
             return describe(EXR_ERR_MISSING_REQ_ATTR);
         m_info.channelNames.resize(size_t(channels->num_channels));
+        m_info.halfChannels = channels->num_channels > 0;
         for (int c = 0; c < channels->num_channels; ++c) {
             const exr_attr_chlist_entry_t& e = channels->entries[c];
             if (e.x_sampling != 1 || e.y_sampling != 1) return "module";
+            if (e.pixel_type != EXR_PIXEL_HALF) m_info.halfChannels = false;
             m_info.channelNames[slotOf(c)].assign(e.name.str, size_t(e.name.length));
         }
         exr_attr_box2i_t data, display;

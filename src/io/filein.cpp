@@ -17,8 +17,10 @@
 #include "fileio.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "imglib/rowops.h"
 #include "io/imagefiles.h"
 #include "private/operation.h"
+#include "private/pixelview.h"
 #include "rendermanager.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/speculativecache.h"
@@ -109,7 +111,7 @@ std::unique_ptr<Private::ImageReader> openFile(const std::string& task, const st
     return in;
 }
 
-class FileInTask : public RenderTask {
+class FileInTask : public RenderTask, public Private::DirectSource {
 public:
     FileInTask(const std::string& name, float time, const FileInParams& params)
         : RenderTask(name, time), m_params(params) {
@@ -140,18 +142,30 @@ protected:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readers.push_back(std::move(reader));
     }
+    void readDirectly() override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_readDirectly = true;
+    }
     void postRender() override {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readers.clear();
         m_blocks.clear();
         m_recent.clear();
         m_recentPosition.clear();
+        m_readDirectly = false;
+        m_everRead.clear();
+        m_tallestRead = 0;
+        m_extraRows = 0;
     }
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
         const UTIL::Rect rect =
             UTIL::Rect(out->x1, out->y1, out->x2, out->y2).intersection(m_dataWindow);
         if (rect.isNull()) return;
         const UTIL::Rect grid = blockSize();
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_tallestRead = std::max(m_tallestRead, rect.height());
+        }
         const int64_t bx0 = (rect.xmin - m_dataWindow.xmin) / grid.xmax;
         const int64_t bx1 = (rect.xmax - 1 - m_dataWindow.xmin) / grid.xmax;
         const int64_t by0 = (rect.ymin - m_dataWindow.ymin) / grid.ymax;
@@ -160,18 +174,14 @@ protected:
         // thread decodes the others, so threads working along the same row
         // of tiles (which need the same bands) decode different blocks.
         std::vector<std::pair<int64_t, int64_t>> busy;
-        auto copy = [&](ImageBuffer block) {
-            ImageBuffer_LockScoper lock(block);
-            IMGLIB::CopyInto(out, block.getImage());
-        };
         for (int64_t by = by0; by <= by1; ++by)
             for (int64_t bx = bx0; bx <= bx1; ++bx) {
                 if (std::optional<ImageBuffer> block = this->block(bx, by, false))
-                    copy(*block);
+                    copyBlock(out, bx, by, *block);
                 else
                     busy.emplace_back(bx, by);
             }
-        for (const auto& [bx, by] : busy) copy(*this->block(bx, by, true));
+        for (const auto& [bx, by] : busy) copyBlock(out, bx, by, *this->block(bx, by, true));
     }
 
 private:
@@ -225,6 +235,10 @@ private:
             if (slot->error) std::rethrow_exception(slot->error);
             return slot->image;
         }
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_everRead.insert({bx, by}).second && m_readDirectly) keepMoreRows();
+        }
         ImageBuffer image;
         std::exception_ptr error;
         try {
@@ -263,16 +277,19 @@ private:
         m_recent.erase(m_recentPosition.at(key));
         m_recentPosition.erase(key);
     }
-    // Under m_mutex: drops the least recently used finished blocks beyond a
-    // row of render tiles' worth and a row of blocks more (eight at least):
-    // the threads work along one row, and the next row may start in the
-    // blocks this one ends in. A tile being rendered holds its own handle; a
-    // block asked for again after it went is read again.
+    // Under m_mutex: drops the least recently used finished blocks beyond
+    // the rows of blocks the tallest read spans, a quarter row more (the
+    // threads work along one row of tiles, and the next row starts while the
+    // last tiles of this one finish) and the rows added when a dropped block
+    // was needed again; eight at least. A tile being rendered holds its own handle; a block asked
+    // for again after it went is read again.
     void evict() {
         const UTIL::Rect size = blockSize();
-        const int64_t tileRows = (RenderManager::getGlobalTileHeight() + size.ymax - 1) / size.ymax;
+        const int64_t tallest =
+            std::max<int64_t>(m_tallestRead, RenderManager::getGlobalTileHeight());
         const int64_t across = (m_dataWindow.width() + size.xmax - 1) / size.xmax;
-        const size_t keep = size_t(std::max<int64_t>(8, (tileRows + 2) * across));
+        const int64_t rows = rowsSpanned(tallest) + m_extraRows;
+        const size_t keep = size_t(std::max<int64_t>(8, rows * across + across / 4));
         for (auto key = m_recent.end(); m_blocks.size() > keep && key != m_recent.begin();) {
             --key;
             const std::shared_ptr<Block> slot = m_blocks.at(*key);  // outlives the lock
@@ -282,6 +299,28 @@ private:
             m_recentPosition.erase(*key);
             key = m_recent.erase(key);
         }
+    }
+
+    // The most rows of blocks a read of `height` rows can touch.
+    int64_t rowsSpanned(int64_t height) const {
+        const int64_t block = blockSize().ymax;
+        return (std::max<int64_t>(height, 1) - 1 + block - 1) / block + 1;
+    }
+
+    // Under m_mutex: a block was read again while consumers read the task
+    // directly, so their tiles do not go row by row (a rotation's); a
+    // quarter more rows are kept (one at least), while the blocks kept stay
+    // within half the image memory budget. (Tiles of the task's own are
+    // made once each, whatever the order.)
+    void keepMoreRows() {
+        const UTIL::Rect size = blockSize();
+        const int64_t rowBytes = m_dataWindow.width() * size.ymax *
+                                 IMGLIB::GetChannelCount(m_channels) * (keepsHalves() ? 2 : 4);
+        const int64_t budgetRows =
+            int64_t(RenderManager::GetMaxImageMemory() << 20) / 2 / std::max<int64_t>(1, rowBytes);
+        const int64_t rows = rowsSpanned(m_tallestRead) + m_extraRows;
+        if (rows < budgetRows)
+            m_extraRows += std::min(budgetRows - rows, std::max<int64_t>(1, rows / 4));
     }
 
     // A reader of the file no other thread is using.
@@ -301,14 +340,69 @@ private:
         m_readers.push_back(std::move(reader));
     }
 
+    // The pixels of block (bx, by).
+    UTIL::Rect blockArea(int64_t bx, int64_t by) const {
+        const UTIL::Rect size = blockSize();
+        return UTIL::Rect(m_dataWindow.xmin + bx * size.xmax, m_dataWindow.ymin + by * size.ymax,
+                          m_dataWindow.xmin + (bx + 1) * size.xmax,
+                          m_dataWindow.ymin + (by + 1) * size.ymax)
+            .intersection(m_dataWindow);
+    }
+
+    // A decoded block keeps the task's channels in the task's order, as
+    // floats, or as halves when the file stores every channel so (half the
+    // memory, and exact). Halves are kept in an image buffer, so that the
+    // budget counts them and may swap them out, as one float channel per two
+    // halves: row y of the buffer is row y of the block.
+    bool keepsHalves() const { return m_info.halfChannels; }
+    UTIL::Rect halfStorage(const UTIL::Rect& area) const {
+        const int64_t halves = area.width() * IMGLIB::GetChannelCount(m_channels);
+        return UTIL::Rect(0, area.ymin, (halves + 1) / 2, area.ymax);
+    }
+
+    // Copies the part of block (bx, by) that out covers into out.
+    void copyBlock(const IMGLIB::Image* out, int64_t bx, int64_t by, ImageBuffer block) const {
+        ImageBuffer_LockScoper lock(block);
+        if (!keepsHalves()) {
+            IMGLIB::CopyInto(out, block.getImage());
+            return;
+        }
+        const UTIL::Rect area = blockArea(bx, by);
+        const UTIL::Rect part = area.intersection(UTIL::Rect(out->x1, out->y1, out->x2, out->y2));
+        if (part.isNull()) return;
+        const int64_t k = IMGLIB::GetChannelCount(m_channels);
+        const IMGLIB::Image* halves = block.getImage();
+        // Rows widen straight into out when it has the block's channels;
+        // otherwise through one row of the block's own.
+        std::vector<float> row;
+        IMGLIB::Image rowImage;
+        if (out->channels != m_channels) {
+            row.resize(size_t(part.width() * k));
+            rowImage.channels = m_channels;
+            rowImage.x1 = part.xmin;
+            rowImage.x2 = part.xmax;
+            rowImage.rowBytes = int64_t(row.size() * sizeof(float));
+            rowImage.pixelPtr = row.data();
+        }
+        for (int64_t y = part.ymin; y < part.ymax; ++y) {
+            const uint16_t* src =
+                reinterpret_cast<const uint16_t*>(halves->row(y)) + (part.xmin - area.xmin) * k;
+            if (row.empty()) {
+                IMGLIB::RowHalfToFloat(
+                    IMGLIB::GetPixelAddress(out, part.xmin, y, k * int64_t(sizeof(float))), src,
+                    size_t(part.width() * k));
+                continue;
+            }
+            IMGLIB::RowHalfToFloat(row.data(), src, row.size());
+            rowImage.y1 = y;
+            rowImage.y2 = y + 1;
+            IMGLIB::CopyInto(out, &rowImage);
+        }
+    }
+
     // Decodes one block into a new image buffer.
     ImageBuffer read(int64_t bx, int64_t by) {
-        const UTIL::Rect size = blockSize();
-        const UTIL::Rect area =
-            UTIL::Rect(m_dataWindow.xmin + bx * size.xmax, m_dataWindow.ymin + by * size.ymax,
-                       m_dataWindow.xmin + (bx + 1) * size.xmax,
-                       m_dataWindow.ymin + (by + 1) * size.ymax)
-                .intersection(m_dataWindow);
+        const UTIL::Rect area = blockArea(bx, by);
         const int n = int(m_info.channelNames.size());
         // The decoded block is held twice for a moment: refuse what the image
         // memory budget could not hold (a damaged header declaring a huge width).
@@ -329,17 +423,24 @@ private:
             throw RenderTaskRenderingException(getNameAtTime(),
                                                "cannot read '" + m_params.path + "': " + error, -1);
         returnReader(std::move(file));
-        ImageBuffer image(m_channels, area, "FILEIN." + m_params.path);
+        const int64_t k = IMGLIB::GetChannelCount(m_channels);
+        std::vector<float> row(size_t(area.width() * k));
+        ImageBuffer image(keepsHalves() ? IMGLIB::CHANNEL_R : m_channels,
+                          keepsHalves() ? halfStorage(area) : area, "FILEIN." + m_params.path);
         {
             ImageBuffer_LockScoper imageLock(image);
             const IMGLIB::Image* dst = image.getImage();
-            const int64_t pixelBytes = IMGLIB::GetPixelBytes(m_channels);
             const float* src = pixels.data();
             for (int64_t y = area.ymin; y < area.ymax; ++y) {
-                float* d = IMGLIB::GetPixelAddress(dst, area.xmin, y, pixelBytes);
+                // The task's channels of each pixel, in the task's order (a
+                // grey file's one channel three times).
+                float* d = keepsHalves() ? row.data() : dst->row(y);
                 for (int64_t x = area.xmin; x < area.xmax; ++x, src += n)
                     for (int bit = 0; bit < 5; ++bit)
                         if (m_channels & (uint64_t(1) << bit)) *d++ = src[m_slots[bit]];
+                if (keepsHalves())
+                    IMGLIB::RowFloatToHalf(reinterpret_cast<uint16_t*>(dst->row(y)), row.data(),
+                                           row.size());
             }
         }
         return image;
@@ -355,13 +456,18 @@ private:
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     UTIL::Rect m_dataWindow;
-    // m_mutex guards the readers and the blocks; it is taken before a
+    // m_mutex guards the readers, the blocks and what the reads asked
+    // (m_readDirectly to m_extraRows); it is taken before a
     // block's own mutex, and never held while a file is read.
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Private::ImageReader>> m_readers;  // open, not in use
     std::map<BlockKey, std::shared_ptr<Block>> m_blocks;
     std::list<BlockKey> m_recent;  // most recently used first
     std::map<BlockKey, std::list<BlockKey>::iterator> m_recentPosition;
+    bool m_readDirectly = false;    // consumers read the task, not its tiles
+    std::set<BlockKey> m_everRead;  // in this render
+    int64_t m_tallestRead = 0;      // the most rows one read asked for
+    int64_t m_extraRows = 0;        // rows kept for reads out of row order
 };
 
 }  // namespace

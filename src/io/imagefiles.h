@@ -22,7 +22,8 @@ struct ImageFileInfo {
     int64_t tileHeight = 0;
     int64_t rowsPerChunk = 1;  // scanline files: rows stored together
     bool deep = false;
-    std::string description;  // what tells versions apart beyond the header (a date)
+    bool halfChannels = false;  // every channel is stored as half
+    std::string description;    // what tells versions apart beyond the header (a date)
 };
 
 // One open file. A reader serves one thread at a time.

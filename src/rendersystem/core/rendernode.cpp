@@ -169,6 +169,7 @@ void RenderNode::setUpTile(const TilePtr& tile) {
         RenderNode& input = *m_inputs[i];
         // Channels the input does not define are its background colour.
         if ((request->getChannels() & input.m_imp.m_definedOutputChannels) == 0) continue;
+        if (input.m_direct) continue;  // read when the tile renders
         std::vector<TileID> ids;
         input.tileIDs(input.m_imp.m_definedOutputDataRegion.intersection(fetch), ids);
         for (const TileID& id : ids) {
@@ -202,6 +203,11 @@ std::map<TileID, TilePtr> RenderNode::takeTiles() {
     std::lock_guard<std::mutex> lock(m_tileMapMutex);
     tiles.swap(m_tileMap);
     return tiles;
+}
+
+bool RenderNode::hasTiles() {
+    std::lock_guard<std::mutex> lock(m_tileMapMutex);
+    return !m_tileMap.empty();
 }
 
 bool RenderNode::cancelled() const {
@@ -257,6 +263,42 @@ bool RenderNode::lastTileCheck() {
     return true;
 }
 
+void RenderNode::renderInto(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs,
+                            bool mayMissData) {
+    const UTIL::Rect rect(output->x1, output->y1, output->x2, output->y2);
+    const UTIL::Region& defined = m_imp.m_definedOutputDataRegion;
+    const UTIL::Region area = defined.intersection(rect);
+    if (area.isEmpty() && !mayMissData) {
+        std::cerr << "Defined Output Data Region " << defined << std::endl;
+        std::cerr << "Tile Rect " << rect << std::endl;
+        throw RenderTaskRenderingException(
+            m_imp.m_nameAtTime,
+            "Tile was asked to render an image that doesn't intersect it's defined output area",
+            -1);
+    }
+    // An output tile beyond the data still reaches the host: the part
+    // outside the data is the background colour.
+    fillOutside(output, area, m_imp.m_backgroundColor, m_imp.m_nameAtTime);
+    for (const UTIL::Rect& r : area.rects()) {
+        IMGLIB::Image sub;
+        checkImglib(IMGLIB::GetSubImage(output, r.xmin, r.ymin, r.xmax, r.ymax, &sub),
+                    m_imp.m_nameAtTime);
+        task().render(&sub, inputs);
+    }
+}
+
+ImageBuffer RenderNode::renderDirect(const UTIL::Rect& rect) {
+    Scope scope(*this);
+    runPreRender();
+    ImageBuffer image(m_requiredOutputChannels, rect, "Direct Read :" + m_imp.m_name);
+    {
+        ImageBuffer_LockScoper lock(image);
+        std::vector<ImageBuffer> none;
+        renderInto(image.getImage(), none, false);
+    }
+    return image;
+}
+
 bool RenderNode::renderTile(Tile& tile, const IMGLIB::Image* output) {
     const auto start = std::chrono::steady_clock::now();
     Scope scope(*this);
@@ -270,26 +312,7 @@ bool RenderNode::renderTile(Tile& tile, const IMGLIB::Image* output) {
     {
         UTIL::TaskProfiler::Scope profile(RenderManager::s_renderSystemProfiler,
                                           "[Threaded Render Internal]: Actual Rendering");
-        const UTIL::Rect rect(output->x1, output->y1, output->x2, output->y2);
-        const UTIL::Region& defined = m_imp.m_definedOutputDataRegion;
-        const UTIL::Region area = defined.intersection(rect);
-        if (area.isEmpty() && !tile.isFinal()) {
-            std::cerr << "Defined Output Data Region " << defined << std::endl;
-            std::cerr << "Tile Rect " << rect << std::endl;
-            throw RenderTaskRenderingException(
-                m_imp.m_nameAtTime,
-                "Tile was asked to render an image that doesn't intersect it's defined output area",
-                -1);
-        }
-        // An output tile beyond the data still reaches the host: the part
-        // outside the data is the background colour.
-        fillOutside(output, area, m_imp.m_backgroundColor, m_imp.m_nameAtTime);
-        for (const UTIL::Rect& r : area.rects()) {
-            IMGLIB::Image sub;
-            checkImglib(IMGLIB::GetSubImage(output, r.xmin, r.ymin, r.xmax, r.ymax, &sub),
-                        m_imp.m_nameAtTime);
-            task().render(&sub, inputs);
-        }
+        renderInto(output, inputs, tile.isFinal());
     }
     RenderManager::s_renderSystemProfiler.addTime("[Task] " + m_imp.m_typeString,
                                                   UTIL::millisecondsSince(start));

@@ -82,12 +82,16 @@ public:
     TilePtr getOrCreateTile(const TileID& id);
     void removeTile(const TileID& id);
     std::map<TileID, TilePtr> takeTiles();
+    bool hasTiles();
 
     // ---- Rendering ----
     // Renders one tile into output (the tile's locked image): preRender once,
     // input images, the task's render over the defined part of the tile.
     // True when this was the task's last tile in this render.
     bool renderTile(Tile& tile, const IMGLIB::Image* output);
+    // The task's pixels over rect, for a consumer reading a direct source:
+    // preRender once, then the task's render, on the calling thread.
+    ImageBuffer renderDirect(const UTIL::Rect& rect);
     // Counts a tile that needed no rendering; true when it was the last.
     bool lastTileCheck();
     // The render is done with the task (also when it ended early).
@@ -107,10 +111,17 @@ public:
     RenderStage m_stage = RENDERSTAGE_ComputeOutputDescription;
     uint64_t m_outputTaskCount = 0;  // consumers in this render, per input slot
     uint64_t m_consumersDoneCount = 0;
+    // Consumers read the task directly (DirectSource) instead of through
+    // tiles; set before any consumer sets up its tiles.
+    bool m_direct = false;
 
 private:
     void setUpTile(const TilePtr& tile);
     void runPreRender();
+    // Renders the task into output (preRender already run): the
+    // background colour outside its data.
+    void renderInto(const IMGLIB::Image* output, std::vector<ImageBuffer>& inputs,
+                    bool mayMissData);
     void leaveSessionLocked();
 
     TaskPtr m_task;

@@ -13,6 +13,7 @@
 #include "inplacetask.h"
 #include "private/imglibcall.h"
 #include "private/inputabsorber.h"
+#include "private/pixelview.h"
 #include "rendermanager.h"
 #include "util/exceptions.h"
 
@@ -263,6 +264,16 @@ void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
         state.tiles += ids.size();
     }
     for (const TilePtr& tile : finalTiles) tile->resizeFinalTiles(finalTiles.size());
+
+    // Sources that read any rectangle cheaply and no tile cache keeps are
+    // read by their consumers directly (their outputs keep their tiles).
+    const bool cacheKeepsTiles = RenderManager::getSpeculativeCachingEnable();
+    for (const auto& node : m_nodes) {
+        auto* source = dynamic_cast<DirectSource*>(&node->task());
+        node->m_direct = source && node->m_inputs.empty() &&
+                         !(cacheKeepsTiles && node->imp().m_caching) && !node->hasTiles();
+        if (node->m_direct) source->readDirectly();
+    }
 
     // Top-down, breadth first: a task sets up its requests once every
     // consumer has asked all its tiles of it.

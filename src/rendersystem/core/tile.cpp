@@ -218,6 +218,16 @@ std::vector<ImageBuffer> Tile::buildInputImages() const {
         const InputRequest* request = m_task->getInputRequest(i);
         if (!request || i >= inputRects.size() || inputRects[i].isNull()) continue;
         std::vector<ImageBuffer> tileImages;
+        RenderNode& input = *m_task->m_inputs[i];
+        if (input.m_direct) {
+            const UTIL::Rect data = input.imp()
+                                        .m_definedOutputDataRegion
+                                        .intersection(request->requiredInputRect(inputRects[i]))
+                                        .boundingBox();
+            if (!data.isNull() &&
+                (request->getChannels() & input.imp().m_definedOutputChannels) != 0)
+                tileImages.push_back(input.renderDirect(data));
+        }
         if (i < inputTiles.size())
             for (const TilePtr& input : inputTiles[i]) tileImages.push_back(input->getImage());
         inputs[i] = request->buildImage(inputRects[i], tileImages);
