@@ -66,6 +66,14 @@ std::string writeFiles(const TaskPtr& task, const Rect& area,
     return writer->getErrors();
 }
 
+void writeImage(const std::string& path, const OIIO::ImageSpec& spec, OIIO::TypeDesc type,
+                const void* pixels) {
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out && out->open(path, spec));
+    ASSERT_TRUE(out->write_image(type, pixels));
+    ASSERT_TRUE(out->close());
+}
+
 float toHalf(float v) {
     return float(Imath::half(v));
 }
@@ -186,12 +194,7 @@ TEST_F(FileOutputTest, FilesReadDirectlyKeepHalfBlocksAndEveryPixel) {
     for (size_t i = 0; i < pixels.size(); ++i)
         pixels[i].setBits(uint16_t((i * 40503u) & 0x7bff) | (i % 5 == 0 ? 0x8000 : 0));
     const std::string input = (dir / "wide.exr").string();
-    {
-        auto out = OIIO::ImageOutput::create(input);
-        ASSERT_TRUE(out && out->open(input, spec));
-        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::HALF, pixels.data()));
-        ASSERT_TRUE(out->close());
-    }
+    writeImage(input, spec, OIIO::TypeDesc::HALF, pixels.data());
     RenderManager::setGlobalTileSize(64, 64);
     RenderManager::setRenderThreads(2);
     const Rect area(0, 0, W, H);
@@ -236,12 +239,7 @@ TEST_F(FileOutputTest, FileToFileStaysWithinTheMemoryBudget) {
     std::vector<float> pixels(size_t(W) * H * 4);
     for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = float((i * 7919) % 1001) / 1000.0f;
     const std::string input = (dir / "in.exr").string();
-    {
-        auto out = OIIO::ImageOutput::create(input);
-        ASSERT_TRUE(out && out->open(input, spec));  // scanlines, 16 rows a chunk
-        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()));
-        ASSERT_TRUE(out->close());
-    }
+    writeImage(input, spec, OIIO::TypeDesc::FLOAT, pixels.data());  // scanlines, 16 rows a chunk
     RenderManager::setGlobalTileSize(64, 64);
     RenderManager::setRenderThreads(2);
     const Rect area(0, 0, W, H);
