@@ -1,6 +1,7 @@
 // Tiling never changes a pixel: every operation a graph file may use,
 // rendered with tile sizes from 16 to the full frame on 1, 2 and 4 threads,
-// gives the same bits. The operations come from the graph format's own list,
+// gives the same bits, whether the file source is read through tiles or
+// directly by its consumers. The operations come from the graph format's own list,
 // so an operation added later joins the sweep by being declared.
 #include <gtest/gtest.h>
 
@@ -32,10 +33,10 @@ struct SweepFiles {
     fs::path dir = fs::temp_directory_path() / ("tessera_sweep_" + std::to_string(::getpid()));
     SweepFiles() {
         fs::create_directories(dir);
-        // An RGBAZ EXR: colour above 1 in places, alpha that varies, depth
-        // from 0.5 to 12.
+        // An RGBAZ EXR of halves: colour above 1 in places, alpha that
+        // varies, depth from 0.5 to 12.
         const int w = int(kArea.width()), h = int(kArea.height());
-        OIIO::ImageSpec spec(w, h, 5, OIIO::TypeDesc::FLOAT);
+        OIIO::ImageSpec spec(w, h, 5, OIIO::TypeDesc::HALF);
         spec.channelnames = {"R", "G", "B", "A", "Z"};
         spec.x = int(kArea.xmin), spec.y = int(kArea.ymin);
         spec.full_x = spec.x, spec.full_y = spec.y;
@@ -111,10 +112,13 @@ std::string graphFor(const OperationDescription& op, const SweepFiles& files) {
     return g.str();
 }
 
-// Every float of every output tile, in pixel order.
-std::vector<float> render(const Graph& graph, int tile, int threads) {
+// Every float of every output tile, in pixel order. With the tile cache on,
+// the file is read through tiles of its own; with it off, its consumers
+// read it directly.
+std::vector<float> render(const Graph& graph, int tile, int threads, bool cache) {
     RenderManager::setGlobalTileSize(tile, tile);
     RenderManager::setRenderThreads(uint64_t(threads));
+    RenderManager::setSpeculativeCachingEnable(cache);
     RenderManager::clearSpeculativeCache();
     auto observer = make<RecordingObserver>();
     RenderManager::Render({graph.outputs[0].description}, observer, nullptr, true,
@@ -140,7 +144,7 @@ TEST(TilingSweep, EveryOperationGivesTheSameBitsForEveryTileSizeAndThreadCount) 
         for (const OperationDescription& op : operations) {
             RenderManager::ClearRenderTaskCache();
             const Graph graph = loadGraph(graphFor(op, files), files.dir.string());
-            const std::vector<float> reference = render(graph, 4096, 1);
+            const std::vector<float> reference = render(graph, 4096, 1, false);
             // The operation made an image, not a uniform fill.
             ASSERT_NE(
                 std::count(reference.begin(), reference.end(), reference[4 * 20 * 88 + 4 * 40]),
@@ -149,7 +153,7 @@ TEST(TilingSweep, EveryOperationGivesTheSameBitsForEveryTileSizeAndThreadCount) 
             for (int tile : {16, 37, 64, 256, 4096})
                 for (int threads : {1, 2, 4}) {
                     if (tile == 4096 && threads == 1) continue;
-                    const std::vector<float> got = render(graph, tile, threads);
+                    const std::vector<float> got = render(graph, tile, threads, threads == 2);
                     ASSERT_EQ(got.size(), reference.size());
                     ASSERT_EQ(std::memcmp(got.data(), reference.data(), got.size() * sizeof(float)),
                               0)
@@ -158,6 +162,7 @@ TEST(TilingSweep, EveryOperationGivesTheSameBitsForEveryTileSizeAndThreadCount) 
         }
     });
     RenderManager::setGlobalTileSize(256, 256);
+    RenderManager::setSpeculativeCachingEnable(true);
     RenderManager::ClearRenderTaskCache();
     EXPECT_EQ(Private::Tile::liveCount(), 0u);
 }
