@@ -48,7 +48,9 @@ std::vector<float> readFile(const std::string& path, const Rect& area) {
     const OIIO::ImageSpec& s = in->spec();
     // TIFF and PNG keep no negative origin: their size is checked.
     const Rect window(s.x, s.y, s.x + s.width, s.y + s.height);
-    if (fs::path(path).extension() == ".exr") EXPECT_EQ(window, area) << path;
+    if (fs::path(path).extension() == ".exr") {
+        EXPECT_EQ(window, area) << path;
+    }
     EXPECT_EQ(window.width(), area.width());
     EXPECT_EQ(window.height(), area.height());
     std::vector<float> pixels(size_t(area.area()) * 4);

@@ -9,6 +9,7 @@
 #include "exceptions.h"
 #include "imglib/channels.h"
 #include "private/imglibcall.h"
+#include "private/pixelview.h"
 #include "rendermanager.h"
 #include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/renderplan.h"
@@ -134,6 +135,7 @@ uint64_t RenderNode::setUp(std::vector<TilePtr>& readyTiles) {
         std::lock_guard<std::mutex> lock(m_imp.m_renderLock);
         m_tilesLeft = tiles.size();
     }
+    decideDirectReads(tiles);
     for (const TilePtr& tile : tiles) {
         if (tile->tryGetFromSpeculativeCache())
             tile->setStage(InputsReady);
@@ -169,7 +171,9 @@ void RenderNode::setUpTile(const TilePtr& tile) {
         RenderNode& input = *m_inputs[i];
         // Channels the input does not define are its background colour.
         if ((request->getChannels() & input.m_imp.m_definedOutputChannels) == 0) continue;
-        if (input.m_direct) continue;  // read when the tile renders
+        // Undecided still when the largest tile fetched none of it.
+        if (input.m_directRead == DirectRead::Undecided) input.m_directRead = DirectRead::Never;
+        if (input.readsDirectly()) continue;  // read when the tile renders
         std::vector<TileID> ids;
         input.tileIDs(input.m_imp.m_definedOutputDataRegion.intersection(fetch), ids);
         for (const TileID& id : ids) {
@@ -180,6 +184,38 @@ void RenderNode::setUpTile(const TilePtr& tile) {
     }
     tile->setInputRects(std::move(inputRects));
     tile->finishInputRequests();
+}
+
+void RenderNode::decideDirectReads(const std::vector<TilePtr>& tiles) {
+    std::vector<size_t> undecided;
+    for (size_t i = 0; i < m_inputs.size(); ++i)
+        if (m_inputs[i]->m_directRead == DirectRead::Undecided) undecided.push_back(i);
+    if (undecided.empty() || tiles.empty()) return;
+    // The largest tile: those at the edges of an area are cut short.
+    UTIL::Rect tile;
+    for (const TilePtr& t : tiles)
+        if (t->getRect().area() > tile.area()) tile = t->getRect();
+    std::vector<UTIL::Rect> inputRects(m_inputs.size());
+    {
+        Scope scope(*this);
+        task().computeRequiredInputRects(tile, inputRects);
+    }
+    inputRects.resize(m_inputs.size());
+    for (size_t i : undecided) {
+        const InputRequest* request = m_inputRequests[i].get();
+        if (!request || request->getChannels() == 0 || inputRects[i].isNull()) continue;
+        // A consumer that fetches about a tile of the source per tile of its
+        // own (colour, composites, blurs) reads it directly: nothing of the
+        // source waits in tiles for the consumer tiles that share it. One
+        // that fetches much more (a shrink, a rotation) reads tiles of the
+        // source: each is made once, as a job of its own that any thread may
+        // take, and soon done with, where direct reads would be few, large
+        // and overlapping.
+        RenderNode& input = *m_inputs[i];
+        const bool direct = request->requiredInputRect(inputRects[i]).area() <= 2 * tile.area();
+        input.m_directRead = direct ? DirectRead::Always : DirectRead::Never;
+        if (direct) dynamic_cast<DirectSource&>(input.task()).readDirectly();
+    }
 }
 
 TilePtr RenderNode::getOrCreateTile(const TileID& id) {

@@ -111,12 +111,18 @@ public:
     RenderStage m_stage = RENDERSTAGE_ComputeOutputDescription;
     uint64_t m_outputTaskCount = 0;  // consumers in this render, per input slot
     uint64_t m_consumersDoneCount = 0;
-    // Consumers read the task directly (DirectSource) instead of through
-    // tiles; set before any consumer sets up its tiles.
-    bool m_direct = false;
+    // Whether consumers read the task directly (DirectSource) instead of
+    // through tiles. The plan says whether they may; the first consumer tile
+    // set up decides (decideDirectReads), before any tile renders.
+    enum class DirectRead { Never, Undecided, Always };
+    DirectRead m_directRead = DirectRead::Never;
+    bool readsDirectly() const { return m_directRead == DirectRead::Always; }
 
 private:
     void setUpTile(const TilePtr& tile);
+    // Decides m_directRead of the inputs still undecided from what the
+    // largest of `tiles` fetches of them.
+    void decideDirectReads(const std::vector<TilePtr>& tiles);
     void runPreRender();
     // Renders the task into output (preRender already run): the
     // background colour outside its data.

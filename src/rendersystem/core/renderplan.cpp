@@ -265,14 +265,14 @@ void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
     }
     for (const TilePtr& tile : finalTiles) tile->resizeFinalTiles(finalTiles.size());
 
-    // Sources that read any rectangle cheaply and no tile cache keeps are
+    // Sources that read any rectangle cheaply and no tile cache keeps may be
     // read by their consumers directly (their outputs keep their tiles).
     const bool cacheKeepsTiles = RenderManager::getSpeculativeCachingEnable();
     for (const auto& node : m_nodes) {
-        auto* source = dynamic_cast<DirectSource*>(&node->task());
-        node->m_direct = source && node->m_inputs.empty() &&
+        const bool may = dynamic_cast<DirectSource*>(&node->task()) && node->m_inputs.empty() &&
                          !(cacheKeepsTiles && node->imp().m_caching) && !node->hasTiles();
-        if (node->m_direct) source->readDirectly();
+        node->m_directRead =
+            may ? RenderNode::DirectRead::Undecided : RenderNode::DirectRead::Never;
     }
 
     // Top-down, breadth first: a task sets up its requests once every

@@ -219,7 +219,7 @@ std::vector<ImageBuffer> Tile::buildInputImages() const {
         if (!request || i >= inputRects.size() || inputRects[i].isNull()) continue;
         std::vector<ImageBuffer> tileImages;
         RenderNode& input = *m_task->m_inputs[i];
-        if (input.m_direct) {
+        if (input.readsDirectly()) {
             const UTIL::Rect data = input.imp()
                                         .m_definedOutputDataRegion
                                         .intersection(request->requiredInputRect(inputRects[i]))
