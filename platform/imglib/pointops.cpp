@@ -319,6 +319,12 @@ PointOp MakeColorMatrix(const float matrix[20]) {
     PointOp op;
     op.kind = POINTOP_COLOR_MATRIX;
     for (int k = 0; k < 20; ++k) op.p[k] = matrix[k];
+    // A gain and offset per channel (most colour matrices) runs as one.
+    bool perChannel = true;
+    for (int r = 0; r < 4; ++r)
+        for (int c = 0; c < 4; ++c)
+            if (r != c && matrix[5 * r + c] != 0.0f) perChannel = false;
+    op.i[0] = perChannel;
     return op;
 }
 int ColorMatrix(const Image* out, const Image* in, const float matrix[20]) {

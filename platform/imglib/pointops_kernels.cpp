@@ -41,16 +41,15 @@ HWY_INLINE V Luma(D d, const float* w, const V (&v)[4]) {
                       hn::MulAdd(v[1], hn::Set(d, w[1]), hn::Mul(v[2], hn::Set(d, w[2]))));
 }
 
-// log2 x for x > 0: x = m 2^k with m in [sqrt(1/2), sqrt(2)), and
-// ln m = 2 atanh(t), t = (m - 1) / (m + 1), whose series converges fast
-// for |t| <= 0.172 (the terms left out are below 2^-31). Subnormal x is
-// scaled up first; infinity stays infinity.
-HWY_INLINE V Log2(D d, V x) {
+// log2 x for normal x > 0, less `bias`: x = m 2^k with m in
+// [sqrt(1/2), sqrt(2)), and ln m = 2 atanh(t), t = (m - 1) / (m + 1), whose
+// series converges fast for |t| <= 0.172 (the terms left out are below
+// 2^-31).
+template <bool kBiased>
+HWY_INLINE V Log2Normal(D d, V x, V bias) {
     const hn::RebindToSigned<D> di;
-    const auto subnormal = hn::Lt(x, hn::Set(d, std::numeric_limits<float>::min()));
-    const V normal = hn::IfThenElse(subnormal, hn::Mul(x, hn::Set(d, 16777216.0f)), x);  // 2^24
     const auto sqrtHalfBits = hn::Set(di, 0x3F3504F3);
-    const auto bits = hn::BitCast(di, normal);
+    const auto bits = hn::BitCast(di, x);
     const auto k = hn::ShiftRight<23>(hn::Sub(bits, sqrtHalfBits));  // floor, by the sign
     const V m = hn::BitCast(d, hn::Sub(bits, hn::ShiftLeft<23>(k)));
     const V one = hn::Set(d, 1.0f);
@@ -61,18 +60,24 @@ HWY_INLINE V Log2(D d, V x) {
     series = hn::MulAdd(series, t2, hn::Set(d, 1.0f / 3));
     series = hn::MulAdd(series, t2, one);
     const V lnM = hn::Mul(hn::Add(t, t), series);
-    const V exponent =
-        hn::Sub(hn::ConvertTo(d, k), hn::IfThenElseZero(subnormal, hn::Set(d, 24.0f)));
-    const V log2 = hn::MulAdd(lnM, hn::Set(d, 1.4426950408889634f), exponent);
+    V exponent = hn::ConvertTo(d, k);
+    if (kBiased) exponent = hn::Sub(exponent, bias);
+    return hn::MulAdd(lnM, hn::Set(d, 1.4426950408889634f), exponent);
+}
+
+// log2 x for x > 0: subnormal x is scaled up first; infinity stays infinity.
+HWY_INLINE V Log2(D d, V x) {
+    const auto subnormal = hn::Lt(x, hn::Set(d, std::numeric_limits<float>::min()));
+    const V normal = hn::IfThenElse(subnormal, hn::Mul(x, hn::Set(d, 16777216.0f)), x);  // 2^24
+    const V log2 = Log2Normal<true>(d, normal, hn::IfThenElseZero(subnormal, hn::Set(d, 24.0f)));
     return hn::IfThenElse(hn::IsInf(x), x, log2);
 }
 
-// 2^y: y = n + f with f in [-1/2, 1/2], 2^f by Cephes' minimax polynomial
-// (within 2 ulp), 2^n put straight into the exponent. Results beyond the
-// float range are infinity; below 2^-125, zero.
-HWY_INLINE V Exp2(D d, V y) {
+// 2^y for y in [-125, 128): y = n + f with f in [-1/2, 1/2], 2^f by Cephes'
+// minimax polynomial (within 2 ulp), 2^n put straight into the exponent.
+HWY_INLINE V Exp2InRange(D d, V y) {
     const hn::RebindToSigned<D> di;
-    const V n = hn::Round(hn::Min(hn::Max(y, hn::Set(d, -125.0f)), hn::Set(d, 128.0f)));
+    const V n = hn::Round(y);
     const V f = hn::Sub(y, n);
     V p = hn::MulAdd(f, hn::Set(d, 1.535336188319500e-4f), hn::Set(d, 1.339887440266574e-3f));
     p = hn::MulAdd(p, f, hn::Set(d, 9.618437357674640e-3f));
@@ -80,17 +85,28 @@ HWY_INLINE V Exp2(D d, V y) {
     p = hn::MulAdd(p, f, hn::Set(d, 2.402264791363012e-1f));
     p = hn::MulAdd(p, f, hn::Set(d, 6.931472028550421e-1f));
     p = hn::MulAdd(p, f, hn::Set(d, 1.0f));
-    const V scaled =
-        hn::BitCast(d, hn::Add(hn::BitCast(di, p), hn::ShiftLeft<23>(hn::ConvertTo(di, n))));
+    return hn::BitCast(d, hn::Add(hn::BitCast(di, p), hn::ShiftLeft<23>(hn::ConvertTo(di, n))));
+}
+
+// 2^y: results beyond the float range are infinity; below 2^-125, zero.
+HWY_INLINE V Exp2(D d, V y) {
     const V big = hn::Set(d, 128.0f), tiny = hn::Set(d, -125.0f);
+    const V scaled = Exp2InRange(d, hn::Min(hn::Max(y, tiny), big));
     return hn::IfThenElse(hn::Ge(y, big), hn::Set(d, std::numeric_limits<float>::infinity()),
                           hn::IfThenZeroElse(hn::Lt(y, tiny), scaled));
 }
 
 // x^e for x > 0: two cheap transcendentals instead of the general Exp and
-// Log, which a chain of colour corrections spends most of its time in.
+// Log, which a chain of colour corrections spends most of its time in. Most
+// groups of pixels need none of the care for subnormal or infinite x, or for
+// results beyond the float range, and skip it; the bits are the same.
 HWY_INLINE V Pow(D d, V x, V e) {
-    return Exp2(d, hn::Mul(e, Log2(d, x)));
+    const auto special =
+        hn::Or(hn::Lt(x, hn::Set(d, std::numeric_limits<float>::min())), hn::IsInf(x));
+    if (!hn::AllFalse(d, special)) return Exp2(d, hn::Mul(e, Log2(d, x)));
+    const V y = hn::Mul(e, Log2Normal<false>(d, x, x));
+    const auto inRange = hn::And(hn::Ge(y, hn::Set(d, -125.0f)), hn::Lt(y, hn::Set(d, 128.0f)));
+    return hn::AllTrue(d, inRange) ? Exp2InRange(d, y) : Exp2(d, y);
 }
 
 // Lanes as four planes of floats, for the operators done a lane at a time.
@@ -188,6 +204,11 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             for (int c = 0; c < 4; ++c) {
                 if (p[c] == 1.0f) continue;  // exact: exp(log x) is not
                 const float pv = p[4 + c] > 0.0f ? p[4 + c] : 1.0f;
+                if (pv == 1.0f) {  // the same bits without the scaling
+                    v[c] = hn::IfThenElse(hn::Gt(v[c], hn::Zero(d)), Pow(d, v[c], hn::Set(d, p[c])),
+                                          v[c]);
+                    continue;
+                }
                 const V x = hn::Mul(v[c], hn::Set(d, 1.0f / pv));
                 const V powered = hn::Mul(hn::Set(d, pv), Pow(d, x, hn::Set(d, p[c])));
                 v[c] = hn::IfThenElse(hn::Gt(x, hn::Zero(d)), powered, v[c]);
@@ -315,6 +336,11 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             break;
         }
         case POINTOP_COLOR_MATRIX: {
+            if (op.i[0]) {  // no channel feeds another
+                for (int c = 0; c < 4; ++c)
+                    v[c] = hn::MulAdd(v[c], hn::Set(d, p[6 * c]), hn::Set(d, p[5 * c + 4]));
+                break;
+            }
             V o[4];
             for (int r = 0; r < 4; ++r) {
                 const float* m = p + 5 * r;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <vector>
@@ -140,6 +141,36 @@ TEST(PointOps, ExponentialIsAccurateOverTheWholeRange) {
     }
 }
 
+// Groups of pixels with nothing special in them (no subnormal or infinite
+// value, no result out of range) take a shorter way: each pixel must come
+// out with the bits it gets alone, whatever its neighbours, or results would
+// change with where tiles start.
+TEST(PointOps, PowersGiveTheSameBitsWhateverTheirNeighbours) {
+    std::vector<float> values;
+    for (float x = 1e-30f; x < 1e30f; x *= 1.9f) values.push_back(x);
+    const size_t normal = values.size();
+    values.insert(values.end(), {1e-40f, std::numeric_limits<float>::infinity(), 0.5f, -2.0f});
+    for (const float e : {0.45f, 0.9f, 2.2f, -1.0f, 3.0f})
+        for (const float pv : {1.0f, 0.18f}) {
+            const float exponent[4] = {e, e, e, e}, pivot[4] = {pv, pv, pv, pv};
+            const PointOp op = MakeExponential(exponent, pivot);
+            // All normal values first, then the same with the special ones mixed in.
+            for (const size_t n : {normal, values.size()}) {
+                std::vector<float> used(values.begin(), values.begin() + long(n));
+                TestImage in(CHANNELS_RGBA, int64_t(n), used), out(CHANNELS_RGBA, int64_t(n), {0});
+                ASSERT_EQ(ApplyPointOps(&out.image, &in.image, &op, 1), ERROR_NONE);
+                for (int64_t x = 0; x < int64_t(n); ++x) {
+                    const Color alone = ApplyPointOpsToColor(in.at(x, 0), &op, 1);
+                    const Color got = out.at(x, 0);
+                    for (int c = 0; c < 4; ++c)
+                        ASSERT_EQ(std::memcmp(&got[c], &alone[c], 4), 0)
+                            << in.at(x, 0)[c] << "^" << e << " pivot " << pv << ": " << got[c]
+                            << " vs " << alone[c];
+                }
+            }
+        }
+}
+
 TEST(PointOps, ContrastExponentialAndRange) {
     const float contrast[4] = {2, 0.5f, 1, 3}, pivot[4] = {0.18f, 0.5f, 0, 1};
     expectMatches(MakeContrast(contrast, pivot), [&](Color c) {
@@ -225,6 +256,13 @@ TEST(PointOps, MatrixPosterizeLogAndBloom) {
             o[r] = m[5 * r] * c.r + m[5 * r + 1] * c.g + m[5 * r + 2] * c.b + m[5 * r + 3] * c.a +
                    m[5 * r + 4];
         return o;
+    });
+    // A gain and offset per channel, the common case, has a way of its own.
+    const float gainOffset[20] = {1.1f, 0, 0, 0, 0.01f, 0, 0.9f, 0, 0,    -0.2f,
+                                  0,    0, 2, 0, 0,     0, 0,    0, 0.5f, 0.25f};
+    expectMatches(MakeColorMatrix(gainOffset), [&](Color c) {
+        for (int r = 0; r < 4; ++r) c[r] = c[r] * gainOffset[6 * r] + gainOffset[5 * r + 4];
+        return c;
     });
     expectMatches(MakePosterize(4, 0, 1, false, true), [](Color c) {
         for (int k = 0; k < 3; ++k) c[k] = std::nearbyint(std::clamp(c[k], 0.0f, 1.0f) * 3) / 3;
