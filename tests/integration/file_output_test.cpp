@@ -17,6 +17,7 @@
 #include "memoryimage.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
+#include "support/test_tasks.h"
 
 using namespace TESSERA;
 using namespace TESSERA::testing;
@@ -229,6 +230,16 @@ TEST_F(FileOutputTest, FilesReadDirectlyKeepHalfBlocksAndEveryPixel) {
     const std::vector<float> got = readFile(output, area);
     for (size_t p = 0; p < expected.size(); ++p)
         for (int ch = 0; ch < 4; ++ch) ASSERT_EQ(got[p * 4 + ch], expected[p][ch]) << p;
+
+    // A host's task rendered full frame reads the file directly too.
+    auto doubled = make<GainTask>(
+        "doubled", std::vector<TaskPtr>{createFileInTask("in", 0, FileInParams{input, 0})}, 2.0f);
+    doubled->setRenderFullFrame(true, false);
+    RenderManager::setSpeculativeCachingEnable(false);
+    const auto twice = renderPixels(doubled, area, 64);
+    RenderManager::setSpeculativeCachingEnable(true);
+    for (size_t p = 0; p < twice.size(); ++p)
+        for (int ch = 0; ch < 4; ++ch) ASSERT_EQ(twice[p][ch], 2 * (*floats)[p * 4 + ch]) << p;
 }
 
 // A file-to-file render of an image four times the memory budget: the

@@ -197,8 +197,10 @@ void RenderNode::decideDirectReads(const std::vector<TilePtr>& tiles) {
         if (t->getRect().area() > tile.area()) tile = t->getRect();
     std::vector<UTIL::Rect> inputRects(m_inputs.size());
     {
+        // The task's own hook: the render's wrapper records what a task
+        // rendered full frame was asked, once.
         Scope scope(*this);
-        task().computeRequiredInputRects(tile, inputRects);
+        task().computeRequiredInputRectangles(tile, inputRects);
     }
     inputRects.resize(m_inputs.size());
     for (size_t i : undecided) {

@@ -112,8 +112,8 @@ public:
     uint64_t m_outputTaskCount = 0;  // consumers in this render, per input slot
     uint64_t m_consumersDoneCount = 0;
     // Whether consumers read the task directly (DirectSource) instead of
-    // through tiles. The plan says whether they may; the first consumer tile
-    // set up decides (decideDirectReads), before any tile renders.
+    // through tiles. The plan says whether they may; the first consumer set
+    // up decides (decideDirectReads), before any tile renders.
     enum class DirectRead { Never, Undecided, Always };
     DirectRead m_directRead = DirectRead::Never;
     bool readsDirectly() const { return m_directRead == DirectRead::Always; }
