@@ -1,5 +1,5 @@
 // EXR files read with OpenEXR's core library: scanline and tiled, one or
-// many parts, any pixel type, decoded straight into floats.
+// many parts, any pixel type, decoded straight into the caller's pixels.
 #include <OpenEXR/openexr.h>
 
 #include <algorithm>
@@ -64,7 +64,7 @@ public:
             const exr_attr_chlist_entry_t& e = channels->entries[c];
             if (e.x_sampling != 1 || e.y_sampling != 1) return "module";
             if (e.pixel_type != EXR_PIXEL_HALF) m_info.halfChannels = false;
-            m_info.channelNames[slotOf(c)].assign(e.name.str, size_t(e.name.length));
+            m_info.channelNames[size_t(c)].assign(e.name.str, size_t(e.name.length));
         }
         exr_attr_box2i_t data, display;
         exr_get_data_window(m_context, m_part, &data);
@@ -90,11 +90,8 @@ public:
 
     const ImageFileInfo& info() const override { return m_info; }
 
-    std::string read(const UTIL::Rect& area, float* pixels) override {
-        const int64_t n = int64_t(m_info.channelNames.size());
-        const int64_t pixelBytes = n * int64_t(sizeof(float)),
-                      lineBytes = area.width() * pixelBytes;
-        auto* out = reinterpret_cast<uint8_t*>(pixels);
+    std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
+                     int64_t lineBytes) override {
         const UTIL::Rect& dw = m_info.dataWindow;
         if (m_info.tileWidth > 0) {
             for (int64_t ty = (area.ymin - dw.ymin) / m_info.tileHeight;
@@ -109,7 +106,8 @@ public:
                                           dw.ymin + ty * m_info.tileHeight,
                                           dw.xmin + tx * m_info.tileWidth + chunk.width,
                                           dw.ymin + ty * m_info.tileHeight + chunk.height);
-                    const std::string error = decodeInto(chunk, tile, area, out, lineBytes);
+                    const std::string error =
+                        decodeInto(chunk, tile, area, layout, first, lineBytes);
                     if (!error.empty()) return error;
                 }
             return std::string();
@@ -120,7 +118,7 @@ public:
             if (r != EXR_ERR_SUCCESS) return describe(r);
             const UTIL::Rect rows(dw.xmin, chunk.start_y, dw.xmax,
                                   int64_t(chunk.start_y) + chunk.height);
-            const std::string error = decodeInto(chunk, rows, area, out, lineBytes);
+            const std::string error = decodeInto(chunk, rows, area, layout, first, lineBytes);
             if (!error.empty()) return error;
             y = rows.ymax;
         }
@@ -128,53 +126,45 @@ public:
     }
 
 private:
-    // Where the file's channel c goes in an interleaved pixel. The core
-    // library's fast paths for three and four interleaved half channels
-    // (this version) swap the channel order, both for ascending and
-    // descending addresses; channels rotated by one take the general path,
-    // which is right.
-    size_t slotOf(int c) const {
-        return size_t(c + 1) % std::max<size_t>(1, m_info.channelNames.size());
-    }
-
     // Decodes the chunk covering `chunkRect` into the part of `area` it
     // overlaps: in place when the chunk lies inside the area, else through
     // a buffer of its own.
     std::string decodeInto(const exr_chunk_info_t& chunk, const UTIL::Rect& chunkRect,
-                           const UTIL::Rect& area, uint8_t* out, int64_t lineBytes) {
-        const int64_t n = int64_t(m_info.channelNames.size()), pixelBytes = n * 4;
+                           const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
+                           int64_t lineBytes) {
+        const int64_t pixelBytes = layout.pixelBytes;
         const UTIL::Rect part = chunkRect.intersection(area);
         if (part == chunkRect)
-            return decode(chunk,
-                          out + (chunkRect.ymin - area.ymin) * lineBytes +
+            return decode(chunk, layout,
+                          first + (chunkRect.ymin - area.ymin) * lineBytes +
                               (chunkRect.xmin - area.xmin) * pixelBytes,
-                          pixelBytes, lineBytes);
-        std::vector<float> buffer(size_t(chunkRect.area() * n));
+                          lineBytes);
         const int64_t chunkLine = chunkRect.width() * pixelBytes;
-        const std::string error =
-            decode(chunk, reinterpret_cast<uint8_t*>(buffer.data()), pixelBytes, chunkLine);
+        std::vector<uint8_t> buffer(size_t(chunkRect.height() * chunkLine));
+        const std::string error = decode(chunk, layout, buffer.data(), chunkLine);
         if (!error.empty()) return error;
         for (int64_t y = part.ymin; y < part.ymax; ++y)
-            std::memcpy(out + (y - area.ymin) * lineBytes + (part.xmin - area.xmin) * pixelBytes,
-                        reinterpret_cast<const uint8_t*>(buffer.data()) +
-                            (y - chunkRect.ymin) * chunkLine +
+            std::memcpy(first + (y - area.ymin) * lineBytes + (part.xmin - area.xmin) * pixelBytes,
+                        buffer.data() + (y - chunkRect.ymin) * chunkLine +
                             (part.xmin - chunkRect.xmin) * pixelBytes,
                         size_t(part.width() * pixelBytes));
         return std::string();
     }
 
-    std::string decode(const exr_chunk_info_t& chunk, uint8_t* first, int64_t pixelBytes,
+    std::string decode(const exr_chunk_info_t& chunk, const PixelLayout& layout, uint8_t* first,
                        int64_t lineBytes) {
         exr_decode_pipeline_t pipeline = EXR_DECODE_PIPELINE_INITIALIZER;
         exr_result_t r = exr_decoding_initialize(m_context, m_part, &chunk, &pipeline);
         // The pipeline's channels are the file's, in the file's order.
+        const int16_t element = layout.halves ? 2 : 4;
         for (int16_t c = 0; r == EXR_ERR_SUCCESS && c < pipeline.channel_count; ++c) {
             exr_coding_channel_info_t& channel = pipeline.channels[c];
-            channel.decode_to_ptr = first + slotOf(c) * sizeof(float);
-            channel.user_pixel_stride = int32_t(pixelBytes);
+            const int offset = layout.offset[size_t(c)];
+            channel.decode_to_ptr = offset < 0 ? nullptr : first + offset;
+            channel.user_pixel_stride = int32_t(layout.pixelBytes);
             channel.user_line_stride = int32_t(lineBytes);
-            channel.user_data_type = EXR_PIXEL_FLOAT;
-            channel.user_bytes_per_element = sizeof(float);
+            channel.user_data_type = layout.halves ? EXR_PIXEL_HALF : EXR_PIXEL_FLOAT;
+            channel.user_bytes_per_element = element;
         }
         if (r == EXR_ERR_SUCCESS)
             r = exr_decoding_choose_default_routines(m_context, m_part, &pipeline);

@@ -121,6 +121,7 @@ public:
         m_generation = FileRegistry::instance().generationOf(params.path);
         m_channels = channelsOf(m_info.channelNames, m_slots);
         m_dataWindow = m_info.dataWindow;
+        layOutBlocks();
     }
 
 protected:
@@ -400,13 +401,12 @@ private:
         }
     }
 
-    // Decodes one block into a new image buffer.
+    // Decodes one block straight into a new image buffer.
     ImageBuffer read(int64_t bx, int64_t by) {
         const UTIL::Rect area = blockArea(bx, by);
-        const int n = int(m_info.channelNames.size());
-        // The decoded block is held twice for a moment: refuse what the image
-        // memory budget could not hold (a damaged header declaring a huge width).
-        const uint64_t bytes = uint64_t(area.area()) * uint64_t(n) * sizeof(float);
+        // Refuse what the image memory budget could not hold (a damaged
+        // header declaring a huge width).
+        const uint64_t bytes = uint64_t(area.area()) * uint64_t(m_layout.pixelBytes);
         const uint64_t budget = RenderManager::GetMaxImageMemory() << 20;
         if (bytes > budget)
             throw RenderTaskRenderingException(
@@ -416,34 +416,48 @@ private:
                     std::to_string(bytes >> 20) + " MB, more than the image memory budget (" +
                     std::to_string(budget >> 20) + " MB)",
                 -1);
-        std::vector<float> pixels(static_cast<size_t>(area.area()) * n);
-        std::unique_ptr<Private::ImageReader> file = takeReader();
-        const std::string error = file->read(area, pixels.data());
-        if (!error.empty())
-            throw RenderTaskRenderingException(getNameAtTime(),
-                                               "cannot read '" + m_params.path + "': " + error, -1);
-        returnReader(std::move(file));
-        const int64_t k = IMGLIB::GetChannelCount(m_channels);
-        std::vector<float> row(size_t(area.width() * k));
         ImageBuffer image(keepsHalves() ? IMGLIB::CHANNEL_R : m_channels,
                           keepsHalves() ? halfStorage(area) : area, "FILEIN." + m_params.path);
         {
             ImageBuffer_LockScoper imageLock(image);
             const IMGLIB::Image* dst = image.getImage();
-            const float* src = pixels.data();
-            for (int64_t y = area.ymin; y < area.ymax; ++y) {
-                // The task's channels of each pixel, in the task's order (a
-                // grey file's one channel three times).
-                float* d = keepsHalves() ? row.data() : dst->row(y);
-                for (int64_t x = area.xmin; x < area.xmax; ++x, src += n)
-                    for (int bit = 0; bit < 5; ++bit)
-                        if (m_channels & (uint64_t(1) << bit)) *d++ = src[m_slots[bit]];
-                if (keepsHalves())
-                    IMGLIB::RowFloatToHalf(reinterpret_cast<uint16_t*>(dst->row(y)), row.data(),
-                                           row.size());
-            }
+            auto* first = reinterpret_cast<uint8_t*>(dst->row(area.ymin));
+            std::unique_ptr<Private::ImageReader> file = takeReader();
+            const std::string error = file->read(area, m_layout, first, dst->rowBytes);
+            if (!error.empty())
+                throw RenderTaskRenderingException(
+                    getNameAtTime(), "cannot read '" + m_params.path + "': " + error, -1);
+            returnReader(std::move(file));
+            const int64_t element = keepsHalves() ? 2 : 4;
+            for (const auto& [to, from] : m_repeats)
+                for (int64_t y = 0; y < area.height(); ++y) {
+                    uint8_t* pixel = first + y * dst->rowBytes;
+                    for (int64_t x = 0; x < area.width(); ++x, pixel += m_layout.pixelBytes)
+                        std::memcpy(pixel + to * element, pixel + from * element, size_t(element));
+                }
         }
         return image;
+    }
+
+    // Where the file's channels go in a block: the task's channels in the
+    // task's order; a file channel several of them take (a grey file's one
+    // channel as R, G and B) is decoded into the first and repeated.
+    void layOutBlocks() {
+        const int64_t element = keepsHalves() ? 2 : 4;
+        m_layout.offset.assign(m_info.channelNames.size(), -1);
+        m_layout.halves = keepsHalves();
+        int64_t index = 0;
+        std::map<int, int64_t> firstIndexOf;  // file channel -> its first element
+        for (int bit = 0; bit < 5; ++bit) {
+            if (!(m_channels & (uint64_t(1) << bit))) continue;
+            const int c = m_slots[bit];
+            if (firstIndexOf.count(c))
+                m_repeats.emplace_back(index, firstIndexOf[c]);
+            else
+                firstIndexOf[c] = index, m_layout.offset[size_t(c)] = int(index * element);
+            ++index;
+        }
+        m_layout.pixelBytes = index * element;
     }
 
     static constexpr int64_t kBandRows = 64;
@@ -455,6 +469,8 @@ private:
     uint64_t m_generation = 0;
     uint64_t m_channels = 0;
     int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
+    Private::PixelLayout m_layout;
+    std::vector<std::pair<int64_t, int64_t>> m_repeats;  // (element, element it repeats)
     UTIL::Rect m_dataWindow;
     // m_mutex guards the readers, the blocks and what the reads asked
     // (m_readDirectly to m_extraRows); it is taken before a

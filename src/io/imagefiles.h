@@ -5,6 +5,7 @@
 // libraries it brings (a fifth of a second and over 100 MB at start-up).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,15 +27,26 @@ struct ImageFileInfo {
     std::string description;    // what tells versions apart beyond the header (a date)
 };
 
+// Where a read puts the file's channels: in pixels of `pixelBytes`, the
+// file's channel c at byte offset[c] of each, or nowhere when that is -1.
+// Elements are floats, or halves (only for files of half channels alone).
+struct PixelLayout {
+    std::vector<int> offset;
+    int64_t pixelBytes = 0;
+    bool halves = false;
+};
+
 // One open file. A reader serves one thread at a time.
 class ImageReader {
 public:
     virtual ~ImageReader() = default;
     virtual const ImageFileInfo& info() const = 0;
     // Decodes `area` (inside the data window; whole tiles of a tiled file)
-    // as floats, every channel, interleaved. Deep files are flattened
-    // front to back. Empty on success, else the reason.
-    virtual std::string read(const UTIL::Rect& area, float* pixels) = 0;
+    // into rows `lineBytes` apart from `first`, laid out as `layout` says.
+    // Deep files are flattened front to back. Empty on success, else the
+    // reason.
+    virtual std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
+                             int64_t lineBytes) = 0;
 };
 
 // Opens `path` (part `subimage`); null and `error` set when it cannot.

@@ -56,8 +56,12 @@ public:
     }
     const ImageFileInfo& info() const override { return m_info; }
 
-    std::string read(const UTIL::Rect& area, float* pixels) override {
+    // Reads every channel as floats, then places them as `layout` says (it
+    // asks for halves only of EXR files, which are not read here).
+    std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
+                     int64_t lineBytes) override {
         const int n = int(m_info.channelNames.size());
+        std::vector<float> pixels(size_t(area.area()) * size_t(n));
         const int x0 = int(area.xmin), x1 = int(area.xmax), y0 = int(area.ymin),
                   y1 = int(area.ymax);
         bool ok;
@@ -69,15 +73,26 @@ public:
             // Scanline reads cover whole rows: the area is all of them here.
             if (ok)
                 for (int64_t p = 0; p < int64_t(x1 - x0) * (y1 - y0); ++p)
-                    flattenDeepPixel(deep, p, n, pixels + p * n);
+                    flattenDeepPixel(deep, p, n, pixels.data() + p * n);
         } else if (m_info.tileWidth > 0) {
             ok = m_in->read_tiles(m_subimage, 0, x0, x1, y0, y1, 0, 1, 0, n, OIIO::TypeDesc::FLOAT,
-                                  pixels);
+                                  pixels.data());
         } else {
-            ok =
-                m_in->read_scanlines(m_subimage, 0, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT, pixels);
+            ok = m_in->read_scanlines(m_subimage, 0, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT,
+                                      pixels.data());
         }
-        if (ok) return std::string();
+        if (ok) {
+            const float* src = pixels.data();
+            for (int64_t y = 0; y < area.height(); ++y) {
+                uint8_t* row = first + y * lineBytes;
+                for (int64_t x = 0; x < area.width(); ++x, src += n)
+                    for (int c = 0; c < n; ++c)
+                        if (layout.offset[size_t(c)] >= 0)
+                            std::memcpy(row + x * layout.pixelBytes + layout.offset[size_t(c)],
+                                        src + c, sizeof(float));
+            }
+            return std::string();
+        }
         const std::string error = m_in->geterror();
         return error.empty() ? "the file is damaged" : error;
     }
