@@ -1,7 +1,8 @@
 // Tiled EXR files written with OpenEXR's core library, which lets several
-// threads compress and write tiles of one file at once: each tile is
-// compressed on the render thread that delivered it, straight from the
-// render's memory when it is one whole file tile.
+// threads compress tiles of one file at once: each tile is compressed on the
+// render thread that delivered it, straight from the render's memory when it
+// is one whole file tile, and its bytes are queued for whichever render
+// thread finds no one writing.
 #include <OpenEXR/openexr.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 
 #include "io/blockgatherer.h"
 #include "io/outputfile.h"
+#include "io/writequeue.h"
 #include "util/exceptions.h"
 
 namespace TESSERA {
@@ -69,6 +71,7 @@ private:
     void open(const FileOutParams& params, exr_compression_t compression, int zipLevel) {
         m_fd = ::open(m_commit.temporary().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
         if (m_fd < 0) fail(std::strerror(errno));
+        m_writes.setFile(m_fd);
         exr_context_initializer_t init = EXR_DEFAULT_CONTEXT_INITIALIZER;
         init.user_data = this;
         init.write_fn = &ExrTiledFile::writeBytes;
@@ -92,6 +95,8 @@ private:
                                       uint32_t(m_layout.tileHeight), EXR_TILE_ONE_LEVEL,
                                       EXR_TILE_ROUND_DOWN));
         check(exr_write_header(m_context));
+        const std::string error = m_writes.write(true);
+        if (!error.empty()) fail(error);
     }
 
     // One file tile, compressed and written on this thread.
@@ -115,6 +120,8 @@ private:
         if (result == EXR_ERR_SUCCESS) result = exr_encoding_run(m_context, 0, &pipeline);
         exr_encoding_destroy(m_context, &pipeline);
         check(result);
+        const std::string error = m_writes.write(false);
+        if (!error.empty()) fail(error);
     }
 
     // Throws with the first failure's words when `result` is one.
@@ -138,6 +145,8 @@ private:
             m_context = nullptr;
             if (result != EXR_ERR_SUCCESS) fail(exr_get_default_error_message(result), false);
         }
+        const std::string error = m_writes.write(true);
+        if (!error.empty()) fail(error, false);
         if (m_fd >= 0 && ::close(m_fd) != 0) fail(std::strerror(errno), false);
         m_fd = -1;
     }
@@ -145,17 +154,11 @@ private:
     static int64_t writeBytes(exr_const_context_t, void* user, const void* buffer, uint64_t size,
                               uint64_t offset, exr_stream_error_func_ptr_t) {
         auto* self = static_cast<ExrTiledFile*>(user);
-        const char* bytes = static_cast<const char*>(buffer);
-        for (uint64_t done = 0; done < size;) {
-            const ssize_t n = ::pwrite(self->m_fd, bytes + done, size - done, off_t(offset + done));
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) {
-                self->remember(std::strerror(n < 0 ? errno : ENOSPC));
-                return -1;
-            }
-            done += uint64_t(n);
-        }
-        return int64_t(size);
+        // Under the library's lock, which no write should hold up.
+        const std::string error = self->m_writes.add(offset, buffer, size_t(size));
+        if (error.empty()) return int64_t(size);
+        self->remember(error);
+        return -1;
     }
     static void report(exr_const_context_t context, exr_result_t, const char* message) {
         void* user = nullptr;
@@ -171,6 +174,10 @@ private:
     const OutputLayout m_layout;
     BlockGatherer m_gatherer;
     int m_fd = -1;
+    // A few tiles' worth: tiles compressed while a thread writes are not
+    // held up, and memory does not grow when the disk is slower than the
+    // render.
+    WriteQueue m_writes{size_t(16) << 20};
     exr_context_t m_context = nullptr;
     std::mutex m_mutex;    // guards m_reason and m_commit's error
     std::string m_reason;  // the first failure in the system's or the library's words

@@ -3,12 +3,16 @@
 // output's corner and the number of threads; and they read back the same
 // as tiled or scanline inputs.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <OpenImageIO/half.h>
 #include <OpenImageIO/imageio.h>
 
+#include <cerrno>
 #include <cmath>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 
 #include "fileio.h"
@@ -18,6 +22,7 @@
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
 #include "support/test_tasks.h"
+#include "support/watchdog.h"
 
 using namespace TESSERA;
 using namespace TESSERA::testing;
@@ -303,6 +308,36 @@ TEST_F(FileOutputTest, EveryExrChannelReachesItsPlace) {
                         }
                 }
             }
+}
+
+// A file the system lets grow to 1 MB only: the render fails naming the
+// file and the system's reason, however far the tiles being written had
+// got, and leaves neither the file nor its temporary.
+TEST_F(FileOutputTest, AWriteThatFailsMidwayFailsTheRenderAndLeavesNothing) {
+    const Rect area(0, 0, 1024, 768);  // 12 MB of floats
+    TaskPtr source =
+        createPerlinNoiseTask("n", 0, 5, 2, 0.5f, 0, Color(0, 0, 0, 0), Color(1, 1, 1, 1), area);
+    const std::string path = (dir / "big.exr").string();
+    RenderManager::setGlobalTileSize(128, 128);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto signalBefore = std::signal(SIGXFSZ, SIG_IGN);  // EFBIG instead
+    rlimit small = before;
+    small.rlim_cur = 1 << 20;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    std::string error;
+    withinSeconds(120, "a render whose file cannot grow", [&] {
+        try {
+            writeFiles(source, area, {{path, "float", "none"}});
+        } catch (const std::exception& e) {
+            error = e.what();
+        }
+    });
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, signalBefore);
+    EXPECT_NE(error.find("cannot write '" + path + "': " + std::strerror(EFBIG)), std::string::npos)
+        << error;
+    EXPECT_TRUE(fs::is_empty(dir));
 }
 
 // A file-to-file render of an image four times the memory budget: the
