@@ -24,5 +24,8 @@ void RowMulAddWiden(double* acc, const float* src, float w, size_t count);
 // even): halves widen exactly, so a half narrowed from one comes back equal.
 void RowFloatToHalf(uint16_t* dst, const float* src, size_t count);
 void RowHalfToFloat(float* dst, const uint16_t* src, size_t count);
+// Pixels of n channels from n rows, one per channel:
+// dst[i n + k] = planes[k][i].
+void RowInterleave(float* dst, const float* const* planes, size_t n, size_t count);
 
 }  // namespace IMGLIB

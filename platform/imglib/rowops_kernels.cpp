@@ -130,6 +130,23 @@ void Median9Row(float* dst, const float* const rows[9], size_t count) {
     }
 }
 
+void InterleaveRow(float* dst, const float* const* planes, size_t n, size_t count) {
+    const hn::ScalableTag<float> d;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    if (n == 4)
+        for (; i + N <= count; i += N)
+            hn::StoreInterleaved4(hn::LoadU(d, planes[0] + i), hn::LoadU(d, planes[1] + i),
+                                  hn::LoadU(d, planes[2] + i), hn::LoadU(d, planes[3] + i), d,
+                                  dst + 4 * i);
+    if (n == 3)
+        for (; i + N <= count; i += N)
+            hn::StoreInterleaved3(hn::LoadU(d, planes[0] + i), hn::LoadU(d, planes[1] + i),
+                                  hn::LoadU(d, planes[2] + i), d, dst + 3 * i);
+    for (; i < count; ++i)
+        for (size_t k = 0; k < n; ++k) dst[i * n + k] = planes[k][i];
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace IMGLIB
 HWY_AFTER_NAMESPACE();
@@ -144,6 +161,7 @@ HWY_EXPORT(Median9Row);
 HWY_EXPORT(MulAddWidenRow);
 HWY_EXPORT(FloatToHalfRow);
 HWY_EXPORT(HalfToFloatRow);
+HWY_EXPORT(InterleaveRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
@@ -171,6 +189,10 @@ void RowFloatToHalf(uint16_t* dst, const float* src, size_t count) {
 
 void RowHalfToFloat(float* dst, const uint16_t* src, size_t count) {
     HWY_DYNAMIC_DISPATCH(HalfToFloatRow)(dst, src, count);
+}
+
+void RowInterleave(float* dst, const float* const* planes, size_t n, size_t count) {
+    HWY_DYNAMIC_DISPATCH(InterleaveRow)(dst, planes, n, count);
 }
 
 }  // namespace IMGLIB

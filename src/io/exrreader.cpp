@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "imglib/rowops.h"
 #include "io/imagefiles.h"
 
 namespace TESSERA {
@@ -35,6 +36,39 @@ bool isExr(const std::string& path) {
     const size_t n = std::fread(magic, 1, 4, f);
     std::fclose(f);
     return n == 4 && magic[0] == 0x76 && magic[1] == 0x2f && magic[2] == 0x31 && magic[3] == 0x01;
+}
+
+// A chunk of float channels, each line the channels one after the other,
+// into pixels of all of them (in the order the layout put them): a vector
+// pass per line in place of the library's own, a channel and a value at a
+// time.
+exr_result_t interleaveFloats(exr_decode_pipeline_t* decode) {
+    const int n = decode->channel_count;
+    const int64_t width = decode->chunk.width;
+    uint8_t* first = decode->channels[0].decode_to_ptr;
+    for (int c = 1; c < n; ++c) first = std::min(first, decode->channels[c].decode_to_ptr);
+    const float* planes[4];
+    const auto* line = static_cast<const float*>(decode->unpacked_buffer);
+    for (int y = 0; y < decode->chunk.height; ++y, line += n * width) {
+        for (int c = 0; c < n; ++c)
+            planes[(decode->channels[c].decode_to_ptr - first) / sizeof(float)] = line + c * width;
+        IMGLIB::RowInterleave(
+            reinterpret_cast<float*>(first + y * int64_t(decode->channels[0].user_line_stride)),
+            planes, size_t(n), size_t(width));
+    }
+    return EXR_ERR_SUCCESS;
+}
+
+// Whether interleaveFloats serves: three or four float channels, all read,
+// filling whole pixels of floats.
+bool interleavesFloats(const exr_decode_pipeline_t& pipeline, const PixelLayout& layout) {
+    const int n = pipeline.channel_count;
+    if (layout.halves || (n != 3 && n != 4) || layout.pixelBytes != n * int64_t(sizeof(float)))
+        return false;
+    for (int c = 0; c < n; ++c)
+        if (pipeline.channels[c].data_type != EXR_PIXEL_FLOAT || layout.offset[size_t(c)] < 0)
+            return false;
+    return true;
 }
 
 class ExrReader final : public ImageReader {
@@ -168,6 +202,8 @@ private:
         }
         if (r == EXR_ERR_SUCCESS)
             r = exr_decoding_choose_default_routines(m_context, m_part, &pipeline);
+        if (r == EXR_ERR_SUCCESS && interleavesFloats(pipeline, layout))
+            pipeline.unpack_and_convert_fn = &interleaveFloats;
         if (r == EXR_ERR_SUCCESS) r = exr_decoding_run(m_context, m_part, &pipeline);
         exr_decoding_destroy(m_context, &pipeline);
         return r == EXR_ERR_SUCCESS ? std::string() : describe(r);
