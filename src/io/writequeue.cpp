@@ -10,8 +10,18 @@ namespace TESSERA {
 namespace Private {
 
 std::string WriteQueue::add(uint64_t offset, const void* bytes, size_t size) {
+    Pending pending{offset, {}};
+    {
+        // A buffer written before, so that its pages are not faulted in and
+        // cleared again.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_spare.empty()) {
+            pending.bytes = std::move(m_spare.back());
+            m_spare.pop_back();
+        }
+    }
     const char* first = static_cast<const char*>(bytes);
-    Pending pending{offset, std::vector<char>(first, first + size)};
+    pending.bytes.assign(first, first + size);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_error.empty()) {
         m_queuedBytes += size;
@@ -26,13 +36,14 @@ std::string WriteQueue::write(bool all) {
         if (!m_writing) {
             m_writing = true;
             while (!m_queue.empty() && m_error.empty()) {
-                const Pending pending = std::move(m_queue.front());
+                Pending pending = std::move(m_queue.front());
                 m_queue.pop_front();
                 lock.unlock();
                 const std::string error = writeOne(pending);
                 lock.lock();
                 m_queuedBytes -= pending.bytes.size();
                 if (m_error.empty()) m_error = error;
+                if (m_spare.size() < kSpareBuffers) m_spare.push_back(std::move(pending.bytes));
                 m_unflushedBytes += pending.bytes.size();
                 if (m_unflushedBytes >= kFlushBytes) {
                     // The disk starts on what is written while the render

@@ -45,6 +45,8 @@ private:
     std::deque<Pending> m_queue;
     size_t m_queuedBytes = 0;
     bool m_writing = false;
+    std::vector<std::vector<char>> m_spare;  // buffers written, for the next bytes
+    static constexpr size_t kSpareBuffers = 8;
     size_t m_unflushedBytes = 0;  // written since the disk was last asked to start
     static constexpr size_t kFlushBytes = size_t(8) << 20;
     std::string m_error;
