@@ -190,7 +190,6 @@ private:
         exr_decode_pipeline_t pipeline = EXR_DECODE_PIPELINE_INITIALIZER;
         exr_result_t r = exr_decoding_initialize(m_context, m_part, &chunk, &pipeline);
         // The pipeline's channels are the file's, in the file's order.
-        const int16_t element = layout.halves ? 2 : 4;
         for (int16_t c = 0; r == EXR_ERR_SUCCESS && c < pipeline.channel_count; ++c) {
             exr_coding_channel_info_t& channel = pipeline.channels[c];
             const int offset = layout.offset[size_t(c)];
@@ -198,7 +197,7 @@ private:
             channel.user_pixel_stride = int32_t(layout.pixelBytes);
             channel.user_line_stride = int32_t(lineBytes);
             channel.user_data_type = layout.halves ? EXR_PIXEL_HALF : EXR_PIXEL_FLOAT;
-            channel.user_bytes_per_element = element;
+            channel.user_bytes_per_element = int16_t(layout.elementBytes());
         }
         if (r == EXR_ERR_SUCCESS)
             r = exr_decoding_choose_default_routines(m_context, m_part, &pipeline);

@@ -315,8 +315,7 @@ private:
     // made once each, whatever the order.)
     void keepMoreRows() {
         const UTIL::Rect size = blockSize();
-        const int64_t rowBytes = m_dataWindow.width() * size.ymax *
-                                 IMGLIB::GetChannelCount(m_channels) * (keepsHalves() ? 2 : 4);
+        const int64_t rowBytes = m_dataWindow.width() * size.ymax * m_layout.pixelBytes;
         const int64_t budgetRows =
             int64_t(RenderManager::GetMaxImageMemory() << 20) / 2 / std::max<int64_t>(1, rowBytes);
         const int64_t rows = rowsSpanned(m_tallestRead) + m_extraRows;
@@ -428,7 +427,7 @@ private:
                 throw RenderTaskRenderingException(
                     getNameAtTime(), "cannot read '" + m_params.path + "': " + error, -1);
             returnReader(std::move(file));
-            const int64_t element = keepsHalves() ? 2 : 4;
+            const int64_t element = m_layout.elementBytes();
             for (const auto& [to, from] : m_repeats)
                 for (int64_t y = 0; y < area.height(); ++y) {
                     uint8_t* pixel = first + y * dst->rowBytes;
@@ -443,9 +442,9 @@ private:
     // task's order; a file channel several of them take (a grey file's one
     // channel as R, G and B) is decoded into the first and repeated.
     void layOutBlocks() {
-        const int64_t element = keepsHalves() ? 2 : 4;
         m_layout.offset.assign(m_info.channelNames.size(), -1);
         m_layout.halves = keepsHalves();
+        const int64_t element = m_layout.elementBytes();
         int64_t index = 0;
         std::map<int, int64_t> firstIndexOf;  // file channel -> its first element
         for (int bit = 0; bit < 5; ++bit) {

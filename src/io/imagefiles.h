@@ -34,6 +34,7 @@ struct PixelLayout {
     std::vector<int> offset;
     int64_t pixelBytes = 0;
     bool halves = false;
+    int64_t elementBytes() const { return halves ? 2 : 4; }
 };
 
 // One open file. A reader serves one thread at a time.
