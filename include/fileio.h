@@ -20,13 +20,27 @@ namespace TESSERA {
 
 struct TESSERA_API FileInParams {
     std::string path;
+    // Which part of a multi-part file (counted among the parts of `view`
+    // when one is chosen and the views are in parts of their own).
     int subimage = 0;
+    // The layer whose channels fill R, G, B and A ("diffuse": diffuse.R or
+    // diffuse.red, any case); empty: the file's own R, G, B, A.
+    std::string layer;
+    // A layer without such channels ("forward.u", "forward.v") fills R, G,
+    // B, A in the file's order, only when this is set.
+    bool layerInOrder = false;
+    // A view of a multi-view file; empty: the file's default view.
+    std::string view;
 };
 
 // The file's pixels in the file's own coordinates: the defined region is its
-// data window, the channels its R, G, B, A (and Z when present). Only the
-// part a render needs is read (scanlines or tiles of that region). A file
-// that cannot be opened throws RenderTaskRenderingException naming it.
+// data window. Every channel of the part and view is read under its name:
+// R, G, B, A and Z (a grey file's Y as R, G and B) keep their bits, any
+// other ("diffuse.R", "mask") takes the bit of its name (IMGLIB's registry
+// of channel names). Nothing is matched by position. Only the part a render
+// needs is read (scanlines or tiles of that region). A file that cannot be
+// opened, or lacks the layer or view asked for, throws
+// RenderTaskRenderingException naming the file and what it lacks.
 TESSERA_API TaskPtr createFileInTask(const std::string& name, float time,
                                      const FileInParams& params);
 

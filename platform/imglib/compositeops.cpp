@@ -51,7 +51,7 @@ void mergeExtraChannels(const Image* out, const Image* in0, const Image* in1, in
     const Image* other = foreground == 0 ? in1 : in0;
     const ChannelReader coverage(fg, CHANNEL_A, (foreground == 0 ? bg0 : bg1)[3]);
     const int stride = GetChannelCount(out->channels);
-    for (int bit = 4; bit < NUM_KNOWN_CHANNELS; ++bit) {
+    for (int bit = 4; bit < MAX_CHANNELS; ++bit) {
         const uint64_t channel = uint64_t(1) << bit;
         if (!(extra & channel)) continue;
         const int slot = GetChannelIndex(out->channels, channel);

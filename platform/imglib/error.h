@@ -15,6 +15,7 @@ enum ErrorCode : int {
     ERROR_INVALID_ARGUMENT = 2,
     ERROR_NULL_IMAGE = 3,
     ERROR_OUT_OF_BOUNDS = 4,
+    ERROR_TOO_MANY_CHANNELS = 5,  // no channel bit is free for a new name
     ERROR_FILE_OPEN = 16,
     ERROR_FILE_WRITE = 17,
     ERROR_FILE_READ = 18,

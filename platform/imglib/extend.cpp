@@ -107,9 +107,9 @@ int DoExtendActions(const Image* dst, const std::vector<ExtendAction>& actions, 
     const int64_t dstPixelBytes = GetPixelBytes(dst->channels);
     const int64_t srcPixelBytes = GetPixelBytes(src->channels);
     // Destination channel -> source slot, or -1 for a channel src lacks.
-    int slot[NUM_KNOWN_CHANNELS];
+    int slot[MAX_CHANNELS];
     int n = 0;
-    for (int bit = 0; bit < NUM_KNOWN_CHANNELS; ++bit)
+    for (int bit = 0; bit < MAX_CHANNELS; ++bit)
         if (dst->channels & (uint64_t(1) << bit))
             slot[n++] = GetChannelIndex(src->channels, uint64_t(1) << bit);
     const bool sameLayout = dst->channels == src->channels;

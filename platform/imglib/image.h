@@ -12,16 +12,18 @@ enum Channel : uint64_t {
     CHANNEL_G = 1u << 1,
     CHANNEL_B = 1u << 2,
     CHANNEL_A = 1u << 3,
-    CHANNEL_Z = 1u << 4,     // depth
-    CHANNEL_U = 1u << 5,     // motion vector, x
-    CHANNEL_V = 1u << 6,     // motion vector, y
-    CHANNEL_AUX0 = 1u << 7,  // eight general-purpose channels, AUX0 to AUX7
+    CHANNEL_Z = 1u << 4,  // depth
+    CHANNEL_U = 1u << 5,  // motion vector, x
+    CHANNEL_V = 1u << 6,  // motion vector, y
 };
 
 constexpr uint64_t CHANNELS_RGB = CHANNEL_R | CHANNEL_G | CHANNEL_B;
 constexpr uint64_t CHANNELS_RGBA = CHANNELS_RGB | CHANNEL_A;
-constexpr int NUM_KNOWN_CHANNELS = 15;
-constexpr uint64_t CHANNELS_ALL = (uint64_t(1) << NUM_KNOWN_CHANNELS) - 1;
+// Bits 0 to 6 are the channels above; every other bit is a named channel
+// ("diffuse.R", "forward.u", "mask") that takes its bit from the registry
+// of channel names (channels.h) when first named.
+constexpr int NUM_FIXED_CHANNELS = 7;
+constexpr int MAX_CHANNELS = 64;
 
 // How pixels outside an image's data are made up.
 enum ExtendMethod : int {

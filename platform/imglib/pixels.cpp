@@ -66,7 +66,7 @@ int SetPixel(const Image* image, int64_t x, int64_t y, const float rgba[4]) {
 
 int Fill(const Image* image, const float rgba[4]) {
     if (int err = checkImage(image, "Fill")) return err;
-    float pixel[NUM_KNOWN_CHANNELS] = {};
+    float pixel[MAX_CHANNELS] = {};
     for (int c = 0; c < 4; ++c) {
         const int index = GetChannelIndex(image->channels, kRGBAChannels[c]);
         if (index >= 0) pixel[index] = rgba[c];
@@ -104,9 +104,9 @@ int copyOverlap(const Image* dst, const Image* src, bool zeroMissing, const char
     }
     // Differing channel sets: map every destination channel to its source
     // slot once, then copy pixel by pixel.
-    int sourceSlot[NUM_KNOWN_CHANNELS];
+    int sourceSlot[MAX_CHANNELS];
     int n = 0;
-    for (int bit = 0; bit < NUM_KNOWN_CHANNELS; ++bit) {
+    for (int bit = 0; bit < MAX_CHANNELS; ++bit) {
         const uint64_t channel = uint64_t(1) << bit;
         if (dst->channels & channel) sourceSlot[n++] = GetChannelIndex(src->channels, channel);
     }
@@ -137,7 +137,7 @@ int CopyChannelsInto(const Image* dst, const Image* src) {
 int Copy(const Image* dst, const Image* src) {
     if (int err = checkImage(dst, "Copy")) return err;
     if (int err = checkImage(src, "Copy")) return err;
-    const float zero[NUM_KNOWN_CHANNELS] = {};
+    const float zero[MAX_CHANNELS] = {};
     const int64_t x1 = std::clamp(src->x1, dst->x1, dst->x2);
     const int64_t x2 = std::clamp(src->x2, x1, dst->x2);
     const int64_t y1 = std::clamp(src->y1, dst->y1, dst->y2);

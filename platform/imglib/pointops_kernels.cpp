@@ -415,7 +415,7 @@ void copyExtraChannels(const Image* out, const Image* in) {
     const uint64_t extra = out->channels & ~CHANNELS_RGBA;
     if (!extra) return;
     const int outStride = GetChannelCount(out->channels), inStride = GetChannelCount(in->channels);
-    for (int bit = 4; bit < NUM_KNOWN_CHANNELS; ++bit) {
+    for (int bit = 4; bit < MAX_CHANNELS; ++bit) {
         const uint64_t ch = uint64_t(1) << bit;
         if (!(extra & ch)) continue;
         const int o = GetChannelIndex(out->channels, ch), s = GetChannelIndex(in->channels, ch);

@@ -67,7 +67,7 @@ struct Source {
         : in(image),
           n(GetChannelCount(image->channels)),
           pixelBytes(GetPixelBytes(image->channels)) {
-        for (int c = 0; c < NUM_KNOWN_CHANNELS; ++c) background[c] = 0.0f;
+        for (int c = 0; c < MAX_CHANNELS; ++c) background[c] = 0.0f;
         for (int c = 0; c < 4; ++c) {
             const int slot = GetChannelIndex(image->channels, uint64_t(1) << c);
             if (slot >= 0) background[slot] = bg[c];
@@ -86,7 +86,7 @@ struct Source {
     const Image* in;
     int n;
     int64_t pixelBytes;
-    float background[NUM_KNOWN_CHANNELS];
+    float background[MAX_CHANNELS];
 };
 
 // Sum over the taps, into acc (the input's layout). N > 0: a fixed channel
@@ -95,10 +95,10 @@ template <int N>
 void filter(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0, int ny,
             const float* wy, float* acc) {
     const int n = N > 0 ? N : s.n;
-    float total[NUM_KNOWN_CHANNELS] = {};
+    float total[MAX_CHANNELS] = {};
     const bool inside = s.contains(x0, y0, nx, ny);
     for (int j = 0; j < ny; ++j) {
-        float row[NUM_KNOWN_CHANNELS] = {};
+        float row[MAX_CHANNELS] = {};
         if (inside) {
             const float* p = GetPixelAddress(s.in, x0, y0 + j, s.pixelBytes);
             for (int i = 0; i < nx; ++i, p += n)
@@ -135,14 +135,14 @@ void filterAny(const Source& s, int64_t x0, int nx, const float* wx, int64_t y0,
 // Where each output channel comes from in the input's layout (-1: nowhere).
 struct ChannelMap {
     ChannelMap(uint64_t outChannels, uint64_t inChannels) {
-        for (int bit = 0; bit < NUM_KNOWN_CHANNELS; ++bit)
+        for (int bit = 0; bit < MAX_CHANNELS; ++bit)
             if (outChannels & (uint64_t(1) << bit))
                 slot[count++] = GetChannelIndex(inChannels, uint64_t(1) << bit);
     }
     void write(float* dst, const float* acc) const {
         for (int c = 0; c < count; ++c) dst[c] = slot[c] >= 0 ? acc[slot[c]] : 0.0f;
     }
-    int slot[NUM_KNOWN_CHANNELS];
+    int slot[MAX_CHANNELS];
     int count = 0;
 };
 
@@ -259,7 +259,7 @@ int ProjTransformImage(const Image* out, const Image* in, const M33& m, KernelTy
     const Source source(in, background);
     const ChannelMap map(out->channels, in->channels);
     const int64_t pixelBytes = GetPixelBytes(out->channels);
-    float acc[NUM_KNOWN_CHANNELS], bg[NUM_KNOWN_CHANNELS];
+    float acc[MAX_CHANNELS], bg[MAX_CHANNELS];
     std::memcpy(bg, source.background, sizeof bg);
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
@@ -370,7 +370,7 @@ __attribute__((always_inline)) inline void affineRowsBody(const AffineTransform&
     const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
     const int64_t rowFloats = in->rowBytes / 4;
     const M33& mi = t.m_inverse;
-    float acc[NUM_KNOWN_CHANNELS];
+    float acc[MAX_CHANNELS];
     for (int64_t y = out->y1; y < out->y2; ++y) {
         const float py = float(y) + 0.5f;
         float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
@@ -448,7 +448,7 @@ public:
         const Source source(in, m_background);
         const ChannelMap map(out->channels, in->channels);
         const int64_t pixelBytes = GetPixelBytes(out->channels);
-        float acc[NUM_KNOWN_CHANNELS], sum[NUM_KNOWN_CHANNELS];
+        float acc[MAX_CHANNELS], sum[MAX_CHANNELS];
         for (int64_t y = out->y1; y < out->y2; ++y)
             for (int64_t x = out->x1; x < out->x2; ++x) {
                 const std::vector<size_t>& set = m_sets.empty() ? m_all : setFor(x, y);

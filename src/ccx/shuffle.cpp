@@ -144,18 +144,21 @@ ShuffleSource parseShuffleSource(const std::string& text) {
         s.kind = text == "0" ? ShuffleSource::Zero : ShuffleSource::One;
         return s;
     }
-    if (text.size() > 2 && (text[0] == 'a' || text[0] == 'b') && text[1] == '.')
-        for (const auto& [name, bit] : Private::channelChoices())
-            if (name == text.substr(2)) {
-                s.input = text[0] == 'a' ? 0 : 1;
-                s.channel = bit;
-                return s;
-            }
-    std::string names;
-    for (const auto& entry : Private::channelChoices())
-        names += (names.empty() ? "" : ", ") + entry.first;
-    throw std::invalid_argument("'" + text + "' is not a channel: a.X or b.X (X one of " + names +
-                                "), 0 or 1");
+    // "a.NAME" or "b.NAME"; a bare name is input a's.
+    const bool prefixed = text.size() > 2 && (text[0] == 'a' || text[0] == 'b') && text[1] == '.';
+    const std::string name = prefixed ? text.substr(2) : text;
+    s.input = prefixed && text[0] == 'b' ? 1 : 0;
+    for (const auto& [letter, bit] : Private::channelChoices())
+        if (letter == name) {
+            s.channel = bit;
+            return s;
+        }
+    // Only names some image has: a typo takes no channel bit.
+    if (!name.empty()) s.channel = IMGLIB::FindChannel(name);
+    if (s.channel) return s;
+    throw std::invalid_argument("'" + text +
+                                "' is not a channel any input has: a.X or b.X (X one of r, g, b, "
+                                "a, z, u, v, or a channel name such as forward.u), 0 or 1");
 }
 
 TaskPtr createShuffleTask(const std::string& name, float time, const Sources& sources, TaskPtr a,
@@ -179,6 +182,19 @@ TaskPtr createShuffleTask(const std::string& name, float time, const Sources& so
         if (source.kind == ShuffleSource::Input && source.input == 1 && !b)
             throw std::invalid_argument(name + ": " + nameOf(channel) +
                                         " reads input b, which is not connected");
+        // A channel named beyond the fixed ones must be there: nothing
+        // stands in for it by position.
+        if (source.kind == ShuffleSource::Input &&
+            source.channel >= (uint64_t(1) << IMGLIB::NUM_FIXED_CHANNELS)) {
+            uint64_t defined = 0;
+            (source.input == 0 ? a : b)->getOutputDescription(&defined, nullptr);
+            if (!(defined & source.channel))
+                throw std::invalid_argument(name + ": " + nameOf(channel) + " reads " +
+                                            (source.input == 0 ? "a" : "b") + "." +
+                                            IMGLIB::GetChannelName(source.channel) +
+                                            ", which that input lacks (it has " +
+                                            IMGLIB::GetChannelMaskName(defined) + ")");
+        }
     }
     return TaskPtr(new ShuffleTask(name, time, sources, std::move(a), std::move(b)));
 }
@@ -189,7 +205,8 @@ void declareShuffleOperations(OperationList& ops) {
     std::vector<Param> params;
     for (const auto& [channel, bit] : channelChoices())
         params.push_back(Param{channel, ParamType::String, "a." + channel,
-                               "a.X or b.X (X one of r, g, b, a, z, u, v), 0 or 1; \"\" drops it"});
+                               "a.X or b.X (X one of r, g, b, a, z, u, v, or a channel name: "
+                               "a.forward.u; a bare name is a's), 0 or 1; \"\" drops it"});
     ops.push_back(
         {"shuffle",
          "each output channel from a channel of a or b, or 0 or 1",
@@ -209,8 +226,10 @@ void declareShuffleOperations(OperationList& ops) {
              return createShuffleTask(a.node(), a.time(), sources, a.input("a"), a.input("b"));
          },
          "As `oiiotool --ch`, with a second input: `{\"a\": \"1\", \"z\": \"b.r\"}` sets "
-         "alpha to 1 and depth from b's red. A channel whose source its input does not define "
-         "is left out."});
+         "alpha to 1 and depth from b's red; `{\"r\": \"forward.u\", \"g\": "
+         "\"forward.v\", \"b\": \"0\"}` shows motion vectors. A named channel its input "
+         "lacks is an error listing what the input has; a letter its input does not define is "
+         "left out."});
 }
 
 }  // namespace Private

@@ -86,6 +86,7 @@ public:
         exr_get_count(m_context, &parts);
         if (subimage < 0 || subimage >= parts) return "no subimage " + std::to_string(subimage);
         m_part = subimage;
+        readViews(parts);
         exr_storage_t storage;
         exr_get_storage(m_context, m_part, &storage);
         if (storage != EXR_STORAGE_SCANLINE && storage != EXR_STORAGE_TILED) return "module";
@@ -100,6 +101,15 @@ public:
             if (e.pixel_type != EXR_PIXEL_HALF) m_info.halfChannels = false;
             m_info.channelNames[size_t(c)].assign(e.name.str, size_t(e.name.length));
         }
+        // The core library of OpenEXR 3.1 has no DWA decoder, and scrambles
+        // the float channels of B44 files; OpenEXR's C++ library, behind
+        // OpenImageIO, reads both.
+        exr_compression_t compression = EXR_COMPRESSION_NONE;
+        exr_get_compression(m_context, m_part, &compression);
+        if (compression == EXR_COMPRESSION_DWAA || compression == EXR_COMPRESSION_DWAB ||
+            ((compression == EXR_COMPRESSION_B44 || compression == EXR_COMPRESSION_B44A) &&
+             !m_info.halfChannels))
+            return "module";
         exr_attr_box2i_t data, display;
         exr_get_data_window(m_context, m_part, &data);
         exr_get_display_window(m_context, m_part, &display);
@@ -123,6 +133,7 @@ public:
     }
 
     const ImageFileInfo& info() const override { return m_info; }
+    ImageFileInfo& header() { return m_info; }
 
     std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
                      int64_t lineBytes) override {
@@ -160,6 +171,27 @@ public:
     }
 
 private:
+    // The views of a multi-view part and of every part of the file.
+    void readViews(int parts) {
+        int32_t count = 0;
+        if (exr_attr_get_string_vector(m_context, m_part, "multiView", &count, nullptr) ==
+                EXR_ERR_SUCCESS &&
+            count > 0) {
+            std::vector<const char*> views(size_t(count), nullptr);
+            if (exr_attr_get_string_vector(m_context, m_part, "multiView", &count, views.data()) ==
+                EXR_ERR_SUCCESS)
+                for (const char* view : views) m_info.views.emplace_back(view ? view : "");
+        }
+        if (parts < 2) return;
+        for (int p = 0; p < parts; ++p) {
+            const char* view = nullptr;
+            int32_t length = 0;
+            if (exr_attr_get_string(m_context, p, "view", &length, &view) != EXR_ERR_SUCCESS)
+                view = nullptr;
+            m_info.partViews.emplace_back(view ? std::string(view, size_t(length)) : "");
+        }
+    }
+
     // Decodes the chunk covering `chunkRect` into the part of `area` it
     // overlaps: in place when the chunk lies inside the area, else through
     // a buffer of its own.
@@ -216,11 +248,14 @@ private:
 }  // namespace
 
 std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage,
-                                           std::string& error) {
+                                           std::string& error, ImageFileInfo* header) {
     if (!isExr(path)) return nullptr;
     auto reader = std::make_unique<ExrReader>();
     const std::string failure = reader->open(path, subimage);
-    if (failure == "module") return nullptr;
+    if (failure == "module") {
+        if (header) *header = reader->header();
+        return nullptr;
+    }
     if (!failure.empty()) {
         error = failure;
         return nullptr;

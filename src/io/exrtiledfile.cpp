@@ -194,8 +194,13 @@ std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
         level = std::atoi(params.compression.c_str() + name.size() + 1);
     for (const Compression& c : kCompressions)
         if (name == c.name) {
-            // This version of the core library has no DWA compressor.
+            // This version of the core library has no DWA compressor, and
+            // scrambles float channels in B44 blocks: OpenEXR's C++
+            // library (through the scanline writer) does both right.
             if (c.type == EXR_COMPRESSION_DWAA || c.type == EXR_COMPRESSION_DWAB) return nullptr;
+            if ((c.type == EXR_COMPRESSION_B44 || c.type == EXR_COMPRESSION_B44A) &&
+                params.dataType == "float")
+                return nullptr;
             return std::make_unique<ExrTiledFile>(params, layout, c.type, level);
         }
     std::string names;

@@ -18,6 +18,7 @@
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
 #include "imglib/rowops.h"
+#include "io/channelmap.h"
 #include "io/imagefiles.h"
 #include "private/operation.h"
 #include "private/pixelview.h"
@@ -28,40 +29,6 @@
 
 namespace TESSERA {
 namespace {
-
-// The channel bits of a file's channel names (R, G, B, A, Z), and where each
-// is in the file's pixels.
-uint64_t channelsOf(const std::vector<std::string>& names, int slots[IMGLIB::NUM_KNOWN_CHANNELS]) {
-    const int count = int(names.size());
-    static const char* const known[5] = {"R", "G", "B", "A", "Z"};
-    uint64_t mask = 0;
-    for (int bit = 0; bit < 5; ++bit) {
-        slots[bit] = -1;
-        for (int c = 0; c < count; ++c)
-            if (names[size_t(c)] == known[bit] ||
-                (bit < 4 && names[size_t(c)].size() == 1 &&
-                 std::toupper(names[size_t(c)][0]) == known[bit][0])) {
-                slots[bit] = c;
-                mask |= uint64_t(1) << bit;
-                break;
-            }
-    }
-    // Grey with or without alpha ("Y", "YA"): R, G and B take the grey.
-    if (!(mask & IMGLIB::CHANNELS_RGB))
-        for (int c = 0; c < count; ++c)
-            if (names[size_t(c)] == "Y") {
-                for (int bit = 0; bit < 3; ++bit) slots[bit] = c;
-                mask |= IMGLIB::CHANNELS_RGB;
-                break;
-            }
-    // Unnamed single-channel images are grey: R, G and B.
-    if (!mask && count >= 1) {
-        for (int bit = 0; bit < 3; ++bit) slots[bit] = std::min(bit, count - 1);
-        mask = IMGLIB::CHANNELS_RGB;
-        if (count == 4) slots[3] = 3, mask |= IMGLIB::CHANNEL_A;
-    }
-    return mask;
-}
 
 // What tells one version of a file from another without reading it: the
 // device and inode, the size and the modification time to the nanosecond.
@@ -114,12 +81,27 @@ std::unique_ptr<Private::ImageReader> openFile(const std::string& task, const st
 class FileInTask : public RenderTask, public Private::DirectSource {
 public:
     FileInTask(const std::string& name, float time, const FileInParams& params)
-        : RenderTask(name, time), m_params(params) {
-        auto in = openFile(getNameAtTime(), params.path, params.subimage);
+        : RenderTask(name, time), m_params(params), m_part(params.subimage) {
+        auto in = openFile(getNameAtTime(), params.path, m_part);
+        if (!params.view.empty() && !in->info().partViews.empty())
+            in = openFile(getNameAtTime(), params.path, m_part = partOfView(in->info()));
         m_info = in->info();
         m_fileIdentity = fileIdentity(params.path);
         m_generation = FileRegistry::instance().generationOf(params.path);
-        m_channels = channelsOf(m_info.channelNames, m_slots);
+        Private::ChannelChoice choice{params.layer, params.layerInOrder, params.view};
+        // In a multi-part file the part chosen is the view's.
+        if (!m_info.partViews.empty() && m_info.views.empty()) choice.view.clear();
+        try {
+            m_map = Private::mapFileChannels(m_info.channelNames, m_info.views, choice);
+        } catch (const std::runtime_error& e) {
+            throw RenderTaskRenderingException(
+                getNameAtTime(), "cannot read '" + params.path + "': " + e.what(), -1);
+        }
+        if (!m_map.note.empty())
+            RenderManager::debugStream()
+                << getNameAtTime() << " reads layer '" << params.layer << "' of '" << params.path
+                << "' in the file's order: " << m_map.note << std::endl;
+        m_channels = m_map.channels;
         m_dataWindow = m_info.dataWindow;
         layOutBlocks();
     }
@@ -128,9 +110,9 @@ protected:
     std::string getTypeString() override { return "FileIn"; }
     void computeCacheID(CacheIDStream& s) override {
         // The file's identity as far as a reader can tell without reading it all.
-        s << m_params.path << ',' << m_params.subimage << ',' << m_dataWindow << ','
-          << m_info.channelNames.size() << ',' << m_info.description << ',' << m_fileIdentity << ','
-          << m_generation;
+        s << m_params.path << ',' << m_part << ',' << m_params.layer << ',' << m_params.layerInOrder
+          << ',' << m_params.view << ',' << m_dataWindow << ',' << m_info.channelNames.size() << ','
+          << m_info.description << ',' << m_fileIdentity << ',' << m_generation;
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
@@ -139,7 +121,7 @@ protected:
     void preRender() override {
         // Opened now so that a file gone since the graph was built fails
         // the render at once.
-        auto reader = openFile(getNameAtTime(), m_params.path, m_params.subimage);
+        auto reader = openFile(getNameAtTime(), m_params.path, m_part);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readers.push_back(std::move(reader));
     }
@@ -186,6 +168,30 @@ protected:
     }
 
 private:
+    // The part of a multi-part file that holds the view asked for: the
+    // subimage-th of the parts of that view.
+    int partOfView(const Private::ImageFileInfo& info) const {
+        std::vector<int> parts;
+        std::vector<std::string> views;
+        for (size_t p = 0; p < info.partViews.size(); ++p) {
+            if (info.partViews[p] == m_params.view) parts.push_back(int(p));
+            if (!info.partViews[p].empty() &&
+                std::find(views.begin(), views.end(), info.partViews[p]) == views.end())
+                views.push_back(info.partViews[p]);
+        }
+        if (size_t(m_params.subimage) < parts.size()) return parts[size_t(m_params.subimage)];
+        std::string list;
+        for (const std::string& v : views) list += (list.empty() ? "" : ", ") + v;
+        throw RenderTaskRenderingException(
+            getNameAtTime(),
+            "cannot read '" + m_params.path + "': it has no " +
+                (parts.empty() ? "view '" + m_params.view + "'"
+                               : "part " + std::to_string(m_params.subimage) + " of view '" +
+                                     m_params.view + "'") +
+                " (views: " + (list.empty() ? "none" : list) + ")",
+            -1);
+    }
+
     // Files are read in blocks: a tiled file's tiles, a scanline file's bands
     // of rows. (xmax, ymax) is the block size.
     UTIL::Rect blockSize() const {
@@ -333,7 +339,7 @@ private:
                 return reader;
             }
         }
-        return openFile(getNameAtTime(), m_params.path, m_params.subimage);
+        return openFile(getNameAtTime(), m_params.path, m_part);
     }
     void returnReader(std::unique_ptr<Private::ImageReader> reader) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -447,9 +453,7 @@ private:
         const int64_t element = m_layout.elementBytes();
         int64_t index = 0;
         std::map<int, int64_t> firstIndexOf;  // file channel -> its first element
-        for (int bit = 0; bit < 5; ++bit) {
-            if (!(m_channels & (uint64_t(1) << bit))) continue;
-            const int c = m_slots[bit];
+        for (const auto& [bit, c] : m_map.reads) {
             if (firstIndexOf.count(c))
                 m_repeats.emplace_back(index, firstIndexOf[c]);
             else
@@ -463,11 +467,12 @@ private:
     static constexpr int64_t kBandBytes = int64_t(1) << 20;
 
     FileInParams m_params;
+    int m_part;  // of a multi-part file
     Private::ImageFileInfo m_info;
+    Private::FileChannelMap m_map;
     std::string m_fileIdentity;
     uint64_t m_generation = 0;
     uint64_t m_channels = 0;
-    int m_slots[IMGLIB::NUM_KNOWN_CHANNELS];
     Private::PixelLayout m_layout;
     std::vector<std::pair<int64_t, int64_t>> m_repeats;  // (element, element it repeats)
     UTIL::Rect m_dataWindow;
@@ -514,16 +519,34 @@ void declareFileOperations(OperationList& ops) {
         {"filein",
          "an image file",
          {required("path", ParamType::Path, "plate.exr", "the file"),
-          Param{"subimage", ParamType::Int, 0, "which image of a multi-part file"}.atLeast(0)},
+          Param{"subimage", ParamType::Int, 0,
+                "which part of a multi-part file (among the parts of the view, when a view is "
+                "chosen)"}
+              .atLeast(0),
+          Param{"layer", ParamType::String, "",
+                "the layer that fills R, G, B, A (\"diffuse\" reads diffuse.R or diffuse.red, "
+                "any case); empty: the file's own R, G, B, A"},
+          Param{"layerInOrder", ParamType::Bool, false,
+                "a layer without R, G, B, A channels (forward.u, forward.v) fills R, G, B, A in "
+                "the file's order"},
+          Param{"view", ParamType::String, "",
+                "a view of a multi-view file (\"left\", \"right\"); empty: the default view"}},
          {},
          [](const OperationArgs& a) {
-             return createFileInTask(a.node(), a.time(),
-                                     FileInParams{a.path("path"), a.integer("subimage")});
+             FileInParams params;
+             params.path = a.path("path");
+             params.subimage = a.integer("subimage");
+             params.layer = a.text("layer");
+             params.layerInOrder = a.flag("layerInOrder");
+             params.view = a.text("view");
+             return createFileInTask(a.node(), a.time(), params);
          },
-         "Any format OpenImageIO reads (EXR scanline and tiled, TIFF, PNG, JPEG, DPX, ...); "
-         "channels R, G, B, A and Z by name, grey (Y) as R = G = B. Deep EXR files are "
-         "flattened as `oiiotool --flatten` does: samples composited front to back by Z, Z the "
-         "nearest sample's."});
+         "Any format OpenImageIO reads (EXR scanline and tiled, every compression, TIFF, PNG, "
+         "JPEG, DPX, ...). Every channel is read under its name: R, G, B, A and Z keep their "
+         "places, grey (Y) is R = G = B, and other channels (`diffuse.R`, `forward.u`, `mask`) "
+         "keep their names for `shuffle`, `copy` and the outputs; nothing is matched by "
+         "position. Deep EXR files are flattened as `oiiotool --flatten` does: samples "
+         "composited front to back by Z, Z the nearest sample's."});
 }
 
 }  // namespace Private

@@ -24,14 +24,18 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
                            const std::vector<FileOutParams>& files) {
     auto target = std::make_shared<Target>();
     target->output = output;
-    static const char* const names[5] = {"R", "G", "B", "A", "Z"};
     Private::OutputLayout layout;
     layout.rect = output.rect;
-    layout.tileWidth = RenderManager::getGlobalTileWidth();
-    layout.tileHeight = RenderManager::getGlobalTileHeight();
-    for (int bit = 0; bit < 5; ++bit)
-        if (output.channels & (uint64_t(1) << bit)) {
-            layout.channelNames.push_back(names[bit]);
+    // File tiles follow the render's, never larger than the image.
+    layout.tileWidth =
+        std::clamp<int64_t>(output.rect.width(), 1, RenderManager::getGlobalTileWidth());
+    layout.tileHeight =
+        std::clamp<int64_t>(output.rect.height(), 1, RenderManager::getGlobalTileHeight());
+    // Every channel under its name, in bit order (R, G, B, A, Z, then the
+    // named ones).
+    for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit)
+        if (output.channels >> bit & 1) {
+            layout.channelNames.push_back(IMGLIB::GetChannelName(uint64_t(1) << bit));
             target->channels.push_back(uint64_t(1) << bit);
         }
     for (const FileOutParams& file : files)

@@ -25,6 +25,10 @@ struct ImageFileInfo {
     bool deep = false;
     bool halfChannels = false;  // every channel is stored as half
     std::string description;    // what tells versions apart beyond the header (a date)
+    // Views of a multi-view file, the default first; empty when it has none.
+    std::vector<std::string> views;
+    // The view of each part of a multi-part file ("" for a part with none).
+    std::vector<std::string> partViews;
 };
 
 // Where a read puts the file's channels: in pixels of `pixelBytes`, the
@@ -86,10 +90,12 @@ const ImageFormatModule* imageFormatModule(std::string& error);
 // useRenderThreads, now if the module is loaded, else when it is.
 void useRenderThreadsInModule();
 
-// EXR through the core library; null when the file needs the module
-// (deep, subsampled channels) or is not EXR (`error` then stays empty).
+// EXR through the core library; null when the file needs the module (deep,
+// subsampled channels, DWA, B44 with channels other than half) or is not
+// EXR (`error` then stays empty). When the module is needed, `header` (if
+// given) receives what the core library read of the header: its views.
 std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage,
-                                           std::string& error);
+                                           std::string& error, ImageFileInfo* header = nullptr);
 
 }  // namespace Private
 }  // namespace TESSERA

@@ -72,13 +72,42 @@ void useRenderThreadsInModule() {
     if (const ImageFormatModule* module = g_loaded) module->useRenderThreads();
 }
 
+namespace {
+
+// A reader of the module, with the views of the EXR header that the core
+// library read (OpenImageIO does not report them).
+class ReaderWithViews final : public ImageReader {
+public:
+    ReaderWithViews(std::unique_ptr<ImageReader> reader, const ImageFileInfo& header)
+        : m_reader(std::move(reader)), m_info(m_reader->info()) {
+        m_info.views = header.views;
+        m_info.partViews = header.partViews;
+    }
+    const ImageFileInfo& info() const override { return m_info; }
+    std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
+                     int64_t lineBytes) override {
+        return m_reader->read(area, layout, first, lineBytes);
+    }
+
+private:
+    std::unique_ptr<ImageReader> m_reader;
+    ImageFileInfo m_info;
+};
+
+}  // namespace
+
 std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage,
                                              std::string& error) {
     error.clear();
-    if (auto exr = openExrReader(path, subimage, error)) return exr;
+    ImageFileInfo header;
+    if (auto exr = openExrReader(path, subimage, error, &header)) return exr;
     if (!error.empty()) return nullptr;
     const ImageFormatModule* module = imageFormatModule(error);
-    return module ? module->openReader(path, subimage, error) : nullptr;
+    std::unique_ptr<ImageReader> reader =
+        module ? module->openReader(path, subimage, error) : nullptr;
+    if (reader && (!header.views.empty() || !header.partViews.empty()))
+        return std::make_unique<ReaderWithViews>(std::move(reader), header);
+    return reader;
 }
 
 }  // namespace Private

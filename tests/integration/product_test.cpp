@@ -277,7 +277,7 @@ TEST_F(ProductTest, GraphFileErrorsNameTheNodeAndField) {
               "node 'x', field 'input': the graph has a cycle through this node");
     EXPECT_EQ(
         error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars", "channels": "RGBQ"}]})"),
-        "node 'bars', field 'channels': unknown channel 'Q' (R, G, B, A, Z)");
+        "node 'bars', field 'channels': the node has no channel 'RGBQ' (it has RGBA)");
     EXPECT_EQ(error(R"({"nodes": [)" + bars + R"(], "outputs": [{"node": "bars"}], "extra": 1})"),
               "node '(file)', field 'extra': unknown field");
     // A well-formed graph loads, its output area defaulting to the node's.

@@ -54,6 +54,55 @@ public:
 
 }  // namespace
 
+// Names take free bits once and keep them; threads naming the same
+// channels at once agree on their bits.
+TEST(ChannelNames, NamesKeepTheirBitsAcrossThreads) {
+    EXPECT_EQ(GetChannelForName("R"), CHANNEL_R);
+    EXPECT_EQ(GetChannelForName("Z"), CHANNEL_Z);
+    EXPECT_EQ(FindChannel("registry.never"), 0u);
+    const std::vector<std::string> names = {"registry.R", "registry.G", "registry.u", "mask"};
+    std::vector<std::vector<uint64_t>> seen(4);
+    std::vector<std::thread> threads;
+    for (auto& bits : seen)
+        threads.emplace_back([&bits, &names] {
+            for (const std::string& name : names) bits.push_back(GetChannelForName(name));
+        });
+    for (auto& t : threads) t.join();
+    uint64_t all = 0;
+    for (uint64_t bit : seen[0]) {
+        EXPECT_EQ(GetChannelCount(bit), 1);
+        EXPECT_GE(bit, uint64_t(1) << NUM_FIXED_CHANNELS);
+        all |= bit;
+    }
+    EXPECT_EQ(GetChannelCount(all), 4);
+    for (const auto& bits : seen) EXPECT_EQ(bits, seen[0]);
+    EXPECT_EQ(GetChannelName(seen[0][2]), "registry.u");
+    EXPECT_TRUE(IsChannelMaskValid(all | CHANNELS_RGBA));
+    EXPECT_EQ(GetChannelNames(CHANNEL_A | seen[0][3]), (std::vector<std::string>{"A", "mask"}));
+    EXPECT_EQ(GetChannelMaskName(CHANNELS_RGB | seen[0][0] | seen[0][3]), "RGB,registry.R,mask");
+    EXPECT_EQ(GetChannelMaskName(seen[0][3]), "mask");
+}
+
+// A process that names more channels than there are bits gets an error
+// naming the channel that found none, never a bit shared or dropped.
+TEST(ChannelNames, RunningOutOfBitsNamesTheChannel) {
+    // The child runs afresh: render threads of other tests may hold locks.
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            int named = 0;
+            for (;; ++named) {
+                const std::string name = "many." + std::to_string(named);
+                if (!GetChannelForName(name)) {
+                    const bool says = GetError() == ERROR_TOO_MANY_CHANNELS &&
+                                      GetErrorMessage().find("'" + name + "'") != std::string::npos;
+                    std::exit(says && IsChannelMaskValid(~uint64_t(0)) ? 0 : 1);
+                }
+            }
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
 TEST(ChannelMask, ValidationNamesAndSizes) {
     EXPECT_EQ(ValidateChannelMask(CHANNELS_RGBA | (uint64_t(1) << 40)), CHANNELS_RGBA);
     EXPECT_TRUE(IsChannelMaskValid(CHANNELS_RGB));
@@ -62,7 +111,7 @@ TEST(ChannelMask, ValidationNamesAndSizes) {
     EXPECT_EQ(GetChannelMaskName(CHANNELS_RGBA), "RGBA");
     EXPECT_EQ(GetChannelMaskName(CHANNELS_RGB), "RGB");
     EXPECT_EQ(GetChannelMaskName(CHANNEL_A | CHANNEL_Z), "AZ");
-    EXPECT_EQ(GetChannelMaskName(CHANNEL_R | CHANNEL_AUX0), "Raux0");
+    EXPECT_EQ(GetChannelMaskName(CHANNEL_R | CHANNEL_U | CHANNEL_V), "RUV");
     EXPECT_EQ(GetChannelMaskName(0), "none");
     EXPECT_EQ(GetPixelBytes(CHANNELS_RGBA), 16);
     EXPECT_EQ(GetPixelBytes(CHANNEL_A | CHANNEL_Z | CHANNEL_U), 12);

@@ -175,6 +175,8 @@ public:
         spec.attribute("compression", s.compression);
         m_out = OIIO::ImageOutput::create(s.formatOf);
         if (!m_out) return OIIO::geterror();
+        if (const std::string lacking = channelsLacking(s.channelNames); !lacking.empty())
+            return lacking;
         if (m_out->supports("ioproxy")) {
             m_file = std::make_unique<CheckedFile>(s.path);
             if (!m_file->failure().empty()) return m_file->failure();
@@ -201,6 +203,20 @@ public:
     }
 
 private:
+    // Why the format cannot hold these channels, or empty when it can: only
+    // EXR keeps channels by name; the others hold R, G, B and (when the
+    // format has alpha) A, or one grey channel.
+    std::string channelsLacking(const std::vector<std::string>& names) const {
+        const std::string format = m_out->format_name();
+        if (format == "openexr") return std::string();
+        const bool alpha = m_out->supports("alpha");
+        for (const std::string& name : names)
+            if (name != "R" && name != "G" && name != "B" && (name != "A" || !alpha))
+                return "the " + format + " format cannot hold channel " + name + " (it holds " +
+                       (alpha ? "R, G, B and A" : "R, G and B") + "; EXR holds every channel)";
+        return std::string();
+    }
+
     // The file's failure first: the library's own message says less.
     std::string check(bool ok) {
         if (m_file && !m_file->failure().empty()) return m_file->failure();

@@ -1,0 +1,415 @@
+// EXR files shaped like production's, written here with OpenEXR's own C++
+// library: layers whose channels the file lists alphabetically, views, odd
+// data and display windows, every compression. Every channel read must
+// equal OpenImageIO's read of the channel of the same name, bit for bit;
+// nothing is matched by position.
+#include <gtest/gtest.h>
+
+#include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfFrameBuffer.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfMultiPartOutputFile.h>
+#include <OpenEXR/ImfMultiView.h>
+#include <OpenEXR/ImfOutputFile.h>
+#include <OpenEXR/ImfOutputPart.h>
+#include <OpenEXR/ImfPartType.h>
+#include <OpenEXR/ImfStandardAttributes.h>
+#include <OpenEXR/ImfTiledOutputFile.h>
+#include <OpenImageIO/imageio.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include "exceptions.h"
+#include "fileio.h"
+#include "graphfile.h"
+#include "imglib/channels.h"
+#include "renderimage.h"
+#include "rendermanager.h"
+
+using namespace TESSERA;
+namespace fs = std::filesystem;
+
+namespace {
+
+const Imath::Box2i kData({-5, 3}, {52, 40});    // 58 x 38, off the origin
+const Imath::Box2i kDisplay({0, 0}, {63, 47});  // 64 x 48
+
+struct Plane {
+    std::string name;
+    Imf::PixelType type = Imf::HALF;
+};
+
+// A value every channel tells apart: exact in half, and with a part below
+// half's precision in float channels.
+float valueAt(size_t channel, int x, int y, Imf::PixelType type) {
+    const float v = float((x * 7 + y * 13 + int(channel) * 29) % 61 - 20) / 8.0f;
+    return type == Imf::FLOAT ? v + 0.0001f * float(channel + 1) : v;
+}
+
+struct Planes {
+    std::vector<std::vector<float>> floats;
+    std::vector<std::vector<half>> halves;
+};
+
+// The frame buffer of `planes` over the data window, filled with valueAt.
+Imf::FrameBuffer frameBuffer(const std::vector<Plane>& planes, Planes& storage,
+                             const std::string& prefix = "") {
+    const int w = kData.max.x - kData.min.x + 1, h = kData.max.y - kData.min.y + 1;
+    storage.floats.assign(planes.size(), std::vector<float>(size_t(w) * h));
+    storage.halves.assign(planes.size(), std::vector<half>(size_t(w) * h));
+    Imf::FrameBuffer fb;
+    for (size_t c = 0; c < planes.size(); ++c) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const float v = valueAt(c, x + kData.min.x, y + kData.min.y, planes[c].type);
+                storage.floats[c][size_t(y) * w + x] = v;
+                storage.halves[c][size_t(y) * w + x] = half(v);
+            }
+        const bool isHalf = planes[c].type == Imf::HALF;
+        char* base = isHalf ? reinterpret_cast<char*>(storage.halves[c].data())
+                            : reinterpret_cast<char*>(storage.floats[c].data());
+        const size_t element = isHalf ? sizeof(half) : sizeof(float);
+        base -= (ptrdiff_t(kData.min.y) * w + kData.min.x) * ptrdiff_t(element);
+        fb.insert(prefix + planes[c].name,
+                  Imf::Slice(planes[c].type, base, element, element * size_t(w)));
+    }
+    return fb;
+}
+
+Imf::Header headerFor(const std::vector<Plane>& planes, Imf::Compression compression,
+                      const std::string& prefix = "") {
+    Imf::Header header(kDisplay, kData);
+    header.compression() = compression;
+    for (const Plane& p : planes) header.channels().insert(prefix + p.name, Imf::Channel(p.type));
+    return header;
+}
+
+void writeExr(const std::string& path, const std::vector<Plane>& planes,
+              Imf::Compression compression, bool tiled) {
+    Planes storage;
+    Imf::Header header = headerFor(planes, compression);
+    if (tiled) {
+        header.setTileDescription(Imf::TileDescription(16, 16, Imf::ONE_LEVEL));
+        Imf::TiledOutputFile out(path.c_str(), header);
+        out.setFrameBuffer(frameBuffer(planes, storage));
+        out.writeTiles(0, out.numXTiles() - 1, 0, out.numYTiles() - 1);
+    } else {
+        Imf::OutputFile out(path.c_str(), header);
+        out.setFrameBuffer(frameBuffer(planes, storage));
+        out.writePixels(kData.max.y - kData.min.y + 1);
+    }
+}
+
+// OpenImageIO's read of a file's part: each channel by its full name.
+std::map<std::string, std::vector<float>> oiioRead(const std::string& path, int part = 0) {
+    auto in = OIIO::ImageInput::open(path);
+    if (!in || !in->seek_subimage(part, 0)) throw std::runtime_error("OIIO cannot open " + path);
+    const OIIO::ImageSpec spec = in->spec();
+    std::vector<float> all(size_t(spec.image_pixels()) * size_t(spec.nchannels));
+    if (!in->read_image(part, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, all.data()))
+        throw std::runtime_error(in->geterror());
+    std::map<std::string, std::vector<float>> channels;
+    for (int c = 0; c < spec.nchannels; ++c) {
+        std::vector<float>& plane = channels[spec.channel_name(c)];
+        for (size_t p = 0; p < size_t(spec.image_pixels()); ++p)
+            plane.push_back(all[p * size_t(spec.nchannels) + size_t(c)]);
+    }
+    return channels;
+}
+
+const UTIL::Rect kDataRect(kData.min.x, kData.min.y, kData.max.x + 1, kData.max.y + 1);
+
+// Channel `name` of a render of the file input over the data window.
+std::vector<float> channelOf(const RenderedImage& image, const std::string& name) {
+    const uint64_t bit = IMGLIB::FindChannel(name);
+    const int index = IMGLIB::GetChannelIndex(image.channels, bit);
+    if (index < 0) throw std::runtime_error("the render has no channel " + name);
+    const int stride = IMGLIB::GetChannelCount(image.channels);
+    std::vector<float> plane;
+    for (size_t p = 0; p < size_t(image.rect.area()); ++p)
+        plane.push_back(image.pixels[p * size_t(stride) + size_t(index)]);
+    return plane;
+}
+
+bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+// Every channel the file input defines, rendered over the data window.
+RenderedImage readAll(const FileInParams& params) {
+    TaskPtr in = createFileInTask("in", 0, params);
+    uint64_t channels = 0;
+    in->getOutputDescription(&channels, nullptr);
+    return renderImage(in, kDataRect, channels);
+}
+
+FileInParams fileIn(const std::string& path) {
+    FileInParams params;
+    params.path = path;
+    return params;
+}
+
+std::string readError(const FileInParams& params) {
+    try {
+        readAll(params);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "no error";
+}
+
+class ExrFiles : public ::testing::Test {
+protected:
+    fs::path dir = fs::temp_directory_path() / ("tessera_exr_" + std::to_string(::getpid()));
+    void SetUp() override { fs::create_directories(dir); }
+    void TearDown() override { fs::remove_all(dir); }
+    std::string file(const std::string& name) const { return (dir / name).string(); }
+};
+
+// A compositor's usual input: a beauty pass with render passes beside it,
+// listed alphabetically by the file (diffuse.B before diffuse.R).
+const std::vector<Plane> kAovs = {{"R"},
+                                  {"G"},
+                                  {"B"},
+                                  {"A"},
+                                  {"diffuse.B"},
+                                  {"diffuse.G"},
+                                  {"diffuse.R"},
+                                  {"forward.u", Imf::FLOAT},
+                                  {"forward.v", Imf::FLOAT},
+                                  {"mask"},
+                                  {"depth.Z", Imf::FLOAT}};
+
+}  // namespace
+
+TEST_F(ExrFiles, EveryChannelIsReadUnderItsName) {
+    const std::string path = file("aovs.exr");
+    writeExr(path, kAovs, Imf::ZIP_COMPRESSION, false);
+    const auto oiio = oiioRead(path);
+    const RenderedImage image = readAll(fileIn(path));
+    EXPECT_EQ(IMGLIB::GetChannelCount(image.channels), int(kAovs.size()));
+    for (const Plane& p : kAovs)
+        EXPECT_TRUE(sameBits(channelOf(image, p.name), oiio.at(p.name))) << p.name;
+    EXPECT_NE(IMGLIB::GetChannelMaskName(image.channels).find("diffuse.R"), std::string::npos);
+}
+
+TEST_F(ExrFiles, ALayerFillsRGBAByNameAndOthersKeepTheirNames) {
+    const std::string path = file("aovs.exr");
+    writeExr(path, kAovs, Imf::PIZ_COMPRESSION, true);
+    const auto oiio = oiioRead(path);
+    FileInParams diffuse = fileIn(path);
+    diffuse.layer = "diffuse";
+    const RenderedImage image = readAll(diffuse);
+    for (const char* c : {"R", "G", "B"})
+        EXPECT_TRUE(sameBits(channelOf(image, c), oiio.at(std::string("diffuse.") + c))) << c;
+    EXPECT_EQ(IMGLIB::GetChannelIndex(image.channels, IMGLIB::CHANNEL_A), -1);
+    EXPECT_TRUE(sameBits(channelOf(image, "forward.u"), oiio.at("forward.u")));
+    EXPECT_TRUE(sameBits(channelOf(image, "mask"), oiio.at("mask")));
+
+    // Motion vectors are no colour: only asked for explicitly do they fill
+    // R and G, in the file's order, and B stays undefined.
+    FileInParams forward = fileIn(path);
+    forward.layer = "forward";
+    const std::string refused = readError(forward);
+    EXPECT_NE(refused.find(path), std::string::npos) << refused;
+    EXPECT_NE(refused.find("forward.u, forward.v"), std::string::npos) << refused;
+    forward.layerInOrder = true;
+    const RenderedImage vectors = readAll(forward);
+    EXPECT_TRUE(sameBits(channelOf(vectors, "R"), oiio.at("forward.u")));
+    EXPECT_TRUE(sameBits(channelOf(vectors, "G"), oiio.at("forward.v")));
+    EXPECT_EQ(IMGLIB::GetChannelIndex(vectors.channels, IMGLIB::CHANNEL_B), -1);
+
+    FileInParams missing = fileIn(path);
+    missing.layer = "specular";
+    const std::string error = readError(missing);
+    EXPECT_NE(error.find("no layer 'specular'"), std::string::npos) << error;
+    EXPECT_NE(error.find("diffuse"), std::string::npos) << error;
+}
+
+// A single channel that is neither grey nor colour stays itself.
+TEST_F(ExrFiles, AMaskAloneIsNotGrey) {
+    const std::string path = file("mask.exr");
+    writeExr(path, {{"mask"}}, Imf::RLE_COMPRESSION, false);
+    const RenderedImage image = readAll(fileIn(path));
+    EXPECT_EQ(image.channels, IMGLIB::FindChannel("mask"));
+    EXPECT_TRUE(sameBits(channelOf(image, "mask"), oiioRead(path).at("mask")));
+}
+
+// Every compression OpenEXR 3.1 defines, in scanlines and tiles, half and
+// float channels together: the same bits as OpenImageIO (OpenEXR's C++
+// library) reads, the lossy ones included.
+TEST_F(ExrFiles, EveryCompressionReadsAsOpenImageIOReadsIt) {
+    const std::vector<Plane> mixed = {
+        {"R"}, {"G"}, {"B"}, {"A"}, {"diffuse.R", Imf::FLOAT}, {"Z", Imf::FLOAT}};
+    const std::vector<Plane> floats = {{"R", Imf::FLOAT}, {"G", Imf::FLOAT}, {"B", Imf::FLOAT}};
+    for (int c = 0; c < Imf::NUM_COMPRESSION_METHODS; ++c)
+        for (int kind = 0; kind < 4; ++kind) {
+            const bool tiled = kind & 1;
+            const std::vector<Plane>& planes = kind & 2 ? floats : mixed;
+            const auto compression = Imf::Compression(c);
+            const std::string path =
+                file("c" + std::to_string(c) + "_" + std::to_string(kind) + ".exr");
+            writeExr(path, planes, compression, tiled);
+            const auto oiio = oiioRead(path);
+            const RenderedImage image = readAll(fileIn(path));
+            for (const Plane& p : planes)
+                EXPECT_TRUE(sameBits(channelOf(image, p.name), oiio.at(p.name)))
+                    << "compression " << c << (tiled ? " tiled " : " scanline ") << p.name;
+        }
+}
+
+// Stereo in one part: the default view's channels unprefixed, the other's
+// named "right.R"; each view is read under the plain names.
+TEST_F(ExrFiles, ViewsOfAMultiViewFile) {
+    const std::string path = file("stereo.exr");
+    const std::vector<Plane> planes = {{"R"},       {"G"},         {"B"},       {"A"},
+                                       {"right.R"}, {"right.G"},   {"right.B"}, {"right.A"},
+                                       {"mask"},    {"right.mask"}};
+    {
+        Planes storage;
+        Imf::Header header = headerFor(planes, Imf::ZIPS_COMPRESSION);
+        Imf::addMultiView(header, {"left", "right"});
+        Imf::OutputFile out(path.c_str(), header);
+        out.setFrameBuffer(frameBuffer(planes, storage));
+        out.writePixels(kData.max.y - kData.min.y + 1);
+    }
+
+    const auto oiio = oiioRead(path);
+    const RenderedImage left = readAll(fileIn(path));
+    FileInParams rightParams = fileIn(path);
+    rightParams.view = "right";
+    const RenderedImage right = readAll(rightParams);
+    for (const char* c : {"R", "G", "B", "A", "mask"}) {
+        EXPECT_TRUE(sameBits(channelOf(left, c), oiio.at(c))) << c;
+        EXPECT_TRUE(sameBits(channelOf(right, c), oiio.at(std::string("right.") + c))) << c;
+    }
+    EXPECT_EQ(left.channels, right.channels);
+    FileInParams centre = fileIn(path);
+    centre.view = "centre";
+    EXPECT_NE(readError(centre).find("no view 'centre' (views: left, right)"), std::string::npos);
+}
+
+// Stereo in parts: each part carries its view; the view picks the part.
+TEST_F(ExrFiles, ViewsInPartsOfTheirOwn) {
+    const std::string path = file("stereo_parts.exr");
+    const std::vector<Plane> planes = {{"R"}, {"G"}, {"B"}, {"A"}};
+    std::vector<Imf::Header> headers;
+    for (const char* view : {"left", "right"}) {
+        Imf::Header h = headerFor(planes, Imf::ZIP_COMPRESSION);
+        h.setName(std::string("rgba.") + view);
+        h.setType(Imf::SCANLINEIMAGE);
+        h.setView(view);
+        headers.push_back(h);
+    }
+    {
+        Imf::MultiPartOutputFile out(path.c_str(), headers.data(), int(headers.size()));
+        for (int part = 0; part < 2; ++part) {
+            Planes storage;
+            // The right view's values differ: its channels start further on.
+            std::vector<Plane> shifted = planes;
+            if (part == 1) shifted.insert(shifted.begin(), Plane{"unused"});
+            Imf::FrameBuffer fb = frameBuffer(shifted, storage);
+            Imf::OutputPart writer(out, part);
+            writer.setFrameBuffer(fb);
+            writer.writePixels(kData.max.y - kData.min.y + 1);
+        }
+    }
+    FileInParams right = fileIn(path);
+    right.view = "right";
+    const RenderedImage image = readAll(right);
+    const auto oiio = oiioRead(path, 1);
+    for (const char* c : {"R", "G", "B", "A"})
+        EXPECT_TRUE(sameBits(channelOf(image, c), oiio.at(c))) << c;
+    EXPECT_FALSE(sameBits(channelOf(image, "R"), oiioRead(path, 0).at("R")));
+}
+
+// Written files keep every channel's name: a comp's AOVs go out as they
+// came in, and formats that cannot hold them say so.
+TEST_F(ExrFiles, OutputsWriteChannelsByName) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::ZIP_COMPRESSION, false);
+    const std::string out = file("out.exr");
+    const std::string graph =
+        "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": "
+        "{\"path\": \"" +
+        in +
+        "\"}}], \"outputs\": [{\"node\": \"plate\", \"channels\": "
+        "\"RGBA,diffuse.*,forward.u\", \"dataType\": \"float\", \"file\": "
+        "\"" +
+        out + "\"}]}";
+    writeGraphOutputs(loadGraph(graph, dir.string()));
+    const auto source = oiioRead(in);
+    const auto written = oiioRead(out);
+    EXPECT_EQ(written.size(), 8u);
+    for (const char* name :
+         {"R", "G", "B", "A", "diffuse.R", "diffuse.G", "diffuse.B", "forward.u"})
+        EXPECT_TRUE(sameBits(written.at(name), source.at(name))) << name;
+
+    auto loadError = [&](const std::string& channels, const std::string& to) {
+        try {
+            loadGraph(
+                "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": "
+                "{\"path\": \"" +
+                    in + "\"}}], \"outputs\": [{\"node\": \"plate\", \"channels\": \"" + channels +
+                    "\", \"file\": \"" + file(to) + "\"}]}",
+                dir.string());
+            return std::string("no error");
+        } catch (const std::exception& e) {
+            return std::string(e.what());
+        }
+    };
+    const std::string lacking = loadError("RGBA,specular.*", "x.exr");
+    EXPECT_NE(lacking.find("plate"), std::string::npos) << lacking;
+    EXPECT_NE(lacking.find("specular"), std::string::npos) << lacking;
+    EXPECT_NE(lacking.find("forward.u"), std::string::npos) << lacking;  // what it has
+
+    // JPEG has no alpha, PNG no named channels: refused, naming the format.
+    for (const auto& [channels, to] : std::vector<std::pair<std::string, std::string>>{
+             {"RGBA", "x.jpg"}, {"RGB,mask", "x.png"}}) {
+        try {
+            writeGraphOutputs(loadGraph(
+                "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" +
+                    in + "\"}}], \"outputs\": [{\"node\": \"plate\", \"channels\": \"" + channels +
+                    "\", \"file\": \"" + file(to) + "\"}]}",
+                dir.string()));
+            ADD_FAILURE() << to << " was written";
+        } catch (const std::exception& e) {
+            EXPECT_NE(std::string(e.what()).find("format cannot hold channel"), std::string::npos)
+                << e.what();
+        }
+        EXPECT_FALSE(fs::exists(file(to)));
+    }
+}
+
+// Shuffles name the channels they move; a name the input lacks is an error
+// listing what it has, never another channel in its place.
+TEST_F(ExrFiles, ShufflesMoveChannelsByName) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::ZIP_COMPRESSION, true);
+    const auto oiio = oiioRead(in);
+    auto shuffled = [&](const std::string& params) {
+        return loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": "
+            "{\"path\": \"" +
+                in + "\"}}, {\"id\": \"vectors\", \"op\": \"shuffle\", \"params\": " + params +
+                ", \"inputs\": {\"a\": \"plate\"}}], \"outputs\": [{\"node\": "
+                "\"vectors\"}]}",
+            dir.string());
+    };
+    const Graph graph = shuffled("{\"r\": \"forward.u\", \"g\": \"a.forward.v\", \"b\": \"0\"}");
+    const RenderedImage image =
+        renderImage(graph.outputs[0].description.task, kDataRect, IMGLIB::CHANNELS_RGB);
+    EXPECT_TRUE(sameBits(channelOf(image, "R"), oiio.at("forward.u")));
+    EXPECT_TRUE(sameBits(channelOf(image, "G"), oiio.at("forward.v")));
+    EXPECT_EQ(channelOf(image, "B"), std::vector<float>(size_t(kDataRect.area()), 0.0f));
+    IMGLIB::GetChannelForName("elsewhere.u");  // a name another image has
+    try {
+        shuffled("{\"r\": \"elsewhere.u\"}");
+        ADD_FAILURE() << "a channel the input lacks was shuffled";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("lacks"), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("forward.v"), std::string::npos) << e.what();
+    }
+}
