@@ -45,6 +45,9 @@ struct TESSERA_API ResizeParams {
     float translateX = 0, translateY = 0;
     IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;
     IMGLIB::ExtendMethod extend = IMGLIB::EXTEND_CLAMP;
+    // When not empty, the output's box exactly (a resize to a size in whole
+    // pixels), in place of the input's box mapped and rounded outwards.
+    UTIL::Rect box;
 };
 
 // Scales of 0, below 1/1024 or above 1024, or not finite, throw

@@ -26,8 +26,12 @@ struct Axis {
     float scale = 1, translate = 0;
     IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;
 
+    // Nearest point-samples, whatever the scale: the one pixel under the
+    // output pixel's centre.
+    bool pointSamples() const { return filter == IMGLIB::KERNEL_NEAREST; }
     // Pixels either side of the centre pixel the filter reaches.
     int64_t radius() const {
+        if (pointSamples()) return 0;
         const float width = IMGLIB::GetKernelWidth(filter) / std::min(1.0f, scale);
         return int64_t(std::ceil(0.5f * width));
     }
@@ -45,8 +49,8 @@ struct Axis {
     }
     // The output pixels input pixels [lo, hi) reach.
     std::pair<int64_t, int64_t> image(int64_t lo, int64_t hi) const {
-        return {int64_t(std::floor(float(lo) * scale + translate)),
-                int64_t(std::ceil(float(hi) * scale + translate))};
+        return {int64_t(std::floor(double(lo) * scale + translate)),
+                int64_t(std::ceil(double(hi) * scale + translate))};
     }
     // Weights of outputs [lo, hi): (2 radius + 1) each, for input pixels
     // from centre - radius.
@@ -60,6 +64,10 @@ struct Axis {
             const int64_t centrePixel = centre(c, &fraction);
             first[size_t(c - lo)] = centrePixel - r;
             float* cw = &w[size_t((c - lo) * taps)];
+            if (pointSamples()) {
+                cw[0] = 1.0f;
+                continue;
+            }
             float sum = 0;
             for (int64_t i = 0; i < taps; ++i) {
                 const float offset = float(i - r) + 0.5f - fraction;
@@ -97,14 +105,15 @@ protected:
     std::string getTypeString() override { return "Resize"; }
     void computeCacheID(CacheIDStream& s) override {
         s << m_params.scaleX << ',' << m_params.scaleY << ',' << m_params.translateX << ','
-          << m_params.translateY << ',' << int(m_params.filter) << ',' << int(m_params.extend);
+          << m_params.translateY << ',' << int(m_params.filter) << ',' << int(m_params.extend)
+          << ',' << m_params.box;
     }
     uint64_t computeOutputChannels() override {
         m_inputBox = getDefinedInputDataRegion(0).boundingBox();
         if (!m_inputBox.isNull()) {
             const auto [x1, x2] = m_x.image(m_inputBox.xmin, m_inputBox.xmax);
             const auto [y1, y2] = m_y.image(m_inputBox.ymin, m_inputBox.ymax);
-            m_box = Rect(x1, y1, x2, y2);
+            m_box = m_params.box.isNull() ? Rect(x1, y1, x2, y2) : m_params.box;
         }
         return getDefinedInputChannels(0);
     }
@@ -238,11 +247,22 @@ void declareResizeOperations(OperationList& ops) {
              if (box.isNull() || (size.x <= 0 && size.y <= 0)) return input;
              if (size.x != std::floor(size.x) || size.y != std::floor(size.y))
                  a.fail("size", "needs whole pixels");
+             // The size in whole pixels (a side left 0 keeps the aspect,
+             // rounded to the nearest), exactly: the box is set, not
+             // rounded from the scaled one.
+             const int64_t w = box.width(), h = box.height();
+             const int64_t width =
+                 size.x > 0 ? int64_t(size.x)
+                            : std::max<int64_t>(1, (int64_t(size.y) * w * 2 + h) / (2 * h));
+             const int64_t height =
+                 size.y > 0 ? int64_t(size.y)
+                            : std::max<int64_t>(1, (int64_t(size.x) * h * 2 + w) / (2 * w));
              ResizeParams p;
-             p.scaleX = size.x > 0 ? size.x / float(box.width()) : size.y / float(box.height());
-             p.scaleY = size.y > 0 ? size.y / float(box.height()) : p.scaleX;
-             p.translateX = float(box.xmin) * (1.0f - p.scaleX);
-             p.translateY = float(box.ymin) * (1.0f - p.scaleY);
+             p.scaleX = float(double(width) / double(w));
+             p.scaleY = float(double(height) / double(h));
+             p.translateX = float(double(box.xmin) * (1.0 - double(p.scaleX)));
+             p.translateY = float(double(box.ymin) * (1.0 - double(p.scaleY)));
+             p.box = Rect(box.xmin, box.ymin, box.xmin + width, box.ymin + height);
              p.filter = a.kernel("filter");
              p.extend = a.extend("extend");
              return createResizeTask(a.node(), a.time(), p, input);
@@ -250,7 +270,8 @@ void declareResizeOperations(OperationList& ops) {
          "As `oiiotool --resize`: output pixel centre X reads the input at x<sub>0</sub> + (X "
          "− x<sub>0</sub> + ½) / s − ½, weights from the filter at its natural width where "
          "enlarging and widened by 1 / s where reducing (free of aliasing), normalised; "
-         "separable."});
+         "separable. `nearest` point-samples the pixel under each output pixel's centre, "
+         "shrinking too. The output is exactly the size asked for."});
     ops.push_back({"scale",
                    "scale about the origin, then translate",
                    {Param{"scale", ParamType::Vec2, json{0.5, 0.5}}.range(1.0 / 1024, 1024),

@@ -7,6 +7,7 @@
 
 #include <OpenImageIO/imagebufalgo.h>
 
+#include "graphfile.h"
 #include "imglib/pixels.h"
 #include "imglib/resample.h"
 #include "support/serial_render.h"
@@ -341,5 +342,55 @@ TEST_F(TransformTest, AgreesWithOpenImageIOWarp) {
             }
         EXPECT_GT(compared, 1000);
         EXPECT_LT(worst, 2e-3f) << name;
+    }
+}
+
+// A resize to a size gives exactly that size, for every target from one
+// pixel to four times the source, on odd sizes and offsets where the
+// scaled box's edges fall between pixels.
+TEST_F(TransformTest, ResizeGivesExactlyTheSizeAskedFor) {
+    for (const Rect source : {Rect(0, 0, 29, 17), Rect(-3, 5, 34, 36), Rect(7, -11, 61, 12)}) {
+        TaskPtr field = make<Field>("field", source, false);
+        for (int64_t target = 1; target <= 4 * source.width(); ++target) {
+            const std::string size = "{\"size\": [" + std::to_string(target) + ", " +
+                                     std::to_string(target * 2 / 3 + 1) + "]}";
+            TaskPtr resized = createOperationTask("resize", "resize", size, {{"input", field}});
+            UTIL::Region region;
+            resized->getOutputDescription(nullptr, &region);
+            ASSERT_EQ(region.boundingBox(), Rect(source.xmin, source.ymin, source.xmin + target,
+                                                 source.ymin + target * 2 / 3 + 1))
+                << source << " to " << size;
+        }
+        // One side given: the other keeps the aspect, rounded to the nearest.
+        TaskPtr wide =
+            createOperationTask("resize", "wide", "{\"size\": [0, 61]}", {{"input", field}});
+        UTIL::Region region;
+        wide->getOutputDescription(nullptr, &region);
+        EXPECT_EQ(region.boundingBox().width(),
+                  int64_t(std::lround(61.0 * double(source.width()) / double(source.height()))));
+    }
+}
+
+// Nearest point-samples when shrinking as when enlarging: every output
+// pixel is the source pixel under its centre, never an average.
+TEST_F(TransformTest, NearestPicksSourcePixels) {
+    const Rect source(0, 0, 29, 23);
+    TaskPtr checker = make<Field>("checker", source, true);
+    for (int target : {7, 13, 29, 61}) {
+        TaskPtr resized =
+            createOperationTask("resize", "nearest",
+                                "{\"size\": [" + std::to_string(target) + ", " +
+                                    std::to_string(target) + "], \"filter\": \"nearest\"}",
+                                {{"input", checker}});
+        const Rect out(0, 0, target, target);
+        const std::vector<Color> pixels = renderPixels(resized, out, 16);
+        for (int y = 0; y < target; ++y)
+            for (int x = 0; x < target; ++x) {
+                const double sx = (x + 0.5) * 29.0 / target, sy = (y + 0.5) * 23.0 / target;
+                const float expected =
+                    ((int64_t(std::floor(sx)) + int64_t(std::floor(sy))) & 1) ? 1.0f : 0.0f;
+                ASSERT_EQ(pixels[size_t(y) * target + x].r, expected)
+                    << "target " << target << " at " << x << ", " << y;
+            }
     }
 }
