@@ -64,6 +64,10 @@ public:
     // The compressed cache ID ("$" and 32 characters).
     const std::string& getCacheID();
     const Imath::Color4<float>& getBackgroundColor();
+    // The format (display window): the frame the image is meant to fill,
+    // which its data (the defined region) may overrun or fall short of.
+    // Outputs write it as the display window.
+    const UTIL::Rect& getFormat();
     // Leaves the vector as it was passed: the graph is walked through the
     // implementation object.
     void getAllInputRenderTasks(std::vector<TaskPtr>& tasks);
@@ -107,6 +111,7 @@ protected:
     uint64_t getDefinedInputChannels(size_t input);
     const UTIL::Region& getDefinedInputDataRegion(size_t input);
     const Imath::Color4<float>& getInputBackgroundColor(size_t input);
+    const UTIL::Rect& getInputFormat(size_t input);
     const std::string& getInputCacheID(size_t input);
     void ignoreInputCacheID(size_t input);
     uint64_t getRequiredOutputChannels() const;
@@ -137,6 +142,10 @@ protected:
     virtual void renderRect(const IMGLIB::Image* output,
                             const std::vector<const IMGLIB::Image*>& inputs);
     virtual void postRender() {}
+    // The format, computed after the defined region. Default: the first
+    // input's, or the bounding box of the defined region for a task
+    // without inputs. (Last, so that the slots above keep their order.)
+    virtual UTIL::Rect computeFormat();
 
 private:
     friend class Imp;

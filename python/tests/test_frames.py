@@ -29,7 +29,8 @@ def test_render_frames_writes_each_frame_as_the_graph_gives_it(shot):
         loaded = tessera.load_graph(str(graph), frame=frame)
         assert loaded.frame == frame and loaded.animated
         np.testing.assert_array_equal(pixels(shot / f"out/comp.{frame:04d}.exr"),
-                                      tessera.render(loaded.outputs[0].task))
+                                      tessera.render(loaded.outputs[0].task,
+                                                     rect=loaded.outputs[0].rect))
     assert not (shot / "out/comp.0002.exr").exists()
 
 

@@ -417,9 +417,12 @@ Graph loadGraph(const std::string& text, const std::string& base,
             g.description.rect = UTIL::Rect(r[0].get<int64_t>(), r[1].get<int64_t>(),
                                             r[2].get<int64_t>(), r[3].get<int64_t>());
         } else {
+            // The format, as a compositor writes it (the data window then
+            // holds what of the data lies inside it).
             UTIL::Region region;
             g.description.task->getOutputDescription(nullptr, &region);
-            g.description.rect = region.boundingBox();
+            const UTIL::Rect& format = g.description.task->getFormat();
+            g.description.rect = format.isNull() ? region.boundingBox() : format;
         }
         uint64_t defined = 0;
         g.description.task->getOutputDescription(&defined, nullptr);

@@ -81,11 +81,14 @@ private:
                               &init));
         int part = 0;
         check(exr_add_part(m_context, nullptr, EXR_STORAGE_TILED, &part));
-        const UTIL::Rect& r = m_layout.rect;
-        const exr_attr_box2i_t window = {{int32_t(r.xmin), int32_t(r.ymin)},
-                                         {int32_t(r.xmax - 1), int32_t(r.ymax - 1)}};
+        auto box = [](const UTIL::Rect& r) {
+            return exr_attr_box2i_t{{int32_t(r.xmin), int32_t(r.ymin)},
+                                    {int32_t(r.xmax - 1), int32_t(r.ymax - 1)}};
+        };
+        const exr_attr_box2i_t data = box(m_layout.rect);
+        const exr_attr_box2i_t display = m_layout.format.isNull() ? data : box(m_layout.format);
         const exr_attr_v2f_t centre = {0.0f, 0.0f};
-        check(exr_initialize_required_attr(m_context, 0, &window, &window, 1.0f, &centre, 1.0f,
+        check(exr_initialize_required_attr(m_context, 0, &display, &data, 1.0f, &centre, 1.0f,
                                            EXR_LINEORDER_RANDOM_Y, compression));
         const exr_pixel_type_t type = params.dataType == "float" ? EXR_PIXEL_FLOAT : EXR_PIXEL_HALF;
         for (const std::string& name : m_layout.channelNames)

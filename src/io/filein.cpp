@@ -116,6 +116,7 @@ protected:
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
+    UTIL::Rect computeFormat() override { return m_info.displayWindow; }
     void makeInputFormatRequests() override {}
     void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
     void preRender() override {

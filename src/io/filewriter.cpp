@@ -26,6 +26,7 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
     target->output = output;
     Private::OutputLayout layout;
     layout.rect = output.rect;
+    layout.format = output.task ? output.task->getFormat() : UTIL::Rect();
     // File tiles follow the render's, never larger than the image.
     layout.tileWidth =
         std::clamp<int64_t>(output.rect.width(), 1, RenderManager::getGlobalTileWidth());

@@ -63,6 +63,7 @@ struct ImageWriterSpec {
     std::string path;      // where the bytes go
     std::string formatOf;  // the name whose extension gives the format
     UTIL::Rect rect;
+    UTIL::Rect displayWindow;
     std::vector<std::string> channelNames;
     std::string dataType;  // "half", "float", "uint8", "uint16"; empty: the format's usual
     std::string compression;

@@ -30,10 +30,12 @@ struct PixelPiece {
     }
 };
 
-// What a file holds: the output's rectangle (data and display window) and
-// its channels, in the output's order ("R", "G", "B", "A", "Z").
+// What a file holds: the output's rectangle (the data window), its format
+// (the display window) and its channels by name, in bit order ("R", "G",
+// "B", "A", "Z", then named ones).
 struct OutputLayout {
     UTIL::Rect rect;
+    UTIL::Rect format;
     std::vector<std::string> channelNames;
     int64_t tileWidth = 0;  // the render's tiles, which file tiles and bands follow
     int64_t tileHeight = 0;

@@ -31,8 +31,8 @@ public:
         const ImageFormatModule* module = imageFormatModule(error);
         if (module)
             m_out = module->openWriter(
-                ImageWriterSpec{m_commit.temporary(), params.path, layout.rect, layout.channelNames,
-                                params.dataType, params.compression},
+                ImageWriterSpec{m_commit.temporary(), params.path, layout.rect, layout.format,
+                                layout.channelNames, params.dataType, params.compression},
                 error);
         if (!m_out) {
             m_commit.fail(error);

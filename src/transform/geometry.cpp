@@ -130,6 +130,26 @@ protected:
         addInputRequest(0, getDefinedInputChannels(0) & getRequiredOutputChannels());
     }
 
+    // As compositors do: a crop's format is its rectangle, a border grows
+    // the format by its margins, moves and orientations carry it along.
+    Rect computeFormat() override {
+        const Rect& in = getInputFormat(0);
+        const Settings& p = m_settings;
+        switch (p.kind) {
+            case Kind::Crop:
+                return p.rect;
+            case Kind::Reposition:
+            case Kind::Orient:
+                return outputRectOf(in);
+            case Kind::Border:
+                return in.isNull() ? in
+                                   : Rect(in.xmin - p.margins[0], in.ymin - p.margins[1],
+                                          in.xmax + p.margins[2], in.ymax + p.margins[3]);
+            default:
+                return in;
+        }
+    }
+
     void computeRequiredInputRectangles(const Rect& outputRect,
                                         std::vector<Rect>& inputRects) override {
         inputRects.assign(1, sourceRectOf(outputRect.intersection(m_frame)));
@@ -425,8 +445,8 @@ void declareGeometryOperations(OperationList& ops) {
                      "transparent black outside (else the input's background colour)"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createCropTask(a.node(), a.time(), a.rect("rect"), a.flag("blackOutside"),
-                                             a.input("input"));
+                       return createCropTask(a.node(), a.time(), a.rect("rect"),
+                                             a.flag("blackOutside"), a.input("input"));
                    },
                    "As `oiiotool --crop`: the data window becomes the rectangle's part of the "
                    "input's; the pixels inside are the input's."});
@@ -437,8 +457,8 @@ void declareGeometryOperations(OperationList& ops) {
                      "keep only the part of the input's region inside rect"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createDataWindowTask(a.node(), a.time(), a.rect("rect"), a.flag("shrink"),
-                                                   a.input("input"));
+                       return createDataWindowTask(a.node(), a.time(), a.rect("rect"),
+                                                   a.flag("shrink"), a.input("input"));
                    },
                    "Pixels inside the region are the input's (its background colour where it has "
                    "no data); outside, the input's background colour."});

@@ -122,6 +122,17 @@ protected:
         r.add(m_box);
         return r;
     }
+    // The input's format scaled, its edges rounded to the nearest pixel; a
+    // resize to a size makes a format that was the input's box that size.
+    Rect computeFormat() override {
+        const Rect& in = getInputFormat(0);
+        if (in.isNull()) return in;
+        if (!m_params.box.isNull() && in == m_inputBox) return m_box;
+        auto edge = [](int64_t c, const Axis& a) {
+            return int64_t(std::llround(double(c) * a.scale + a.translate));
+        };
+        return Rect(edge(in.xmin, m_x), edge(in.ymin, m_y), edge(in.xmax, m_x), edge(in.ymax, m_y));
+    }
     void makeInputFormatRequests() override {
         addInputRequest(0, getDefinedInputChannels(0) & getRequiredOutputChannels(),
                         m_params.extend, false, m_inputBox);

@@ -335,7 +335,7 @@ TEST_F(ExrFiles, OutputsWriteChannelsByName) {
         "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": "
         "{\"path\": \"" +
         in +
-        "\"}}], \"outputs\": [{\"node\": \"plate\", \"channels\": "
+        "\"}}], \"outputs\": [{\"node\": \"plate\", \"rect\": [-5, 3, 53, 41], \"channels\": "
         "\"RGBA,diffuse.*,forward.u\", \"dataType\": \"float\", \"file\": "
         "\"" +
         out + "\"}]}";
@@ -346,6 +346,11 @@ TEST_F(ExrFiles, OutputsWriteChannelsByName) {
     for (const char* name :
          {"R", "G", "B", "A", "diffuse.R", "diffuse.G", "diffuse.B", "forward.u"})
         EXPECT_TRUE(sameBits(written.at(name), source.at(name))) << name;
+    // The rectangle rendered is the data window; the format, the display
+    // window.
+    const FileWindows windows = readFileWindows(out);
+    EXPECT_EQ(windows.dataWindow, kDataRect);
+    EXPECT_EQ(windows.displayWindow, UTIL::Rect(0, 0, 64, 48));
 
     auto loadError = [&](const std::string& channels, const std::string& to) {
         try {
@@ -412,4 +417,41 @@ TEST_F(ExrFiles, ShufflesMoveChannelsByName) {
         EXPECT_NE(std::string(e.what()).find("lacks"), std::string::npos) << e.what();
         EXPECT_NE(std::string(e.what()).find("forward.v"), std::string::npos) << e.what();
     }
+}
+
+// The format comes from the file's display window and follows the geometry
+// as a compositor's does; outputs write it as the display window and, with
+// no rectangle given, render it.
+TEST_F(ExrFiles, TheFormatFollowsTheGeometryToTheOutput) {
+    const std::string in = file("plate.exr");
+    writeExr(in, {{"R"}, {"G"}, {"B"}, {"A"}}, Imf::ZIP_COMPRESSION, false);
+    const TaskPtr plate = createFileInTask("plate", 0, fileIn(in));
+    EXPECT_EQ(plate->getFormat(), UTIL::Rect(0, 0, 64, 48));
+    auto op = [&](const std::string& name, const std::string& params) {
+        return createOperationTask(name, name, params, {{"input", plate}});
+    };
+    EXPECT_EQ(op("reposition", "{\"offset\": [7, -5]}")->getFormat(), UTIL::Rect(7, -5, 71, 43));
+    EXPECT_EQ(op("border", "{\"left\": 6, \"bottom\": 3}")->getFormat(), UTIL::Rect(-6, 0, 64, 51));
+    EXPECT_EQ(op("crop", "{\"rect\": [4, 2, 60, 40]}")->getFormat(), UTIL::Rect(4, 2, 60, 40));
+    EXPECT_EQ(op("proxy", "{\"level\": 2}")->getFormat(), UTIL::Rect(0, 0, 16, 12));
+    EXPECT_EQ(op("blur", "{\"size\": [9, 9]}")->getFormat(), UTIL::Rect(0, 0, 64, 48));
+    // A resize to a size makes a format that was its box exactly that size.
+    const TaskPtr box = op("crop", "{\"rect\": [-5, 3, 53, 41], \"blackOutside\": true}");
+    EXPECT_EQ(createOperationTask("resize", "resize", "{\"size\": [29, 61]}", {{"input", box}})
+                  ->getFormat(),
+              UTIL::Rect(-5, 3, 24, 64));
+
+    const std::string out = file("half.exr");
+    writeGraphOutputs(
+        loadGraph("{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", "
+                  "\"params\": {\"path\": \"" +
+                      in +
+                      "\"}}, {\"id\": \"half\", \"op\": \"proxy\", \"inputs\": "
+                      "{\"input\": \"plate\"}}], \"outputs\": [{\"node\": "
+                      "\"half\", \"file\": \"" +
+                      out + "\"}]}",
+                  dir.string()));
+    const FileWindows windows = readFileWindows(out);
+    EXPECT_EQ(windows.displayWindow, UTIL::Rect(0, 0, 32, 24));
+    EXPECT_EQ(windows.dataWindow, UTIL::Rect(0, 0, 32, 24));
 }

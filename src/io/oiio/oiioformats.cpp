@@ -166,8 +166,13 @@ public:
     std::string open(const ImageWriterSpec& s) {
         OIIO::ImageSpec spec(int(s.rect.width()), int(s.rect.height()), int(s.channelNames.size()),
                              typeOf(s));
-        spec.x = spec.full_x = int(s.rect.xmin);
-        spec.y = spec.full_y = int(s.rect.ymin);
+        spec.x = int(s.rect.xmin);
+        spec.y = int(s.rect.ymin);
+        const UTIL::Rect& display = s.displayWindow.isNull() ? s.rect : s.displayWindow;
+        spec.full_x = int(display.xmin);
+        spec.full_y = int(display.ymin);
+        spec.full_width = int(display.width());
+        spec.full_height = int(display.height());
         spec.channelnames = s.channelNames;
         const auto alpha = std::find(s.channelNames.begin(), s.channelNames.end(), "A");
         spec.alpha_channel =

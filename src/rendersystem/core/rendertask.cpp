@@ -152,6 +152,15 @@ const Imath::Color4<float>& RenderTask::getInputBackgroundColor(size_t input) {
     return imp().getInputBackgroundColor(input);
 }
 
+const UTIL::Rect& RenderTask::getInputFormat(size_t input) {
+    return imp().getInputFormat(input);
+}
+
+const UTIL::Rect& RenderTask::getFormat() {
+    imp().ensureOutputDescription();
+    return m_imp->m_format;
+}
+
 const std::string& RenderTask::getInputCacheID(size_t input) {
     return imp().getInputCacheID(input);
 }
@@ -199,6 +208,11 @@ ImageBuffer RenderTask::makeBackgroundInputImage(size_t input, uint64_t channels
     const float rgba[4] = {bg.r, bg.g, bg.b, bg.a};
     Private::checkImglib(IMGLIB::Fill(image.getImage(), rgba), getNameAtTime());
     return image;
+}
+
+UTIL::Rect RenderTask::computeFormat() {
+    if (getInputTaskCount() == 0) return getDefinedOutputDataRegion().boundingBox();
+    return getInputFormat(0);
 }
 
 Imath::Color4<float> RenderTask::computeBackgroundColor() {

@@ -77,6 +77,7 @@ void RenderTask::Imp::computeOwnOutputDescription() {
     m_definedOutputChannels = IMGLIB::ValidateChannelMask(channels);
     m_definedOutputDataRegion = std::move(region);
     m_backgroundColor = background;
+    m_format = t.computeFormat();
     m_cacheID = cacheID;
     // A cache ID that is already in compressed form stands for itself.
     m_compressedCacheID = cacheID.compare(0, 1, "$") == 0 ? cacheID : compressCacheID(cacheID);

@@ -68,6 +68,7 @@ public:
     const Imath::Color4<float>& getInputBackgroundColor(size_t inputID) {
         return inputImp(inputID).m_backgroundColor;
     }
+    const UTIL::Rect& getInputFormat(size_t inputID) { return inputImp(inputID).m_format; }
     const std::string& getInputCacheID(size_t inputID) {
         return inputImp(inputID).m_compressedCacheID;
     }
@@ -98,6 +99,7 @@ public:
     uint64_t m_definedOutputChannels = 0;
     UTIL::Region m_definedOutputDataRegion;
     Imath::Color4<float> m_backgroundColor{0, 0, 0, 0};
+    UTIL::Rect m_format;  // the display window
     std::string m_typeString;
     std::string m_cacheID;
     std::string m_compressedCacheID;
