@@ -73,6 +73,8 @@ struct TESSERA_API FileOutParams {
     std::string dataType;             // "half", "float", "uint8" or "uint16"; empty: the
                                       // format's usual (EXR half, TIFF uint16, else uint8)
     std::string compression = "zip";  // EXR and TIFF compression
+    std::string layout = "tiled";     // EXR: "tiled" or "scanline"
+    int tileSize = 0;                 // EXR tiles: 0 for the render's; never above the image
 };
 
 // An observer that writes outputs to files while the render runs: each tile

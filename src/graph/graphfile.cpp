@@ -407,7 +407,8 @@ Graph loadGraph(const std::string& text, const std::string& base,
         const std::string id = out["node"];
         for (auto it = out.begin(); it != out.end(); ++it)
             if (it.key() != "node" && it.key() != "rect" && it.key() != "channels" &&
-                it.key() != "file" && it.key() != "dataType" && it.key() != "compression")
+                it.key() != "file" && it.key() != "dataType" && it.key() != "compression" &&
+                it.key() != "layout" && it.key() != "tileSize")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
         g.description.task = build(id, "(output)", "node");
@@ -444,6 +445,15 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 graph.animated |= hasFrameNumber(path);
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
+                file.layout = out.value("layout", std::string("tiled"));
+                if (file.layout != "tiled" && file.layout != "scanline")
+                    throw GraphFileError(id, "layout",
+                                         "unknown layout '" + file.layout + "' (tiled, scanline)");
+                if (out.contains("tileSize")) {
+                    checkValue(id, Param{"tileSize", ParamType::Int, 64}.range(1, 65536),
+                               out["tileSize"]);
+                    file.tileSize = out["tileSize"].get<int>();
+                }
                 g.files.push_back(file);
             }
         }

@@ -34,6 +34,14 @@ public:
     void add(const PixelPiece& piece, const Whole& whole);
 
     UTIL::Rect blockRect(int64_t column, int64_t row) const;
+    // Block (column, row)'s place when the blocks are counted row by row
+    // from the first block of the area.
+    int64_t blockIndex(int64_t column, int64_t row) const {
+        const int64_t firstColumn = floorDiv(m_area.xmin - m_originX, m_blockWidth);
+        const int64_t columns =
+            floorDiv(m_area.xmax - 1 - m_originX, m_blockWidth) + 1 - firstColumn;
+        return (row - firstRow()) * columns + (column - firstColumn);
+    }
     // The grid cells that hold the area, [first, last) in each direction.
     int64_t firstRow() const { return floorDiv(m_area.ymin - m_originY, m_blockHeight); }
     int64_t endRow() const { return floorDiv(m_area.ymax - 1 - m_originY, m_blockHeight) + 1; }

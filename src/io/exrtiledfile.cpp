@@ -1,14 +1,17 @@
 // Tiled EXR files written with OpenEXR's core library, which lets several
 // threads compress tiles of one file at once: each tile is compressed on the
 // render thread that delivered it, straight from the render's memory when it
-// is one whole file tile, and its bytes are queued for whichever render
-// thread finds no one writing.
+// is one whole file tile. Compressed tiles are written in the file's order,
+// each as soon as every tile before it is (so the bytes are the same from
+// run to run and for any number of threads), through a queue that whichever
+// render thread finds no one writing writes out.
 #include <OpenEXR/openexr.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <mutex>
 
 #include "io/blockgatherer.h"
@@ -118,13 +121,49 @@ private:
             channel.user_data_type = EXR_PIXEL_FLOAT;
             channel.user_bytes_per_element = sizeof(float);
         }
+        Encoded encoded{int(column), int(row), {}};
         if (result == EXR_ERR_SUCCESS)
             result = exr_encoding_choose_default_routines(m_context, 0, &pipeline);
-        if (result == EXR_ERR_SUCCESS) result = exr_encoding_run(m_context, 0, &pipeline);
+        if (result == EXR_ERR_SUCCESS) {
+            // The bytes are kept, to go into the file in its order.
+            pipeline.write_fn = &ExrTiledFile::keepBytes;
+            pipeline.encoding_user_data = &encoded.bytes;
+            result = exr_encoding_run(m_context, 0, &pipeline);
+        }
         exr_encoding_destroy(m_context, &pipeline);
         check(result);
+        writeInOrder(m_gatherer.blockIndex(column, row), std::move(encoded));
         const std::string error = m_writes.write(false);
         if (!error.empty()) fail(error);
+    }
+
+    struct Encoded {
+        int column, row;
+        std::vector<uint8_t> bytes;
+    };
+    static exr_result_t keepBytes(exr_encode_pipeline_t* pipeline) {
+        const bool compressed = pipeline->compressed_buffer && pipeline->compressed_bytes > 0;
+        const auto* bytes = static_cast<const uint8_t*>(compressed ? pipeline->compressed_buffer
+                                                                   : pipeline->packed_buffer);
+        const size_t size =
+            size_t(compressed ? pipeline->compressed_bytes : pipeline->packed_bytes);
+        static_cast<std::vector<uint8_t>*>(pipeline->encoding_user_data)
+            ->assign(bytes, bytes + size);
+        return EXR_ERR_SUCCESS;
+    }
+    // Tile `index` (in the file's order) is encoded: it and every tile after
+    // it that waited for it go to the file.
+    void writeInOrder(int64_t index, Encoded encoded) {
+        std::lock_guard<std::mutex> lock(m_orderMutex);
+        m_encoded.emplace(index, std::move(encoded));
+        for (auto next = m_encoded.find(m_nextIndex); next != m_encoded.end();
+             next = m_encoded.find(m_nextIndex)) {
+            const Encoded& e = next->second;
+            check(exr_write_tile_chunk(m_context, 0, e.column, e.row, 0, 0, e.bytes.data(),
+                                       e.bytes.size()));
+            m_encoded.erase(next);
+            ++m_nextIndex;
+        }
     }
 
     // Throws with the first failure's words when `result` is one.
@@ -182,6 +221,11 @@ private:
     // render.
     WriteQueue m_writes{size_t(16) << 20};
     exr_context_t m_context = nullptr;
+    // Tiles encoded ahead of the next one in the file's order. Taken before
+    // the library's own lock and m_mutex.
+    std::mutex m_orderMutex;
+    std::map<int64_t, Encoded> m_encoded;
+    int64_t m_nextIndex = 0;
     std::mutex m_mutex;    // guards m_reason and m_commit's error
     std::string m_reason;  // the first failure in the system's or the library's words
 };

@@ -27,11 +27,8 @@ void FileWriter::addOutput(size_t index, const RenderDescription& output,
     Private::OutputLayout layout;
     layout.rect = output.rect;
     layout.format = output.task ? output.task->getFormat() : UTIL::Rect();
-    // File tiles follow the render's, never larger than the image.
-    layout.tileWidth =
-        std::clamp<int64_t>(output.rect.width(), 1, RenderManager::getGlobalTileWidth());
-    layout.tileHeight =
-        std::clamp<int64_t>(output.rect.height(), 1, RenderManager::getGlobalTileHeight());
+    layout.tileWidth = RenderManager::getGlobalTileWidth();
+    layout.tileHeight = RenderManager::getGlobalTileHeight();
     // Every channel under its name, in bit order (R, G, B, A, Z, then the
     // named ones).
     for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit)

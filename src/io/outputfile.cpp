@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -65,8 +66,22 @@ bool FileCommit::commit() {
 
 std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
                                            const OutputLayout& layout) {
-    if (std::filesystem::path(params.path).extension() == ".exr")
-        if (std::unique_ptr<OutputFile> file = openExrTiledFile(params, layout)) return file;
+    if (params.layout != "tiled" && params.layout != "scanline")
+        throw UTIL::ErrorException("cannot write '" + params.path + "': unknown layout '" +
+                                   params.layout + "' (tiled, scanline)");
+    if (params.tileSize < 0 || params.tileSize > 65536)
+        throw UTIL::ErrorException("cannot write '" + params.path + "': tile size " +
+                                   std::to_string(params.tileSize) + " is not from 1 to 65536");
+    if (std::filesystem::path(params.path).extension() == ".exr" && params.layout == "tiled") {
+        OutputLayout tiled = layout;
+        if (params.tileSize > 0) tiled.tileWidth = tiled.tileHeight = params.tileSize;
+        // Never a tile larger than the image.
+        tiled.tileWidth =
+            std::clamp<int64_t>(tiled.tileWidth, 1, std::max<int64_t>(1, layout.rect.width()));
+        tiled.tileHeight =
+            std::clamp<int64_t>(tiled.tileHeight, 1, std::max<int64_t>(1, layout.rect.height()));
+        if (std::unique_ptr<OutputFile> file = openExrTiledFile(params, tiled)) return file;
+    }
     return openScanlineFile(params, layout);
 }
 

@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 
 #include "exceptions.h"
@@ -454,4 +455,53 @@ TEST_F(ExrFiles, TheFormatFollowsTheGeometryToTheOutput) {
     const FileWindows windows = readFileWindows(out);
     EXPECT_EQ(windows.displayWindow, UTIL::Rect(0, 0, 32, 24));
     EXPECT_EQ(windows.dataWindow, UTIL::Rect(0, 0, 32, 24));
+}
+
+// Checksum pipelines need the same bytes for the same render: tiles go into
+// the file in its order whatever order the threads finish them in.
+TEST_F(ExrFiles, OutputBytesAreTheSameForAnyThreadCountAndRun) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::PIZ_COMPRESSION, true);
+    auto bytesOf = [](const std::string& path) {
+        std::ifstream f(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(f), {});
+    };
+    auto render = [&](int threads, const std::string& layout, const std::string& name) {
+        RenderManager::setRenderThreads(uint64_t(threads));
+        RenderManager::setGlobalTileSize(16, 16);
+        RenderManager::ClearRenderTaskCache();
+        const std::string out = file(name);
+        writeGraphOutputs(loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+                "\"}}, {\"id\": \"soft\", \"op\": \"blur\", \"params\": {\"size\": [5, 5]}, "
+                "\"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{\"node\": \"soft\", "
+                "\"channels\": \"all\", \"compression\": \"zip\", \"layout\": \"" +
+                layout + "\", \"tileSize\": 16, \"file\": \"" + out + "\"}]}",
+            dir.string()));
+        return bytesOf(out);
+    };
+    for (const char* layout : {"tiled", "scanline"}) {
+        const std::string reference = render(1, layout, std::string(layout) + "1.exr");
+        for (int threads : {2, 4, 4})
+            EXPECT_EQ(
+                render(threads, layout, std::string(layout) + std::to_string(threads) + ".exr"),
+                reference)
+                << layout << ", " << threads << " threads";
+        auto file = OIIO::ImageInput::open(this->file(std::string(layout) + "1.exr"));
+        ASSERT_TRUE(file);
+        EXPECT_EQ(file->spec().tile_width, std::string(layout) == "tiled" ? 16 : 0);
+    }
+    // A tile size beyond the image is cut to it: the file stays readable.
+    RenderManager::setGlobalTileSize(16384, 16384);
+    const std::string big = file("big.exr");
+    writeGraphOutputs(loadGraph(
+        "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+            "\"}}], \"outputs\": [{\"node\": \"plate\", \"file\": \"" + big + "\"}]}",
+        dir.string()));
+    auto file = OIIO::ImageInput::open(big);
+    ASSERT_TRUE(file) << OIIO::geterror();
+    EXPECT_EQ(file->spec().tile_width, 64);
+    EXPECT_EQ(file->spec().tile_height, 48);
+    RenderManager::setGlobalTileSize(256, 256);
+    RenderManager::setRenderThreads(2);
 }
