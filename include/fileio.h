@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "renderdescription.h"
@@ -19,6 +20,10 @@
 namespace TESSERA {
 
 struct TESSERA_API FileInParams {
+    FileInParams() = default;
+    explicit FileInParams(std::string path, int subimage = 0)
+        : path(std::move(path)), subimage(subimage) {}
+
     std::string path;
     // Which part of a multi-part file (counted among the parts of `view`
     // when one is chosen and the views are in parts of their own).
@@ -68,13 +73,34 @@ struct TESSERA_API FileWindows {
 };
 TESSERA_API FileWindows readFileWindows(const std::string& path);
 
+// A header attribute an output writes: a string, or a number (an integer
+// when it is whole, else a float).
+struct TESSERA_API FileAttribute {
+    std::string name;
+    std::string text;
+    double number = 0;
+    bool isNumber = false;
+};
+
 struct TESSERA_API FileOutParams {
+    FileOutParams() = default;
+    FileOutParams(std::string path, std::string dataType = std::string(),
+                  std::string compression = "zip")
+        : path(std::move(path)),
+          dataType(std::move(dataType)),
+          compression(std::move(compression)) {}
+
     std::string path;                 // the format follows the extension
     std::string dataType;             // "half", "float", "uint8" or "uint16"; empty: the
                                       // format's usual (EXR half, TIFF uint16, else uint8)
     std::string compression = "zip";  // EXR and TIFF compression
     std::string layout = "tiled";     // EXR: "tiled" or "scanline"
     int tileSize = 0;                 // EXR tiles: 0 for the render's; never above the image
+    // EXR: a file whose header attributes (chromaticities, frame rate,
+    // owner, custom ones; not its layout) the output carries over; then
+    // `attributes`, which win.
+    std::string attributesFrom;
+    std::vector<FileAttribute> attributes;
 };
 
 // An observer that writes outputs to files while the render runs: each tile

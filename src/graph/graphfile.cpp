@@ -142,6 +142,30 @@ uint64_t parseChannels(const std::string& node, const std::string& text, uint64_
     return mask;
 }
 
+// An output's header attributes: names with strings or numbers.
+std::vector<FileAttribute> parseAttributes(const std::string& node, const json& attributes) {
+    if (!attributes.is_object())
+        throw GraphFileError(node, "attributes", "an object of names and strings or numbers");
+    std::vector<FileAttribute> list;
+    for (auto it = attributes.begin(); it != attributes.end(); ++it) {
+        FileAttribute a;
+        a.name = it.key();
+        if (it.value().is_string()) {
+            a.text = it.value().get<std::string>();
+        } else if (it.value().is_number() && std::isfinite(it.value().get<double>())) {
+            a.isNumber = true;
+            a.number = it.value().get<double>();
+        } else {
+            throw GraphFileError(
+                node, "attributes",
+                "'" + a.name + "' needs a string or a number, got " + it.value().dump());
+        }
+        if (a.name.empty()) throw GraphFileError(node, "attributes", "an attribute needs a name");
+        list.push_back(a);
+    }
+    return list;
+}
+
 }  // namespace
 
 ParameterOverride parseParameterOverride(const std::string& text) {
@@ -308,6 +332,9 @@ Graph loadGraph(const std::string& text, const std::string& base,
     }
 
     std::map<std::string, TaskPtr> built;
+    // The first file a node reads, following first inputs first: outputs
+    // carry its header attributes over.
+    std::map<std::string, std::string> firstFile;
     std::set<std::string> varying;   // built nodes whose output changes with the frame
     std::set<std::string> building;  // the nodes on the path being built
     // The operation and checked parameters of a node whose inputs are next.
@@ -382,6 +409,14 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 const std::string from = p.inputs[in.name].get<std::string>();
                 inputTasks[in.name] = built.at(from);
                 varies |= varying.count(from) > 0;
+                if (!firstFile.count(id) && firstFile.count(from)) firstFile[id] = firstFile[from];
+            }
+            if (p.op->name == "filein" && p.params.contains("path")) {
+                std::string raw = p.params["path"].get<std::string>();
+                if (hasFrameNumber(raw)) raw = framePath(raw, frame);
+                const std::filesystem::path path(raw);
+                firstFile[id] = path.is_absolute() ? path.string()
+                                                   : (std::filesystem::path(base) / path).string();
             }
             const TaskPtr task = buildNode(id, *p.op, p.params, inputTasks, base, frame);
             // What changes every frame is not kept for the next: the tile
@@ -408,7 +443,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
         for (auto it = out.begin(); it != out.end(); ++it)
             if (it.key() != "node" && it.key() != "rect" && it.key() != "channels" &&
                 it.key() != "file" && it.key() != "dataType" && it.key() != "compression" &&
-                it.key() != "layout" && it.key() != "tileSize")
+                it.key() != "layout" && it.key() != "tileSize" && it.key() != "attributes")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
         g.description.task = build(id, "(output)", "node");
@@ -445,6 +480,9 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 graph.animated |= hasFrameNumber(path);
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
+                if (firstFile.count(id)) file.attributesFrom = firstFile[id];
+                if (out.contains("attributes"))
+                    file.attributes = parseAttributes(id, out["attributes"]);
                 file.layout = out.value("layout", std::string("tiled"));
                 if (file.layout != "tiled" && file.layout != "scanline")
                     throw GraphFileError(id, "layout",

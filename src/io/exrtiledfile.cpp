@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "io/blockgatherer.h"
+#include "io/exrattributes.h"
 #include "io/outputfile.h"
 #include "io/writequeue.h"
 #include "util/exceptions.h"
@@ -82,6 +83,10 @@ private:
         if (zipLevel >= 0) init.zip_level = zipLevel;
         check(exr_start_write(&m_context, m_commit.temporary().c_str(), EXR_WRITE_FILE_DIRECTLY,
                               &init));
+        {
+            std::lock_guard<std::mutex> lock(s_filesMutex);
+            s_files[m_context] = this;
+        }
         int part = 0;
         check(exr_add_part(m_context, nullptr, EXR_STORAGE_TILED, &part));
         auto box = [](const UTIL::Rect& r) {
@@ -100,6 +105,9 @@ private:
         check(exr_set_tile_descriptor(m_context, 0, uint32_t(m_layout.tileWidth),
                                       uint32_t(m_layout.tileHeight), EXR_TILE_ONE_LEVEL,
                                       EXR_TILE_ROUND_DOWN));
+        copyExrAttributes(m_context, 0, params.attributesFrom);
+        const std::string refused = setExrAttributes(m_context, 0, params.attributes);
+        if (!refused.empty()) fail(refused);
         check(exr_write_header(m_context));
         const std::string error = m_writes.write(true);
         if (!error.empty()) fail(error);
@@ -183,8 +191,14 @@ private:
 
     void close() {
         if (m_context) {
+            const exr_context_t context = m_context;
             const exr_result_t result = exr_finish(&m_context);
             m_context = nullptr;
+            {
+                std::lock_guard<std::mutex> lock(s_filesMutex);
+                auto found = s_files.find(context);
+                if (found != s_files.end() && found->second == this) s_files.erase(found);
+            }
             if (result != EXR_ERR_SUCCESS) fail(exr_get_default_error_message(result), false);
         }
         const std::string error = m_writes.write(true);
@@ -202,11 +216,15 @@ private:
         self->remember(error);
         return -1;
     }
+    // The library reports while it holds the context's lock, so the file is
+    // found through a table of our own, not by asking the library.
     static void report(exr_const_context_t context, exr_result_t, const char* message) {
-        void* user = nullptr;
-        if (exr_get_user_data(context, &user) == EXR_ERR_SUCCESS && user)
-            static_cast<ExrTiledFile*>(user)->remember(message);
+        std::lock_guard<std::mutex> lock(s_filesMutex);
+        auto found = s_files.find(context);
+        if (found != s_files.end()) found->second->remember(message ? message : "");
     }
+    static std::mutex s_filesMutex;  // guards s_files; taken inside the library's lock
+    static std::map<exr_const_context_t, ExrTiledFile*> s_files;
     void remember(const std::string& reason) {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_reason.empty()) m_reason = reason;
@@ -229,6 +247,9 @@ private:
     std::mutex m_mutex;    // guards m_reason and m_commit's error
     std::string m_reason;  // the first failure in the system's or the library's words
 };
+
+std::mutex ExrTiledFile::s_filesMutex;
+std::map<exr_const_context_t, ExrTiledFile*> ExrTiledFile::s_files;
 
 }  // namespace
 

@@ -67,6 +67,9 @@ struct ImageWriterSpec {
     std::vector<std::string> channelNames;
     std::string dataType;  // "half", "float", "uint8", "uint16"; empty: the format's usual
     std::string compression;
+    std::string attributesFrom;  // a file whose header attributes are carried over
+    std::vector<std::pair<std::string, std::string>> textAttributes;
+    std::vector<std::pair<std::string, double>> numberAttributes;
 };
 class ImageWriter {
 public:

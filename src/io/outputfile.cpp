@@ -1,5 +1,7 @@
 #include "io/outputfile.h"
 
+#include "io/exrattributes.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -69,6 +71,10 @@ std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
     if (params.layout != "tiled" && params.layout != "scanline")
         throw UTIL::ErrorException("cannot write '" + params.path + "': unknown layout '" +
                                    params.layout + "' (tiled, scanline)");
+    for (const FileAttribute& a : params.attributes)
+        if (isExrLayoutAttribute(a.name))
+            throw UTIL::ErrorException("cannot write '" + params.path + "': attribute '" + a.name +
+                                       "' is set by the output itself");
     if (params.tileSize < 0 || params.tileSize > 65536)
         throw UTIL::ErrorException("cannot write '" + params.path + "': tile size " +
                                    std::to_string(params.tileSize) + " is not from 1 to 65536");

@@ -29,11 +29,18 @@ public:
           m_next(m_gatherer.firstRow()) {
         std::string error;
         const ImageFormatModule* module = imageFormatModule(error);
-        if (module)
-            m_out = module->openWriter(
-                ImageWriterSpec{m_commit.temporary(), params.path, layout.rect, layout.format,
-                                layout.channelNames, params.dataType, params.compression},
-                error);
+        if (module) {
+            ImageWriterSpec spec{m_commit.temporary(), params.path,         layout.rect,
+                                 layout.format,        layout.channelNames, params.dataType,
+                                 params.compression};
+            spec.attributesFrom = params.attributesFrom;
+            for (const FileAttribute& a : params.attributes)
+                if (a.isNumber)
+                    spec.numberAttributes.emplace_back(a.name, a.number);
+                else
+                    spec.textAttributes.emplace_back(a.name, a.text);
+            m_out = module->openWriter(spec, error);
+        }
         if (!m_out) {
             m_commit.fail(error);
             m_commit.commit();

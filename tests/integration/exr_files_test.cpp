@@ -8,12 +8,15 @@
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfInputFile.h>
+#include <OpenEXR/ImfIntAttribute.h>
 #include <OpenEXR/ImfMultiPartOutputFile.h>
 #include <OpenEXR/ImfMultiView.h>
 #include <OpenEXR/ImfOutputFile.h>
 #include <OpenEXR/ImfOutputPart.h>
 #include <OpenEXR/ImfPartType.h>
 #include <OpenEXR/ImfStandardAttributes.h>
+#include <OpenEXR/ImfStringAttribute.h>
 #include <OpenEXR/ImfTiledOutputFile.h>
 #include <OpenImageIO/imageio.h>
 #include <unistd.h>
@@ -504,4 +507,69 @@ TEST_F(ExrFiles, OutputBytesAreTheSameForAnyThreadCountAndRun) {
     EXPECT_EQ(file->spec().tile_height, 48);
     RenderManager::setGlobalTileSize(256, 256);
     RenderManager::setRenderThreads(2);
+}
+
+// What the plate's header says about its pictures goes out with the comp,
+// tiled or in scanlines; the output's own attributes win.
+TEST_F(ExrFiles, HeaderAttributesOfThePlateAreCarriedOver) {
+    const std::string in = file("plate.exr");
+    {
+        Planes storage;
+        const std::vector<Plane> planes = {{"R"}, {"G"}, {"B"}, {"A"}};
+        Imf::Header header = headerFor(planes, Imf::ZIP_COMPRESSION);
+        Imf::addChromaticities(header, Imf::Chromaticities({0.713f, 0.293f}, {0.165f, 0.830f},
+                                                           {0.128f, 0.044f}, {0.32168f, 0.33767f}));
+        Imf::addFramesPerSecond(header, Imf::Rational(24000, 1001));
+        Imf::addOwner(header, "studio");
+        header.insert("shot", Imf::StringAttribute("sq010_sh020"));
+        header.insert("take", Imf::IntAttribute(7));
+        Imf::OutputFile out(in.c_str(), header);
+        out.setFrameBuffer(frameBuffer(planes, storage));
+        out.writePixels(kData.max.y - kData.min.y + 1);
+    }
+    for (const char* layout : {"tiled", "scanline"}) {
+        const std::string out = file(std::string("comp_") + layout + ".exr");
+        writeGraphOutputs(loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+                "\"}}, {\"id\": \"grade\", \"op\": \"gain\", \"params\": {\"gain\": [2, 2, 2, "
+                "1]}, \"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{\"node\": \"grade\", "
+                "\"layout\": \"" +
+                layout +
+                "\", \"attributes\": {\"owner\": \"comp\", \"revision\": 3}, \"file\": \"" + out +
+                "\"}]}",
+            dir.string()));
+        Imf::InputFile written(out.c_str());
+        const Imf::Header& h = written.header();
+        ASSERT_TRUE(Imf::hasChromaticities(h)) << layout;
+        EXPECT_EQ(Imf::chromaticities(h).red, Imath::V2f(0.713f, 0.293f)) << layout;
+        ASSERT_TRUE(Imf::hasFramesPerSecond(h)) << layout;
+        EXPECT_EQ(Imf::framesPerSecond(h).n, 24000) << layout;
+        EXPECT_EQ(Imf::framesPerSecond(h).d, 1001u) << layout;
+        EXPECT_EQ(Imf::owner(h), "comp") << layout;
+        const auto* shot = h.findTypedAttribute<Imf::StringAttribute>("shot");
+        ASSERT_TRUE(shot) << layout;
+        EXPECT_EQ(shot->value(), "sq010_sh020");
+        const auto* take = h.findTypedAttribute<Imf::IntAttribute>("take");
+        ASSERT_TRUE(take) << layout;
+        EXPECT_EQ(take->value(), 7);
+        const auto* version = h.findTypedAttribute<Imf::IntAttribute>("revision");
+        ASSERT_TRUE(version) << layout;
+        EXPECT_EQ(version->value(), 3);
+        EXPECT_EQ(h.displayWindow(), kDisplay) << layout;
+    }
+    // The layout is the output's own: an attribute that would change it is
+    // refused, naming it, and no file is left.
+    const std::string refused = file("refused.exr");
+    try {
+        writeGraphOutputs(loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+                "\"}}], \"outputs\": [{\"node\": \"plate\", \"attributes\": {\"compression\": "
+                "\"none\"}, \"file\": \"" +
+                refused + "\"}]}",
+            dir.string()));
+        ADD_FAILURE() << "the layout was overridden";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("'compression'"), std::string::npos) << e.what();
+    }
+    EXPECT_FALSE(fs::exists(refused));
 }

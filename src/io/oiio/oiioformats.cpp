@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -161,6 +162,30 @@ OIIO::TypeDesc typeOf(const ImageWriterSpec& spec) {
     return OIIO::TypeDesc::HALF;
 }
 
+// The source's header attributes that say what the pictures are (not how
+// the file lays them out), then the output's own.
+void carryAttributes(const ImageWriterSpec& s, OIIO::ImageSpec& spec) {
+    if (!s.attributesFrom.empty())
+        if (auto in = OIIO::ImageInput::open(s.attributesFrom)) {
+            for (const OIIO::ParamValue& p : in->spec().extra_attribs) {
+                const std::string name = p.name().string();
+                if (name.rfind("oiio:", 0) == 0 || name.rfind("openexr:", 0) == 0 ||
+                    name == "compression" || name == "tiles" || name == "multiView" ||
+                    name == "view" || name == "name" || name == "type")
+                    continue;
+                spec.extra_attribs.push_back(p);
+            }
+            in->close();
+        }
+    for (const auto& [name, text] : s.textAttributes) spec.attribute(name, text);
+    for (const auto& [name, number] : s.numberAttributes) {
+        if (number == std::floor(number) && std::fabs(number) < 2147483647.0)
+            spec.attribute(name, int(number));
+        else
+            spec.attribute(name, float(number));
+    }
+}
+
 class OiioWriter final : public ImageWriter {
 public:
     std::string open(const ImageWriterSpec& s) {
@@ -177,6 +202,7 @@ public:
         const auto alpha = std::find(s.channelNames.begin(), s.channelNames.end(), "A");
         spec.alpha_channel =
             alpha == s.channelNames.end() ? -1 : int(alpha - s.channelNames.begin());
+        carryAttributes(s, spec);
         spec.attribute("compression", s.compression);
         m_out = OIIO::ImageOutput::create(s.formatOf);
         if (!m_out) return OIIO::geterror();
