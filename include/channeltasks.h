@@ -18,6 +18,13 @@ struct TESSERA_API ShuffleSource {
     uint64_t channel = 0;  // one channel bit of that input
 };
 
+// The channels of a list as people write them, comma-separated: letters of
+// R, G, B, A, Z ("RGBA", "Z"), names ("forward.u"), whole layers
+// ("diffuse.*") or "all", among `available`. Letters need not be available
+// (they stand for the background where they are not); a name or layer that
+// is not throws std::invalid_argument saying what there is.
+TESSERA_API uint64_t parseChannelList(const std::string& text, uint64_t available);
+
 // A channel as a shuffle names it: "a.r" ... "b.v", "0" or "1".
 TESSERA_API ShuffleSource parseShuffleSource(const std::string& text);
 

@@ -203,10 +203,15 @@ namespace Private {
 
 void declareShuffleOperations(OperationList& ops) {
     std::vector<Param> params;
-    for (const auto& [channel, bit] : channelChoices())
-        params.push_back(Param{channel, ParamType::String, "a." + channel,
-                               "a.X or b.X (X one of r, g, b, a, z, u, v, or a channel name: "
-                               "a.forward.u; a bare name is a's), 0 or 1; \"\" drops it"});
+    for (const auto& [channel, bit] : channelChoices()) {
+        Param p{channel, ParamType::String, "a." + channel,
+                "a.X or b.X (X one of r, g, b, a, z, u, v, or a channel name: "
+                "a.forward.u; a bare name is a's), 0 or 1; \"\" drops it"};
+        // Red from a named channel of the plate, alpha from b.
+        if (channel == "r") p = p.withExample("a.diffuse.G");
+        if (channel == "a") p = p.withExample("b.a");
+        params.push_back(p);
+    }
     ops.push_back(
         {"shuffle",
          "each output channel from a channel of a or b, or 0 or 1",
@@ -230,6 +235,39 @@ void declareShuffleOperations(OperationList& ops) {
          "\"forward.v\", \"b\": \"0\"}` shows motion vectors. A named channel its input "
          "lacks is an error listing what the input has; a letter its input does not define is "
          "left out."});
+    ops.push_back(
+        {"channelcopy",
+         "channels of b brought into a by name, as a compositor's channel copy",
+         {Param{"channels", ParamType::String, "all",
+                "the channels of b: letters (RGBA, Z), names (forward.u), layers (diffuse.*) or "
+                "all"}
+              .withExample("A,Z")},
+         {"a", "b"},
+         [](const OperationArgs& args) {
+             const TaskPtr a = args.input("a"), b = args.input("b");
+             uint64_t fromA = 0, fromB = 0;
+             a->getOutputDescription(&fromA, nullptr);
+             b->getOutputDescription(&fromB, nullptr);
+             uint64_t copied = 0;
+             try {
+                 copied = parseChannelList(args.text("channels"), fromB) & fromB;
+             } catch (const std::invalid_argument& e) {
+                 args.fail("channels", std::string("b has ") + e.what());
+             }
+             // Every channel of a, then b's in place of a's of the same name.
+             Sources sources;
+             for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit) {
+                 const uint64_t channel = uint64_t(1) << bit;
+                 if ((fromA | copied) & channel)
+                     sources.emplace_back(
+                         channel,
+                         ShuffleSource{ShuffleSource::Input, copied & channel ? 1 : 0, channel});
+             }
+             return createShuffleTask(args.node(), args.time(), sources, a, b);
+         },
+         "Like `shuffle`, by name: the output has every channel of a, and the channels named "
+         "taken from b (where b has no data, b's background). A name or layer b lacks is an "
+         "error listing what b has."});
 }
 
 }  // namespace Private

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "animation.h"
+#include "channeltasks.h"
 #include "frames.h"
 #include "imglib/channels.h"
 #include "private/operation.h"
@@ -101,45 +102,13 @@ void checkValue(const std::string& node, const Param& p, const json& v) {
     }
 }
 
-// An output's channels: comma-separated letters ("RGBA", "Z"), names
-// ("forward.u"), whole layers ("diffuse.*") or "all", against the channels
-// the node defines. Letters the node lacks come out as its background; a
-// name or layer it lacks is an error listing what it has.
+// An output's channels (parseChannelList), which the node must have.
 uint64_t parseChannels(const std::string& node, const std::string& text, uint64_t defined) {
-    uint64_t mask = 0;
-    auto lacks = [&](const std::string& what) {
-        return GraphFileError(
-            node, "channels",
-            "the node has no " + what + " (it has " + IMGLIB::GetChannelMaskName(defined) + ")");
-    };
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t comma = text.find(',', start);
-        if (comma == std::string::npos) comma = text.size();
-        const std::string token = text.substr(start, comma - start);
-        start = comma + 1;
-        if (token.empty())
-            throw GraphFileError(node, "channels", "an empty channel name in '" + text + "'");
-        if (token == "all") {
-            mask |= defined;
-        } else if (token.find_first_not_of("RGBAZ") == std::string::npos) {
-            for (char c : token) mask |= IMGLIB::FindChannel(std::string(1, c));
-        } else if (token.size() > 2 && token.compare(token.size() - 2, 2, ".*") == 0) {
-            const std::string prefix = token.substr(0, token.size() - 1);
-            uint64_t layer = 0;
-            for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit)
-                if ((defined >> bit & 1) &&
-                    IMGLIB::GetChannelName(uint64_t(1) << bit).rfind(prefix, 0) == 0)
-                    layer |= uint64_t(1) << bit;
-            if (!layer) throw lacks("layer '" + token.substr(0, token.size() - 2) + "'");
-            mask |= layer;
-        } else {
-            const uint64_t channel = IMGLIB::FindChannel(token);
-            if (!(channel & defined)) throw lacks("channel '" + token + "'");
-            mask |= channel;
-        }
+    try {
+        return parseChannelList(text, defined);
+    } catch (const std::invalid_argument& e) {
+        throw GraphFileError(node, "channels", std::string("the node has ") + e.what());
     }
-    return mask;
 }
 
 // An output's header attributes: names with strings or numbers.

@@ -573,3 +573,33 @@ TEST_F(ExrFiles, HeaderAttributesOfThePlateAreCarriedOver) {
     }
     EXPECT_FALSE(fs::exists(refused));
 }
+
+// A channel copy brings a layer of one stream into another under its names;
+// a layer the source lacks is an error listing what it has.
+TEST_F(ExrFiles, AChannelCopyBringsALayerAcrossByName) {
+    const std::string aovs = file("aovs.exr");
+    writeExr(aovs, kAovs, Imf::ZIP_COMPRESSION, false);
+    const auto oiio = oiioRead(aovs);
+    const TaskPtr plate = createFileInTask("aovs", 0, fileIn(aovs));
+    const TaskPtr grey = createOperationTask(
+        "constant", "grey", "{\"color\": [0.5, 0.5, 0.5, 1], \"area\": [-5, 3, 53, 41]}", {});
+    const TaskPtr copied = createOperationTask(
+        "channelcopy", "copy", "{\"channels\": \"diffuse.*,mask\"}", {{"a", grey}, {"b", plate}});
+    uint64_t channels = 0;
+    copied->getOutputDescription(&channels, nullptr);
+    EXPECT_EQ(channels, IMGLIB::CHANNELS_RGBA | IMGLIB::FindChannel("diffuse.R") |
+                            IMGLIB::FindChannel("diffuse.G") | IMGLIB::FindChannel("diffuse.B") |
+                            IMGLIB::FindChannel("mask"));
+    const RenderedImage image = renderImage(copied, kDataRect, channels);
+    for (const char* name : {"diffuse.R", "diffuse.G", "diffuse.B", "mask"})
+        EXPECT_TRUE(sameBits(channelOf(image, name), oiio.at(name))) << name;
+    EXPECT_EQ(channelOf(image, "R"), std::vector<float>(size_t(kDataRect.area()), 0.5f));
+    try {
+        createOperationTask("channelcopy", "copy", "{\"channels\": \"specular.*\"}",
+                            {{"a", grey}, {"b", plate}});
+        ADD_FAILURE() << "a missing layer was copied";
+    } catch (const std::exception& e) {
+        EXPECT_NE(std::string(e.what()).find("specular"), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("diffuse.R"), std::string::npos) << e.what();
+    }
+}

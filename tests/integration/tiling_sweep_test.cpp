@@ -33,18 +33,20 @@ struct SweepFiles {
     fs::path dir = fs::temp_directory_path() / ("tessera_sweep_" + std::to_string(::getpid()));
     SweepFiles() {
         fs::create_directories(dir);
-        // An RGBAZ EXR of halves: colour above 1 in places, alpha that
-        // varies, depth from 0.5 to 12.
+        // An EXR of halves with render passes beside RGBAZ: colour above 1
+        // in places, alpha that varies, depth from 0.5 to 12; the passes
+        // travel by name (a shuffle and a copy read them).
         const int w = int(kArea.width()), h = int(kArea.height());
-        OIIO::ImageSpec spec(w, h, 5, OIIO::TypeDesc::HALF);
-        spec.channelnames = {"R", "G", "B", "A", "Z"};
+        constexpr int kChannels = 7;
+        OIIO::ImageSpec spec(w, h, kChannels, OIIO::TypeDesc::HALF);
+        spec.channelnames = {"R", "G", "B", "A", "Z", "diffuse.G", "forward.u"};
         spec.x = int(kArea.xmin), spec.y = int(kArea.ymin);
         spec.full_x = spec.x, spec.full_y = spec.y;
-        std::vector<float> pixels(size_t(w) * h * 5);
+        std::vector<float> pixels(size_t(w) * h * kChannels);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x)
-                for (int c = 0; c < 5; ++c)
-                    pixels[(size_t(y) * w + x) * 5 + c] =
+                for (int c = 0; c < kChannels; ++c)
+                    pixels[(size_t(y) * w + x) * kChannels + c] =
                         c == 4 ? 0.5f + float((x + 2 * y) % 24) / 2.0f
                                : float((x * 7 + y * 3 + c * 5) % 23) / (c == 3 ? 22.0f : 9.0f);
         auto out = OIIO::ImageOutput::create(image());
