@@ -101,6 +101,11 @@ public:
             if (e.pixel_type != EXR_PIXEL_HALF) m_info.halfChannels = false;
             m_info.channelNames[size_t(c)].assign(e.name.str, size_t(e.name.length));
         }
+        // Luminance-chroma files: the module rebuilds their RGB.
+        const auto& names = m_info.channelNames;
+        if (std::find(names.begin(), names.end(), "RY") != names.end() &&
+            std::find(names.begin(), names.end(), "BY") != names.end())
+            return "module";
         // The core library of OpenEXR 3.1 has no DWA decoder, and scrambles
         // the float channels of B44 files; OpenEXR's C++ library, behind
         // OpenImageIO, reads both.

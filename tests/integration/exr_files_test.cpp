@@ -5,6 +5,7 @@
 // nothing is matched by position.
 #include <gtest/gtest.h>
 
+#include <OpenEXR/ImfArray.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
@@ -15,6 +16,7 @@
 #include <OpenEXR/ImfOutputFile.h>
 #include <OpenEXR/ImfOutputPart.h>
 #include <OpenEXR/ImfPartType.h>
+#include <OpenEXR/ImfRgbaFile.h>
 #include <OpenEXR/ImfStandardAttributes.h>
 #include <OpenEXR/ImfStringAttribute.h>
 #include <OpenEXR/ImfTiledOutputFile.h>
@@ -602,4 +604,45 @@ TEST_F(ExrFiles, AChannelCopyBringsALayerAcrossByName) {
         EXPECT_NE(std::string(e.what()).find("specular"), std::string::npos) << e.what();
         EXPECT_NE(std::string(e.what()).find("diffuse.R"), std::string::npos) << e.what();
     }
+}
+
+// Luminance-chroma files (Y and subsampled RY, BY) come in as RGBA, as
+// OpenEXR's own RgbaInputFile rebuilds them.
+TEST_F(ExrFiles, LuminanceChromaFilesAreReadAsRGBA) {
+    const std::string path = file("yc.exr");
+    // Subsampled channels need even corners.
+    const Imath::Box2i data({-6, 4}, {53, 41});
+    const int w = data.max.x - data.min.x + 1, h = data.max.y - data.min.y + 1;
+    {
+        Imf::Array2D<Imf::Rgba> pixels(h, w);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                pixels[y][x] =
+                    Imf::Rgba(valueAt(0, x, y, Imf::HALF) + 3, valueAt(1, x, y, Imf::HALF) + 3,
+                              valueAt(2, x, y, Imf::HALF) + 3, 0.25f * float(x % 5));
+        Imf::Header header(kDisplay, data);
+        header.compression() = Imf::PIZ_COMPRESSION;
+        Imf::RgbaOutputFile out(path.c_str(), header, Imf::WRITE_YCA);
+        out.setFrameBuffer(&pixels[0][0] - data.min.x - data.min.y * w, 1, size_t(w));
+        out.writePixels(h);
+    }
+    Imf::Array2D<Imf::Rgba> expected(h, w);
+    {
+        Imf::RgbaInputFile in(path.c_str());
+        in.setFrameBuffer(&expected[0][0] - data.min.x - data.min.y * w, 1, size_t(w));
+        in.readPixels(data.min.y, data.max.y);
+    }
+    const RenderedImage image = renderImage(
+        createFileInTask("yc", 0, fileIn(path)),
+        UTIL::Rect(data.min.x, data.min.y, data.max.x + 1, data.max.y + 1), IMGLIB::CHANNELS_RGBA);
+    ASSERT_EQ(image.channels, IMGLIB::CHANNELS_RGBA);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const float* p = &image.pixels[(size_t(y) * w + x) * 4];
+            const Imf::Rgba& e = expected[y][x];
+            ASSERT_EQ(p[0], float(e.r)) << x << ", " << y;
+            ASSERT_EQ(p[1], float(e.g)) << x << ", " << y;
+            ASSERT_EQ(p[2], float(e.b)) << x << ", " << y;
+            ASSERT_EQ(p[3], float(e.a)) << x << ", " << y;
+        }
 }

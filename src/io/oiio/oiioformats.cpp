@@ -13,6 +13,7 @@
 #include <filesystem>
 
 #include "io/imagefiles.h"
+#include "io/oiio/lumachroma.h"
 
 namespace TESSERA {
 namespace Private {
@@ -105,6 +106,8 @@ private:
 };
 
 std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, std::string& error) {
+    if (auto lumaChroma = openLumaChromaReader(path, subimage, error)) return lumaChroma;
+    if (!error.empty()) return nullptr;
     auto in = OIIO::ImageInput::open(path);
     if (!in) {
         error = OIIO::geterror();
