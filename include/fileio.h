@@ -36,6 +36,9 @@ struct TESSERA_API FileInParams {
     bool layerInOrder = false;
     // A view of a multi-view file; empty: the file's default view.
     std::string view;
+    // The mip level of a mip-mapped (or rip-mapped) tiled file: 0 is full
+    // size, each level halves it; a file without the level is an error.
+    int level = 0;
 };
 
 // The file's pixels in the file's own coordinates: the defined region is its

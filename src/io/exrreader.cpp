@@ -3,6 +3,7 @@
 #include <OpenEXR/openexr.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -77,7 +78,7 @@ public:
         if (m_context) exr_finish(&m_context);
     }
     // Empty on success; "module" when the file needs the other reader.
-    std::string open(const std::string& path, int subimage) {
+    std::string open(const std::string& path, int subimage, int level) {
         exr_context_initializer_t init = EXR_DEFAULT_CONTEXT_INITIALIZER;
         init.error_handler_fn = &remember;
         exr_result_t result = exr_start_read(&m_context, path.c_str(), &init);
@@ -129,7 +130,35 @@ public:
             exr_get_tile_descriptor(m_context, m_part, &w, &h, &levels, &round);
             m_info.tileWidth = w;
             m_info.tileHeight = h;
+            if (level != 0) {
+                // A mip level (of a rip-mapped file, the one as much
+                // reduced across as down): its own data window from the
+                // same corner, the display window scaled with it.
+                int32_t across = 1, down = 1;
+                if (levels != EXR_TILE_ONE_LEVEL)
+                    exr_get_tile_levels(m_context, m_part, &across, &down);
+                const int32_t count = std::min(across, down);
+                if (level < 0 || level >= count)
+                    return "it has no mip level " + std::to_string(level) + " (it has " +
+                           std::to_string(count) + (count == 1 ? " level)" : " levels)");
+                int32_t lw = 0, lh = 0;
+                exr_get_level_sizes(m_context, m_part, level, level, &lw, &lh);
+                const UTIL::Rect full = m_info.dataWindow, shown = m_info.displayWindow;
+                const double sx = double(lw) / double(full.width()),
+                             sy = double(lh) / double(full.height());
+                auto scaled = [](int64_t c, int64_t origin, double s) {
+                    return origin + int64_t(std::llround(double(c - origin) * s));
+                };
+                m_info.dataWindow =
+                    UTIL::Rect(full.xmin, full.ymin, full.xmin + lw, full.ymin + lh);
+                m_info.displayWindow = UTIL::Rect(
+                    scaled(shown.xmin, full.xmin, sx), scaled(shown.ymin, full.ymin, sy),
+                    scaled(shown.xmax, full.xmin, sx), scaled(shown.ymax, full.ymin, sy));
+                m_level = level;
+            }
         } else {
+            if (level != 0)
+                return "it has no mip level " + std::to_string(level) + " (it is in scanlines)";
             int32_t rows = 1;
             exr_get_scanlines_per_chunk(m_context, m_part, &rows);
             m_info.rowsPerChunk = rows;
@@ -149,8 +178,8 @@ public:
                 for (int64_t tx = (area.xmin - dw.xmin) / m_info.tileWidth;
                      dw.xmin + tx * m_info.tileWidth < area.xmax; ++tx) {
                     exr_chunk_info_t chunk;
-                    exr_result_t r =
-                        exr_read_tile_chunk_info(m_context, m_part, int(tx), int(ty), 0, 0, &chunk);
+                    exr_result_t r = exr_read_tile_chunk_info(m_context, m_part, int(tx), int(ty),
+                                                              m_level, m_level, &chunk);
                     if (r != EXR_ERR_SUCCESS) return describe(r);
                     const UTIL::Rect tile(dw.xmin + tx * m_info.tileWidth,
                                           dw.ymin + ty * m_info.tileHeight,
@@ -247,16 +276,17 @@ private:
 
     exr_context_t m_context = nullptr;
     int m_part = 0;
+    int m_level = 0;
     ImageFileInfo m_info;
 };
 
 }  // namespace
 
-std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage,
+std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage, int level,
                                            std::string& error, ImageFileInfo* header) {
     if (!isExr(path)) return nullptr;
     auto reader = std::make_unique<ExrReader>();
-    const std::string failure = reader->open(path, subimage);
+    const std::string failure = reader->open(path, subimage, level);
     if (failure == "module") {
         if (header) *header = reader->header();
         return nullptr;

@@ -71,9 +71,9 @@ struct FileRegistry {
 };
 
 std::unique_ptr<Private::ImageReader> openFile(const std::string& task, const std::string& path,
-                                               int subimage) {
+                                               int subimage, int level = 0) {
     std::string error;
-    auto in = Private::openImageReader(path, subimage, error);
+    auto in = Private::openImageReader(path, subimage, level, error);
     if (!in) throw RenderTaskRenderingException(task, "cannot open '" + path + "': " + error, -1);
     return in;
 }
@@ -82,9 +82,10 @@ class FileInTask : public RenderTask, public Private::DirectSource {
 public:
     FileInTask(const std::string& name, float time, const FileInParams& params)
         : RenderTask(name, time), m_params(params), m_part(params.subimage) {
-        auto in = openFile(getNameAtTime(), params.path, m_part);
+        auto in = openFile(getNameAtTime(), params.path, m_part, params.level);
         if (!params.view.empty() && !in->info().partViews.empty())
-            in = openFile(getNameAtTime(), params.path, m_part = partOfView(in->info()));
+            in = openFile(getNameAtTime(), params.path, m_part = partOfView(in->info()),
+                          params.level);
         m_info = in->info();
         m_fileIdentity = fileIdentity(params.path);
         m_generation = FileRegistry::instance().generationOf(params.path);
@@ -111,8 +112,9 @@ protected:
     void computeCacheID(CacheIDStream& s) override {
         // The file's identity as far as a reader can tell without reading it all.
         s << m_params.path << ',' << m_part << ',' << m_params.layer << ',' << m_params.layerInOrder
-          << ',' << m_params.view << ',' << m_dataWindow << ',' << m_info.channelNames.size() << ','
-          << m_info.description << ',' << m_fileIdentity << ',' << m_generation;
+          << ',' << m_params.view << ',' << m_params.level << ',' << m_dataWindow << ','
+          << m_info.channelNames.size() << ',' << m_info.description << ',' << m_fileIdentity << ','
+          << m_generation;
     }
     uint64_t computeOutputChannels() override { return m_channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
@@ -122,7 +124,7 @@ protected:
     void preRender() override {
         // Opened now so that a file gone since the graph was built fails
         // the render at once.
-        auto reader = openFile(getNameAtTime(), m_params.path, m_part);
+        auto reader = openFile(getNameAtTime(), m_params.path, m_part, m_params.level);
         std::lock_guard<std::mutex> lock(m_mutex);
         m_readers.push_back(std::move(reader));
     }
@@ -340,7 +342,7 @@ private:
                 return reader;
             }
         }
-        return openFile(getNameAtTime(), m_params.path, m_part);
+        return openFile(getNameAtTime(), m_params.path, m_part, m_params.level);
     }
     void returnReader(std::unique_ptr<Private::ImageReader> reader) {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -531,7 +533,10 @@ void declareFileOperations(OperationList& ops) {
                 "a layer without R, G, B, A channels (forward.u, forward.v) fills R, G, B, A in "
                 "the file's order"},
           Param{"view", ParamType::String, "",
-                "a view of a multi-view file (\"left\", \"right\"); empty: the default view"}},
+                "a view of a multi-view file (\"left\", \"right\"); empty: the default view"},
+          Param{"level", ParamType::Int, 0,
+                "the mip level of a mip-mapped file (0: full size; each level halves it)"}
+              .range(0, 31)},
          {},
          [](const OperationArgs& a) {
              FileInParams params;
@@ -540,6 +545,7 @@ void declareFileOperations(OperationList& ops) {
              params.layer = a.text("layer");
              params.layerInOrder = a.flag("layerInOrder");
              params.view = a.text("view");
+             params.level = a.integer("level");
              return createFileInTask(a.node(), a.time(), params);
          },
          "Any format OpenImageIO reads (EXR scanline and tiled, every compression, TIFF, PNG, "

@@ -54,8 +54,9 @@ public:
                              int64_t lineBytes) = 0;
 };
 
-// Opens `path` (part `subimage`); null and `error` set when it cannot.
-std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage,
+// Opens `path` (part `subimage`, mip level `level`); null and `error` set
+// when it cannot.
+std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage, int level,
                                              std::string& error);
 
 // A file written in bands of rows from the top.
@@ -83,7 +84,7 @@ public:
 
 // The OpenImageIO module's entry points.
 struct ImageFormatModule {
-    std::unique_ptr<ImageReader> (*openReader)(const std::string& path, int subimage,
+    std::unique_ptr<ImageReader> (*openReader)(const std::string& path, int subimage, int level,
                                                std::string& error);
     std::unique_ptr<ImageWriter> (*openWriter)(const ImageWriterSpec& spec, std::string& error);
     // OpenImageIO and OpenEXR start no threads of their own, process-wide.
@@ -98,7 +99,7 @@ void useRenderThreadsInModule();
 // subsampled channels, DWA, B44 with channels other than half) or is not
 // EXR (`error` then stays empty). When the module is needed, `header` (if
 // given) receives what the core library read of the header: its views.
-std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage,
+std::unique_ptr<ImageReader> openExrReader(const std::string& path, int subimage, int level,
                                            std::string& error, ImageFileInfo* header = nullptr);
 
 }  // namespace Private

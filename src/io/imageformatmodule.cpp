@@ -96,15 +96,15 @@ private:
 
 }  // namespace
 
-std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage,
+std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage, int level,
                                              std::string& error) {
     error.clear();
     ImageFileInfo header;
-    if (auto exr = openExrReader(path, subimage, error, &header)) return exr;
+    if (auto exr = openExrReader(path, subimage, level, error, &header)) return exr;
     if (!error.empty()) return nullptr;
     const ImageFormatModule* module = imageFormatModule(error);
     std::unique_ptr<ImageReader> reader =
-        module ? module->openReader(path, subimage, error) : nullptr;
+        module ? module->openReader(path, subimage, level, error) : nullptr;
     if (reader && (!header.views.empty() || !header.partViews.empty()))
         return std::make_unique<ReaderWithViews>(std::move(reader), header);
     return reader;

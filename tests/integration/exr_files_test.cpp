@@ -646,3 +646,42 @@ TEST_F(ExrFiles, LuminanceChromaFilesAreReadAsRGBA) {
             ASSERT_EQ(p[3], float(e.a)) << x << ", " << y;
         }
 }
+
+// Mip-mapped files: each level reads as OpenImageIO reads that level, from
+// the same corner; a level the file lacks is an error saying how many it has.
+TEST_F(ExrFiles, MipLevelsAreReadByNumber) {
+    const std::string path = file("mip.exr");
+    const std::vector<Plane> planes = {{"R"}, {"G"}, {"B"}, {"A"}};
+    {
+        Imf::Header header = headerFor(planes, Imf::ZIP_COMPRESSION);
+        header.setTileDescription(Imf::TileDescription(16, 16, Imf::MIPMAP_LEVELS));
+        Imf::TiledOutputFile out(path.c_str(), header);
+        for (int level = 0; level < out.numLevels(); ++level) {
+            Planes storage;  // every level from the full-size planes, shifted per level
+            std::vector<Plane> shifted(size_t(level), Plane{"unused"});
+            shifted.insert(shifted.end(), planes.begin(), planes.end());
+            out.setFrameBuffer(frameBuffer(shifted, storage));
+            out.writeTiles(0, out.numXTiles(level) - 1, 0, out.numYTiles(level) - 1, level);
+        }
+    }
+    for (int level : {0, 1, 3}) {
+        FileInParams params = fileIn(path);
+        params.level = level;
+        const TaskPtr in = createFileInTask("mip", 0, params);
+        UTIL::Region region;
+        in->getOutputDescription(nullptr, &region);
+        auto oiio = OIIO::ImageInput::open(path);
+        ASSERT_TRUE(oiio && oiio->seek_subimage(0, level));
+        const OIIO::ImageSpec spec = oiio->spec();
+        EXPECT_EQ(region.boundingBox(),
+                  UTIL::Rect(spec.x, spec.y, spec.x + spec.width, spec.y + spec.height));
+        std::vector<float> expected(size_t(spec.image_pixels()) * 4);
+        ASSERT_TRUE(oiio->read_image(0, level, 0, 4, OIIO::TypeDesc::FLOAT, expected.data()));
+        const RenderedImage image = renderImage(in, region.boundingBox(), IMGLIB::CHANNELS_RGBA);
+        EXPECT_TRUE(sameBits(image.pixels, expected)) << "level " << level;
+    }
+    FileInParams beyond = fileIn(path);
+    beyond.level = 9;
+    const std::string error = readError(beyond);
+    EXPECT_NE(error.find("no mip level 9 (it has 6 levels)"), std::string::npos) << error;
+}

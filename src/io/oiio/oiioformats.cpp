@@ -43,8 +43,8 @@ void flattenDeepPixel(const OIIO::DeepData& deep, int64_t pixel, int channels, f
 
 class OiioReader final : public ImageReader {
 public:
-    OiioReader(std::unique_ptr<OIIO::ImageInput> in, int subimage)
-        : m_in(std::move(in)), m_subimage(subimage) {
+    OiioReader(std::unique_ptr<OIIO::ImageInput> in, int subimage, int level)
+        : m_in(std::move(in)), m_subimage(subimage), m_level(level) {
         const OIIO::ImageSpec& s = m_in->spec();
         m_info.dataWindow = UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height);
         m_info.displayWindow =
@@ -70,17 +70,18 @@ public:
         if (m_info.deep) {
             OIIO::DeepData deep;
             ok = m_info.tileWidth > 0
-                     ? m_in->read_native_deep_tiles(m_subimage, 0, x0, x1, y0, y1, 0, 1, 0, n, deep)
-                     : m_in->read_native_deep_scanlines(m_subimage, 0, y0, y1, 0, 0, n, deep);
+                     ? m_in->read_native_deep_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
+                                                    deep)
+                     : m_in->read_native_deep_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, deep);
             // Scanline reads cover whole rows: the area is all of them here.
             if (ok)
                 for (int64_t p = 0; p < int64_t(x1 - x0) * (y1 - y0); ++p)
                     flattenDeepPixel(deep, p, n, pixels.data() + p * n);
         } else if (m_info.tileWidth > 0) {
-            ok = m_in->read_tiles(m_subimage, 0, x0, x1, y0, y1, 0, 1, 0, n, OIIO::TypeDesc::FLOAT,
-                                  pixels.data());
+            ok = m_in->read_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
+                                  OIIO::TypeDesc::FLOAT, pixels.data());
         } else {
-            ok = m_in->read_scanlines(m_subimage, 0, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT,
+            ok = m_in->read_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT,
                                       pixels.data());
         }
         if (ok) {
@@ -101,12 +102,14 @@ public:
 
 private:
     std::unique_ptr<OIIO::ImageInput> m_in;
-    int m_subimage;
+    int m_subimage, m_level;
     ImageFileInfo m_info;
 };
 
-std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, std::string& error) {
-    if (auto lumaChroma = openLumaChromaReader(path, subimage, error)) return lumaChroma;
+std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, int level,
+                                        std::string& error) {
+    if (level == 0)
+        if (auto lumaChroma = openLumaChromaReader(path, subimage, error)) return lumaChroma;
     if (!error.empty()) return nullptr;
     auto in = OIIO::ImageInput::open(path);
     if (!in) {
@@ -117,7 +120,14 @@ std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, s
         error = "no subimage " + std::to_string(subimage);
         return nullptr;
     }
-    return std::make_unique<OiioReader>(std::move(in), subimage);
+    if (level != 0 && !in->seek_subimage(subimage, level)) {
+        int levels = 1;
+        while (in->seek_subimage(subimage, levels)) ++levels;
+        error = "it has no mip level " + std::to_string(level) + " (it has " +
+                std::to_string(levels) + (levels == 1 ? " level)" : " levels)");
+        return nullptr;
+    }
+    return std::make_unique<OiioReader>(std::move(in), subimage, level);
 }
 
 // A file that notices every failed write (a full disk, a file size limit)
