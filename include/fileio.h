@@ -104,6 +104,9 @@ struct TESSERA_API FileOutParams {
     // `attributes`, which win.
     std::string attributesFrom;
     std::vector<FileAttribute> attributes;
+    // EXR: the views the file holds, the default first (its "multiView"
+    // attribute); the channels name them ("R", "right.R").
+    std::vector<std::string> views;
 };
 
 // An observer that writes outputs to files while the render runs: each tile

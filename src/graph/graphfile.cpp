@@ -15,6 +15,7 @@
 #include "channeltasks.h"
 #include "frames.h"
 #include "imglib/channels.h"
+#include "imglib/error.h"
 #include "private/operation.h"
 
 namespace TESSERA {
@@ -109,6 +110,50 @@ uint64_t parseChannels(const std::string& node, const std::string& text, uint64_
     } catch (const std::invalid_argument& e) {
         throw GraphFileError(node, "channels", std::string("the node has ") + e.what());
     }
+}
+
+// The name of channel `name` in view `view` of a multi-view file: the view
+// goes before the last part ("R" -> "right.R", "diffuse.R" ->
+// "diffuse.right.R").
+std::string nameInView(const std::string& name, const std::string& view) {
+    const size_t dot = name.rfind('.');
+    return dot == std::string::npos ? view + "." + name
+                                    : name.substr(0, dot + 1) + view + name.substr(dot);
+}
+
+// One output of several views: the default view's channels under their
+// names and every other view's under the names that view gives them, each
+// view's channels as `channels` asks of its node.
+RenderDescription withViews(const RenderDescription& first,
+                            const std::vector<std::pair<std::string, std::string>>& views,
+                            const std::string& channels, float time,
+                            const std::function<TaskPtr(const std::string&, const std::string&,
+                                                        const std::string&)>& build) {
+    RenderDescription combined = first;
+    for (size_t v = 1; v < views.size(); ++v) {
+        const auto& [view, node] = views[v];
+        const TaskPtr task = build(node, "(output)", "views");
+        uint64_t defined = 0;
+        task->getOutputDescription(&defined, nullptr);
+        const uint64_t wanted = parseChannels(node, channels, defined) & defined;
+        std::vector<std::pair<uint64_t, ShuffleSource>> sources;
+        for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit)
+            if (combined.channels >> bit & 1)
+                sources.emplace_back(uint64_t(1) << bit,
+                                     ShuffleSource{ShuffleSource::Input, 0, uint64_t(1) << bit});
+        uint64_t mask = combined.channels;
+        for (int bit = 0; bit < IMGLIB::MAX_CHANNELS; ++bit) {
+            if (!(wanted >> bit & 1)) continue;
+            const std::string name = nameInView(IMGLIB::GetChannelName(uint64_t(1) << bit), view);
+            const uint64_t to = IMGLIB::GetChannelForName(name);
+            if (!to) throw GraphFileError(node, "views", IMGLIB::GetErrorMessage());
+            sources.emplace_back(to, ShuffleSource{ShuffleSource::Input, 1, uint64_t(1) << bit});
+            mask |= to;
+        }
+        combined.task = createShuffleTask(node + "." + view, time, sources, combined.task, task);
+        combined.channels = mask;
+    }
+    return combined;
 }
 
 // An output's header attributes: names with strings or numbers.
@@ -406,16 +451,31 @@ Graph loadGraph(const std::string& text, const std::string& base,
     if (!doc.contains("outputs") || !doc["outputs"].is_array() || doc["outputs"].empty())
         throw GraphFileError("(file)", "outputs", "at least one output is required");
     for (const json& out : doc["outputs"]) {
-        if (!out.is_object() || !out.contains("node") || !out["node"].is_string())
+        // Views: the nodes that show each view of one multi-view file; the
+        // first ("left" when there is one) is the default view.
+        std::vector<std::pair<std::string, std::string>> views;
+        if (out.is_object() && out.contains("views")) {
+            const json& v = out["views"];
+            if (!v.is_object() || v.size() < 2 ||
+                std::any_of(v.begin(), v.end(), [](const json& n) { return !n.is_string(); }))
+                throw GraphFileError("(output)", "views",
+                                     "an object of two or more views and their nodes");
+            for (auto it = v.begin(); it != v.end(); ++it)
+                views.emplace(it.key() == "left" ? views.begin() : views.end(), it.key(),
+                              it.value().get<std::string>());
+        }
+        if (!out.is_object() ||
+            (views.empty() && (!out.contains("node") || !out["node"].is_string())))
             throw GraphFileError("(output)", "node", "every output names a node");
-        const std::string id = out["node"];
+        const std::string id = views.empty() ? out["node"].get<std::string>() : views[0].second;
         for (auto it = out.begin(); it != out.end(); ++it)
             if (it.key() != "node" && it.key() != "rect" && it.key() != "channels" &&
                 it.key() != "file" && it.key() != "dataType" && it.key() != "compression" &&
-                it.key() != "layout" && it.key() != "tileSize" && it.key() != "attributes")
+                it.key() != "layout" && it.key() != "tileSize" && it.key() != "attributes" &&
+                it.key() != "views")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
-        g.description.task = build(id, "(output)", "node");
+        g.description.task = build(id, "(output)", views.empty() ? "node" : "views");
         if (out.contains("rect")) {
             checkValue(id, Param{"rect", ParamType::Rect, nullptr}, out["rect"]);
             const json& r = out["rect"];
@@ -433,6 +493,10 @@ Graph loadGraph(const std::string& text, const std::string& base,
         g.description.task->getOutputDescription(&defined, nullptr);
         g.description.channels =
             parseChannels(id, out.value("channels", std::string("RGBA")), defined);
+        if (!views.empty())
+            g.description =
+                withViews(g.description, views, out.value("channels", std::string("RGBA")),
+                          float(frame), build);
         if (out.contains("file")) {
             const json& files = out["file"];
             std::vector<std::string> paths;
@@ -452,6 +516,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 if (firstFile.count(id)) file.attributesFrom = firstFile[id];
                 if (out.contains("attributes"))
                     file.attributes = parseAttributes(id, out["attributes"]);
+                for (const auto& view : views) file.views.push_back(view.first);
                 file.layout = out.value("layout", std::string("tiled"));
                 if (file.layout != "tiled" && file.layout != "scanline")
                     throw GraphFileError(id, "layout",

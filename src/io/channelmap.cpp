@@ -49,7 +49,7 @@ struct Named {
 
 // The channels of `view` under their names without it. A channel's view is
 // the next to last part of its name when that is one of the views ("right.R",
-// "right.diffuse.R" -> "diffuse.R"), else the default view.
+// "diffuse.right.R" -> "diffuse.R"), else the default view.
 std::vector<Named> channelsOfView(const std::vector<std::string>& names,
                                   const std::vector<std::string>& views, const std::string& view) {
     std::vector<Named> chosen;

@@ -106,6 +106,12 @@ private:
                                       uint32_t(m_layout.tileHeight), EXR_TILE_ONE_LEVEL,
                                       EXR_TILE_ROUND_DOWN));
         copyExrAttributes(m_context, 0, params.attributesFrom);
+        if (!params.views.empty()) {
+            std::vector<const char*> views;
+            for (const std::string& v : params.views) views.push_back(v.c_str());
+            check(exr_attr_set_string_vector(m_context, 0, "multiView", int32_t(views.size()),
+                                             views.data()));
+        }
         const std::string refused = setExrAttributes(m_context, 0, params.attributes);
         if (!refused.empty()) fail(refused);
         check(exr_write_header(m_context));

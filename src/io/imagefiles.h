@@ -71,6 +71,7 @@ struct ImageWriterSpec {
     std::string attributesFrom;  // a file whose header attributes are carried over
     std::vector<std::pair<std::string, std::string>> textAttributes;
     std::vector<std::pair<std::string, double>> numberAttributes;
+    std::vector<std::string> views;  // EXR: the multiView attribute
 };
 class ImageWriter {
 public:

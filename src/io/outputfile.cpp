@@ -75,6 +75,8 @@ std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
         if (isExrLayoutAttribute(a.name))
             throw UTIL::ErrorException("cannot write '" + params.path + "': attribute '" + a.name +
                                        "' is set by the output itself");
+    if (!params.views.empty() && std::filesystem::path(params.path).extension() != ".exr")
+        throw UTIL::ErrorException("cannot write '" + params.path + "': only EXR files hold views");
     if (params.tileSize < 0 || params.tileSize > 65536)
         throw UTIL::ErrorException("cannot write '" + params.path + "': tile size " +
                                    std::to_string(params.tileSize) + " is not from 1 to 65536");

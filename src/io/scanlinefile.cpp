@@ -34,6 +34,7 @@ public:
                                  layout.format,        layout.channelNames, params.dataType,
                                  params.compression};
             spec.attributesFrom = params.attributesFrom;
+            spec.views = params.views;
             for (const FileAttribute& a : params.attributes)
                 if (a.isNumber)
                     spec.numberAttributes.emplace_back(a.name, a.number);

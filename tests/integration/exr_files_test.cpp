@@ -685,3 +685,65 @@ TEST_F(ExrFiles, MipLevelsAreReadByNumber) {
     const std::string error = readError(beyond);
     EXPECT_NE(error.find("no mip level 9 (it has 6 levels)"), std::string::npos) << error;
 }
+
+// A stereo comp goes out as one multi-view file: the default view's
+// channels plain, the other's named for it; it reads back view by view.
+TEST_F(ExrFiles, ViewsAreWrittenIntoOneMultiViewFile) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::ZIP_COMPRESSION, false);
+    const std::string out = file("stereo_out.exr");
+    writeGraphOutputs(loadGraph(
+        "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+            "\"}}, {\"id\": \"shifted\", \"op\": \"reposition\", \"params\": {\"offset\": [3, 0]}, "
+            "\"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{\"views\": {\"right\": "
+            "\"shifted\", \"left\": \"plate\"}, \"channels\": \"RGBA,diffuse.R\", \"dataType\": "
+            "\"float\", \"rect\": [-5, 3, 53, 41], \"file\": \"" +
+            out + "\"}]}",
+        dir.string()));
+    {
+        Imf::InputFile written(out.c_str());
+        ASSERT_TRUE(Imf::hasMultiView(written.header()));
+        EXPECT_EQ(Imf::multiView(written.header()), (Imf::StringVector{"left", "right"}));
+    }
+    const auto channels = oiioRead(out);
+    for (const char* name : {"R", "A", "diffuse.R", "right.R", "right.A", "diffuse.right.R"})
+        EXPECT_TRUE(channels.count(name)) << name;
+    EXPECT_EQ(channels.size(), 10u);
+    // Each view reads back under the plain names: left is the plate, right
+    // the plate moved three pixels.
+    FileInParams rightParams = fileIn(out);
+    rightParams.view = "right";
+    const RenderedImage left = readAll(fileIn(out)), right = readAll(rightParams);
+    const auto source = oiioRead(in);
+    EXPECT_TRUE(sameBits(channelOf(left, "diffuse.R"), source.at("diffuse.R")));
+    const std::vector<float> moved = channelOf(right, "R"), plain = source.at("R");
+    const int64_t w = kDataRect.width();
+    for (int64_t y = 0; y < kDataRect.height(); ++y)
+        for (int64_t x = 3; x < w; ++x)
+            ASSERT_EQ(moved[size_t(y * w + x)], plain[size_t(y * w + x - 3)]) << x << ", " << y;
+}
+
+// Float channels pass B44 uncompressed, so B44 outputs of floats must hold
+// exactly the pixels rendered, as every lossless compression does.
+TEST_F(ExrFiles, FloatOutputsKeepEveryBitUnderB44AndLosslessCompressions) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::ZIP_COMPRESSION, false);
+    const auto source = oiioRead(in);
+    for (const char* compression : {"none", "rle", "zips", "zip", "piz", "b44", "b44a"})
+        for (const char* layout : {"tiled", "scanline"}) {
+            const std::string out = file(std::string(compression) + "_" + layout + ".exr");
+            writeGraphOutputs(loadGraph(
+                "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" +
+                    in +
+                    "\"}}], \"outputs\": [{\"node\": \"plate\", \"rect\": [-5, 3, 53, 41], "
+                    "\"channels\": \"RGBA,forward.u\", \"dataType\": \"float\", \"compression\": "
+                    "\"" +
+                    compression + "\", \"layout\": \"" + layout + "\", \"file\": \"" + out +
+                    "\"}]}",
+                dir.string()));
+            const auto written = oiioRead(out);
+            for (const char* name : {"R", "G", "B", "A", "forward.u"})
+                EXPECT_TRUE(sameBits(written.at(name), source.at(name)))
+                    << compression << " " << layout << " " << name;
+        }
+}

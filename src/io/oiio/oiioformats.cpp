@@ -190,6 +190,12 @@ void carryAttributes(const ImageWriterSpec& s, OIIO::ImageSpec& spec) {
             }
             in->close();
         }
+    if (!s.views.empty()) {
+        std::vector<const char*> views;
+        for (const std::string& v : s.views) views.push_back(v.c_str());
+        spec.attribute("multiView", OIIO::TypeDesc(OIIO::TypeDesc::STRING, int(views.size())),
+                       views.data());
+    }
     for (const auto& [name, text] : s.textAttributes) spec.attribute(name, text);
     for (const auto& [name, number] : s.numberAttributes) {
         if (number == std::floor(number) && std::fabs(number) < 2147483647.0)
