@@ -10,6 +10,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cctype>
 #include <optional>
 #include <sstream>
@@ -44,6 +45,30 @@ uint64_t channelMask(const std::string& names) {
     }
     if (mask == 0) throw py::value_error("channels: none given");
     return mask;
+}
+
+// Channels as a list of names ("R,G,B,forward.u"), or letters as above.
+bool namesChannels(const std::string& channels) {
+    return channels.find_first_not_of("RGBAZrgbaz") != std::string::npos || channels == "all";
+}
+
+// The channels a render of `task` gives for `channels`: letters ("RGBA"),
+// or a list of names, layers ("diffuse.*") and "all" of the task's own.
+uint64_t renderMask(const TaskPtr& task, const std::string& channels) {
+    if (!namesChannels(channels)) return channelMask(channels);
+    uint64_t defined = 0;
+    {
+        py::gil_scoped_release release;
+        task->getOutputDescription(&defined, nullptr);
+    }
+    try {
+        const uint64_t mask = parseChannelList(channels, defined);
+        if (!mask) throw py::value_error("channels '" + channels + "': none given");
+        return mask;
+    } catch (const std::invalid_argument& e) {
+        throw py::value_error("channels '" + channels + "': " + task->getName() + " has " +
+                              e.what());
+    }
 }
 
 RectTuple toTuple(const UTIL::Rect& r) {
@@ -125,8 +150,8 @@ py::array render(const TaskPtr& task, std::optional<RectTuple> rect, const std::
     if (r.isNull())
         throw py::value_error("render: task " + task->getName() + ": the rectangle is empty");
     RenderOptions options = pythonOptions(progress, cancel, queue);
-    RenderedImage image =
-        withoutGil([&] { return renderImage(task, r, channelMask(channels), options); });
+    RenderedImage image = withoutGil(
+        [&, mask = renderMask(task, channels)] { return renderImage(task, r, mask, options); });
     // The pixels pass to numpy without a copy.
     auto* pixels = new std::vector<float>(std::move(image.pixels));
     py::capsule owner(pixels, [](void* p) { delete static_cast<std::vector<float>*>(p); });
@@ -135,9 +160,34 @@ py::array render(const TaskPtr& task, std::optional<RectTuple> rect, const std::
                               owner);
 }
 
+// The channels of an array named in its order ("R,G,B,forward.u"), and
+// where each lies in the engine's order (that of their bits).
+uint64_t namedChannels(const std::string& name, const std::string& channels,
+                       std::vector<py::ssize_t>& enginePlace) {
+    std::vector<uint64_t> bits;
+    uint64_t mask = 0;
+    for (size_t start = 0; start <= channels.size();) {
+        size_t comma = channels.find(',', start);
+        if (comma == std::string::npos) comma = channels.size();
+        const std::string channel = channels.substr(start, comma - start);
+        start = comma + 1;
+        const uint64_t bit = channel.empty() ? 0 : IMGLIB::GetChannelForName(channel);
+        if (!bit)
+            throw py::value_error(
+                name + ": channel '" + channel + "': " +
+                (channel.empty() ? std::string("an empty name") : IMGLIB::GetErrorMessage()));
+        if (mask & bit) throw py::value_error(name + ": channel '" + channel + "' given twice");
+        mask |= bit;
+        bits.push_back(bit);
+    }
+    enginePlace.clear();
+    for (uint64_t bit : bits) enginePlace.push_back(IMGLIB::GetChannelIndex(mask, bit));
+    return mask;
+}
+
 // A task over the array's own memory, which it keeps alive: float32 with
-// each pixel's channels side by side is read in place; anything else is
-// converted once.
+// each pixel's channels side by side, in the engine's order, is read in
+// place; anything else is converted once.
 TaskPtr fromArray(const py::array& input, std::optional<std::string> channels,
                   std::pair<int64_t, int64_t> origin, const std::string& name) {
     auto a = py::array_t<float>::ensure(input);
@@ -153,10 +203,23 @@ TaskPtr fromArray(const py::array& input, std::optional<std::string> channels,
                                   " channels: say which (channels='A', 'RGBAZ', ...)");
         channels = count == 3 ? "RGB" : "RGBA";
     }
-    const uint64_t mask = channelMask(*channels);
+    std::vector<py::ssize_t> place;
+    const uint64_t mask =
+        namesChannels(*channels) ? namedChannels(name, *channels, place) : channelMask(*channels);
     if (IMGLIB::GetChannelCount(mask) != count)
         throw py::value_error(name + ": channels '" + *channels + "' for an array of " +
                               std::to_string(count) + " channels");
+    if (!std::is_sorted(place.begin(), place.end())) {
+        // Names whose bits run otherwise than the array: a copy in the
+        // engine's order.
+        py::array_t<float> ordered({a.shape(0), a.shape(1), count});
+        auto from = a.unchecked<3>();
+        auto to = ordered.mutable_unchecked<3>();
+        for (py::ssize_t y = 0; y < a.shape(0); ++y)
+            for (py::ssize_t x = 0; x < a.shape(1); ++x)
+                for (py::ssize_t c = 0; c < count; ++c) to(y, x, place[size_t(c)]) = from(y, x, c);
+        a = ordered;
+    }
     if (a.strides(2) != 4 || a.strides(1) != 4 * count || a.strides(0) < a.shape(1) * 4 * count)
         a = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(a);
     IMGLIB::Image pixels;
@@ -353,6 +416,13 @@ PYBIND11_MODULE(_tessera, m) {
 
     m.def("from_array", &fromArray, py::arg("array"), py::arg("channels") = py::none(),
           py::arg("origin") = std::make_pair(int64_t(0), int64_t(0)), py::arg("name") = "array");
+    m.def(
+        "channel_names",
+        [](const TaskPtr& task, const std::string& channels) {
+            return IMGLIB::GetChannelNames(renderMask(task, channels));
+        },
+        py::arg("task"), py::arg("channels") = "all",
+        "The names of the channels render(task, channels=...) gives, in the array's order.");
     m.def("render", &render, py::arg("task"), py::arg("rect") = py::none(),
           py::arg("channels") = "RGBA", py::arg("progress") = py::none(),
           py::arg("cancel") = py::none(), py::arg("queue") = "batch");

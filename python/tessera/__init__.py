@@ -32,6 +32,7 @@ from ._tessera import (  # noqa: F401
     RenderError,
     Task,
     __version__,
+    channel_names,
     clear_cache,
     clear_task_cache,
     frame_path,
