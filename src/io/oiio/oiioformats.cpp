@@ -197,6 +197,9 @@ void carryAttributes(const ImageWriterSpec& s, OIIO::ImageSpec& spec) {
                        views.data());
     }
     for (const auto& [name, text] : s.textAttributes) spec.attribute(name, text);
+    // OpenImageIO stamps files without a date with the time of writing:
+    // the same render would then give other bytes every second.
+    if (!spec.find_attribute("DateTime")) spec.attribute("DateTime", "");
     for (const auto& [name, number] : s.numberAttributes) {
         if (number == std::floor(number) && std::fabs(number) < 2147483647.0)
             spec.attribute(name, int(number));
