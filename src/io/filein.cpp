@@ -102,7 +102,6 @@ public:
             RenderManager::debugStream()
                 << getNameAtTime() << " reads layer '" << params.layer << "' of '" << params.path
                 << "' in the file's order: " << m_map.note << std::endl;
-        m_channels = m_map.channels;
         m_dataWindow = m_info.dataWindow;
         layOutBlocks();
     }
@@ -116,7 +115,7 @@ protected:
           << m_info.channelNames.size() << ',' << m_info.description << ',' << m_fileIdentity << ','
           << m_generation;
     }
-    uint64_t computeOutputChannels() override { return m_channels; }
+    uint64_t computeOutputChannels() override { return m_map.channels; }
     UTIL::Region computeOutputDataRegion() override { return UTIL::Region(m_dataWindow); }
     UTIL::Rect computeFormat() override { return m_info.displayWindow; }
     void makeInputFormatRequests() override {}
@@ -365,7 +364,7 @@ private:
     // halves: row y of the buffer is row y of the block.
     bool keepsHalves() const { return m_info.halfChannels; }
     UTIL::Rect halfStorage(const UTIL::Rect& area) const {
-        const int64_t halves = area.width() * IMGLIB::GetChannelCount(m_channels);
+        const int64_t halves = area.width() * IMGLIB::GetChannelCount(m_map.channels);
         return UTIL::Rect(0, area.ymin, (halves + 1) / 2, area.ymax);
     }
 
@@ -379,15 +378,15 @@ private:
         const UTIL::Rect area = blockArea(bx, by);
         const UTIL::Rect part = area.intersection(UTIL::Rect(out->x1, out->y1, out->x2, out->y2));
         if (part.isNull()) return;
-        const int64_t k = IMGLIB::GetChannelCount(m_channels);
+        const int64_t k = IMGLIB::GetChannelCount(m_map.channels);
         const IMGLIB::Image* halves = block.getImage();
         // Rows widen straight into out when it has the block's channels;
         // otherwise through one row of the block's own.
         std::vector<float> row;
         IMGLIB::Image rowImage;
-        if (out->channels != m_channels) {
+        if (out->channels != m_map.channels) {
             row.resize(size_t(part.width() * k));
-            rowImage.channels = m_channels;
+            rowImage.channels = m_map.channels;
             rowImage.x1 = part.xmin;
             rowImage.x2 = part.xmax;
             rowImage.rowBytes = int64_t(row.size() * sizeof(float));
@@ -424,7 +423,7 @@ private:
                     std::to_string(bytes >> 20) + " MB, more than the image memory budget (" +
                     std::to_string(budget >> 20) + " MB)",
                 -1);
-        ImageBuffer image(keepsHalves() ? IMGLIB::CHANNEL_R : m_channels,
+        ImageBuffer image(keepsHalves() ? IMGLIB::CHANNEL_R : m_map.channels,
                           keepsHalves() ? halfStorage(area) : area, "FILEIN." + m_params.path);
         {
             ImageBuffer_LockScoper imageLock(image);
@@ -475,7 +474,6 @@ private:
     Private::FileChannelMap m_map;
     std::string m_fileIdentity;
     uint64_t m_generation = 0;
-    uint64_t m_channels = 0;
     Private::PixelLayout m_layout;
     std::vector<std::pair<int64_t, int64_t>> m_repeats;  // (element, element it repeats)
     UTIL::Rect m_dataWindow;
