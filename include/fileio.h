@@ -107,6 +107,10 @@ struct TESSERA_API FileOutParams {
     // EXR: the views the file holds, the default first (its "multiView"
     // attribute); the channels name them ("R", "right.R").
     std::vector<std::string> views;
+    // EXR: one part per layer ("rgba" for R, G, B, A, Z and other names
+    // without a layer; "diffuse" for diffuse.*), with views one per view and
+    // layer, instead of every channel in one part. Tiled layouts only.
+    bool parts = false;
 };
 
 // An observer that writes outputs to files while the render runs: each tile

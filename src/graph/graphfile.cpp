@@ -472,7 +472,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
             if (it.key() != "node" && it.key() != "rect" && it.key() != "channels" &&
                 it.key() != "file" && it.key() != "dataType" && it.key() != "compression" &&
                 it.key() != "layout" && it.key() != "tileSize" && it.key() != "attributes" &&
-                it.key() != "views")
+                it.key() != "views" && it.key() != "parts")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
         g.description.task = build(id, "(output)", views.empty() ? "node" : "views");
@@ -517,6 +517,11 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 if (out.contains("attributes"))
                     file.attributes = parseAttributes(id, out["attributes"]);
                 for (const auto& view : views) file.views.push_back(view.first);
+                if (out.contains("parts")) {
+                    if (!out["parts"].is_boolean())
+                        throw GraphFileError(id, "parts", "true or false");
+                    file.parts = out["parts"].get<bool>();
+                }
                 file.layout = out.value("layout", std::string("tiled"));
                 if (file.layout != "tiled" && file.layout != "scanline")
                     throw GraphFileError(id, "layout",

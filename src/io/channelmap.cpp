@@ -47,30 +47,32 @@ struct Named {
     std::string name;  // without the view
 };
 
-// The channels of `view` under their names without it. A channel's view is
-// the next to last part of its name when that is one of the views ("right.R",
-// "diffuse.right.R" -> "diffuse.R"), else the default view.
+// The channels of `view` under their names without it.
 std::vector<Named> channelsOfView(const std::vector<std::string>& names,
                                   const std::vector<std::string>& views, const std::string& view) {
     std::vector<Named> chosen;
     for (size_t c = 0; c < names.size(); ++c) {
-        std::string name = names[c], of = views.empty() ? std::string() : views.front();
-        const size_t last = name.rfind('.');
-        if (!views.empty() && last != std::string::npos && last > 0) {
-            const size_t before = name.rfind('.', last - 1);
-            const size_t start = before == std::string::npos ? 0 : before + 1;
-            const std::string part = name.substr(start, last - start);
-            if (std::find(views.begin(), views.end(), part) != views.end()) {
-                of = part;
-                name.erase(start, last + 1 - start);
-            }
-        }
-        if (of == view) chosen.push_back({int(c), name});
+        ViewedName viewed = viewOfChannel(names[c], views);
+        if (viewed.view == view) chosen.push_back({int(c), std::move(viewed.name)});
     }
     return chosen;
 }
 
 }  // namespace
+
+ViewedName viewOfChannel(const std::string& name, const std::vector<std::string>& views) {
+    ViewedName viewed{views.empty() ? std::string() : views.front(), name};
+    const size_t last = name.rfind('.');
+    if (views.empty() || last == std::string::npos || last == 0) return viewed;
+    const size_t before = name.rfind('.', last - 1);
+    const size_t start = before == std::string::npos ? 0 : before + 1;
+    const std::string part = name.substr(start, last - start);
+    if (std::find(views.begin(), views.end(), part) != views.end()) {
+        viewed.view = part;
+        viewed.name.erase(start, last + 1 - start);
+    }
+    return viewed;
+}
 
 FileChannelMap mapFileChannels(const std::vector<std::string>& names,
                                const std::vector<std::string>& views, const ChannelChoice& choice) {

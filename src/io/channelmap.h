@@ -23,6 +23,15 @@ struct FileChannelMap {
     std::string note;  // how a layer was taken in order ("forward.u as R, ..."), else empty
 };
 
+// A channel's view is the next to last part of its name when that is one of
+// `views` ("right.R", "diffuse.right.R" -> "diffuse.R"), else the default
+// view (the first; none without views).
+struct ViewedName {
+    std::string view;
+    std::string name;  // without the view
+};
+ViewedName viewOfChannel(const std::string& name, const std::vector<std::string>& views);
+
 // Maps the channels of one part of a file (`names` in the file's order;
 // `views` its views, the default first, or none). Channels named R, G, B, A
 // and Z (or r, g, ...) keep those bits, a grey file's Y fills R, G and B,

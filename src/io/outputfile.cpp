@@ -77,6 +77,10 @@ std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
                                        "' is set by the output itself");
     if (!params.views.empty() && std::filesystem::path(params.path).extension() != ".exr")
         throw UTIL::ErrorException("cannot write '" + params.path + "': only EXR files hold views");
+    if (params.parts &&
+        (std::filesystem::path(params.path).extension() != ".exr" || params.layout != "tiled"))
+        throw UTIL::ErrorException("cannot write '" + params.path +
+                                   "': only tiled EXR files are written one part per layer");
     if (params.tileSize < 0 || params.tileSize > 65536)
         throw UTIL::ErrorException("cannot write '" + params.path + "': tile size " +
                                    std::to_string(params.tileSize) + " is not from 1 to 65536");

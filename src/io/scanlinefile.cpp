@@ -30,9 +30,14 @@ public:
         std::string error;
         const ImageFormatModule* module = imageFormatModule(error);
         if (module) {
-            ImageWriterSpec spec{m_commit.temporary(), params.path,         layout.rect,
-                                 layout.format,        layout.channelNames, params.dataType,
-                                 params.compression};
+            ImageWriterSpec spec;
+            spec.path = m_commit.temporary();
+            spec.formatOf = params.path;
+            spec.rect = layout.rect;
+            spec.displayWindow = layout.format;
+            spec.channelNames = layout.channelNames;
+            spec.dataType = params.dataType;
+            spec.compression = params.compression;
             spec.attributesFrom = params.attributesFrom;
             spec.views = params.views;
             for (const FileAttribute& a : params.attributes)

@@ -11,6 +11,7 @@
 #include <OpenEXR/ImfHeader.h>
 #include <OpenEXR/ImfInputFile.h>
 #include <OpenEXR/ImfIntAttribute.h>
+#include <OpenEXR/ImfMultiPartInputFile.h>
 #include <OpenEXR/ImfMultiPartOutputFile.h>
 #include <OpenEXR/ImfMultiView.h>
 #include <OpenEXR/ImfOutputFile.h>
@@ -746,4 +747,95 @@ TEST_F(ExrFiles, FloatOutputsKeepEveryBitUnderB44AndLosslessCompressions) {
                 EXPECT_TRUE(sameBits(written.at(name), source.at(name)))
                     << compression << " " << layout << " " << name;
         }
+}
+
+// One part per layer, as compositors hand AOVs to each other: each part
+// holds its layer's channels under their full names, with the pixels
+// rendered, and the bytes do not depend on the order tiles finish in.
+TEST_F(ExrFiles, LayersAreWrittenOnePartEach) {
+    const std::string in = file("aovs.exr");
+    writeExr(in, kAovs, Imf::ZIP_COMPRESSION, false);
+    const auto source = oiioRead(in);
+    auto graph = [&](const std::string& out, const std::string& extra) {
+        return loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+                "\"}}, {\"id\": \"shifted\", \"op\": \"reposition\", \"params\": {\"offset\": "
+                "[3, 0]}, \"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{" +
+                extra +
+                "\"channels\": \"RGBA,diffuse.*,forward.u,mask\", \"dataType\": \"float\", "
+                "\"rect\": [-5, 3, 53, 41], \"tileSize\": 16, \"parts\": true, \"file\": \"" +
+                out + "\"}]}",
+            dir.string());
+    };
+    const std::string out = file("parts.exr");
+    writeGraphOutputs(graph(out, "\"node\": \"plate\", "));
+    {
+        Imf::MultiPartInputFile written(out.c_str());
+        ASSERT_EQ(written.parts(), 3);
+        const std::vector<std::pair<std::string, std::vector<std::string>>> expected = {
+            {"rgba", {"A", "B", "G", "R", "mask"}},
+            {"diffuse", {"diffuse.B", "diffuse.G", "diffuse.R"}},
+            {"forward", {"forward.u"}}};
+        for (int p = 0; p < 3; ++p) {
+            const Imf::Header& h = written.header(p);
+            EXPECT_EQ(h.name(), expected[size_t(p)].first);
+            EXPECT_EQ(h.displayWindow(), kDisplay);
+            std::vector<std::string> names;
+            for (auto c = h.channels().begin(); c != h.channels().end(); ++c)
+                names.push_back(c.name());
+            EXPECT_EQ(names, expected[size_t(p)].second);
+            for (const auto& [name, plane] : oiioRead(out, p))
+                EXPECT_TRUE(sameBits(plane, source.at(name))) << name;
+        }
+    }
+    // Read back part by part through the engine, by name.
+    FileInParams second = fileIn(out);
+    second.subimage = 1;
+    EXPECT_TRUE(sameBits(channelOf(readAll(second), "diffuse.G"), source.at("diffuse.G")));
+
+    // The same bytes on one thread and on four.
+    auto bytes = [](const std::string& path) {
+        std::ifstream f(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(f), {});
+    };
+    RenderManager::setGlobalTileSize(16, 16);
+    const std::string one = file("parts1.exr"), four = file("parts4.exr");
+    RenderManager::setRenderThreads(1);
+    RenderManager::ClearRenderTaskCache();
+    writeGraphOutputs(graph(one, "\"node\": \"plate\", "));
+    RenderManager::setRenderThreads(4);
+    RenderManager::ClearRenderTaskCache();
+    writeGraphOutputs(graph(four, "\"node\": \"plate\", "));
+    RenderManager::setGlobalTileSize(256, 256);
+    RenderManager::setRenderThreads(2);
+    EXPECT_EQ(bytes(one), bytes(out));
+    EXPECT_EQ(bytes(four), bytes(out));
+
+    // With views: a part per view and layer, each naming its view.
+    const std::string stereo = file("parts_stereo.exr");
+    writeGraphOutputs(graph(stereo, "\"views\": {\"left\": \"plate\", \"right\": \"shifted\"}, "));
+    Imf::MultiPartInputFile written(stereo.c_str());
+    std::map<std::string, int> parts;
+    for (int p = 0; p < written.parts(); ++p) parts[written.header(p).name()] = p;
+    EXPECT_EQ(parts.size(), 6u);
+    const Imf::Header& diffuseRight = written.header(parts.at("diffuse.right"));
+    EXPECT_EQ(diffuseRight.typedAttribute<Imf::StringAttribute>("view").value(), "right");
+    EXPECT_TRUE(diffuseRight.channels().findChannel("diffuse.R"));
+    EXPECT_EQ(
+        written.header(parts.at("rgba.left")).typedAttribute<Imf::StringAttribute>("view").value(),
+        "left");
+    FileInParams right = fileIn(stereo);
+    right.view = "right";
+    // The right view's diffuse part, counted among the right view's parts.
+    right.subimage = 0;
+    for (const auto& [name, p] : parts)
+        if (name.size() > 6 && name.substr(name.size() - 6) == ".right" &&
+            p < parts.at("diffuse.right"))
+            ++right.subimage;
+    const std::vector<float> moved = channelOf(readAll(right), "diffuse.R");
+    const std::vector<float>& plain = source.at("diffuse.R");
+    const int64_t w = kDataRect.width();
+    for (int64_t y = 0; y < kDataRect.height(); ++y)
+        for (int64_t x = 3; x < w; ++x)
+            ASSERT_EQ(moved[size_t(y * w + x)], plain[size_t(y * w + x - 3)]) << x << ", " << y;
 }

@@ -304,7 +304,9 @@ TEST_F(FileOutputTest, EveryExrChannelReachesItsPlace) {
                             ASSERT_EQ(c.r, expect(layout.R, x, y)) << where;
                             ASSERT_EQ(c.g, expect(layout.G, x, y)) << where;
                             ASSERT_EQ(c.b, expect(layout.B, x, y)) << where;
-                            if (!layout.A.empty()) ASSERT_EQ(c.a, expect(layout.A, x, y)) << where;
+                            if (!layout.A.empty()) {
+                                ASSERT_EQ(c.a, expect(layout.A, x, y)) << where;
+                            }
                         }
                 }
             }
