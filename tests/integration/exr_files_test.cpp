@@ -7,6 +7,8 @@
 
 #include <OpenEXR/ImfArray.h>
 #include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfDeepFrameBuffer.h>
+#include <OpenEXR/ImfDeepScanLineOutputFile.h>
 #include <OpenEXR/ImfFrameBuffer.h>
 #include <OpenEXR/ImfHeader.h>
 #include <OpenEXR/ImfInputFile.h>
@@ -21,6 +23,8 @@
 #include <OpenEXR/ImfStandardAttributes.h>
 #include <OpenEXR/ImfStringAttribute.h>
 #include <OpenEXR/ImfTiledOutputFile.h>
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
 #include <OpenImageIO/imageio.h>
 #include <unistd.h>
 
@@ -692,15 +696,21 @@ TEST_F(ExrFiles, MipLevelsAreReadByNumber) {
 TEST_F(ExrFiles, ViewsAreWrittenIntoOneMultiViewFile) {
     const std::string in = file("aovs.exr");
     writeExr(in, kAovs, Imf::ZIP_COMPRESSION, false);
-    const std::string out = file("stereo_out.exr");
-    writeGraphOutputs(loadGraph(
-        "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
-            "\"}}, {\"id\": \"shifted\", \"op\": \"reposition\", \"params\": {\"offset\": [3, 0]}, "
-            "\"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{\"views\": {\"right\": "
-            "\"shifted\", \"left\": \"plate\"}, \"channels\": \"RGBA,diffuse.R\", \"dataType\": "
-            "\"float\", \"rect\": [-5, 3, 53, 41], \"file\": \"" +
-            out + "\"}]}",
-        dir.string()));
+    auto write = [&](const std::string& out, const std::string& layout) {
+        writeGraphOutputs(loadGraph(
+            "{\"nodes\": [{\"id\": \"plate\", \"op\": \"filein\", \"params\": {\"path\": \"" + in +
+                "\"}}, {\"id\": \"shifted\", \"op\": \"reposition\", \"params\": {\"offset\": [3, "
+                "0]}, "
+                "\"inputs\": {\"input\": \"plate\"}}], \"outputs\": [{\"views\": {\"right\": "
+                "\"shifted\", \"left\": \"plate\"}, \"channels\": \"RGBA,diffuse.R\", "
+                "\"dataType\": "
+                "\"float\", \"rect\": [-5, 3, 53, 41], \"layout\": \"" +
+                layout + "\", \"file\": \"" + out + "\"}]}",
+            dir.string()));
+    };
+    const std::string out = file("stereo_out.exr"), scanline = file("stereo_scanline.exr");
+    write(out, "tiled");
+    write(scanline, "scanline");
     {
         Imf::InputFile written(out.c_str());
         ASSERT_TRUE(Imf::hasMultiView(written.header()));
@@ -710,6 +720,13 @@ TEST_F(ExrFiles, ViewsAreWrittenIntoOneMultiViewFile) {
     for (const char* name : {"R", "A", "diffuse.R", "right.R", "right.A", "diffuse.right.R"})
         EXPECT_TRUE(channels.count(name)) << name;
     EXPECT_EQ(channels.size(), 10u);
+    // Through OpenEXR's C++ library, the same views, names and pixels.
+    EXPECT_EQ(Imf::multiView(Imf::InputFile(scanline.c_str()).header()),
+              (Imf::StringVector{"left", "right"}));
+    const auto scanlineChannels = oiioRead(scanline);
+    EXPECT_EQ(scanlineChannels.size(), channels.size());
+    for (const auto& [name, plane] : channels)
+        EXPECT_TRUE(sameBits(scanlineChannels.at(name), plane)) << name;
     // Each view reads back under the plain names: left is the plate, right
     // the plate moved three pixels.
     FileInParams rightParams = fileIn(out);
@@ -838,4 +855,63 @@ TEST_F(ExrFiles, LayersAreWrittenOnePartEach) {
     for (int64_t y = 0; y < kDataRect.height(); ++y)
         for (int64_t x = 3; x < w; ++x)
             ASSERT_EQ(moved[size_t(y * w + x)], plain[size_t(y * w + x - 3)]) << x << ", " << y;
+}
+
+// Deep files arrive flattened front to back, as OpenImageIO flattens them.
+TEST_F(ExrFiles, DeepFilesAreFlattenedAsOpenImageIOFlattensThem) {
+    const std::string in = file("deep.exr");
+    const int w = kData.max.x - kData.min.x + 1, h = kData.max.y - kData.min.y + 1;
+    const std::vector<std::string> names = {"R", "G", "B", "A", "Z"};
+    {
+        Imf::Header header(kDisplay, kData);
+        header.compression() = Imf::ZIPS_COMPRESSION;
+        header.setType(Imf::DEEPSCANLINE);
+        for (const std::string& n : names) header.channels().insert(n, Imf::Channel(Imf::FLOAT));
+        Imf::DeepScanLineOutputFile out(in.c_str(), header);
+        // 0 to 3 samples a pixel, front to back (OpenImageIO's flatten
+        // takes them in the order stored; ours sorts them first).
+        std::vector<unsigned> counts(size_t(w) * h);
+        std::vector<std::vector<float>> samples(names.size() * counts.size());
+        std::vector<float*> pointers[5];
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                const size_t p = size_t(y) * w + x;
+                counts[p] = unsigned((x + y) % 4);
+                for (size_t c = 0; c < names.size(); ++c) {
+                    std::vector<float>& s = samples[c * counts.size() + p];
+                    for (unsigned i = 0; i < counts[p]; ++i)
+                        s.push_back(c == 4   ? float(i * 2 + unsigned(x) % 3)
+                                    : c == 3 ? 0.25f + 0.2f * float(i)
+                                             : valueAt(c, x, y, Imf::FLOAT) * 0.1f);
+                }
+            }
+        for (size_t c = 0; c < names.size(); ++c)
+            for (size_t p = 0; p < counts.size(); ++p)
+                pointers[c].push_back(samples[c * counts.size() + p].data());
+        Imf::DeepFrameBuffer fb;
+        const ptrdiff_t origin = ptrdiff_t(kData.min.y) * w + kData.min.x;
+        fb.insertSampleCountSlice(Imf::Slice(Imf::UINT,
+                                             reinterpret_cast<char*>(counts.data() - origin),
+                                             sizeof(unsigned), sizeof(unsigned) * size_t(w)));
+        for (size_t c = 0; c < names.size(); ++c)
+            fb.insert(
+                names[c],
+                Imf::DeepSlice(Imf::FLOAT, reinterpret_cast<char*>(pointers[c].data() - origin),
+                               sizeof(float*), sizeof(float*) * size_t(w), sizeof(float)));
+        out.setFrameBuffer(fb);
+        out.writePixels(h);
+    }
+    OIIO::ImageBuf flat = OIIO::ImageBufAlgo::flatten(OIIO::ImageBuf(in));
+    ASSERT_FALSE(flat.has_error()) << flat.geterror();
+    const RenderedImage ours = readAll(fileIn(in));
+    for (const char* name : {"R", "G", "B", "A"}) {
+        const std::vector<float> plane = channelOf(ours, name);
+        const int c = flat.spec().channelindex(name);
+        ASSERT_GE(c, 0);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                ASSERT_NEAR(plane[size_t(y) * w + x],
+                            flat.getchannel(x + kData.min.x, y + kData.min.y, 0, c), 1e-6f)
+                    << name << " at " << x << ", " << y;
+    }
 }
