@@ -55,13 +55,18 @@ struct SequenceOptions {
     bool removeAbandonedFiles = false;
 };
 
+// Why a sequence of a graph cannot be written: an output file whose path
+// has no frame number ("'o.exr' has no frame number ...").
+TESSERA_API std::string unnumberedFileMessage(const Graph& graph);
+
 // Loads the graph file at each frame and writes its outputs. A frame that
 // fails (a missing input frame, a failed write) is reported and the next
 // one rendered; the failures are returned, by frame, each message naming
-// the frame. A file that cannot be read or is not JSON throws
-// GraphFileError first; cancellation throws RenderCancelledException. Parts of the
-// graph that do not change from frame to frame keep their tiles in the
-// tile cache, so later frames re-use them.
+// the frame. Several frames of a graph with an output file without a frame
+// number throw GraphFileError (unnumberedFileMessage) before any is written. A file that cannot be
+// read or is not JSON throws GraphFileError first; cancellation throws RenderCancelledException.
+// Parts of the graph that do not change from frame to frame keep their tiles in the tile cache, so
+// later frames re-use them.
 TESSERA_API std::vector<FrameFailure> writeGraphFrames(
     const std::string& graphPath, const std::vector<int>& frames,
     const std::vector<ParameterOverride>& overrides = {}, const SequenceOptions& options = {});

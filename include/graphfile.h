@@ -35,6 +35,9 @@ struct TESSERA_API Graph {
     std::vector<int> frames;  // the frames the file declares ("frames"); empty for a still
     int frame = 0;            // the frame it was loaded at (its tasks' time)
     bool animated = false;    // some value or file path changes from frame to frame
+    // Files written under one name at every frame (their paths carry no
+    // frame number): a sequence of more than one frame refuses them.
+    std::vector<std::string> unnumberedFiles;
 };
 
 // A value that replaces a node's parameter in the file (or adds it): the

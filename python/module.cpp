@@ -381,7 +381,16 @@ PYBIND11_MODULE(_tessera, m) {
         .def_readonly("frames", &Graph::frames, "the frames the file declares; [] for a still")
         .def_readonly("frame", &Graph::frame, "the frame the graph was loaded at")
         .def_readonly("animated", &Graph::animated,
-                      "whether a value or a file path changes from frame to frame");
+                      "whether a value or a file path changes from frame to frame")
+        .def_readonly("unnumbered_files", &Graph::unnumberedFiles,
+                      "output files whose paths carry no frame number: one name for every frame")
+        .def_property_readonly(
+            "sequence_error",
+            [](const Graph& g) -> py::object {
+                if (g.unnumberedFiles.empty()) return py::none();
+                return py::str(unnumberedFileMessage(g));
+            },
+            "why the graph cannot be written as a sequence of several frames, or None");
     m.def("load_graph", &loadGraphPython, py::arg("path"),
           py::arg("set") = std::map<std::string, std::string>(), py::arg("frame") = py::none(),
           "Reads a graph file at a frame (default: its first); set={'node.param': 'JSON value'} "
@@ -434,7 +443,13 @@ PYBIND11_MODULE(_tessera, m) {
     m.def("threads", &RenderManager::getRenderThreads);
     m.def(
         "set_tile_size",
-        [](int64_t width, int64_t height) { RenderManager::setGlobalTileSize(width, height); },
+        [](int64_t width, int64_t height) {
+            if (width < 1 || height < 1)
+                throw py::value_error("set_tile_size: " + std::to_string(width) + " x " +
+                                      std::to_string(height) +
+                                      ": tiles are at least 1 pixel a side");
+            RenderManager::setGlobalTileSize(width, height);
+        },
         py::arg("width"), py::arg("height"), release);
     m.def("tile_size", [] {
         return std::make_pair(RenderManager::getGlobalTileWidth(),

@@ -219,7 +219,9 @@ HWY_INLINE void applyOp(D d, const PointOp& op, V (&v)[4]) {
             // Log2 compression about mid grey that maps `maximum` to `scale`,
             // continued below 0 by its slope at 0, and its inverse.
             const float mid = p[0] > 0.0f ? p[0] : 0.18f;
-            const float k = p[2] / std::log2(1.0f + std::max(p[1], 1e-6f) / mid);
+            // In double: a maximum far below mid grey must not round to log 0.
+            const float k =
+                float(double(p[2]) / std::log2(1.0 + double(std::max(p[1], 1e-6f)) / mid));
             const float ln2 = 0.69314718f;
             for (int c = 0; c < 3; ++c) {
                 const V x = v[c];

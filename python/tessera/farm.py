@@ -209,6 +209,15 @@ def _run(args):
         print(f"tessera-farm: {args.graph} declares no frames: give --frames", file=sys.stderr)
         return USAGE
 
+    if len(frames) > 1:
+        try:
+            first = tessera.load_graph(graph, set=args.overrides, frame=frames[0])
+        except tessera.Error:
+            first = None  # that frame's own failure, reported by its worker
+        if first is not None and first.sequence_error:
+            print(f"tessera-farm: {args.graph}: {first.sequence_error}", file=sys.stderr)
+            return USAGE
+
     start = time.monotonic()
     run = Run(frames, args.quiet)
     client = cluster = cancel = None

@@ -466,16 +466,16 @@ void declareColorOperations(OperationList& ops) {
                     {"pivot", ParamType::Color4, json::array({0.18, 0.18, 0.18, 0})}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createContrastTask(a.node(), a.time(), a.color("contrast"), a.color("pivot"),
-                                                 a.input("input"));
+                       return createContrastTask(a.node(), a.time(), a.color("contrast"),
+                                                 a.color("pivot"), a.input("input"));
                    }});
     ops.push_back({"gamma",
                    "pivot (c / pivot)^(1 / gamma)",
                    {{"gamma", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createGammaTask(a.node(), a.time(), a.color("gamma"), a.color("pivot"),
-                                              a.input("input"));
+                       return createGammaTask(a.node(), a.time(), a.color("gamma"),
+                                              a.color("pivot"), a.input("input"));
                    }});
     ops.push_back({"exponential",
                    "pivot (c / pivot)^exponent",
@@ -485,18 +485,20 @@ void declareColorOperations(OperationList& ops) {
                        return createExponentialTask(a.node(), a.time(), a.color("exponent"),
                                                     a.color("pivot"), a.input("input"));
                    }});
-    ops.push_back({"compressrange",
-                   "log2 range compression, or its inverse",
-                   {{"midGrey", ParamType::Number, 0.18},
-                    {"maximum", ParamType::Number, 16},
-                    {"scale", ParamType::Number, 1},
-                    {"expand", ParamType::Bool, false}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createCompressRangeTask(a.node(), a.time(), a.number("midGrey"),
-                                                      a.number("maximum"), a.number("scale"),
-                                                      a.flag("expand"), a.input("input"));
-                   }});
+    ops.push_back(
+        {"compressrange",
+         "log2 range compression, or its inverse",
+         {Param{"midGrey", ParamType::Number, 0.18, "the value the curve pivots on"}.range(1e-6,
+                                                                                           1e6),
+          Param{"maximum", ParamType::Number, 16, "the value mapped to scale"}.range(1e-6, 1e6),
+          Param{"scale", ParamType::Number, 1, "what maximum becomes"}.range(1e-6, 1e6),
+          {"expand", ParamType::Bool, false}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createCompressRangeTask(a.node(), a.time(), a.number("midGrey"),
+                                            a.number("maximum"), a.number("scale"),
+                                            a.flag("expand"), a.input("input"));
+         }});
     ops.push_back({"ncontrastboost",
                    "smoothstep contrast",
                    {{"amount", ParamType::Number, 1}, {"alphaToo", ParamType::Bool, false}},
@@ -562,16 +564,18 @@ void declareColorOperations(OperationList& ops) {
                     {"clampToRange", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createPosterizeTask(a.node(), a.time(), a.number("levels"), a.number("low"),
-                                                  a.number("high"), a.flag("alphaToo"),
-                                                  a.flag("clampToRange"), a.input("input"));
+                       return createPosterizeTask(a.node(), a.time(), a.number("levels"),
+                                                  a.number("low"), a.number("high"),
+                                                  a.flag("alphaToo"), a.flag("clampToRange"),
+                                                  a.input("input"));
                    }});
     ops.push_back({"hsvconvert",
                    "RGB to HSV, or back",
                    {{"toHSV", ParamType::Bool, true}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createHSVConvertTask(a.node(), a.time(), a.flag("toHSV"), a.input("input"));
+                       return createHSVConvertTask(a.node(), a.time(), a.flag("toHSV"),
+                                                   a.input("input"));
                    }});
     ops.push_back({"lab",
                    "RGB to L*a*b*, or back",
@@ -611,9 +615,9 @@ void declareColorOperations(OperationList& ops) {
                     {"alpha", ParamType::Floats, json::array()}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createRGBACurvesTask(a.node(), a.time(), a.floats("red"), a.floats("green"),
-                                                   a.floats("blue"), a.floats("alpha"),
-                                                   a.input("input"));
+                       return createRGBACurvesTask(a.node(), a.time(), a.floats("red"),
+                                                   a.floats("green"), a.floats("blue"),
+                                                   a.floats("alpha"), a.input("input"));
                    }});
     ops.push_back({"lumacurves",
                    "a curve on luma, (x, y) pairs",
@@ -641,8 +645,9 @@ void declareColorOperations(OperationList& ops) {
                    {{"component", ParamType::Int, 2}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createHSVComponentToAlphaTask(
-                           a.node(), a.time(), HSVComponent(a.integer("component")), a.input("input"));
+                       return createHSVComponentToAlphaTask(a.node(), a.time(),
+                                                            HSVComponent(a.integer("component")),
+                                                            a.input("input"));
                    }});
     ops.push_back({"logconvert",
                    "Cineon-style log conversion",
@@ -653,10 +658,10 @@ void declareColorOperations(OperationList& ops) {
                     {"alphaToo", ParamType::Bool, false}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createAnalyticalLogConvertTask(a.node(), a.time(), a.color("blackCode"),
-                                                             a.color("whiteCode"),
-                                                             a.color("density"), a.flag("toLog"),
-                                                             a.flag("alphaToo"), a.input("input"));
+                       return createAnalyticalLogConvertTask(
+                           a.node(), a.time(), a.color("blackCode"), a.color("whiteCode"),
+                           a.color("density"), a.flag("toLog"), a.flag("alphaToo"),
+                           a.input("input"));
                    }});
     ops.push_back(
         {"copy", "the input as it is (a cache point)", {}, {"input"}, [](const OperationArgs& a) {
@@ -673,8 +678,8 @@ void declareKeyOperations(OperationList& ops) {
                     {"weights", ParamType::Color3, kRec709Luma, "the luminance weights"}},
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createLumaKeyTask(a.node(), a.time(), a.color3("weights"), a.number("low"),
-                                                a.number("high"), a.flag("invert"),
+                       return createLumaKeyTask(a.node(), a.time(), a.color3("weights"),
+                                                a.number("low"), a.number("high"), a.flag("invert"),
                                                 a.input("input"));
                    },
                    "Y = weights · RGB; A = clamp((Y − low) / (high − low), 0, 1) (a step at "

@@ -168,6 +168,10 @@ TaskPtr createTextTask(const std::string& name, float time, const TextParams& pa
     if (params.text.empty()) throw RenderTaskRenderingException(name, "text is empty", -1);
     Private::checkReal(name, "size", params.size, 1, 4096);
     Private::checkReal(name, "lineSpacing", params.lineSpacing, 0, 100);
+    // Pixel coordinates beyond these are not a place on any image.
+    constexpr double kFar = double(int64_t(1) << 30);
+    Private::checkReal(name, "position", params.position.x, -kFar, kFar);
+    Private::checkReal(name, "position", params.position.y, -kFar, kFar);
     TextParams p = params;
     if (p.font.empty()) p.font = defaultFont();
     return TaskPtr(new TextTask(name, time, p));

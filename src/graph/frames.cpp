@@ -1,7 +1,6 @@
 // Frame lists and numbered paths.
 #include "frames.h"
 
-#include <cstdio>
 #include <limits>
 #include <set>
 #include <stdexcept>
@@ -94,8 +93,12 @@ std::string framePath(const std::string& path, int frame) {
         size_t length = 0;
         int width = 0;
         if (patternAt(path, pos, length, width)) {
-            char digits[128];
-            std::snprintf(digits, sizeof digits, "%0*d", width, frame);
+            // Padded as printf pads "%0*d": zeros after the sign.
+            const std::string digits = std::to_string(frame < 0 ? -(long long)frame : frame);
+            const size_t sign = frame < 0 ? 1 : 0;
+            if (sign) result += '-';
+            if (size_t(width) > digits.size() + sign)
+                result.append(size_t(width) - digits.size() - sign, '0');
             result += digits;
             pos += length;
         } else {

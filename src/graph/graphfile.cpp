@@ -41,6 +41,8 @@ std::string formatNumber(double v) {
 }
 
 // Checks a value against its parameter's type, range and choices.
+constexpr double kMaxMagnitude = double(int64_t(1) << 30);
+
 void checkValue(const std::string& node, const Param& p, const json& v) {
     auto numbers = [&](size_t n) {
         if (!v.is_array() || (n && v.size() != n)) return false;
@@ -94,6 +96,21 @@ void checkValue(const std::string& node, const Param& p, const json& v) {
         throw GraphFileError(node, p.name,
                              "value " + v.dump() + " is out of range (" + formatNumber(p.low) +
                                  " to " + formatNumber(p.high) + ")");
+    // No parameter means anything beyond ±2^30 (pixels, factors, colours):
+    // such values are refused here, before they become inf or a wrapped
+    // coordinate. Rectangles are whole pixels.
+    const auto representable = [&](const json& e) {
+        const double x = e.get<double>();
+        return std::fabs(x) <= kMaxMagnitude && (p.type != ParamType::Rect || x == std::floor(x));
+    };
+    if (v.is_number() ? !representable(v)
+                      : v.is_array() && !std::all_of(v.begin(), v.end(), representable))
+        throw GraphFileError(
+            node, p.name,
+            "value " + v.dump() +
+                (p.type == ParamType::Rect
+                     ? " is out of range (a rectangle of whole pixels within ±2^30)"
+                     : " is out of range (beyond ±2^30)"));
     if (p.type == ParamType::Choice &&
         std::find(p.choices.begin(), p.choices.end(), v.get<std::string>()) == p.choices.end()) {
         std::string names;
@@ -511,6 +528,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 FileOutParams file;
                 file.path = framePath(path, frame);  // relative to the current folder
                 graph.animated |= hasFrameNumber(path);
+                if (!hasFrameNumber(path)) graph.unnumberedFiles.push_back(path);
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
                 if (firstFile.count(id)) file.attributesFrom = firstFile[id];

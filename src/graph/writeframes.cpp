@@ -7,6 +7,11 @@
 
 namespace TESSERA {
 
+std::string unnumberedFileMessage(const Graph& graph) {
+    return "'" + graph.unnumberedFiles.front() +
+           "' has no frame number (#### or %04d), so every frame would be written to it";
+}
+
 std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
                                            const std::vector<int>& frames,
                                            const std::vector<ParameterOverride>& overrides,
@@ -32,8 +37,13 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
                 }
             };
         std::string error;
+        bool wholeSequence = false;  // a failure that ends the sequence
         try {
             const Graph graph = loadGraphFile(graphPath, overrides, frame);
+            if (frames.size() > 1 && !graph.unnumberedFiles.empty()) {
+                wholeSequence = true;
+                throw GraphFileError("(output)", "file", unnumberedFileMessage(graph));
+            }
             if (options.removeAbandonedFiles)
                 for (const GraphOutput& out : graph.outputs)
                     for (const FileOutParams& file : out.files)
@@ -43,6 +53,7 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
             throw;
         } catch (const std::exception& e) {
             if (callerError) std::rethrow_exception(callerError);
+            if (wholeSequence) throw;
             error = "frame " + std::to_string(frame) + ": " + e.what();
             failures.push_back({frame, error});
         }

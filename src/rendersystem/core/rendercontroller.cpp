@@ -180,6 +180,10 @@ Util::ThreadPool& RenderController::pool() {
 
 void RenderController::setRenderThreads(uint64_t n) {
     n = std::max<uint64_t>(n, 1);
+    // More would exhaust the process's threads before it helped.
+    if (n > kMaxRenderThreads)
+        throw UTIL::ErrorException("setRenderThreads: " + std::to_string(n) +
+                                   " threads is more than " + std::to_string(kMaxRenderThreads));
     {
         std::lock_guard<std::mutex> lock(s_poolMutex);
         s_renderThreads = n;

@@ -89,7 +89,8 @@ public:
     static RenderController& get(RenderType type);
     static Util::ThreadPool& pool();
     // Sizes the pool: n render threads and one more for other work.
-    static void setRenderThreads(uint64_t n);
+    static constexpr uint64_t kMaxRenderThreads = 1024;
+    static void setRenderThreads(uint64_t n);  // throws above kMaxRenderThreads
     static uint64_t getRenderThreads();
     // From MARLIN_RENDER_CONTROLLER_SLEEP_USECS (above 0, below 1000000),
     // else 25000.

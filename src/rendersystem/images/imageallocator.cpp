@@ -249,6 +249,13 @@ void ImageAllocator::allocate(Impl* image) {
 }
 
 void ImageAllocator::reserve(Impl* image, int64_t size) {
+    // An image larger than the whole budget could never be given memory,
+    // whatever else were freed: the render that asked for it fails, and
+    // the allocator is left as it was for the next one.
+    if (size > m_maxMemory.load())
+        throw UTIL::OutOfMemoryException("ImageAllocator: an image of " + std::to_string(size) +
+                                         " bytes is larger than the whole memory budget (" +
+                                         std::to_string(m_maxMemory.load()) + " bytes)");
     // Images other threads are releasing give their memory back under the
     // memory lock, so before an overrun is declared the lock is let go a
     // few times for them to finish.
