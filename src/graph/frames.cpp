@@ -15,7 +15,7 @@ bool readInt(const std::string& text, size_t& pos, long long& value) {
     if (pos < text.size() && (text[pos] == '-' || text[pos] == '+')) ++pos;
     const size_t digits = pos;
     while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') ++pos;
-    if (pos == digits || pos - digits > 9) {
+    if (pos == digits || pos - digits > 18) {
         pos = start;
         return false;
     }
@@ -41,6 +41,9 @@ void appendPart(const std::string& part, std::vector<int>& frames, std::set<int>
         }
     }
     if (pos != part.size()) throw bad("unexpected '" + part.substr(pos) + "'");
+    for (long long f : {first, last})
+        if (f < std::numeric_limits<int>::min() || f > std::numeric_limits<int>::max())
+            throw bad("frame numbers are 32-bit integers");
     if (last < first) throw bad("the last frame comes before the first");
     constexpr long long kMaxFrames = 1000000;
     if ((last - first) / step + frames.size() >= kMaxFrames)

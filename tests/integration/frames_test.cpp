@@ -63,6 +63,15 @@ TEST(FrameLists, ReadAsArtistsTypeThem) {
     EXPECT_EQ(parseFrames("-2-1"), (std::vector<int>{-2, -1, 0, 1}));
     for (const char* bad : {"", "1-", "5-1", "1-5x0", "a", "1,,2", "1-3y", "1-3x", "0-2000000"})
         EXPECT_THROW(parseFrames(bad), std::invalid_argument) << bad;
+    // Too many frames, or numbers beyond 32 bits, say so.
+    try {
+        parseFrames("1-2000000000");
+        ADD_FAILURE() << "a list of two billion frames was taken";
+    } catch (const std::invalid_argument& e) {
+        EXPECT_NE(std::string(e.what()).find("more than a million frames"), std::string::npos)
+            << e.what();
+    }
+    EXPECT_THROW(parseFrames("1-99999999999"), std::invalid_argument);
 }
 
 TEST(FrameLists, NumberedPathsArePaddedAsWritten) {
@@ -76,6 +85,33 @@ TEST(FrameLists, NumberedPathsArePaddedAsWritten) {
     EXPECT_TRUE(hasFrameNumber("a.##.exr"));
     EXPECT_TRUE(hasFrameNumber("a.%03d.exr"));
     EXPECT_FALSE(hasFrameNumber("a.100%.exr"));
+    // Any width, beyond any buffer.
+    const std::string wide = framePath("a." + std::string(300, '#') + ".exr", 42);
+    EXPECT_EQ(wide, "a." + std::string(298, '0') + "42.exr");
+    EXPECT_EQ(framePath("a.%0200d.exr", -7).size(), 206u);
+}
+
+// Every frame of a sequence written to one file would leave only the last:
+// refused before any is written, for any path without a frame number.
+TEST_F(FramesTest, ASequenceRefusesAnOutputWithoutAFrameNumber) {
+    for (const char* name : {"o.exr", "o.%s.exr", "o.%x.exr", "o.%-4d.exr"}) {
+        const std::string graph =
+            write("plain.json",
+                  R"({"nodes": [{"id": "c", "op": "constant", "params": {"area": [0, 0, 8, 8]}}],
+                "outputs": [{"node": "c", "file": ")" +
+                      (dir / name).string() + R"("}]})");
+        try {
+            writeGraphFrames(graph, {1, 2, 3});
+            ADD_FAILURE() << name << " was written three times";
+        } catch (const GraphFileError& e) {
+            EXPECT_NE(std::string(e.what()).find("has no frame number"), std::string::npos)
+                << e.what();
+        }
+        EXPECT_FALSE(fs::exists(dir / name)) << name;
+        // One frame is a still: written.
+        EXPECT_TRUE(writeGraphFrames(graph, {4}).empty());
+        EXPECT_TRUE(fs::exists(dir / name)) << name;
+    }
 }
 
 // hold from 1 to 5, linear from 5 to 9, smooth from 9 to 13.

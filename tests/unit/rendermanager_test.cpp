@@ -39,6 +39,9 @@ TEST(RenderManager, TileSizeThreadsAndBudgets) {
     RenderManager::setRenderThreads(0);
     EXPECT_EQ(RenderManager::getRenderThreads(), 1u);
     EXPECT_EQ(Private::RenderController::pool().size(), 2u);  // one spare thread
+    // A count no machine could run is refused, and changes nothing.
+    EXPECT_THROW(RenderManager::setRenderThreads(1000000), UTIL::ErrorException);
+    EXPECT_EQ(RenderManager::getRenderThreads(), 1u);
 
     RenderManager::SetMaxImageMemory(1);
     EXPECT_EQ(RenderManager::GetMaxImageMemory(), 1u);
