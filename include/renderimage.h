@@ -30,7 +30,9 @@ struct RenderOptions {
     std::function<void(const RenderProgress&)> progress;
     // Set from any thread (a signal handler included) to cancel the render.
     const std::atomic<bool>* cancel = nullptr;
-    // The render queue it runs in; one render per queue at a time.
+    // The render queue it runs in; one render per queue at a time. A
+    // render that finds its queue busy waits its turn (renders waiting go in
+    // the order they came; progress and cancel work while they wait).
     RenderType type = RENDERTYPE_BATCH;
 };
 

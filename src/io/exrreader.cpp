@@ -1,8 +1,10 @@
 // EXR files read with OpenEXR's core library: scanline and tiled, one or
 // many parts, any pixel type, decoded straight into the caller's pixels.
 #include <OpenEXR/openexr.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -87,6 +89,8 @@ public:
         exr_get_count(m_context, &parts);
         if (subimage < 0 || subimage >= parts) return "no subimage " + std::to_string(subimage);
         m_part = subimage;
+        const std::string implausible = checkDeclaredSizes(path);
+        if (!implausible.empty()) return implausible;
         readViews(parts);
         exr_storage_t storage;
         exr_get_storage(m_context, m_part, &storage);
@@ -206,6 +210,38 @@ public:
 
 private:
     // The views of a multi-view part and of every part of the file.
+    // What the header declares, against what the file could hold: readers
+    // (the core library's, OpenEXR's deep sample counts) trust a header and
+    // would allocate, or loop over, what it says. Every chunk has an offset
+    // of 8 bytes and a header of at least 8; no compression packs a pixel's
+    // 2 bytes (a deep pixel's 4-byte count) more than 100,000 to 1.
+    std::string checkDeclaredSizes(const std::string& path) const {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) return std::strerror(errno);
+        const double bytes = double(status.st_size);
+        int parts = 0;
+        exr_get_count(m_context, &parts);
+        double chunks = 0, pixelBytes = 0;
+        for (int p = 0; p < parts; ++p) {
+            int32_t count = 0;
+            if (exr_get_chunk_count(m_context, p, &count) != EXR_ERR_SUCCESS || count < 0)
+                return "its header declares no valid chunk table";
+            chunks += count;
+            exr_attr_box2i_t data;
+            exr_get_data_window(m_context, p, &data);
+            exr_storage_t storage;
+            exr_get_storage(m_context, p, &storage);
+            const bool deep =
+                storage == EXR_STORAGE_DEEP_SCANLINE || storage == EXR_STORAGE_DEEP_TILED;
+            pixelBytes += (double(data.max.x) - data.min.x + 1) *
+                          (double(data.max.y) - data.min.y + 1) * (deep ? 4 : 2);
+        }
+        if (chunks * 16 > bytes || pixelBytes > bytes * 1e5)
+            return "its header declares more than its " + std::to_string(status.st_size) +
+                   " bytes could hold (" + std::to_string(int64_t(chunks)) + " chunks)";
+        return {};
+    }
+
     void readViews(int parts) {
         int32_t count = 0;
         if (exr_attr_get_string_vector(m_context, m_part, "multiView", &count, nullptr) ==

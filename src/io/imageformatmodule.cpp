@@ -1,6 +1,8 @@
 // Finding and loading the OpenImageIO module: beside the library that holds
 // this code (an installed or built shared library), else where the build
 // put it, else where it is installed.
+#include <sys/stat.h>
+
 #include <dlfcn.h>
 
 #include <atomic>
@@ -99,6 +101,12 @@ private:
 std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage, int level,
                                              std::string& error) {
     error.clear();
+    // A device or a pipe would be read forever (/dev/zero) or block.
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        error = S_ISDIR(status.st_mode) ? "it is a folder" : "it is not a regular file";
+        return nullptr;
+    }
     ImageFileInfo header;
     if (auto exr = openExrReader(path, subimage, level, error, &header)) return exr;
     if (!error.empty()) return nullptr;

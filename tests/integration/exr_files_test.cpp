@@ -38,8 +38,10 @@
 #include "imglib/channels.h"
 #include "renderimage.h"
 #include "rendermanager.h"
+#include "support/watchdog.h"
 
 using namespace TESSERA;
+using TESSERA::testing::withinSeconds;
 namespace fs = std::filesystem;
 
 namespace {
@@ -914,4 +916,54 @@ TEST_F(ExrFiles, DeepFilesAreFlattenedAsOpenImageIOFlattensThem) {
                             flat.getchannel(x + kData.min.x, y + kData.min.y, 0, c), 1e-6f)
                     << name << " at " << x << ", " << y;
     }
+}
+
+// What hostile files and paths get: a one-line refusal naming the file, in
+// moments, instead of a read that never ends, a crash in a library that
+// trusts the header, or a writer that deadlocks on its own error.
+TEST_F(ExrFiles, HostileFilesAreRefusedAtOnce) {
+    withinSeconds(60, "hostile files", [&] {
+        EXPECT_NE(readError(fileIn("/dev/zero")).find("not a regular file"), std::string::npos)
+            << readError(fileIn("/dev/zero"));
+        EXPECT_NE(readError(fileIn(dir.string())).find("folder"), std::string::npos);
+
+        // Headers that declare far more than the file holds: a
+        // 100000 x 100000 scanline image, and a deep one of 8166272 x 23.
+        const std::string huge = file("huge.exr"), deep = file("deep_huge.exr");
+        {
+            Imf::Header header(100000, 100000);
+            header.compression() = Imf::ZIP_COMPRESSION;
+            header.channels().insert("R", Imf::Channel(Imf::HALF));
+            Imf::OutputFile out(huge.c_str(), header);
+        }
+        {
+            Imf::Header header(8166272, 23);
+            header.compression() = Imf::ZIPS_COMPRESSION;
+            header.setType(Imf::DEEPSCANLINE);
+            header.channels().insert("A", Imf::Channel(Imf::HALF));
+            Imf::DeepScanLineOutputFile out(deep.c_str(), header);
+        }
+        for (const std::string& path : {huge, deep}) {
+            const std::string error = readError(fileIn(path));
+            EXPECT_NE(error.find(path), std::string::npos) << error;
+            EXPECT_NE(error.find("could hold"), std::string::npos) << error;
+            EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+        }
+
+        // A data window the file format cannot hold: the writer's error
+        // comes back, naming the file.
+        FileWriter writer;
+        RenderDescription output;
+        writeExr(file("aovs.exr"), kAovs, Imf::ZIP_COMPRESSION, false);
+        output.task = createFileInTask("plate", 0, fileIn(file("aovs.exr")));
+        output.rect = UTIL::Rect(0, 0, int64_t(3) << 30, 1);
+        output.channels = IMGLIB::CHANNELS_RGBA;
+        try {
+            writer.addOutput(0, output, {FileOutParams(file("wide.exr"))});
+            ADD_FAILURE() << "a data window beyond 32 bits was written";
+        } catch (const std::exception& e) {
+            EXPECT_NE(std::string(e.what()).find("wide.exr"), std::string::npos) << e.what();
+        }
+        EXPECT_FALSE(fs::exists(file("wide.exr")));
+    });
 }

@@ -12,6 +12,7 @@
 #include "rendersystem/core/rendercontroller.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
+#include "support/watchdog.h"
 #include "util/exceptions.h"
 
 using namespace TESSERA;
@@ -285,6 +286,63 @@ TEST_F(RenderTest, OneRenderPerTypeAtATimeAndTheViewerFirst) {
     RenderManager::cancel(RENDERTYPE_BACKGROUND, true);
     EXPECT_FALSE(RenderManager::isRenderInProgress(RENDERTYPE_BACKGROUND));
     EXPECT_EQ(observer->status, RenderStatus::Cancelled);
+}
+
+// The blocking conveniences wait their turn for a busy queue instead of
+// refusing (a Dask worker renders frames from several threads at once), in
+// the order they came, and a render cancelled while it waits leaves at once.
+TEST_F(RenderTest, BlockingRendersWaitTheirTurnInOrder) {
+    RenderManager::setGlobalTileSize(16, 16);
+    RenderManager::setRenderThreads(2);
+    // Holds the queue until the gate opens.
+    std::atomic<bool> gate{false};
+    auto held = make<FunctionTask>("held", Rect(0, 0, 16, 16), [&](int64_t, int64_t, int) {
+        while (!gate) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return 1.0f;
+    });
+    auto quick = make<PatternTask>("quick", Rect(0, 0, 32, 32));
+    const RenderedImage expected = renderImage(quick, Rect(0, 0, 32, 32), IMGLIB::CHANNELS_RGBA);
+    withinSeconds(120, "renders waiting their turn", [&] {
+        auto first = make<RecordingObserver>();
+        RenderManager::Render({RenderDescription(held, Rect(0, 0, 16, 16), IMGLIB::CHANNELS_RGBA)},
+                              first, nullptr, false, RENDERTYPE_BATCH);
+        std::mutex mutex;
+        std::vector<int> finished;
+        std::vector<std::thread> threads;
+        std::atomic<int> failures{0};
+        for (int i = 0; i < 4; ++i) {
+            threads.emplace_back([&, i] {
+                // Each starts after the one before it is waiting.
+                std::this_thread::sleep_for(std::chrono::milliseconds(100 * i));
+                try {
+                    const RenderedImage got =
+                        renderImage(quick, Rect(0, 0, 32, 32), IMGLIB::CHANNELS_RGBA);
+                    if (got.pixels != expected.pixels) ++failures;
+                    std::lock_guard<std::mutex> lock(mutex);
+                    finished.push_back(i);
+                } catch (const std::exception&) {
+                    ++failures;
+                }
+            });
+        }
+        // One more, cancelled while it waits.
+        std::atomic<bool> cancel{false};
+        std::thread cancelled([&] {
+            RenderOptions options;
+            options.cancel = &cancel;
+            EXPECT_THROW(renderImage(quick, Rect(0, 0, 32, 32), IMGLIB::CHANNELS_RGBA, options),
+                         RenderCancelledException);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(450));
+        cancel = true;
+        cancelled.join();
+        // The render they all wait for ends; they run in turn.
+        gate = true;
+        for (std::thread& t : threads) t.join();
+        EXPECT_EQ(failures.load(), 0);
+        EXPECT_EQ(finished, (std::vector<int>{0, 1, 2, 3}));
+        EXPECT_EQ(first->status, RenderStatus::Success);
+    });
 }
 
 TEST_F(RenderTest, CancellingAtRandomMomentsNeverHangsOrLeaks) {

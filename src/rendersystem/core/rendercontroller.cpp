@@ -205,7 +205,7 @@ uint64_t RenderController::sleepMicroseconds() {
 void RenderController::render(const std::vector<RenderDescription>& outputs,
                               const RenderObserverPtr& observer,
                               const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
-                              const std::function<bool()>& poll) {
+                              const std::function<bool()>& poll, bool waitTurn) {
     if (!observer) throw UTIL::ErrorException("Render: no RenderObserver given");
     ActiveRenderPtr render(new ActiveRender);
     render->controller = this;
@@ -214,8 +214,12 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
     render->outputs = outputs;
     render->observer = observer;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::unique_lock<std::mutex> lock(m_mutex);
         ActiveRenderPtr& slot = analysis ? m_analysisRender : m_render;
+        // From inside a render's own work, waiting for the slot would wait
+        // for that render: refused, as a render that does not wait is.
+        if (waitTurn && !analysis && !ActiveRender::current() && (slot || !m_waiting.empty()))
+            waitForSlot(lock, poll);
         if (slot)
             throw UTIL::ErrorException(
                 analysis ? "There is already an analysis render in progress, cancel it first!"
@@ -397,6 +401,36 @@ void RenderController::reprioritize(const OutputTilePrioritizerPtr& prioritizer)
         render->ordering = std::move(ordering);
     }
     pool().reprioritize();
+}
+
+void RenderController::waitForSlot(std::unique_lock<std::mutex>& lock,
+                                   const std::function<bool()>& poll) {
+    const uint64_t ticket = ++m_lastTicket;
+    m_waiting.push_back(ticket);
+    const auto leave = [&] {
+        m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), ticket));
+        m_idle.notify_all();
+    };
+    while (m_render || m_waiting.front() != ticket) {
+        m_idle.wait_for(lock, std::chrono::milliseconds(25));
+        if (!poll) continue;
+        // The caller's progress and cancellation, outside the lock.
+        lock.unlock();
+        bool go = false;
+        try {
+            go = poll();
+        } catch (...) {
+            lock.lock();
+            leave();
+            throw;
+        }
+        lock.lock();
+        if (!go) {
+            leave();
+            throw RenderCancelledException("Render cancelled.");
+        }
+    }
+    leave();
 }
 
 void RenderController::cancel(bool wait) {

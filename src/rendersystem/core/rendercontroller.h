@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <functional>
 #include <mutex>
@@ -102,9 +103,13 @@ public:
     // While it waits, `poll` (when given) runs on the calling thread at
     // least every sleepMicroseconds(); returning false, or throwing, cancels
     // the render, and what it threw is rethrown once the render ended.
+    // With waitTurn, a render that finds the slot taken waits for it, in
+    // the order such renders came (polling the while; cancelled, it throws
+    // RenderCancelledException), instead of throwing "There is already a
+    // render in progress"; from inside a render's own work it still throws.
     void render(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
                 const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
-                const std::function<bool()>& poll = {});
+                const std::function<bool()>& poll = {}, bool waitTurn = false);
     void reprioritize(const OutputTilePrioritizerPtr& prioritizer);
     // Queued tiles are dropped, running ones finish or notice (CheckAbort).
     void cancel(bool wait);
@@ -124,6 +129,9 @@ public:
 
 private:
     void wait(const ActiveRenderPtr& render, const std::function<bool()>& poll);
+    // Under m_mutex (`lock`): until the slot is free and this caller first
+    // of those waiting.
+    void waitForSlot(std::unique_lock<std::mutex>& lock, const std::function<bool()>& poll);
     void analysisJobDone();
 
     const RenderType m_type;
@@ -131,7 +139,9 @@ private:
     std::condition_variable m_idle;
     ActiveRenderPtr m_render;
     ActiveRenderPtr m_analysisRender;
-    int m_finishing = 0;  // renders whose observer is being told of their end
+    int m_finishing = 0;             // renders whose observer is being told of their end
+    std::deque<uint64_t> m_waiting;  // tickets of renders waiting their turn, first first
+    uint64_t m_lastTicket = 0;
     bool m_analysisStarted = false;
     uint64_t m_analysisJobs = 0;
 };

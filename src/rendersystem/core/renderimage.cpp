@@ -72,10 +72,13 @@ void renderOutputs(const std::vector<RenderDescription>& outputs, const RenderOb
     if (options.cancel && options.cancel->load())
         throw RenderCancelledException("Render cancelled.");
     Private::RenderController::get(options.type)
-        .render(outputs, counting, nullptr, true, false, [&] {
-            report();
-            return !(options.cancel && options.cancel->load());
-        });
+        .render(
+            outputs, counting, nullptr, true, false,
+            [&] {
+                report();
+                return !(options.cancel && options.cancel->load());
+            },
+            true);
     report();
 }
 
