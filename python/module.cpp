@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <optional>
 #include <sstream>
 
@@ -185,6 +186,30 @@ uint64_t namedChannels(const std::string& name, const std::string& channels,
     return mask;
 }
 
+// Arrays made read-only by the tasks reading them, and how many tasks read
+// each (guarded by the GIL). An array that was read-only already is left so.
+std::map<PyObject*, int>& lockedArrays() {
+    static auto* locked = new std::map<PyObject*, int>;
+    return *locked;
+}
+
+void lockArray(const py::object& array) {
+    auto found = lockedArrays().find(array.ptr());
+    if (found != lockedArrays().end()) {
+        ++found->second;
+    } else if (array.attr("flags").attr("writeable").cast<bool>()) {
+        array.attr("flags").attr("writeable") = false;
+        lockedArrays()[array.ptr()] = 1;
+    }
+}
+
+void unlockArray(const py::object& array) {
+    auto found = lockedArrays().find(array.ptr());
+    if (found == lockedArrays().end() || --found->second > 0) return;
+    lockedArrays().erase(found);
+    array.attr("flags").attr("writeable") = true;
+}
+
 // A task over the array's own memory, which it keeps alive: float32 with
 // each pixel's channels side by side, in the engine's order, is read in
 // place; anything else is converted once.
@@ -229,11 +254,17 @@ TaskPtr fromArray(const py::array& input, std::optional<std::string> channels,
     pixels.rowBytes = a.strides(0);
     pixels.pixelPtr = const_cast<float*>(a.data());
     // Released wherever the last tile lets go of it, with the GIL taken.
+    // While tasks read the caller's own array it is read-only: an edit in
+    // place would reach some tiles and not others already rendered and
+    // kept, so it raises instead.
     auto* held = new py::object(a);
+    lockArray(*held);
     std::shared_ptr<const void> owner(held, [](const void* p) {
         if (!Py_IsInitialized()) return;  // the interpreter is gone: nothing to release
         py::gil_scoped_acquire gil;
-        delete static_cast<const py::object*>(p);
+        const auto* array = static_cast<const py::object*>(p);
+        unlockArray(*array);
+        delete array;
     });
     return createMemoryImageTask(name, 0, pixels, std::move(owner));
 }
@@ -322,7 +353,7 @@ PYBIND11_MODULE(_tessera, m) {
     useRenderThreadsForFiles();
 
     // Library errors keep their messages.
-    auto error = py::exception<UTIL::ErrorException>(m, "Error", PyExc_RuntimeError);
+    auto error = py::register_exception<UTIL::ErrorException>(m, "Error", PyExc_RuntimeError);
     py::register_exception<GraphFileError>(m, "GraphFileError", error);
     py::register_exception<RenderTaskRenderingException>(m, "RenderError", error);
     py::register_exception<RenderCancelledException>(m, "Cancelled", error);

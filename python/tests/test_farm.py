@@ -184,3 +184,14 @@ def test_ctrl_c_cancels_the_frames_not_rendered(shot, farms):
     alive = [p for p in workers if os.path.exists(f"/proc/{p}")
              and open(f"/proc/{p}/stat").read().split()[2] != "Z"]
     assert alive == []
+
+
+def test_a_sequence_into_one_file_is_refused_before_the_cluster_starts(tmp_path, farms):
+    graph = tmp_path / "plain.json"
+    graph.write_text(json.dumps({
+        "nodes": [{"id": "c", "op": "constant", "params": {"area": [0, 0, 8, 8]}}],
+        "outputs": [{"node": "c", "file": "o.exr"}]}))
+    farm = farms(graph, tmp_path / "run", "--frames", "1-3")
+    assert farm.wait(timeout=30) == 2
+    assert "'o.exr' has no frame number" in farm.errors, farm.errors
+    assert not (tmp_path / "run" / "o.exr").exists()

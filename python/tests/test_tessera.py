@@ -67,17 +67,32 @@ def test_strided_and_other_typed_arrays_are_converted_and_placed_at_their_origin
     assert out[:4].max() == 0 and out[4:, 4:].tolist() == a[:4, :4].tolist()
 
 
-def test_an_array_is_read_in_place_and_kept_alive():
+def test_an_array_is_read_in_place_kept_alive_and_read_only_meanwhile():
     a = pattern(32, 32, 4)
     before = sys.getrefcount(a)
     task = tessera.from_array(a)
     assert sys.getrefcount(a) == before + 1
-    a[3, 5] = [9, 8, 7, 6]  # after the task was made: read, not copied
-    assert tessera.render(task)[3, 5].tolist() == [9, 8, 7, 6]
+    # An edit in place would reach the tiles rendered after it and not those
+    # kept from before: refused while a task reads the array.
+    with pytest.raises(ValueError, match="read-only"):
+        a[3, 5] = [9, 8, 7, 6]
+    np.testing.assert_array_equal(tessera.render(task), a)
+    twice = tessera.from_array(a)
     del task
     tessera.clear_task_cache()
     tessera.clear_cache()
+    assert not a.flags.writeable  # the second task still reads it
+    del twice
+    tessera.clear_task_cache()
     assert sys.getrefcount(a) == before
+    a[3, 5] = [9, 8, 7, 6]  # writeable again
+    assert tessera.render(tessera.from_array(a))[3, 5].tolist() == [9, 8, 7, 6]
+    frozen = pattern(4, 4, 4)
+    frozen.flags.writeable = False
+    del_me = tessera.from_array(frozen)
+    del del_me
+    tessera.clear_task_cache()
+    assert not frozen.flags.writeable  # left as it came
 
 
 def test_operations_keep_the_declared_names_defaults_and_documentation():
@@ -198,3 +213,43 @@ def test_errors_carry_the_librarys_messages():
         tessera.from_array(np.zeros((4, 4, 2), np.float32))
     with pytest.raises(tessera.Error):
         tessera.text(text="")
+
+
+def test_hostile_calls_get_one_line_errors_and_the_interpreter_lives():
+    with pytest.raises(tessera.Error, match="more than 1024"):
+        tessera.set_threads(10**6)
+    with pytest.raises(ValueError, match="at least 1 pixel"):
+        tessera.set_tile_size(0, 0)
+    plate = tessera.from_array(pattern(8, 8, 4))
+    with pytest.raises(tessera.Error, match="more than this machine's memory"):
+        tessera.render(plate, rect=(0, 0, 10**9, 10**9))
+    with pytest.raises(tessera.GraphFileError, match="beyond"):
+        tessera.gain(plate, gain=[1e39, 1, 1, 1])
+    with pytest.raises(tessera.GraphFileError, match="beyond"):
+        tessera.text(text="x", position=[1e39, 1e39])
+    assert tessera.render(plate).shape == (8, 8, 4)
+
+
+def test_renders_from_several_threads_wait_their_turn():
+    # As a Dask worker runs frames: every render succeeds, none is refused.
+    plate = tessera.from_array(pattern(64, 48, 4))
+    expected = tessera.render(tessera.blur(plate, size=[3, 3]))
+    results, errors = [], []
+
+    def work(i):
+        try:
+            for _ in range(3):
+                tessera.clear_cache()
+                results.append(tessera.render(tessera.blur(plate, size=[3, 3])))
+        except Exception as e:  # pragma: no cover - the failure is reported below
+            errors.append(e)
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join(60)
+    assert not errors
+    assert len(results) == 12
+    for r in results:
+        np.testing.assert_array_equal(r, expected)

@@ -1,5 +1,7 @@
 #include "renderimage.h"
 
+#include <unistd.h>
+
 #include "imagebuffer.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
@@ -118,8 +120,18 @@ RenderedImage renderImage(const TaskPtr& task, const UTIL::Rect& rect, uint64_t 
         throw UTIL::ErrorException("renderImage: task " + (task ? task->getName() : "(none)") +
                                    ": no channels asked for");
     out.rect = rect;
-    out.pixels.resize(size_t(rect.width() * rect.height()) *
-                      size_t(IMGLIB::GetChannelCount(out.channels)));
+    // The image is held whole: more than the machine's memory is refused
+    // here, before an allocation that would fail (or wrap) deep inside.
+    const double floats = double(rect.width()) * double(rect.height()) *
+                          double(IMGLIB::GetChannelCount(out.channels));
+    const double memory = double(::sysconf(_SC_PHYS_PAGES)) * double(::sysconf(_SC_PAGESIZE));
+    if (floats * sizeof(float) > memory)
+        throw UTIL::ErrorException("renderImage: task " + (task ? task->getName() : "(none)") +
+                                   ": " + std::to_string(rect.width()) + " x " +
+                                   std::to_string(rect.height()) + " pixels of " +
+                                   std::to_string(IMGLIB::GetChannelCount(out.channels)) +
+                                   " channels are more than this machine's memory holds");
+    out.pixels.resize(size_t(floats));
     renderInto(task, out.image(), options);
     return out;
 }
