@@ -3,7 +3,8 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build demo farm-demo docs test test-release test-asan test-tsan bench format clean
+.PHONY: all deps build demo farm-demo docs test test-release test-asan test-tsan test-fuzz \
+	build-fuzz fuzz bench format clean
 
 all: build
 
@@ -23,7 +24,7 @@ demo: build
 farm-demo: build
 	build/release/tools/tessera-farm examples/sequence/shot.json --workers 2 --chunk 8
 
-test: test-release test-asan test-tsan
+test: test-release test-asan test-tsan test-fuzz
 
 # The operator reference (generated from the operators' declarations), the
 # manual page (build/release/tools/tessera/tessera.1) and the API reference
@@ -55,6 +56,22 @@ test-asan: deps
 	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=address,undefined
 	cmake --build build/asan -j$(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST) build/asan
+
+# The libFuzzer targets (fuzz/), built with clang under ASan and UBSan:
+# `make test` replays every crash ever found (tests/fuzz/regressions) and
+# fuzzes each target briefly; `make fuzz` fuzzes each for FUZZ_SECONDS.
+FUZZ_SECONDS ?= 600
+build-fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_FUZZ=ON
+	cmake --build build/fuzz -j$(JOBS)
+
+test-fuzz: build-fuzz
+	scripts/fuzz replay
+	scripts/fuzz run 20
+
+fuzz: build-fuzz
+	scripts/fuzz replay
+	scripts/fuzz run $(FUZZ_SECONDS)
 
 test-tsan: deps
 	cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=thread

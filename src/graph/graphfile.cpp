@@ -570,10 +570,10 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
     }
     bool varies = false;
     const json params = checkedParams(node, op, given, 0, varies);
-    for (const auto& [name, task] : inputs)
+    for (const auto& entry : inputs)
         if (std::none_of(op.inputs.begin(), op.inputs.end(),
-                         [&](const Private::Input& in) { return in.name == name; }))
-            throw GraphFileError(node, name, "unknown input of " + op.name);
+                         [&](const Private::Input& in) { return in.name == entry.first; }))
+            throw GraphFileError(node, entry.first, "unknown input of " + op.name);
     std::map<std::string, TaskPtr> tasks;
     for (const Private::Input& in : op.inputs) {
         const auto given = inputs.find(in.name);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "io/imagefiles.h"
 #include "io/oiio/lumachroma.h"
@@ -106,8 +107,36 @@ private:
     ImageFileInfo m_info;
 };
 
+// What a DPX header declares, against the file's size: OpenImageIO's
+// reader allocates (and clears) whatever the header says the user data and
+// the image take. Empty when plausible.
+std::string implausibleDpx(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    unsigned char header[780] = {};
+    if (!file.read(reinterpret_cast<char*>(header), sizeof header)) return {};
+    const bool little = std::memcmp(header, "XPDS", 4) == 0;
+    if (!little && std::memcmp(header, "SDPX", 4) != 0) return {};
+    auto u32 = [&](size_t at) {
+        const unsigned char* b = header + at;
+        return little ? uint64_t(b[0]) | uint64_t(b[1]) << 8 | uint64_t(b[2]) << 16 |
+                            uint64_t(b[3]) << 24
+                      : uint64_t(b[3]) | uint64_t(b[2]) << 8 | uint64_t(b[1]) << 16 |
+                            uint64_t(b[0]) << 24;
+    };
+    file.seekg(0, std::ios::end);
+    const uint64_t size = uint64_t(file.tellg());
+    const uint64_t userData = u32(32), pixels = u32(772) * u32(776);
+    // Pixels of at least one bit each, run-length coded at most 64 to 1.
+    if (userData > size || pixels / 512 > size)
+        return "its DPX header declares more than its " + std::to_string(size) +
+               " bytes could hold";
+    return {};
+}
+
 std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, int level,
                                         std::string& error) {
+    error = implausibleDpx(path);
+    if (!error.empty()) return nullptr;
     if (level == 0)
         if (auto lumaChroma = openLumaChromaReader(path, subimage, error)) return lumaChroma;
     if (!error.empty()) return nullptr;
