@@ -56,7 +56,10 @@ def render_chunk(graph, frames, overrides, threads, run, folder):
 
     def watch():  # the run's cancel event, seen from this worker
         while not cancel.is_set():
-            if remote_cancel.wait(0.5):
+            try:
+                if remote_cancel.wait(0.5):
+                    cancel.set()
+            except Exception:  # noqa: BLE001 - the scheduler is gone: no frame could be reported
                 cancel.set()
 
     watcher = threading.Thread(target=watch, daemon=True)
