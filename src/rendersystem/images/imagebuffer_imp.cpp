@@ -42,7 +42,14 @@ ImageBuffer::Impl::Impl(uint64_t imgChannels, const UTIL::Rect& bounds, std::str
     // The width is taken as a 32-bit value.
     const int64_t width = std::max<int32_t>(0, static_cast<int32_t>(bounds.xmax - bounds.xmin));
     m_image.rowBytes = IMGLIB::GetPaddedRowBytes(width, pixelBytes, bounds.height());
-    m_isEmptyImage = m_image.height() * m_image.rowBytes == 0;
+    // A rectangle of 2^31 x 2^31 has more bytes than 64 bits count: no
+    // budget could hold it, and its size must not wrap into one that fits.
+    int64_t bytes = 0;
+    if (__builtin_mul_overflow(m_image.height(), m_image.rowBytes, &bytes))
+        throw UTIL::OutOfMemoryException("ImageAllocator: an image of " + std::to_string(width) +
+                                         " x " + std::to_string(m_image.height()) +
+                                         " pixels is larger than any memory");
+    m_isEmptyImage = bytes == 0;
 }
 
 ImageBuffer::Impl::Impl(const IMGLIB::Image& view, std::shared_ptr<const void> owner,
