@@ -288,6 +288,26 @@ TEST_F(RenderTest, OneRenderPerTypeAtATimeAndTheViewerFirst) {
     EXPECT_EQ(observer->status, RenderStatus::Cancelled);
 }
 
+// Notes when its render ran: at its first tile, as renders of one queue
+// run one at a time.
+class FirstTileOrder : public CollectingObserver {
+public:
+    FirstTileOrder(std::mutex& mutex, std::vector<int>& order, int index)
+        : m_orderMutex(mutex), m_order(order), m_index(index) {}
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+        CollectingObserver::tileDone(image, id);
+        std::lock_guard<std::mutex> lock(m_orderMutex);
+        if (!m_seen) m_order.push_back(m_index);
+        m_seen = true;
+    }
+
+private:
+    std::mutex& m_orderMutex;
+    std::vector<int>& m_order;
+    const int m_index;
+    bool m_seen = false;
+};
+
 // The blocking conveniences wait their turn for a busy queue instead of
 // refusing (a Dask worker renders frames from several threads at once), in
 // the order they came, and a render cancelled while it waits leaves at once.
@@ -307,7 +327,7 @@ TEST_F(RenderTest, BlockingRendersWaitTheirTurnInOrder) {
         RenderManager::Render({RenderDescription(held, Rect(0, 0, 16, 16), IMGLIB::CHANNELS_RGBA)},
                               first, nullptr, false, RENDERTYPE_BATCH);
         std::mutex mutex;
-        std::vector<int> finished;
+        std::vector<int> started;  // the order the renders ran in
         std::vector<std::thread> threads;
         std::atomic<int> failures{0};
         for (int i = 0; i < 4; ++i) {
@@ -315,11 +335,12 @@ TEST_F(RenderTest, BlockingRendersWaitTheirTurnInOrder) {
                 // Each starts after the one before it is waiting.
                 std::this_thread::sleep_for(std::chrono::milliseconds(100 * i));
                 try {
-                    const RenderedImage got =
-                        renderImage(quick, Rect(0, 0, 32, 32), IMGLIB::CHANNELS_RGBA);
-                    if (got.pixels != expected.pixels) ++failures;
-                    std::lock_guard<std::mutex> lock(mutex);
-                    finished.push_back(i);
+                    auto observer = make<FirstTileOrder>(mutex, started, i);
+                    renderOutputs(
+                        {RenderDescription(quick, Rect(0, 0, 32, 32), IMGLIB::CHANNELS_RGBA)},
+                        observer);
+                    const Imath::Color4<float> c = observer->pixel(0, 5, 7);
+                    if (c.r != expected.pixels[(7 * 32 + 5) * 4]) ++failures;
                 } catch (const std::exception&) {
                     ++failures;
                 }
@@ -340,7 +361,7 @@ TEST_F(RenderTest, BlockingRendersWaitTheirTurnInOrder) {
         gate = true;
         for (std::thread& t : threads) t.join();
         EXPECT_EQ(failures.load(), 0);
-        EXPECT_EQ(finished, (std::vector<int>{0, 1, 2, 3}));
+        EXPECT_EQ(started, (std::vector<int>{0, 1, 2, 3}));
         EXPECT_EQ(first->status, RenderStatus::Success);
     });
 }
