@@ -366,6 +366,36 @@ TEST_F(RenderTest, BlockingRendersWaitTheirTurnInOrder) {
     });
 }
 
+// From inside a render's own callback a blocking render would wait for its
+// caller: it is refused at once instead of deadlocking.
+class RendersFromItsCallback : public CollectingObserver {
+public:
+    explicit RendersFromItsCallback(TaskPtr task) : m_task(std::move(task)) {}
+    void tileDone(const ImageBuffer& image, const OutputTileID& id) override {
+        CollectingObserver::tileDone(image, id);
+        try {
+            renderImage(m_task, Rect(0, 0, 8, 8), IMGLIB::CHANNELS_RGBA);
+        } catch (const UTIL::ErrorException& e) {
+            std::lock_guard<std::mutex> lock(mutex);
+            refusal = e.what();
+        }
+    }
+    std::string refusal;
+
+private:
+    TaskPtr m_task;
+};
+
+TEST_F(RenderTest, ABlockingRenderFromARenderCallbackIsRefusedNotDeadlocked) {
+    auto quick = make<PatternTask>("quick", Rect(0, 0, 16, 16));
+    withinSeconds(60, "a blocking render from a callback", [&] {
+        auto observer = make<RendersFromItsCallback>(TaskPtr(quick));
+        renderOutputs({RenderDescription(quick, Rect(0, 0, 16, 16), IMGLIB::CHANNELS_RGBA)},
+                      observer);
+        EXPECT_EQ(observer->refusal, "There is already a render in progress, cancel it first!");
+    });
+}
+
 TEST_F(RenderTest, CancellingAtRandomMomentsNeverHangsOrLeaks) {
     RenderManager::setGlobalTileSize(32, 32);
     RenderManager::setRenderThreads(2);
