@@ -86,7 +86,8 @@ struct TESSERA_API OperationParameter {
     std::string type;          // as `tessera ops` prints it ("number", "[x, y]", ...)
     std::string defaultValue;  // JSON text; empty when the parameter is required
     std::string description;
-    std::string range;                 // "0 to 32"; empty when any value goes
+    std::string range;                 // "0 to 32", "-2^30 to 2^30"; empty when not a number
+    double low = 0, high = 0;          // the range, for every number of the value
     std::vector<std::string> choices;  // the names a choice parameter accepts
     std::string example;  // JSON text: a value that works (for a required one, or one whose default
                           // does nothing)

@@ -381,6 +381,9 @@ PYBIND11_MODULE(_tessera, m) {
         .def_readonly("default", &OperationParameter::defaultValue)
         .def_readonly("description", &OperationParameter::description)
         .def_readonly("range", &OperationParameter::range)
+        .def_readonly("low", &OperationParameter::low,
+                      "the range's low end, for every number of the value")
+        .def_readonly("high", &OperationParameter::high, "the range's high end")
         .def_readonly("choices", &OperationParameter::choices)
         .def_readonly("example", &OperationParameter::example);
     py::class_<OperationDescription>(m, "OperationDescription")

@@ -45,6 +45,10 @@ enum class ParamType {
 // The type as `tessera ops` and the reference print it.
 std::string typeName(ParamType type);
 
+// No parameter means anything beyond ±2^30 (pixels, factors, colours):
+// larger values are refused before they become inf or a wrapped coordinate.
+constexpr double kMaxMagnitude = double(int64_t(1) << 30);
+
 struct Param {
     Param(std::string n, ParamType t, json f, std::string d = {})
         : name(std::move(n)), type(t), fallback(std::move(f)), doc(std::move(d)) {}
@@ -66,7 +70,10 @@ struct Param {
         p.low = lo, p.high = hi;
         return p;
     }
-    Param atLeast(double lo) const { return range(lo, high); }
+    Param atLeast(double lo) const { return range(lo, kMaxMagnitude); }
+    // Any number a graph may hold: colours, factors and offsets without a
+    // natural bound.
+    Param anyValue() const { return range(-kMaxMagnitude, kMaxMagnitude); }
     Param withExample(nlohmann::json value) const {
         Param p = *this;
         p.example = std::move(value);
@@ -98,6 +105,8 @@ const Choices<IMGLIB::ExtendMethod>& extendChoices();
 // One channel by its name.
 const Choices<uint64_t>& channelChoices();
 
+// A generator's required "area": the rectangle it fills.
+Param areaParam();
 Param kernelParam(std::string name, std::string fallback, std::string doc = {});
 Param extendParam(std::string name, std::string fallback, std::string doc = {});
 Param channelParam(std::string name, std::string fallback, std::string doc = {});

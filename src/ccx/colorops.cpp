@@ -403,58 +403,70 @@ namespace Private {
 const json kRec709Luma = {0.2126, 0.7152, 0.0722};
 
 void declareColorOperations(OperationList& ops) {
-    ops.push_back({"gain",
-                   "multiply",
-                   {{"gain", ParamType::Color4, kWhite}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createGainTask(a.node(), a.time(), a.color("gain"), a.input("input"));
-                   }});
-    ops.push_back({"colortransform",
-                   "a 4x4 matrix (row vectors) and an offset",
-                   {{"matrix", ParamType::Floats,
-                     json::array({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1})},
-                    {"offset", ParamType::Color4, kClear}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       const std::vector<float> m = a.floats("matrix");
-                       if (m.size() != 16) a.fail("matrix", "needs 16 numbers");
-                       return createColorTransformTask(
-                           a.node(), a.time(),
-                           Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7],
-                                                  m[8], m[9], m[10], m[11], m[12], m[13], m[14],
-                                                  m[15]),
-                           a.color("offset"), a.input("input"));
-                   }});
-    ops.push_back({"clamp",
-                   "clamp to [low, high]",
-                   {{"low", ParamType::Color4, kClear},
-                    {"high", ParamType::Color4, kWhite},
-                    {"clampLow", ParamType::Bool, true},
-                    {"clampHigh", ParamType::Bool, true}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createClampTask(a.node(), a.time(), a.color("low"), a.color("high"),
-                                              a.flag("clampLow"), a.flag("clampHigh"),
-                                              a.input("input"));
-                   }});
-    ops.push_back({"threshold",
-                   "replace below or above a threshold",
-                   {{"threshold", ParamType::Color4, json::array({0.5, 0.5, 0.5, 0.5})},
-                    {"replaceBelow", ParamType::Bool, true},
-                    {"belowColor", ParamType::Color4, kClear},
-                    {"replaceAbove", ParamType::Bool, false},
-                    {"aboveColor", ParamType::Color4, kWhite}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createThresholdTask(a.node(), a.time(), a.color("threshold"),
-                                                  a.flag("replaceBelow"), a.color("belowColor"),
-                                                  a.flag("replaceAbove"), a.color("aboveColor"),
-                                                  a.input("input"));
-                   }});
+    ops.push_back(
+        {"gain",
+         "multiply",
+         {Param{"gain", ParamType::Color4, kWhite, "the factor of each channel"}.anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createGainTask(a.node(), a.time(), a.color("gain"), a.input("input"));
+         }});
+    ops.push_back(
+        {"colortransform",
+         "a 4x4 matrix (row vectors) and an offset",
+         {Param{"matrix", ParamType::Floats,
+                json::array({1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}),
+                "16 numbers, 4 rows of 4: out = (R, G, B, A) × matrix + offset"}
+              .anyValue(),
+          Param{"offset", ParamType::Color4, kClear, "added to each channel after the matrix"}
+              .anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             const std::vector<float> m = a.floats("matrix");
+             if (m.size() != 16) a.fail("matrix", "needs 16 numbers");
+             return createColorTransformTask(
+                 a.node(), a.time(),
+                 Imath::Matrix44<float>(m[0], m[1], m[2], m[3], m[4], m[5], m[6], m[7], m[8], m[9],
+                                        m[10], m[11], m[12], m[13], m[14], m[15]),
+                 a.color("offset"), a.input("input"));
+         }});
+    ops.push_back(
+        {"clamp",
+         "clamp to [low, high]",
+         {Param{"low", ParamType::Color4, kClear, "the lowest value of each channel"}.anyValue(),
+          Param{"high", ParamType::Color4, kWhite, "the highest value of each channel"}.anyValue(),
+          Param{"clampLow", ParamType::Bool, true, "clamp to low (else values below it stay)"},
+          Param{"clampHigh", ParamType::Bool, true, "clamp to high (else values above it stay)"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createClampTask(a.node(), a.time(), a.color("low"), a.color("high"),
+                                    a.flag("clampLow"), a.flag("clampHigh"), a.input("input"));
+         }});
+    ops.push_back(
+        {"threshold",
+         "replace below or above a threshold",
+         {Param{"threshold", ParamType::Color4, json::array({0.5, 0.5, 0.5, 0.5}),
+                "per channel, the value a pixel is compared with"}
+              .anyValue(),
+          Param{"replaceBelow", ParamType::Bool, true,
+                "values below the threshold become belowColor's"},
+          Param{"belowColor", ParamType::Color4, kClear, "what replaces values below the threshold"}
+              .anyValue(),
+          Param{"replaceAbove", ParamType::Bool, false,
+                "values above the threshold become aboveColor's"},
+          Param{"aboveColor", ParamType::Color4, kWhite, "what replaces values above the threshold"}
+              .anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createThresholdTask(a.node(), a.time(), a.color("threshold"),
+                                        a.flag("replaceBelow"), a.color("belowColor"),
+                                        a.flag("replaceAbove"), a.color("aboveColor"),
+                                        a.input("input"));
+         }});
     ops.push_back({"cleanupclamp",
                    "alpha to [0, 1], colour to 0 and above",
-                   {{"clampColorAtOne", ParamType::Bool, false}},
+                   {Param{"clampColorAtOne", ParamType::Bool, false,
+                          "clamp colour to 1 as well (else only below 0)"}},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createCleanupClampTask(a.node(), a.time(), a.flag("clampColorAtOne"),
@@ -462,24 +474,40 @@ void declareColorOperations(OperationList& ops) {
                    }});
     ops.push_back({"contrast",
                    "(c - pivot) contrast + pivot",
-                   {{"contrast", ParamType::Color4, kWhite},
-                    {"pivot", ParamType::Color4, json::array({0.18, 0.18, 0.18, 0})}},
+                   {Param{"contrast", ParamType::Color4, kWhite,
+                          "per channel: 1 leaves it, above 1 spreads values away from pivot, below "
+                          "1 draws them in"}
+                        .anyValue(),
+                    Param{"pivot", ParamType::Color4, json::array({0.18, 0.18, 0.18, 0}),
+                          "the value contrast leaves unchanged, per channel"}
+                        .anyValue()},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createContrastTask(a.node(), a.time(), a.color("contrast"),
                                                  a.color("pivot"), a.input("input"));
                    }});
-    ops.push_back({"gamma",
-                   "pivot (c / pivot)^(1 / gamma)",
-                   {{"gamma", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createGammaTask(a.node(), a.time(), a.color("gamma"),
-                                              a.color("pivot"), a.input("input"));
-                   }});
+    ops.push_back(
+        {"gamma",
+         "pivot (c / pivot)^(1 / gamma)",
+         {Param{"gamma", ParamType::Color4, kWhite,
+                "per channel: 1 leaves it, above 1 lifts the mid-tones; 0 leaves the channel alone"}
+              .anyValue(),
+          Param{"pivot", ParamType::Color4, kWhite,
+                "the value gamma leaves unchanged, per channel (0: no change)"}
+              .anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createGammaTask(a.node(), a.time(), a.color("gamma"), a.color("pivot"),
+                                    a.input("input"));
+         }});
     ops.push_back({"exponential",
                    "pivot (c / pivot)^exponent",
-                   {{"exponent", ParamType::Color4, kWhite}, {"pivot", ParamType::Color4, kWhite}},
+                   {Param{"exponent", ParamType::Color4, kWhite,
+                          "per channel: 1 leaves it, above 1 darkens values below pivot"}
+                        .anyValue(),
+                    Param{"pivot", ParamType::Color4, kWhite,
+                          "the value the exponent leaves unchanged, per channel (0: no change)"}
+                        .anyValue()},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createExponentialTask(a.node(), a.time(), a.color("exponent"),
@@ -492,7 +520,8 @@ void declareColorOperations(OperationList& ops) {
                                                                                            1e6),
           Param{"maximum", ParamType::Number, 16, "the value mapped to scale"}.range(1e-6, 1e6),
           Param{"scale", ParamType::Number, 1, "what maximum becomes"}.range(1e-6, 1e6),
-          {"expand", ParamType::Bool, false}},
+          Param{"expand", ParamType::Bool, false,
+                "expand: the inverse curve, undoing a compression"}},
          {"input"},
          [](const OperationArgs& a) {
              return createCompressRangeTask(a.node(), a.time(), a.number("midGrey"),
@@ -501,25 +530,35 @@ void declareColorOperations(OperationList& ops) {
          }});
     ops.push_back({"ncontrastboost",
                    "smoothstep contrast",
-                   {{"amount", ParamType::Number, 1}, {"alphaToo", ParamType::Bool, false}},
+                   {Param{"amount", ParamType::Number, 1,
+                          "0 leaves the image; 1 applies the full smoothstep 6x⁵ − 15x⁴ + 10x³ to "
+                          "values in [0, 1]; values outside [0, 1] stay"}
+                        .range(-100, 100),
+                    Param{"alphaToo", ParamType::Bool, false, "boost alpha too"}},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createNContrastBoostTask(a.node(), a.time(), a.number("amount"),
                                                        a.flag("alphaToo"), a.input("input"));
                    }});
-    ops.push_back({"hueshift",
-                   "hue rotation and saturation",
-                   {{"hueShift", ParamType::Number, 0},
-                    {"saturation", ParamType::Number, 1},
-                    {"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722})}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       HueShiftParams p;
-                       p.hueShift = a.number("hueShift");
-                       p.saturation = a.number("saturation");
-                       p.weights = a.color3("weights");
-                       return createHueShiftTask(a.node(), a.time(), p, a.input("input"));
-                   }});
+    ops.push_back(
+        {"hueshift",
+         "hue rotation and saturation",
+         {Param{"hueShift", ParamType::Number, 0, "the rotation of hue, in degrees"}.range(-360000,
+                                                                                           360000),
+          Param{"saturation", ParamType::Number, 1,
+                "the factor of saturation (0: grey, 1: unchanged)"}
+              .range(0, 1000),
+          Param{"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722}),
+                "the luma weights of R, G and B, about which hue turns"}
+              .anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             HueShiftParams p;
+             p.hueShift = a.number("hueShift");
+             p.saturation = a.number("saturation");
+             p.weights = a.color3("weights");
+             return createHueShiftTask(a.node(), a.time(), p, a.input("input"));
+         }});
     ops.push_back({"multinverse",
                    "unpremultiply (the older name)",
                    {},
@@ -545,45 +584,50 @@ void declareColorOperations(OperationList& ops) {
                    },
                    "RGB × A. An image without alpha has alpha 0 and premultiplies to black. As "
                    "`oiiotool --premult`."});
-    ops.push_back({"luminance",
-                   "grey from weighted RGB",
-                   {{"weights", ParamType::Color3, kRec709Luma, "the weight of R, G and B"}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createLuminanceTask(a.node(), a.time(), a.color3("weights"),
-                                                  a.input("input"));
-                   },
-                   "R = G = B = w<sub>r</sub> R + w<sub>g</sub> G + w<sub>b</sub> B; alpha "
-                   "unchanged. The default weights are Rec.709's."});
-    ops.push_back({"posterize",
-                   "quantise to levels",
-                   {{"levels", ParamType::Number, 8},
-                    {"low", ParamType::Number, 0},
-                    {"high", ParamType::Number, 1},
-                    {"alphaToo", ParamType::Bool, false},
-                    {"clampToRange", ParamType::Bool, true}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createPosterizeTask(a.node(), a.time(), a.number("levels"),
-                                                  a.number("low"), a.number("high"),
-                                                  a.flag("alphaToo"), a.flag("clampToRange"),
-                                                  a.input("input"));
-                   }});
+    ops.push_back(
+        {"luminance",
+         "grey from weighted RGB",
+         {Param{"weights", ParamType::Color3, kRec709Luma, "the weight of R, G and B"}.anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createLuminanceTask(a.node(), a.time(), a.color3("weights"), a.input("input"));
+         },
+         "R = G = B = w<sub>r</sub> R + w<sub>g</sub> G + w<sub>b</sub> B; alpha "
+         "unchanged. The default weights are Rec.709's."});
+    ops.push_back(
+        {"posterize",
+         "quantise to levels",
+         {Param{"levels", ParamType::Number, 8,
+                "the count of levels between low and high (below 2 counts as 2)"}
+              .range(2, 65536),
+          Param{"low", ParamType::Number, 0, "the value of the lowest level"}.anyValue(),
+          Param{"high", ParamType::Number, 1, "the value of the highest level"}.anyValue(),
+          Param{"alphaToo", ParamType::Bool, false, "quantise alpha too"},
+          Param{"clampToRange", ParamType::Bool, true,
+                "values outside [low, high] go to the nearest end (else they are quantised too)"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createPosterizeTask(a.node(), a.time(), a.number("levels"), a.number("low"),
+                                        a.number("high"), a.flag("alphaToo"),
+                                        a.flag("clampToRange"), a.input("input"));
+         }});
     ops.push_back({"hsvconvert",
                    "RGB to HSV, or back",
-                   {{"toHSV", ParamType::Bool, true}},
+                   {Param{"toHSV", ParamType::Bool, true,
+                          "RGB to HSV (else HSV back to RGB); hue from 0 to 1"}},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createHSVConvertTask(a.node(), a.time(), a.flag("toHSV"),
                                                    a.input("input"));
                    }});
-    ops.push_back({"lab",
-                   "RGB to L*a*b*, or back",
-                   {{"toLab", ParamType::Bool, true}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createLabTask(a.node(), a.time(), a.flag("toLab"), a.input("input"));
-                   }});
+    ops.push_back(
+        {"lab",
+         "RGB to L*a*b*, or back",
+         {Param{"toLab", ParamType::Bool, true, "RGB (linear Rec.709, D65) to L*a*b* (else back)"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createLabTask(a.node(), a.time(), a.flag("toLab"), a.input("input"));
+         }});
     ops.push_back(
         {"maxrgbtoalpha", "alpha = max(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
              return createMaxRGBToAlphaTask(a.node(), a.time(), a.input("input"));
@@ -592,27 +636,41 @@ void declareColorOperations(OperationList& ops) {
         {"minrgbtoalpha", "alpha = min(R, G, B)", {}, {"input"}, [](const OperationArgs& a) {
              return createMinRGBToAlphaTask(a.node(), a.time(), a.input("input"));
          }});
-    ops.push_back({"bloom",
-                   "bloom control",
-                   {{"threshold", ParamType::Number, 1},
-                    {"gain", ParamType::Number, 0.5},
-                    {"isolate", ParamType::Bool, false},
-                    {"luminance", ParamType::Bool, true}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       BloomControlSettings b;
-                       b.threshold = a.number("threshold");
-                       b.gain = a.number("gain");
-                       b.isolate = a.flag("isolate");
-                       b.luminance = a.flag("luminance");
-                       return createBloomTask(a.node(), a.time(), b, a.input("input"));
-                   }});
+    ops.push_back(
+        {"bloom",
+         "bloom control",
+         {Param{"threshold", ParamType::Number, 1, "the brightness above which the bloom acts"}
+              .anyValue(),
+          Param{"gain", ParamType::Number, 0.5,
+                "how much of the brightness above the threshold is kept (1: all of it)"}
+              .atLeast(0),
+          Param{"isolate", ParamType::Bool, false,
+                "brightness below the threshold becomes 0, leaving only the bloom"},
+          Param{"luminance", ParamType::Bool, true,
+                "compare luminance with the threshold (else each channel)"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             BloomControlSettings b;
+             b.threshold = a.number("threshold");
+             b.gain = a.number("gain");
+             b.isolate = a.flag("isolate");
+             b.luminance = a.flag("luminance");
+             return createBloomTask(a.node(), a.time(), b, a.input("input"));
+         }});
     ops.push_back({"rgbacurves",
                    "a curve per channel, (x, y) pairs",
-                   {{"red", ParamType::Floats, json::array()},
-                    {"green", ParamType::Floats, json::array()},
-                    {"blue", ParamType::Floats, json::array()},
-                    {"alpha", ParamType::Floats, json::array()}},
+                   {Param{"red", ParamType::Floats, json::array(),
+                          "(x, y) pairs sorted by x, linear between points; empty leaves red alone"}
+                        .anyValue(),
+                    Param{"green", ParamType::Floats, json::array(),
+                          "(x, y) pairs for green; empty leaves it alone"}
+                        .anyValue(),
+                    Param{"blue", ParamType::Floats, json::array(),
+                          "(x, y) pairs for blue; empty leaves it alone"}
+                        .anyValue(),
+                    Param{"alpha", ParamType::Floats, json::array(),
+                          "(x, y) pairs for alpha; empty leaves it alone"}
+                        .anyValue()},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createRGBACurvesTask(a.node(), a.time(), a.floats("red"),
@@ -621,8 +679,12 @@ void declareColorOperations(OperationList& ops) {
                    }});
     ops.push_back({"lumacurves",
                    "a curve on luma, (x, y) pairs",
-                   {{"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722})},
-                    {"points", ParamType::Floats, json::array({0, 0, 1, 1})}},
+                   {Param{"weights", ParamType::Color3, json::array({0.2126, 0.7152, 0.0722}),
+                          "the luma weights of R, G and B"}
+                        .anyValue(),
+                    Param{"points", ParamType::Floats, json::array({0, 0, 1, 1}),
+                          "the curve on luma: (x, y) pairs sorted by x; colour is scaled by y / x"}
+                        .anyValue()},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createLumaCurvesTask(a.node(), a.time(), a.color3("weights"),
@@ -634,35 +696,43 @@ void declareColorOperations(OperationList& ops) {
          }});
     ops.push_back({"screenrgbtoalpha",
                    "a screen key: 1 red, 2 green, 4 blue",
-                   {{"channel", ParamType::Int, 2}},
+                   {Param{"channel", ParamType::Int, 2,
+                          "the screen's channel: 1 red, 2 green, 4 blue (other values: alpha 0)"}
+                        .range(1, 4)},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createScreenRGBToAlphaTask(
                            a.node(), a.time(), uint64_t(a.integer("channel")), a.input("input"));
                    }});
-    ops.push_back({"hsvcomponenttoalpha",
-                   "alpha = hue (0), saturation (1) or value (2)",
-                   {{"component", ParamType::Int, 2}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createHSVComponentToAlphaTask(a.node(), a.time(),
-                                                            HSVComponent(a.integer("component")),
-                                                            a.input("input"));
-                   }});
-    ops.push_back({"logconvert",
-                   "Cineon-style log conversion",
-                   {{"blackCode", ParamType::Color4, json::array({0.0929, 0.0929, 0.0929, 0})},
-                    {"whiteCode", ParamType::Color4, json::array({0.6696, 0.6696, 0.6696, 1})},
-                    {"density", ParamType::Color4, json::array({3.41, 3.41, 3.41, 1})},
-                    {"toLog", ParamType::Bool, true},
-                    {"alphaToo", ParamType::Bool, false}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createAnalyticalLogConvertTask(
-                           a.node(), a.time(), a.color("blackCode"), a.color("whiteCode"),
-                           a.color("density"), a.flag("toLog"), a.flag("alphaToo"),
-                           a.input("input"));
-                   }});
+    ops.push_back(
+        {"hsvcomponenttoalpha",
+         "alpha = hue (0), saturation (1) or value (2)",
+         {Param{"component", ParamType::Int, 2, "0 hue, 1 saturation, 2 value"}.range(0, 2)},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createHSVComponentToAlphaTask(
+                 a.node(), a.time(), HSVComponent(a.integer("component")), a.input("input"));
+         }});
+    ops.push_back(
+        {"logconvert",
+         "Cineon-style log conversion",
+         {Param{"blackCode", ParamType::Color4, json::array({0.0929, 0.0929, 0.0929, 0}),
+                "the code value of black (0 to 1, 95/1023 ≈ 0.0929 for Cineon)"}
+              .range(-1, 2),
+          Param{"whiteCode", ParamType::Color4, json::array({0.6696, 0.6696, 0.6696, 1}),
+                "the code value of reference white (685/1023 ≈ 0.6696 for Cineon)"}
+              .range(-1, 2),
+          Param{"density", ParamType::Color4, json::array({3.41, 3.41, 3.41, 1}),
+                "density per unit of code (0.002 × 1023 / 0.6 ≈ 3.41 for Cineon; 0 counts as 1)"}
+              .range(-1000, 1000),
+          Param{"toLog", ParamType::Bool, true, "linear to log (else log back to linear)"},
+          Param{"alphaToo", ParamType::Bool, false, "convert alpha too"}},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createAnalyticalLogConvertTask(
+                 a.node(), a.time(), a.color("blackCode"), a.color("whiteCode"), a.color("density"),
+                 a.flag("toLog"), a.flag("alphaToo"), a.input("input"));
+         }});
     ops.push_back(
         {"copy", "the input as it is (a cache point)", {}, {"input"}, [](const OperationArgs& a) {
              return createInPlaceCopyTask(a.node(), a.time(), a.input("input"));
@@ -670,25 +740,25 @@ void declareColorOperations(OperationList& ops) {
 }
 
 void declareKeyOperations(OperationList& ops) {
-    ops.push_back({"lumakey",
-                   "alpha from luminance between two levels",
-                   {{"low", ParamType::Number, 0, "luminance at and below which alpha is 0"},
-                    {"high", ParamType::Number, 1, "luminance at and above which alpha is 1"},
-                    {"invert", ParamType::Bool, false, "alpha 1 for dark, 0 for bright"},
-                    {"weights", ParamType::Color3, kRec709Luma, "the luminance weights"}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createLumaKeyTask(a.node(), a.time(), a.color3("weights"),
-                                                a.number("low"), a.number("high"), a.flag("invert"),
-                                                a.input("input"));
-                   },
-                   "Y = weights · RGB; A = clamp((Y − low) / (high − low), 0, 1) (a step at "
-                   "`low` when high = low), or 1 − that when inverted. Colour is unchanged: "
-                   "follow with `premultiply` to cut the image out."});
+    ops.push_back(
+        {"lumakey",
+         "alpha from luminance between two levels",
+         {Param{"low", ParamType::Number, 0, "luminance at and below which alpha is 0"}.anyValue(),
+          Param{"high", ParamType::Number, 1, "luminance at and above which alpha is 1"}.anyValue(),
+          {"invert", ParamType::Bool, false, "alpha 1 for dark, 0 for bright"},
+          Param{"weights", ParamType::Color3, kRec709Luma, "the luminance weights"}.anyValue()},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createLumaKeyTask(a.node(), a.time(), a.color3("weights"), a.number("low"),
+                                      a.number("high"), a.flag("invert"), a.input("input"));
+         },
+         "Y = weights · RGB; A = clamp((Y − low) / (high − low), 0, 1) (a step at "
+         "`low` when high = low), or 1 − that when inverted. Colour is unchanged: "
+         "follow with `premultiply` to cut the image out."});
     ops.push_back(
         {"chromakey",
          "a green- or blue-screen key with spill suppression",
-         {{"key", ParamType::Color3, json{0.1, 0.8, 0.2}, "the screen colour"},
+         {Param{"key", ParamType::Color3, json{0.1, 0.8, 0.2}, "the screen colour"}.anyValue(),
           Param{"tolerance", ParamType::Number, 0.3,
                 "chroma distance (relative to the key's) still keyed out fully"}
               .range(0, 1e6),

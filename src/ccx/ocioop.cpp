@@ -165,8 +165,8 @@ void declareOCIOOperations(OperationList& ops) {
     ops.push_back(
         {"colorspace",
          "conversion between common colour spaces, no configuration needed",
-         {choiceParam("from", names, "lin_rec709"),
-          choiceParam("to", names, "srgb"),
+         {choiceParam("from", names, "lin_rec709", "the colour space of the input"),
+          choiceParam("to", names, "srgb", "the colour space of the output"),
           {"unpremultiply", ParamType::Bool, true,
            "convert straight colour (divide by alpha first, multiply after)"}},
          {"input"},
@@ -182,7 +182,9 @@ void declareOCIOOperations(OperationList& ops) {
     ops.push_back(
         {"ociofile",
          "an OpenColorIO file transform (LUT)",
-         {required("path", ParamType::Path, "curve.spi1d"), {"inverse", ParamType::Bool, false}},
+         {required("path", ParamType::Path, "curve.spi1d",
+                   "the LUT file (any format OpenColorIO reads: .cube, .spi1d, .spi3d, .clf, ...)"),
+          Param{"inverse", ParamType::Bool, false, "apply the LUT's inverse"}},
          {"input"},
          [](const OperationArgs& a) {
              auto t = OCIO_NAMESPACE::FileTransform::Create();
@@ -193,18 +195,23 @@ void declareOCIOOperations(OperationList& ops) {
                                                 : OCIO_NAMESPACE::TRANSFORM_DIR_FORWARD,
                                             a.input("input"));
          }});
-    ops.push_back(
-        {"ociocolorspace",
-         "OpenColorIO colour-space conversion",
-         {required("config", ParamType::Path, "config.ocio"),
-          required("from", ParamType::String, "linear"), required("to", ParamType::String, "warm")},
-         {"input"},
-         [](const OperationArgs& a) {
-             auto config = OCIO_NAMESPACE::Config::CreateFromFile(a.path("config").c_str());
-             return createOCIOProcessorTask(
-                 a.node(), a.time(), config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
-                 a.input("input"));
-         }});
+    ops.push_back({"ociocolorspace",
+                   "OpenColorIO colour-space conversion",
+                   {required("config", ParamType::Path, "config.ocio",
+                             "the OpenColorIO configuration (.ocio)"),
+                    required("from", ParamType::String, "linear",
+                             "the colour space of the input, by its name in the configuration"),
+                    required("to", ParamType::String, "warm",
+                             "the colour space of the output, by its name in the configuration")},
+                   {"input"},
+                   [](const OperationArgs& a) {
+                       auto config =
+                           OCIO_NAMESPACE::Config::CreateFromFile(a.path("config").c_str());
+                       return createOCIOProcessorTask(
+                           a.node(), a.time(),
+                           config->getProcessor(a.text("from").c_str(), a.text("to").c_str()),
+                           a.input("input"));
+                   }});
 }
 
 }  // namespace Private

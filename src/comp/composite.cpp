@@ -194,11 +194,17 @@ const Choices<CompositeOp> kCompositeOperators = {{"add", COMPOSITE_ADD},
 void declareCompositeOperations(OperationList& ops) {
     ops.push_back({"composite",
                    "a over b, and the other operators",
-                   {choiceParam("operator", kCompositeOperators, "over"),
-                    {"alphaFlag", ParamType::Bool, false},
-                    {"extremaFlag", ParamType::Bool, false},
-                    {"cleanupClamp", ParamType::Bool, false},
-                    {"mix", ParamType::Number, 1}},
+                   {choiceParam("operator", kCompositeOperators, "over",
+                                "how a and b combine (over: a + b (1 − a's alpha))"),
+                    Param{"alphaFlag", ParamType::Bool, false,
+                          "Porter-Duff operators and screen take alphas clamped to [0, 1]"},
+                    Param{"extremaFlag", ParamType::Bool, false,
+                          "max and min choose whole pixels by luminance (else channel by channel)"},
+                    Param{"cleanupClamp", ParamType::Bool, false,
+                          "clamp the result: alpha to [0, 1], colour to 0 and above"},
+                    Param{"mix", ParamType::Number, 1,
+                          "how much of the result replaces b (0: b as it is, 1: the result)"}
+                        .range(0, 1)},
                    {"a", "b"},
                    [](const OperationArgs& a) {
                        return createCompositeTask(
@@ -208,11 +214,13 @@ void declareCompositeOperations(OperationList& ops) {
                    }});
     ops.push_back({"mix",
                    "first (1 - amount) + second amount",
-                   {{"amount", ParamType::Number, 0.5}},
+                   {Param{"amount", ParamType::Number, 0.5,
+                          "how much of second (0: first, 1: second; beyond extrapolates)"}
+                        .anyValue()},
                    {"first", "second"},
                    [](const OperationArgs& a) {
-                       return createMixTask(a.node(), a.time(), a.number("amount"), a.input("first"),
-                                            a.input("second"));
+                       return createMixTask(a.node(), a.time(), a.number("amount"),
+                                            a.input("first"), a.input("second"));
                    }});
 }
 
@@ -229,7 +237,8 @@ void declareMatteOperations(OperationList& ops) {
                     {"clamp", ParamType::Bool, true, "clamp the result to [0, 1]"}},
                    {"a", "b"},
                    [](const OperationArgs& a) {
-                       return createMatteCombineTask(a.node(), a.time(), a.choice(kMatteOps, "operation"),
+                       return createMatteCombineTask(a.node(), a.time(),
+                                                     a.choice(kMatteOps, "operation"),
                                                      a.flag("clamp"), a.input("a"), a.input("b"));
                    },
                    "RGB and other channels from b; A = max(A<sub>a</sub>, A<sub>b</sub>), min, "

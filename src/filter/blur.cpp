@@ -153,24 +153,29 @@ TaskPtr createBlurTask(const std::string& name, float time, const PerChannelBlur
 namespace Private {
 
 void declareBlurOperations(OperationList& ops) {
-    ops.push_back({"blur",
-                   "separable blur",
-                   {required("size", ParamType::Vec2, {5, 3}),
-                    kernelParam("filter", "gaussian"),
-                    extendParam("extend", "background"),
-                    {"channelScale", ParamType::Color4, kWhite}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       PerChannelBlurParameters p;
-                       const Imath::V2f size = a.vec2("size");
-                       const Color4f scale = a.color("channelScale");
-                       p.blur.sizeX = size.x;
-                       p.blur.sizeY = size.y;
-                       p.blur.filterX = p.blur.filterY = a.kernel("filter");
-                       p.blur.extendMethod = a.extend("extend");
-                       for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
-                       return createBlur(a.node(), a.time(), p, a.input("input"));
-                   }});
+    ops.push_back(
+        {"blur",
+         "separable blur",
+         {required("size", ParamType::Vec2, {5, 3},
+                   "the filter's width and height, in pixels (0: no blur along that axis)")
+              .range(0, 2048),
+          kernelParam("filter", "gaussian", "the filter's shape"),
+          extendParam("extend", "background", "what the filter reads beyond the input's data"),
+          Param{"channelScale", ParamType::Color4, kWhite,
+                "each channel's size as a factor of size (red, green, blue, alpha)"}
+              .range(0, 2)},
+         {"input"},
+         [](const OperationArgs& a) {
+             PerChannelBlurParameters p;
+             const Imath::V2f size = a.vec2("size");
+             const Color4f scale = a.color("channelScale");
+             p.blur.sizeX = size.x;
+             p.blur.sizeY = size.y;
+             p.blur.filterX = p.blur.filterY = a.kernel("filter");
+             p.blur.extendMethod = a.extend("extend");
+             for (int c = 0; c < 4; ++c) p.channelScale[c] = scale[c];
+             return createBlur(a.node(), a.time(), p, a.input("input"));
+         }});
 }
 
 }  // namespace Private

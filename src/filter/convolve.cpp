@@ -133,20 +133,26 @@ TaskPtr createEnergyNormalizationTask(const std::string& name, float time, const
 namespace Private {
 
 void declareConvolveOperations(OperationList& ops) {
-    ops.push_back({"convolve",
-                   "convolution by the pixels of a kernel image",
-                   {{"normalize", ParamType::Bool, true},
-                    {"kernelArea", ParamType::Rect, json::array({0, 0, 0, 0})}},
-                   {"input", "kernel"},
-                   [](const OperationArgs& a) {
-                       ImageConvolveParams p;
-                       p.kernelRect = a.rect("kernelArea");
-                       return createImageConvolveTask(a.node(), a.time(), a.flag("normalize"), p,
-                                                      a.input("input"), a.input("kernel"));
-                   }});
+    ops.push_back(
+        {"convolve",
+         "convolution by the pixels of a kernel image",
+         {Param{"normalize", ParamType::Bool, true,
+                "divide each channel by the sum of its kernel weights"},
+          Param{"kernelArea", ParamType::Rect, json::array({0, 0, 0, 0}),
+                "the part of the kernel image used, centred on the pixel (empty: its data)"}
+              .anyValue()},
+         {"input", "kernel"},
+         [](const OperationArgs& a) {
+             ImageConvolveParams p;
+             p.kernelRect = a.rect("kernelArea");
+             return createImageConvolveTask(a.node(), a.time(), a.flag("normalize"), p,
+                                            a.input("input"), a.input("kernel"));
+         }});
     ops.push_back({"energyNormalize",
                    "a kernel divided by its sum over an area (its data when empty)",
-                   {{"area", ParamType::Rect, json::array({0, 0, 0, 0})}},
+                   {Param{"area", ParamType::Rect, json::array({0, 0, 0, 0}),
+                          "the area summed (empty: the kernel's data)"}
+                        .anyValue()},
                    {"kernel"},
                    [](const OperationArgs& a) {
                        return createEnergyNormalizationTask(a.node(), a.time(), a.rect("area"),

@@ -151,11 +151,18 @@ DefocusParams defocusParams(const OperationArgs& a) {
 // The aperture's settings, which defocus and image defocus share, then
 // `params`.
 std::vector<Param> withAperture(std::vector<Param> params) {
-    const std::vector<Param> aperture = {required("size", ParamType::Number, 6.5),
-                                         {"aspect", ParamType::Number, 1},
-                                         Param{"blades", ParamType::Int, 0}.range(0, 64),
-                                         {"rotation", ParamType::Number, 0},
-                                         {"smooth", ParamType::Bool, true}};
+    const std::vector<Param> aperture = {
+        required("size", ParamType::Number, 6.5, "the aperture's diameter, in pixels")
+            .range(0, 2048),
+        Param{"aspect", ParamType::Number, 1, "the aperture's width over its height"}.range(0.01,
+                                                                                            100),
+        Param{"blades", ParamType::Int, 0,
+              "the aperture's blade count: a polygon of 3 or more sides; 0 to 2: a disc"}
+            .range(0, 64),
+        Param{"rotation", ParamType::Number, 0, "the polygon's rotation, in degrees"}.range(-360000,
+                                                                                            360000),
+        Param{"smooth", ParamType::Bool, true,
+              "weigh each pixel by the part of it inside the aperture (else in or out)"}};
     params.insert(params.begin(), aperture.begin(), aperture.end());
     return params;
 }
@@ -166,14 +173,19 @@ void declareDefocusOperations(OperationList& ops) {
                    withAperture({}),
                    {"input"},
                    [](const OperationArgs& a) {
-                       return createDefocusTask(a.node(), a.time(), defocusParams(a), a.input("input"),
-                                                a.flag("smooth"));
+                       return createDefocusTask(a.node(), a.time(), defocusParams(a),
+                                                a.input("input"), a.flag("smooth"));
                    }});
     ops.push_back({"imageDefocus",
                    "defocus whose size follows a channel of the control image (0 to 1)",
-                   withAperture({channelParam("channel", "a"),
-                                 {"scale", ParamType::Number, 1},
-                                 {"layers", ParamType::Int, 8}}),
+                   withAperture({channelParam("channel", "a", "the control image's channel"),
+                                 Param{"scale", ParamType::Number, 1,
+                                       "the control's factor: the size at a pixel is size × "
+                                       "clamp(control × scale, 0, 1)"}
+                                     .anyValue(),
+                                 Param{"layers", ParamType::Int, 8,
+                                       "the count of fixed-size defocuses blended between"}
+                                     .range(1, 256)}),
                    {"input", "control"},
                    [](const OperationArgs& a) {
                        ImageDefocusParams p;
@@ -185,25 +197,31 @@ void declareDefocusOperations(OperationList& ops) {
                        return createImageDefocusTask(a.node(), a.time(), p, a.input("input"),
                                                      a.input("control"));
                    }});
-    ops.push_back({"imageBlur",
-                   "blur whose size follows a channel of the control image (0 to 1)",
-                   {required("size", ParamType::Vec2, {5, 3}),
-                    kernelParam("filter", "gaussian"),
-                    channelParam("channel", "a"),
-                    {"scale", ParamType::Number, 1},
-                    {"layers", ParamType::Int, 8}},
-                   {"input", "control"},
-                   [](const OperationArgs& a) {
-                       ImageBlurParams p;
-                       p.sizeX = a.vec2("size").x;
-                       p.sizeY = a.vec2("size").y;
-                       p.filter = a.kernel("filter");
-                       p.controlChannel = a.channel("channel");
-                       p.controlScale = a.number("scale");
-                       p.layers = a.integer("layers");
-                       return createImageBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
-                                              a.input("control"));
-                   }});
+    ops.push_back(
+        {"imageBlur",
+         "blur whose size follows a channel of the control image (0 to 1)",
+         {required("size", ParamType::Vec2, {5, 3},
+                   "the largest blur's width and height, in pixels (where the control is 1)")
+              .range(0, 2048),
+          kernelParam("filter", "gaussian", "the filter's shape"),
+          channelParam("channel", "a", "the control image's channel"),
+          Param{"scale", ParamType::Number, 1,
+                "the control's factor: the size at a pixel is size × clamp(control × scale, 0, 1)"}
+              .anyValue(),
+          Param{"layers", ParamType::Int, 8, "the count of fixed-size blurs blended between"}.range(
+              1, 256)},
+         {"input", "control"},
+         [](const OperationArgs& a) {
+             ImageBlurParams p;
+             p.sizeX = a.vec2("size").x;
+             p.sizeY = a.vec2("size").y;
+             p.filter = a.kernel("filter");
+             p.controlChannel = a.channel("channel");
+             p.controlScale = a.number("scale");
+             p.layers = a.integer("layers");
+             return createImageBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
+                                    a.input("control"));
+         }});
 }
 
 }  // namespace Private

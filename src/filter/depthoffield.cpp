@@ -193,18 +193,37 @@ const Choices<CircleOfConfusionOutputType> kCocOutputs = {
 // The thin lens and the depth of field's settings, shared by its three
 // operations.
 std::vector<Param> withLens(std::vector<Param> params) {
-    const std::vector<Param> lens = {{"focalLength", ParamType::Number, 50},
-                                     {"fStop", ParamType::Number, 2.8},
-                                     {"focusDistance", ParamType::Number, 5},
-                                     {"unitsPerMetre", ParamType::Number, 1},
-                                     {"filmBackWidth", ParamType::Number, 36},
-                                     {"imageWidth", ParamType::Number, 1920},
-                                     {"maxCoc", ParamType::Number, 32},
-                                     channelParam("depthChannel", "z"),
-                                     {"physical", ParamType::Bool, false},
-                                     Param{"blades", ParamType::Int, 0}.range(0, 64),
-                                     {"layers", ParamType::Int, 8},
-                                     {"cleanupRadius", ParamType::Number, 2}};
+    const std::vector<Param> lens = {
+        Param{"focalLength", ParamType::Number, 50, "the lens's focal length, in millimetres"}
+            .range(1e-3, 1e6),
+        Param{"fStop", ParamType::Number, 2.8,
+              "the f-number: the aperture's diameter is focalLength / fStop"}
+            .range(1e-3, 1e6),
+        Param{"focusDistance", ParamType::Number, 5,
+              "the distance in focus, in scene units (beyond the focal length)"}
+            .range(1e-6, kMaxMagnitude),
+        Param{"unitsPerMetre", ParamType::Number, 1,
+              "scene units in a metre (depth and focusDistance are in scene units)"}
+            .range(1e-6, 1e6),
+        Param{"filmBackWidth", ParamType::Number, 36, "the film back's width, in millimetres"}
+            .range(1e-3, 1e6),
+        Param{"imageWidth", ParamType::Number, 1920,
+              "the image's width across the film back, in pixels"}
+            .range(1, 1e6),
+        Param{"maxCoc", ParamType::Number, 32, "the largest circle of confusion made, in pixels"}
+            .range(0, 512),
+        channelParam("depthChannel", "z", "the channel that holds depth"),
+        Param{"physical", ParamType::Bool, false,
+              "scatter each pixel over its circle (else gather in layers of fixed blur)"},
+        Param{"blades", ParamType::Int, 0,
+              "the aperture's blade count: a polygon of 3 or more sides; 0 to 2: a disc"}
+            .range(0, 64),
+        Param{"layers", ParamType::Int, 8,
+              "the count of fixed-size blurs blended between when gathering"}
+            .range(1, 256),
+        Param{"cleanupRadius", ParamType::Number, 2,
+              "how far depth clean-up widens the foreground, in pixels"}
+            .range(0, 512)};
     params.insert(params.begin(), lens.begin(), lens.end());
     return params;
 }
@@ -227,15 +246,17 @@ DepthOfFieldParams dofParams(const OperationArgs& a) {
 }
 
 void declareDepthOfFieldOperations(OperationList& ops) {
-    ops.push_back({"circleOfConfusion",
-                   "circles of confusion (pixels) of a depth channel, in red",
-                   withLens({choiceParam("output", kCocOutputs, "coc")}),
-                   {"depth"},
-                   [](const OperationArgs& a) {
-                       return createCircleOfConfusionTask(
-                           a.node(), a.time(), dofParams(a), IMGLIB::CHANNEL_R,
-                           a.choice(kCocOutputs, "output"), a.input("depth"));
-                   }});
+    ops.push_back(
+        {"circleOfConfusion",
+         "circles of confusion (pixels) of a depth channel, in red",
+         withLens({choiceParam("output", kCocOutputs, "coc",
+                               "coc: each pixel's own circle; minimal, maximal: the smallest or "
+                               "largest within the largest circle's radius")}),
+         {"depth"},
+         [](const OperationArgs& a) {
+             return createCircleOfConfusionTask(a.node(), a.time(), dofParams(a), IMGLIB::CHANNEL_R,
+                                                a.choice(kCocOutputs, "output"), a.input("depth"));
+         }});
     ops.push_back({"depthOfField",
                    "the input blurred by the circles of confusion of its depth",
                    withLens({}),

@@ -87,37 +87,51 @@ TaskPtr createVectorBlur(const std::string& name, float time, const VectorBlurPa
 namespace Private {
 
 void declareMotionBlurOperations(OperationList& ops) {
-    ops.push_back({"directionalBlur",
-                   "blur along a line at an angle (degrees)",
-                   {required("length", ParamType::Number, 6.5),
-                    {"angle", ParamType::Number, 0},
-                    {"offset", ParamType::Number, 0},
-                    kernelParam("filter", "box")},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       DirectionalBlurParams p;
-                       p.length = a.number("length");
-                       p.angle = a.number("angle");
-                       p.offset = a.number("offset");
-                       p.filter = a.kernel("filter");
-                       return createDirectionalBlur(a.node(), a.time(), p, noBloom(), a.input("input"));
-                   }});
-    ops.push_back({"vectorBlur",
-                   "motion blur along per-pixel vectors (channels u and v of the vectors input)",
-                   {{"scale", ParamType::Number, 1},
-                    {"maxLength", ParamType::Number, 64},
-                    {"samples", ParamType::Int, 16},
-                    {"splat", ParamType::Bool, false}},
-                   {"input", "vectors"},
-                   [](const OperationArgs& a) {
-                       VectorBlurParams p;
-                       p.vectors.scale = a.number("scale");
-                       p.vectors.maxLength = a.number("maxLength");
-                       p.vectors.samples = a.integer("samples");
-                       p.splat = a.flag("splat");
-                       return createVectorBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
-                                               a.input("vectors"));
-                   }});
+    ops.push_back(
+        {"directionalBlur",
+         "blur along a line at an angle (degrees)",
+         {required("length", ParamType::Number, 6.5,
+                   "the line's length, in pixels (1 or less: no blur)")
+              .range(0, 2048),
+          Param{"angle", ParamType::Number, 0,
+                "the line's angle, in degrees counter-clockwise from +x (90 points up)"}
+              .range(-360000, 360000),
+          Param{"offset", ParamType::Number, 0,
+                "slides the line: 0 centred on the pixel, 1 wholly ahead, -1 wholly behind"}
+              .range(-1, 1),
+          kernelParam("filter", "box", "the weight along the line (box: even)")},
+         {"input"},
+         [](const OperationArgs& a) {
+             DirectionalBlurParams p;
+             p.length = a.number("length");
+             p.angle = a.number("angle");
+             p.offset = a.number("offset");
+             p.filter = a.kernel("filter");
+             return createDirectionalBlur(a.node(), a.time(), p, noBloom(), a.input("input"));
+         }});
+    ops.push_back(
+        {"vectorBlur",
+         "motion blur along per-pixel vectors (channels u and v of the vectors input)",
+         {Param{"scale", ParamType::Number, 1, "the vectors' factor (negative reverses them)"}
+              .anyValue(),
+          Param{"maxLength", ParamType::Number, 64,
+                "the longest vector followed, in pixels; longer ones are shortened"}
+              .range(0, 2048),
+          Param{"samples", ParamType::Int, 16, "the count of points read along each vector"}.range(
+              2, 1024),
+          Param{
+              "splat", ParamType::Bool, false,
+              "scatter each pixel along its vector (else gather along the vector at the output)"}},
+         {"input", "vectors"},
+         [](const OperationArgs& a) {
+             VectorBlurParams p;
+             p.vectors.scale = a.number("scale");
+             p.vectors.maxLength = a.number("maxLength");
+             p.vectors.samples = a.integer("samples");
+             p.splat = a.flag("splat");
+             return createVectorBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
+                                     a.input("vectors"));
+         }});
 }
 
 }  // namespace Private

@@ -53,17 +53,20 @@ namespace Private {
 const Choices<EdgeDetectMethod> kEdgeMethods = {{"sobel", EDGE_SOBEL}, {"babu", EDGE_BABU}};
 
 void declareEdgeOperations(OperationList& ops) {
-    ops.push_back({"edgeDetect",
-                   "gradient magnitude, or thin 0/1 edges with select",
-                   {choiceParam("method", kEdgeMethods, "sobel"),
-                    {"select", ParamType::Bool, false},
-                    {"threshold", ParamType::Number, 0.1}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       const EdgeDetectParams p{a.choice(kEdgeMethods, "method"), a.flag("select"),
-                                                a.number("threshold")};
-                       return createEdgeDetectTask(a.node(), a.time(), p, a.input("input"));
-                   }});
+    ops.push_back(
+        {"edgeDetect",
+         "gradient magnitude, or thin 0/1 edges with select",
+         {choiceParam("method", kEdgeMethods, "sobel",
+                      "sobel: 3x3 gradients; babu: the Nevatia-Babu compass masks"),
+          Param{"select", ParamType::Bool, false,
+                "thin edges of 1 where the gradient is a local maximum above threshold, else 0"},
+          Param{"threshold", ParamType::Number, 0.1, "the weakest gradient selected"}.atLeast(0)},
+         {"input"},
+         [](const OperationArgs& a) {
+             const EdgeDetectParams p{a.choice(kEdgeMethods, "method"), a.flag("select"),
+                                      a.number("threshold")};
+             return createEdgeDetectTask(a.node(), a.time(), p, a.input("input"));
+         }});
 }
 
 }  // namespace Private

@@ -95,22 +95,27 @@ TaskPtr createGlintControlTask(const std::string& name, float time,
 namespace Private {
 
 void declareGlintOperations(OperationList& ops) {
-    ops.push_back({"glintControl",
-                   "the highlights a glint streaks",
-                   {{"threshold", ParamType::Number, 1}, {"gain", ParamType::Number, 1}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createGlintControlTask(a.node(), a.time(),
-                                                     {a.number("threshold"), a.number("gain")},
-                                                     a.input("input"));
-                   }});
+    ops.push_back(
+        {"glintControl",
+         "the highlights a glint streaks",
+         {Param{"threshold", ParamType::Number, 1, "the brightness above which a pixel streaks"}
+              .anyValue(),
+          Param{"gain", ParamType::Number, 1, "the factor of the brightness above the threshold"}
+              .atLeast(0)},
+         {"input"},
+         [](const OperationArgs& a) {
+             return createGlintControlTask(
+                 a.node(), a.time(), {a.number("threshold"), a.number("gain")}, a.input("input"));
+         }});
     ops.push_back(
         {"glint",
          "star streaks of the source (the input when none), added to the input",
-         {{"rays", ParamType::Int, 4},
-          {"length", ParamType::Number, 50},
-          {"rotation", ParamType::Number, 45},
-          {"add", ParamType::Bool, true}},
+         {Param{"rays", ParamType::Int, 4, "the count of streaks from each highlight"}.range(1, 64),
+          Param{"length", ParamType::Number, 50, "each streak's length, in pixels"}.range(0, 2048),
+          Param{"rotation", ParamType::Number, 45, "the first streak's angle, in degrees"}.range(
+              -360000, 360000),
+          Param{"add", ParamType::Bool, true,
+                "add the streaks to the input (else the streaks alone)"}},
          {"input", {"source", true}},
          [](const OperationArgs& a) {
              const GlintParams p{a.integer("rays"), a.number("length"), a.number("rotation")};

@@ -37,7 +37,9 @@ namespace Private {
 void declarePerimeterOperations(OperationList& ops) {
     ops.push_back({"perimeterExtend",
                    "colour carried a distance past the matte's edge",
-                   {required("distance", ParamType::Number, 6.5)},
+                   {required("distance", ParamType::Number, 6.5,
+                             "how far past the matte's edge colour is carried, in pixels")
+                        .range(0, 2048)},
                    {"input"},
                    [](const OperationArgs& a) {
                        return createPerimeterExtendTask(a.node(), a.time(), a.number("distance"),

@@ -62,24 +62,29 @@ const Choices<IMGLIB::RadialBlurType> kRadialBlurTypes = {{"zoom", IMGLIB::RADIA
                                                           {"spin", IMGLIB::RADIAL_SPIN}};
 
 void declareRadialBlurOperations(OperationList& ops) {
-    ops.push_back({"radialBlur",
-                   "zoom or spin blur about a centre",
-                   {choiceParam("type", kRadialBlurTypes, "zoom"),
-                    required("centre", ParamType::Vec2, {31, 22}),
-                    {"amount", ParamType::Number, 0.1},
-                    {"samples", ParamType::Int, 32},
-                    extendParam("extend", "background")},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       IMGLIB::RadialBlurParams p;
-                       p.type = a.choice(kRadialBlurTypes, "type");
-                       p.centreX = a.vec2("centre").x;
-                       p.centreY = a.vec2("centre").y;
-                       p.amount = a.number("amount");
-                       p.samples = a.integer("samples");
-                       return createRadialBlur(a.node(), a.time(), p, a.extend("extend"), false,
-                                               UTIL::Rect(), a.input("input"));
-                   }});
+    ops.push_back(
+        {"radialBlur",
+         "zoom or spin blur about a centre",
+         {choiceParam("type", kRadialBlurTypes, "zoom",
+                      "zoom: along lines through the centre; spin: along circles about it"),
+          required("centre", ParamType::Vec2, {31, 22}, "the centre, in pixels").anyValue(),
+          Param{"amount", ParamType::Number, 0.1,
+                "zoom: the fraction of the distance to the centre the blur spans (below 1); spin: "
+                "the arc, in degrees"}
+              .range(-360, 360),
+          Param{"samples", ParamType::Int, 32, "the count of points read per pixel"}.range(2, 4096),
+          extendParam("extend", "background", "what is read beyond the input's data")},
+         {"input"},
+         [](const OperationArgs& a) {
+             IMGLIB::RadialBlurParams p;
+             p.type = a.choice(kRadialBlurTypes, "type");
+             p.centreX = a.vec2("centre").x;
+             p.centreY = a.vec2("centre").y;
+             p.amount = a.number("amount");
+             p.samples = a.integer("samples");
+             return createRadialBlur(a.node(), a.time(), p, a.extend("extend"), false, UTIL::Rect(),
+                                     a.input("input"));
+         }});
 }
 
 }  // namespace Private

@@ -88,40 +88,52 @@ TaskPtr createBilateralFilterTask(const std::string& name, float time,
 namespace Private {
 
 void declareRankFilterOperations(OperationList& ops) {
-    ops.push_back({"median",
-                   "median of a window",
-                   {{"size", ParamType::Vec2, json::array({3, 3})},
-                    {"circular", ParamType::Bool, false},
-                    {"threshold", ParamType::Number, 0}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       const MedianFilterParams p{a.vec2("size").x, a.vec2("size").y,
-                                                  a.flag("circular"), a.number("threshold")};
-                       return createMedianFilterTask(a.node(), a.time(), p, a.input("input"));
-                   }});
+    ops.push_back(
+        {"median",
+         "median of a window",
+         {Param{"size", ParamType::Vec2, json::array({3, 3}),
+                "the window's width and height, in pixels (1 or less: no change)"}
+              .range(0, 101),
+          Param{"circular", ParamType::Bool, false,
+                "an ellipse inscribed in the window (else the whole rectangle)"},
+          Param{"threshold", ParamType::Number, 0,
+                "replace only pixels that differ from the median by more than this (0: all)"}
+              .atLeast(0)},
+         {"input"},
+         [](const OperationArgs& a) {
+             const MedianFilterParams p{a.vec2("size").x, a.vec2("size").y, a.flag("circular"),
+                                        a.number("threshold")};
+             return createMedianFilterTask(a.node(), a.time(), p, a.input("input"));
+         }});
     ops.push_back({"erodeDilate",
                    "dilation (positive radii) or erosion (negative)",
-                   {required("radius", ParamType::Vec2, {5, 3})},
+                   {required("radius", ParamType::Vec2, {5, 3},
+                             "the reach in x and y, in pixels: positive dilates, negative erodes")
+                        .range(-2048, 2048)},
                    {"input"},
                    [](const OperationArgs& a) {
                        const ErodeDilateParams p{a.vec2("radius").x, a.vec2("radius").y};
                        return createErodeDilateTask(a.node(), a.time(), p, a.input("input"));
                    }});
-    ops.push_back({"bilateral",
-                   "edge-preserving blur",
-                   {{"radius", ParamType::Vec2, json::array({5, 5})},
-                    {"sigmaSpatial", ParamType::Number, 3},
-                    {"sigmaRange", ParamType::Number, 0.1}},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       const Imath::V2f r = a.vec2("radius");
-                       if (r.x < 0 || r.y < 0 || r.x > 1000 || r.y > 1000)
-                           a.fail("radius", "must be 0 to 1000");
-                       const BilateralFilterParams p{uint32_t(r.x), uint32_t(r.y),
-                                                     a.number("sigmaSpatial"),
-                                                     a.number("sigmaRange")};
-                       return createBilateralFilterTask(a.node(), a.time(), p, a.input("input"));
-                   }});
+    ops.push_back(
+        {"bilateral",
+         "edge-preserving blur",
+         {Param{"radius", ParamType::Vec2, json::array({5, 5}),
+                "the window's half width and half height, in pixels"}
+              .range(0, 100),
+          Param{"sigmaSpatial", ParamType::Number, 3,
+                "the spatial Gaussian's standard deviation, in pixels"}
+              .range(1e-3, 65536),
+          Param{"sigmaRange", ParamType::Number, 0.1,
+                "the value difference's Gaussian's standard deviation (smaller keeps more edges)"}
+              .range(1e-6, kMaxMagnitude)},
+         {"input"},
+         [](const OperationArgs& a) {
+             const Imath::V2f r = a.vec2("radius");
+             const BilateralFilterParams p{uint32_t(r.x), uint32_t(r.y), a.number("sigmaSpatial"),
+                                           a.number("sigmaRange")};
+             return createBilateralFilterTask(a.node(), a.time(), p, a.input("input"));
+         }});
 }
 
 }  // namespace Private

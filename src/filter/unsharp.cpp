@@ -48,8 +48,12 @@ namespace Private {
 void declareSharpenOperations(OperationList& ops) {
     ops.push_back({"unsharp",
                    "input + amount (input - blurred) where the difference exceeds the threshold",
-                   {{"amount", ParamType::Color4, json::array({1, 1, 1, 0})},
-                    {"threshold", ParamType::Color4, json::array({0, 0, 0, 0})}},
+                   {Param{"amount", ParamType::Color4, json::array({1, 1, 1, 0}),
+                          "per channel, the factor of the detail (input − blurred) added"}
+                        .anyValue(),
+                    Param{"threshold", ParamType::Color4, json::array({0, 0, 0, 0}),
+                          "per channel, the detail below which nothing is added"}
+                        .atLeast(0)},
                    {"input", "blurred"},
                    [](const OperationArgs& a) {
                        return createUnSharpTask(a.node(), a.time(), a.color("amount"),

@@ -273,121 +273,151 @@ void declareGeneratorOperations(OperationList& ops) {
     ops.push_back(
         {"constant",
          "one colour over an area",
-         {{"color", ParamType::Color4, kWhite}, required("area", ParamType::Rect, {0, 0, 64, 48})},
+         {Param{"color", ParamType::Color4, kWhite, "the colour filled"}.anyValue(), areaParam()},
          {},
          [](const OperationArgs& a) {
              return createConstantTask(a.node(), a.time(), a.color("color"), a.rect("area"));
          }});
-    ops.push_back({"checkerboard",
-                   "squares of two colours",
-                   {{"first", ParamType::Color4, kWhite},
-                    {"second", ParamType::Color4, kBlack},
-                    {"size", ParamType::Number, 64},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createCheckerboardTask(a.node(), a.time(), a.color("first"),
-                                                     a.color("second"), a.number("size"),
-                                                     a.rect("area"));
+    ops.push_back(
+        {"checkerboard",
+         "squares of two colours",
+         {Param{"first", ParamType::Color4, kWhite,
+                "the colour of the square at the area's top-left corner"}
+              .anyValue(),
+          Param{"second", ParamType::Color4, kBlack, "the colour of the squares beside it"}
+              .anyValue(),
+          Param{"size", ParamType::Number, 64, "the side of a square, in pixels"}.range(
+              1, kMaxMagnitude),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createCheckerboardTask(a.node(), a.time(), a.color("first"), a.color("second"),
+                                           a.number("size"), a.rect("area"));
+         }});
+    ops.push_back({"colorbars", "eight bars at 75%", {areaParam()}, {}, [](const OperationArgs& a) {
+                       return createColorBarsTask(a.node(), a.time(), a.rect("area"));
                    }});
     ops.push_back(
-        {"colorbars",
-         "eight bars at 75%",
-         {required("area", ParamType::Rect, {0, 0, 64, 48})},
+        {"linearramp",
+         "a ramp between two points",
+         {required("start", ParamType::Vec2, {0, 0},
+                   "where the ramp starts, in pixels; startColor there and before it")
+              .anyValue(),
+          Param{"startColor", ParamType::Color4, kBlack, "the colour at start"}.anyValue(),
+          required("end", ParamType::Vec2, {60, 45},
+                   "where the ramp ends, in pixels; endColor there and beyond it")
+              .anyValue(),
+          Param{"endColor", ParamType::Color4, kWhite, "the colour at end"}.anyValue(),
+          areaParam()},
          {},
-         [](const OperationArgs& a) { return createColorBarsTask(a.node(), a.time(), a.rect("area")); }});
-    ops.push_back({"linearramp",
-                   "a ramp between two points",
-                   {required("start", ParamType::Vec2, {0, 0}),
-                    {"startColor", ParamType::Color4, kBlack},
-                    required("end", ParamType::Vec2, {60, 45}),
-                    {"endColor", ParamType::Color4, kWhite},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createLinearRampTask(a.node(), a.time(), a.vec2("start"),
-                                                   a.color("startColor"), a.vec2("end"),
-                                                   a.color("endColor"), a.rect("area"));
-                   }});
-    ops.push_back({"radialramp",
-                   "a ramp out from a centre",
-                   {required("centre", ParamType::Vec2, {32, 24}),
-                    required("radius", ParamType::Number, 30),
-                    {"inner", ParamType::Color4, kWhite},
-                    {"outer", ParamType::Color4, kBlack},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createRadialRampTask(a.node(), a.time(), a.vec2("centre"),
-                                                   a.number("radius"), a.color("inner"),
-                                                   a.color("outer"), a.rect("area"));
-                   }});
-    ops.push_back({"lattice",
-                   "grid lines",
-                   {{"lineColor", ParamType::Color4, kWhite},
-                    {"fillColor", ParamType::Color4, kBlack},
-                    {"spacing", ParamType::Number, 32},
-                    {"lineWidth", ParamType::Number, 1},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createLatticeTask(a.node(), a.time(), a.color("lineColor"),
-                                                a.color("fillColor"), a.number("spacing"),
-                                                a.number("lineWidth"), a.rect("area"));
-                   }});
+         [](const OperationArgs& a) {
+             return createLinearRampTask(a.node(), a.time(), a.vec2("start"), a.color("startColor"),
+                                         a.vec2("end"), a.color("endColor"), a.rect("area"));
+         }});
+    ops.push_back(
+        {"radialramp",
+         "a ramp out from a centre",
+         {required("centre", ParamType::Vec2, {32, 24}, "the centre, in pixels").anyValue(),
+          required("radius", ParamType::Number, 30,
+                   "the distance from the centre, in pixels, at which outer is reached")
+              .atLeast(0),
+          Param{"inner", ParamType::Color4, kWhite, "the colour at the centre"}.anyValue(),
+          Param{"outer", ParamType::Color4, kBlack, "the colour at radius and beyond"}.anyValue(),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createRadialRampTask(a.node(), a.time(), a.vec2("centre"), a.number("radius"),
+                                         a.color("inner"), a.color("outer"), a.rect("area"));
+         }});
+    ops.push_back(
+        {"lattice",
+         "grid lines",
+         {Param{"lineColor", ParamType::Color4, kWhite, "the colour of the lines"}.anyValue(),
+          Param{"fillColor", ParamType::Color4, kBlack, "the colour between the lines"}.anyValue(),
+          Param{"spacing", ParamType::Number, 32,
+                "the distance from one line to the next, in pixels"}
+              .range(1, kMaxMagnitude),
+          Param{"lineWidth", ParamType::Number, 1, "the width of a line, in pixels (0: no lines)"}
+              .atLeast(0),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createLatticeTask(a.node(), a.time(), a.color("lineColor"),
+                                      a.color("fillColor"), a.number("spacing"),
+                                      a.number("lineWidth"), a.rect("area"));
+         }});
     ops.push_back(
         {"huewheel",
          "hues around a centre",
-         {required("centre", ParamType::Vec2, {32, 24}), required("radius", ParamType::Number, 30),
-          required("area", ParamType::Rect, {0, 0, 64, 48})},
+         {required("centre", ParamType::Vec2, {32, 24}, "the centre, in pixels").anyValue(),
+          required("radius", ParamType::Number, 30,
+                   "the distance from the centre, in pixels, of full saturation; beyond it the "
+                   "hues stay saturated")
+              .atLeast(0),
+          areaParam()},
          {},
          [](const OperationArgs& a) {
              return createHueWheelTask(a.node(), a.time(), a.vec2("centre"), a.number("radius"),
                                        a.rect("area"));
          }});
-    ops.push_back({"perlinnoise",
-                   "fractal Perlin noise",
-                   {{"scale", ParamType::Number, 64},
-                    Param{"octaves", ParamType::Int, 4}.range(1, 32),
-                    {"gain", ParamType::Number, 0.5},
-                    {"seed", ParamType::Int, 0},
-                    {"low", ParamType::Color4, kBlack},
-                    {"high", ParamType::Color4, kWhite},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createPerlinNoiseTask(a.node(), a.time(), a.number("scale"),
-                                                    a.integer("octaves"), a.number("gain"),
-                                                    uint32_t(a.integer("seed")), a.color("low"),
-                                                    a.color("high"), a.rect("area"));
-                   }});
-    ops.push_back({"randomnoise",
-                   "a random value per pixel",
-                   {{"seed", ParamType::Int, 0},
-                    {"low", ParamType::Color4, kBlack},
-                    {"high", ParamType::Color4, kWhite},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createRandomNoiseTask(a.node(), a.time(), uint32_t(a.integer("seed")),
-                                                    a.color("low"), a.color("high"),
-                                                    a.rect("area"));
-                   }});
-    ops.push_back({"fourcorner",
-                   "a gradient between four corner colours",
-                   {{"topLeft", ParamType::Color4, kBlack},
-                    {"topRight", ParamType::Color4, json{1, 0, 0, 1}},
-                    {"bottomLeft", ParamType::Color4, json{0, 1, 0, 1}},
-                    {"bottomRight", ParamType::Color4, json{0, 0, 1, 1}},
-                    required("area", ParamType::Rect, {0, 0, 64, 48})},
-                   {},
-                   [](const OperationArgs& a) {
-                       return createFourCornerGradientTask(
-                           a.node(), a.time(), a.color("topLeft"), a.color("topRight"),
-                           a.color("bottomLeft"), a.color("bottomRight"), a.rect("area"));
-                   },
-                   "Bilinear between the corner pixels' centres: with u, v from 0 to 1 across "
-                   "the area, (TL (1 − u) + TR u)(1 − v) + (BL (1 − u) + BR u) v."});
+    ops.push_back(
+        {"perlinnoise",
+         "fractal Perlin noise",
+         {Param{"scale", ParamType::Number, 64, "the size of the largest features, in pixels"}
+              .range(1e-3, kMaxMagnitude),
+          Param{"octaves", ParamType::Int, 4,
+                "the count of layers, each of twice the detail of the one before"}
+              .range(1, 32),
+          Param{"gain", ParamType::Number, 0.5,
+                "each octave's amplitude relative to the one before (0.5: the usual 1/f noise)"}
+              .range(0, 1),
+          Param{"seed", ParamType::Int, 0, "which noise: another seed, another pattern"}.range(
+              0, 2147483647),
+          Param{"low", ParamType::Color4, kBlack, "the colour where the noise is 0"}.anyValue(),
+          Param{"high", ParamType::Color4, kWhite, "the colour where the noise is 1"}.anyValue(),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createPerlinNoiseTask(
+                 a.node(), a.time(), a.number("scale"), a.integer("octaves"), a.number("gain"),
+                 uint32_t(a.integer("seed")), a.color("low"), a.color("high"), a.rect("area"));
+         }});
+    ops.push_back(
+        {"randomnoise",
+         "a random value per pixel",
+         {Param{"seed", ParamType::Int, 0, "which noise: another seed, another pattern"}.range(
+              0, 2147483647),
+          Param{"low", ParamType::Color4, kBlack, "the colour where the noise is 0"}.anyValue(),
+          Param{"high", ParamType::Color4, kWhite, "the colour where the noise is 1"}.anyValue(),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createRandomNoiseTask(a.node(), a.time(), uint32_t(a.integer("seed")),
+                                          a.color("low"), a.color("high"), a.rect("area"));
+         }});
+    ops.push_back(
+        {"fourcorner",
+         "a gradient between four corner colours",
+         {Param{"topLeft", ParamType::Color4, kBlack, "the colour of the area's top-left pixel"}
+              .anyValue(),
+          Param{"topRight", ParamType::Color4, json{1, 0, 0, 1},
+                "the colour of its top-right pixel"}
+              .anyValue(),
+          Param{"bottomLeft", ParamType::Color4, json{0, 1, 0, 1},
+                "the colour of its bottom-left pixel"}
+              .anyValue(),
+          Param{"bottomRight", ParamType::Color4, json{0, 0, 1, 1},
+                "the colour of its bottom-right pixel"}
+              .anyValue(),
+          areaParam()},
+         {},
+         [](const OperationArgs& a) {
+             return createFourCornerGradientTask(a.node(), a.time(), a.color("topLeft"),
+                                                 a.color("topRight"), a.color("bottomLeft"),
+                                                 a.color("bottomRight"), a.rect("area"));
+         },
+         "Bilinear between the corner pixels' centres: with u, v from 0 to 1 across "
+         "the area, (TL (1 − u) + TR u)(1 − v) + (BL (1 − u) + BR u) v."});
 }
 
 }  // namespace Private

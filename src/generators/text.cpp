@@ -189,9 +189,10 @@ void declareTextOperations(OperationList& ops) {
          {required("text", ParamType::String, "Tessera\nslate 1", "the text; \\n starts a line"),
           {"font", ParamType::Path, "", "a TrueType or OpenType file (default DejaVu Sans)"},
           Param{"size", ParamType::Number, 48, "the font's size in pixels (its em)"}.range(1, 4096),
-          {"color", ParamType::Color4, kWhite},
-          {"position", ParamType::Vec2, json{10, 50},
-           "where the first line's baseline starts (or centres, or ends)"},
+          Param{"color", ParamType::Color4, kWhite, "the colour of the glyphs"}.anyValue(),
+          Param{"position", ParamType::Vec2, json{10, 50},
+                "where the first line's baseline starts (or centres, or ends)"}
+              .anyValue(),
           choiceParam("align", kAlignments, "left", "each line's position about x"),
           Param{"lineSpacing", ParamType::Number, 1, "line distance, in the font's line heights"}
               .range(0, 100)},

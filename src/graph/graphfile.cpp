@@ -35,13 +35,15 @@ using Private::Param;
 using Private::ParamType;
 
 std::string formatNumber(double v) {
+    if (std::fabs(v) == Private::kMaxMagnitude) return v < 0 ? "-2^30" : "2^30";
     std::ostringstream out;
     out << v;
     return out.str();
 }
 
+using Private::kMaxMagnitude;
+
 // Checks a value against its parameter's type, range and choices.
-constexpr double kMaxMagnitude = double(int64_t(1) << 30);
 
 void checkValue(const std::string& node, const Param& p, const json& v) {
     auto numbers = [&](size_t n) {
@@ -611,6 +613,8 @@ std::vector<OperationDescription> listOperations() {
             q.type = Private::typeName(p.type);
             q.defaultValue = p.fallback.is_null() ? std::string() : p.fallback.dump();
             q.description = p.doc;
+            q.low = p.low;
+            q.high = p.high;
             if (std::isfinite(p.low) || std::isfinite(p.high))
                 q.range = (std::isfinite(p.low) ? formatNumber(p.low) : "-inf") + " to " +
                           (std::isfinite(p.high) ? formatNumber(p.high) : "inf");

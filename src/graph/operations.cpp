@@ -55,6 +55,12 @@ const Choices<uint64_t>& channelChoices() {
     return table;
 }
 
+Param areaParam() {
+    return required("area", ParamType::Rect, {0, 0, 64, 48},
+                    "the rectangle filled, in pixels (xmax and ymax excluded); nothing outside it")
+        .anyValue();
+}
+
 Param kernelParam(std::string name, std::string fallback, std::string doc) {
     return choiceParam(std::move(name), kernelChoices(), std::move(fallback), std::move(doc));
 }

@@ -440,7 +440,7 @@ void declareGeometryOperations(OperationList& ops) {
     const double limit = double(UTIL::Rect::INFINITE_EXTENT);
     ops.push_back({"crop",
                    "the input inside a rectangle",
-                   {required("rect", ParamType::Rect, {4, 2, 60, 40}, "the area kept"),
+                   {required("rect", ParamType::Rect, {4, 2, 60, 40}, "the area kept").anyValue(),
                     {"blackOutside", ParamType::Bool, true,
                      "transparent black outside (else the input's background colour)"}},
                    {"input"},
@@ -452,7 +452,7 @@ void declareGeometryOperations(OperationList& ops) {
                    "input's; the pixels inside are the input's."});
     ops.push_back({"datawindow",
                    "set or shrink the defined region",
-                   {required("rect", ParamType::Rect, {4, 2, 60, 40}, "the new region"),
+                   {required("rect", ParamType::Rect, {4, 2, 60, 40}, "the new region").anyValue(),
                     {"shrink", ParamType::Bool, false,
                      "keep only the part of the input's region inside rect"}},
                    {"input"},
@@ -491,13 +491,16 @@ void declareGeometryOperations(OperationList& ops) {
     ops.push_back(
         {"border",
          "the frame grown by margins of a colour, or of the clamped or mirrored edge",
-         {Param{"left", ParamType::Int, 0}.range(0, limit).withExample(6),
-          Param{"top", ParamType::Int, 0}.range(0, limit),
-          Param{"right", ParamType::Int, 0}.range(0, limit),
-          Param{"bottom", ParamType::Int, 0}.range(0, limit).withExample(3),
+         {Param{"left", ParamType::Int, 0, "pixels added on the left"}.range(0, limit).withExample(
+              6),
+          Param{"top", ParamType::Int, 0, "pixels added at the top"}.range(0, limit),
+          Param{"right", ParamType::Int, 0, "pixels added on the right"}.range(0, limit),
+          Param{"bottom", ParamType::Int, 0, "pixels added at the bottom"}
+              .range(0, limit)
+              .withExample(3),
           extendParam("extend", "background", "background: the colour; clamp; mirror")
               .withExample("mirror"),
-          {"color", ParamType::Color4, kClear, "the margins' colour"}},
+          Param{"color", ParamType::Color4, kClear, "the margins' colour"}.anyValue()},
          {"input"},
          [](const OperationArgs& a) {
              return createBorderTask(a.node(), a.time(), a.integer("left"), a.integer("top"),

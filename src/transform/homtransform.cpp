@@ -73,27 +73,36 @@ TaskPtr createHomTransformTask(const std::string& name, float time,
 namespace Private {
 
 void declareTransformOperations(OperationList& ops) {
-    ops.push_back({"transform",
-                   "a 3x3 matrix (row vectors)",
-                   {{"matrix", ParamType::Matrix33, nlohmann::json{1, 0, 0, 0, 1, 0, 0, 0, 1}},
-                    kernelParam("filter", "catmull-rom"),
-                    kernelParam("minifyFilter", "catmull-rom")},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       HomTransformParams p;
-                       p.primaryKernel = a.kernel("filter");
-                       p.secondaryKernel = a.kernel("minifyFilter");
-                       p.useAffine = true;
-                       return createHomTransformTask(a.node(), a.time(), p, {a.matrix("matrix")},
-                                                     a.input("input"));
-                   }});
+    ops.push_back(
+        {"transform",
+         "a 3x3 matrix (row vectors)",
+         {Param{"matrix", ParamType::Matrix33, nlohmann::json{1, 0, 0, 0, 1, 0, 0, 0, 1},
+                "the 3x3 matrix taking input pixels to output pixels, row vectors: (x, y, 1) × M"}
+              .anyValue(),
+          kernelParam("filter", "catmull-rom",
+                      "the reconstruction filter where the transform enlarges"),
+          kernelParam("minifyFilter", "catmull-rom", "the filter where the transform shrinks")},
+         {"input"},
+         [](const OperationArgs& a) {
+             HomTransformParams p;
+             p.primaryKernel = a.kernel("filter");
+             p.secondaryKernel = a.kernel("minifyFilter");
+             p.useAffine = true;
+             return createHomTransformTask(a.node(), a.time(), p, {a.matrix("matrix")},
+                                           a.input("input"));
+         }});
     ops.push_back(
         {"motionblur",
          "average over a shutter of 3x3 matrices (9 numbers each)",
-         {required("matrices", ParamType::Floats, {1, 0,   0,  0, 1, 0, 0, 0, 1, 1, 0, 0,  0, 1,
-                                                   0, 3.5, -2, 1, 1, 0, 0, 0, 1, 0, 7, -4, 1}),
-          Param{"samplesPerStratum", ParamType::Int, 1}.atLeast(1),
-          kernelParam("filter", "catmull-rom")},
+         {required(
+              "matrices", ParamType::Floats,
+              {1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 0, 0, 0, 1, 0, 3.5, -2, 1, 1, 0, 0, 0, 1, 0, 7, -4, 1},
+              "the shutter's matrices, 9 numbers each (as transform's), from shutter open to close")
+              .anyValue(),
+          Param{"samplesPerStratum", ParamType::Int, 1,
+                "images averaged between two consecutive matrices"}
+              .atLeast(1),
+          kernelParam("filter", "catmull-rom", "the reconstruction filter")},
          {"input"},
          [](const OperationArgs& a) {
              const std::vector<float> values = a.floats("matrices");
@@ -110,27 +119,35 @@ void declareTransformOperations(OperationList& ops) {
              p.motionSamplesPerStratum = a.integer("samplesPerStratum");
              return createHomTransformTask(a.node(), a.time(), p, matrices, a.input("input"));
          }});
-    ops.push_back({"rotate",
-                   "rotate and scale about a centre, then move",
-                   {{"degrees", ParamType::Number, 0},
-                    {"scale", ParamType::Number, 1},
-                    {"centre", ParamType::Vec2, json::array({0, 0})},
-                    {"translate", ParamType::Vec2, json::array({0, 0})},
-                    kernelParam("filter", "catmull-rom")},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       const Imath::V2f c = a.vec2("centre"), t = a.vec2("translate");
-                       Imath::Matrix33<float> toOrigin, s, r, back;
-                       toOrigin.setTranslation(-c);
-                       s.setScale(Imath::V2f(a.number("scale"), a.number("scale")));
-                       r.setRotation(a.number("degrees") * 3.14159265f / 180.0f);
-                       back.setTranslation(c + t);
-                       HomTransformParams p;
-                       p.primaryKernel = p.secondaryKernel = a.kernel("filter");
-                       p.useAffine = true;
-                       return createHomTransformTask(a.node(), a.time(), p, {toOrigin * s * r * back},
-                                                     a.input("input"));
-                   }});
+    ops.push_back(
+        {"rotate",
+         "rotate and scale about a centre, then move",
+         {Param{"degrees", ParamType::Number, 0,
+                "the rotation, in degrees, counter-clockwise as viewed"}
+              .range(-360000, 360000),
+          Param{"scale", ParamType::Number, 1, "the factor of size, about the centre"}.range(
+              1.0 / 1024, 1024),
+          Param{"centre", ParamType::Vec2, json::array({0, 0}),
+                "the centre of rotation and scale, in pixels"}
+              .anyValue(),
+          Param{"translate", ParamType::Vec2, json::array({0, 0}),
+                "the move after rotation and scale, in pixels (right and down)"}
+              .anyValue(),
+          kernelParam("filter", "catmull-rom", "the reconstruction filter")},
+         {"input"},
+         [](const OperationArgs& a) {
+             const Imath::V2f c = a.vec2("centre"), t = a.vec2("translate");
+             Imath::Matrix33<float> toOrigin, s, r, back;
+             toOrigin.setTranslation(-c);
+             s.setScale(Imath::V2f(a.number("scale"), a.number("scale")));
+             r.setRotation(a.number("degrees") * 3.14159265f / 180.0f);
+             back.setTranslation(c + t);
+             HomTransformParams p;
+             p.primaryKernel = p.secondaryKernel = a.kernel("filter");
+             p.useAffine = true;
+             return createHomTransformTask(a.node(), a.time(), p, {toOrigin * s * r * back},
+                                           a.input("input"));
+         }});
 }
 
 }  // namespace Private

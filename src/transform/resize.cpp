@@ -283,24 +283,28 @@ void declareResizeOperations(OperationList& ops) {
          "enlarging and widened by 1 / s where reducing (free of aliasing), normalised; "
          "separable. `nearest` point-samples the pixel under each output pixel's centre, "
          "shrinking too. The output is exactly the size asked for."});
-    ops.push_back({"scale",
-                   "scale about the origin, then translate",
-                   {Param{"scale", ParamType::Vec2, json{0.5, 0.5}}.range(1.0 / 1024, 1024),
-                    {"translate", ParamType::Vec2, json{0, 0}},
-                    kernelParam("filter", "lanczos3", "the reconstruction filter"),
-                    extendParam("extend", "clamp", "what the filter reads beyond the edge")},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       ResizeParams p;
-                       p.scaleX = a.vec2("scale").x;
-                       p.scaleY = a.vec2("scale").y;
-                       p.translateX = a.vec2("translate").x;
-                       p.translateY = a.vec2("translate").y;
-                       p.filter = a.kernel("filter");
-                       p.extend = a.extend("extend");
-                       return createResizeTask(a.node(), a.time(), p, a.input("input"));
-                   },
-                   "X = s x + t per axis, filtered as `resize` does."});
+    ops.push_back(
+        {"scale",
+         "scale about the origin, then translate",
+         {Param{"scale", ParamType::Vec2, json{0.5, 0.5}, "the factor of width and height"}.range(
+              1.0 / 1024, 1024),
+          Param{"translate", ParamType::Vec2, json{0, 0},
+                "the move after scaling, in pixels (right and down)"}
+              .anyValue(),
+          kernelParam("filter", "lanczos3", "the reconstruction filter"),
+          extendParam("extend", "clamp", "what the filter reads beyond the edge")},
+         {"input"},
+         [](const OperationArgs& a) {
+             ResizeParams p;
+             p.scaleX = a.vec2("scale").x;
+             p.scaleY = a.vec2("scale").y;
+             p.translateX = a.vec2("translate").x;
+             p.translateY = a.vec2("translate").y;
+             p.filter = a.kernel("filter");
+             p.extend = a.extend("extend");
+             return createResizeTask(a.node(), a.time(), p, a.input("input"));
+         },
+         "X = s x + t per axis, filtered as `resize` does."});
     ops.push_back({"proxy",
                    "a half, quarter or eighth size proxy for viewing",
                    {Param{"level", ParamType::Int, 1, "1: 1/2, 2: 1/4, 3: 1/8"}.range(1, 3),

@@ -307,10 +307,12 @@ void declareWarpOperations(OperationList& ops) {
           Param{"k3", ParamType::Number, 0, "radial, r⁶"}.range(-10, 10),
           Param{"p1", ParamType::Number, 0, "tangential"}.range(-10, 10),
           Param{"p2", ParamType::Number, 0, "tangential"}.range(-10, 10),
-          {"centre", ParamType::Vec2, json{0, 0},
-           "the distortion centre's offset from the format's centre"},
-          {"format", ParamType::Rect, json{0, 0, 0, 0},
-           "the plate's frame, which sets the centre and the unit (empty: the input's box)"},
+          Param{"centre", ParamType::Vec2, json{0, 0},
+                "the distortion centre's offset from the format's centre"}
+              .anyValue(),
+          Param{"format", ParamType::Rect, json{0, 0, 0, 0},
+                "the plate's frame, which sets the centre and the unit (empty: the input's box)"}
+              .anyValue(),
           {"undistort", ParamType::Bool, false, "remove the distortion instead of applying it"}},
          {"input"},
          [](const OperationArgs& a) {
@@ -334,8 +336,8 @@ void declareWarpOperations(OperationList& ops) {
           channelParam("t", "g", "the map's channel of t (0 to 1 bottom to top)")},
          {"input", "map"},
          [](const OperationArgs& a) {
-             return createSTMapTask(a.node(), a.time(), a.channel("s"), a.channel("t"), a.input("input"),
-                                    a.input("map"));
+             return createSTMapTask(a.node(), a.time(), a.channel("s"), a.channel("t"),
+                                    a.input("input"), a.input("map"));
          },
          "Output pixel (x, y) reads the input, bilinearly, at (x<sub>0</sub> + s W, "
          "y<sub>1</sub> − t H) of its box, s and t from the map's pixel (x, y). The output "

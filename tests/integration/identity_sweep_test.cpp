@@ -78,9 +78,7 @@ struct Range {
 };
 
 Range rangeOf(const OperationParameter& p) {
-    Range r;
-    std::sscanf(p.range.c_str(), "%lf to %lf", &r.low, &r.high);
-    return r;
+    return p.range.empty() ? Range{} : Range{p.low, p.high};
 }
 
 // Other valid numbers beside v: one a step away that is not a round

@@ -1,0 +1,104 @@
+// An operation's declaration is its contract: every parameter says what it
+// means and which values it takes, and a value outside them is refused
+// with the node, the parameter and the value named, whether the node comes
+// from a graph file or is built from C++ (as the Python module builds it).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+#include "generatortasks.h"
+#include "graphfile.h"
+#include "support/sweep_graph.h"
+
+using namespace TESSERA;
+using namespace TESSERA::testing;
+using json = nlohmann::json;
+
+namespace {
+
+bool isNumeric(const OperationParameter& p) {
+    return p.type != "bool" && p.type != "string" && p.type != "path" && p.type != "name" &&
+           p.choices.empty();
+}
+
+// Values just outside the declared range, as the parameter's type holds
+// them (every component of an array the same).
+std::vector<json> outsideValues(const OperationParameter& p) {
+    const bool integral = p.type == "integer" || p.type == "[xmin, ymin, xmax, ymax]";
+    const double step = integral ? 1.0 : std::max(1e-3, std::abs(p.high - p.low) * 1e-3);
+    std::vector<json> values;
+    for (double v : {p.low - step, p.high + step}) {
+        const json scalar = integral ? json(int64_t(v)) : json(v);
+        if (!json::parse(p.defaultValue.empty() ? p.example : p.defaultValue).is_array()) {
+            values.push_back(scalar);
+            continue;
+        }
+        const size_t count = p.type == "[r, g, b, a]" || p.type == "[xmin, ymin, xmax, ymax]" ? 4
+                             : p.type == "[r, g, b]"                                          ? 3
+                             : p.type == "[x, y]"                                             ? 2
+                             : p.type == "[9 numbers]"                                        ? 9
+                                                                                              : 16;
+        values.push_back(json(std::vector<json>(count, scalar)));
+    }
+    return values;
+}
+
+}  // namespace
+
+TEST(Declarations, EveryParameterSaysWhatItMeansAndWhatItTakes) {
+    int parameters = 0;
+    for (const OperationDescription& op : listOperations()) {
+        EXPECT_FALSE(op.summary.empty()) << op.name;
+        for (const OperationParameter& p : op.parameters) {
+            ++parameters;
+            EXPECT_FALSE(p.description.empty()) << op.name << "." << p.name << " has no meaning";
+            if (isNumeric(p)) {
+                EXPECT_FALSE(p.range.empty()) << op.name << "." << p.name << " has no range";
+                EXPECT_TRUE(std::isfinite(p.low) && std::isfinite(p.high) && p.low <= p.high)
+                    << op.name << "." << p.name << ": " << p.range;
+            }
+            if (p.type == "name") EXPECT_FALSE(p.choices.empty()) << op.name << "." << p.name;
+        }
+    }
+    EXPECT_GT(parameters, 250);
+}
+
+TEST(Declarations, ValuesOutsideTheRangeAreRefusedNamingNodeParameterAndValue) {
+    const SweepFiles files;
+    const TaskPtr plate =
+        createConstantTask("plate", 0, Imath::Color4<float>(0.5f), UTIL::Rect(0, 0, 8, 8));
+    int refusals = 0;
+    for (const OperationDescription& op : listOperations()) {
+        std::map<std::string, TaskPtr> inputs;
+        for (const std::string& input : op.inputs) inputs[input] = plate;
+        for (const OperationParameter& p : op.parameters) {
+            if (!isNumeric(p)) continue;
+            for (const json& value : outsideValues(p)) {
+                const std::string what = op.name + "." + p.name + " = " + value.dump();
+                try {
+                    loadGraph(sweepGraph(op, files, {{p.name, value.dump()}}), files.dir.string());
+                    ADD_FAILURE() << what << " was taken from a graph file";
+                } catch (const GraphFileError& e) {
+                    EXPECT_EQ(e.getNode(), "op") << what;
+                    EXPECT_EQ(e.getField(), p.name) << what << ": " << e.what();
+                    EXPECT_NE(std::string(e.what()).find(value.dump()), std::string::npos)
+                        << what << ": " << e.what();
+                }
+                json params = json::object();
+                for (const OperationParameter& q : op.parameters)
+                    if (q.defaultValue.empty()) params[q.name] = json::parse(q.example);
+                params[p.name] = value;
+                try {
+                    createOperationTask(op.name, "node", params.dump(), inputs, files.dir.string());
+                    ADD_FAILURE() << what << " was taken from C++";
+                } catch (const GraphFileError& e) {
+                    EXPECT_EQ(e.getNode(), "node") << what;
+                    EXPECT_EQ(e.getField(), p.name) << what << ": " << e.what();
+                    ++refusals;
+                }
+            }
+        }
+    }
+    EXPECT_GT(refusals, 300);
+}
