@@ -1,5 +1,7 @@
 # `cmake --install`: the shared library, its public headers under
-# include/tessera, the tessera command, a CMake package (Tessera::tessera)
+# include/tessera (a host includes <tessera/...> with only PREFIX/include on
+# its path: the headers include each other by relative paths), the tessera
+# command, a CMake package (Tessera::tessera)
 # and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
@@ -7,7 +9,8 @@ set(TESSERA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Tessera)
 
 # The public headers, and the platform headers they include.
 file(GLOB TESSERA_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/include/*.h)
-list(APPEND TESSERA_PUBLIC_HEADERS ${PROJECT_BINARY_DIR}/include/tessera_version.h)
+list(APPEND TESSERA_PUBLIC_HEADERS ${PROJECT_BINARY_DIR}/include/tessera_version.h
+  ${PROJECT_SOURCE_DIR}/platform/tessera_export.h)
 install(FILES ${TESSERA_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tessera)
 set(TESSERA_PLATFORM_HEADERS
   imglib/channels.h imglib/defocus.h imglib/depthoffield.h imglib/error.h imglib/image.h

@@ -5,7 +5,6 @@
 
 #include <Imath/ImathColor.h>
 #include <Imath/ImathMatrix.h>
-#include <OpenColorIO/OpenColorIO.h>
 
 #include <cstdint>
 #include <string>
@@ -132,28 +131,5 @@ TESSERA_API TaskPtr createGainTask(const std::string& name, float sampleRate, co
                                    TaskPtr input);
 TESSERA_API TaskPtr createHueShiftTask(const std::string& name, float sampleRate,
                                        const HueShiftParams& params, TaskPtr input);
-// OpenColorIO: the processor (or the one made for the transform) is shared
-// by every tile.
-TESSERA_API TaskPtr createOCIOProcessorTask(const std::string& name, float sampleRate,
-                                            OCIO_NAMESPACE::ConstProcessorRcPtr processor,
-                                            TaskPtr input);
-// The colour spaces OpenColorIO knows without a configuration: "lin_rec709"
-// (linear sRGB / Rec.709 primaries), "srgb", "rec709" (BT.1886 video),
-// "acescg", "aces2065-1", "acescc", "acescct", "logc" (ARRI LogC EI800,
-// wide gamut), "slog3" (Sony S-Log3, S-Gamut3.Cine), "log3g10" (RED, wide
-// gamut), "vlog" (Panasonic V-Log, V-Gamut), "clog3" (Canon Log 3, Cinema
-// Gamut).
-TESSERA_API std::vector<std::string> builtinColorSpaces();
-// Converts between two of those spaces through ACES2065-1. With unpremultiply
-// the conversion sees straight colour (divided by alpha, multiplied back
-// after), as non-linear encodings need. Unknown names throw
-// std::invalid_argument naming the task and the name.
-TESSERA_API TaskPtr createColorSpaceTask(const std::string& name, float sampleRate,
-                                         const std::string& from, const std::string& to,
-                                         bool unpremultiply, TaskPtr input);
-TESSERA_API TaskPtr createOCIOTransformTask(const std::string& name, float sampleRate,
-                                            OCIO_NAMESPACE::ConstTransformRcPtr transform,
-                                            OCIO_NAMESPACE::TransformDirection direction,
-                                            TaskPtr input);
 
 }  // namespace TESSERA

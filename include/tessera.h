@@ -1,5 +1,6 @@
 // Tessera: a tile-based image-graph engine. This header includes every
-// public header, and the IMGLIB operators task writers render with.
+// public header but ociotasks.h (which brings OpenColorIO's headers), and
+// the IMGLIB operators task writers render with.
 #pragma once
 
 #include "cacheidstream.h"

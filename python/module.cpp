@@ -347,7 +347,7 @@ std::string statistics() {
 
 PYBIND11_MODULE(_tessera, m) {
     m.doc() = "Tessera's native module; use the tessera package.";
-    m.attr("__version__") = TESSERA_VERSION;
+    m.attr("__version__") = TESSERA::version();
     // Files are decoded and encoded on the render's threads, as in the
     // command; the image libraries start no pools of their own.
     useRenderThreadsForFiles();

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "imglib/image.h"
-#include "tessera_export.h"
+#include "../tessera_export.h"
+#include "image.h"
 
 namespace IMGLIB {
 

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-#include "imglib/image.h"
-#include "tessera_export.h"
+#include "../tessera_export.h"
+#include "image.h"
 
 namespace IMGLIB {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace IMGLIB {
 

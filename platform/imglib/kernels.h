@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace IMGLIB {
 

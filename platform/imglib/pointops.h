@@ -16,8 +16,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "imglib/image.h"
-#include "tessera_export.h"
+#include "../tessera_export.h"
+#include "image.h"
 
 namespace IMGLIB {
 

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "imglib/image.h"
-#include "tessera_export.h"
-#include "util/rect.h"
+#include "../tessera_export.h"
+#include "../util/rect.h"
+#include "image.h"
 
 namespace IMGLIB {
 

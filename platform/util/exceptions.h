@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace UTIL {
 

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "tessera_export.h"
-#include "util/ref_ptr.h"
+#include "../tessera_export.h"
+#include "ref_ptr.h"
 
 namespace Util {
 

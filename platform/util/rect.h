@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <iosfwd>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace UTIL {
 

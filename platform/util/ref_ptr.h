@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace RCX_ptr_v4 {
 
@@ -59,8 +59,6 @@ private:
     T* m_ptr = nullptr;
 };
 
-}  // namespace RCX_ptr_v4
-
 // Base of reference-counted objects shared between threads: an atomic 32-bit
 // count and a virtual destructor. The object deletes itself with its last
 // reference.
@@ -80,6 +78,12 @@ public:
 private:
     mutable std::atomic<uint32_t> m_refCount{0};
 };
+
+}  // namespace RCX_ptr_v4
+
+// Named without its namespace everywhere: it is the base of every shared
+// object. Its symbols live in RCX_ptr_v4, with the library's others.
+using RCX_ptr_v4::ThreadSafeRefBase;
 
 namespace Util {
 template <class T>

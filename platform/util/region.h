@@ -4,7 +4,7 @@
 #include <iosfwd>
 #include <vector>
 
-#include "util/rect.h"
+#include "rect.h"
 
 namespace UTIL {
 

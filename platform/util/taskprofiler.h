@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "tessera_export.h"
+#include "../tessera_export.h"
 
 namespace UTIL {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "util/ref_ptr.h"
+#include "../util/ref_ptr.h"
 
 namespace Orrery3 {
 namespace XmlIO {

@@ -7,6 +7,7 @@
 #include "imglib/error.h"
 #include "imglib/pixels.h"
 #include "inplacetask.h"
+#include "ociotasks.h"
 #include "private/operation.h"
 
 namespace OCIO = OCIO_NAMESPACE;

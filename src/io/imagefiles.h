@@ -93,6 +93,9 @@ struct ImageFormatModule {
 };
 // Loads the module on first use; null and `error` set when it cannot be.
 const ImageFormatModule* imageFormatModule(std::string& error);
+// The build folder holding the module, for the static library the tests
+// link; null in the shared library, which finds it beside itself.
+const char* formatModuleBuildDirectory();
 // useRenderThreads, now if the module is loaded, else when it is.
 void useRenderThreadsInModule();
 

@@ -1,6 +1,6 @@
-// Finding and loading the OpenImageIO module: beside the library that holds
-// this code (an installed or built shared library), else where the build
-// put it, else where it is installed.
+// Finding and loading the OpenImageIO module: beside the shared library
+// that holds this code, installed or built. Only the static library, which
+// never leaves the build, also looks where the build put the module.
 #include <sys/stat.h>
 
 #include <dlfcn.h>
@@ -26,8 +26,8 @@ std::vector<std::string> candidates() {
     if (dladdr(reinterpret_cast<void*>(&imageFormatModule), &self) && self.dli_fname)
         paths.push_back(
             (std::filesystem::path(self.dli_fname).parent_path() / kModuleName).string());
-    paths.push_back(std::string(TESSERA_MODULE_BUILD_DIR) + "/" + kModuleName);
-    paths.push_back(std::string(TESSERA_MODULE_INSTALL_DIR) + "/" + kModuleName);
+    if (const char* built = formatModuleBuildDirectory())
+        paths.push_back(std::string(built) + "/" + kModuleName);
     return paths;
 }
 

@@ -5,6 +5,7 @@
 
 #include "colortasks.h"
 #include "imglib/pixels.h"
+#include "ociotasks.h"
 #include "support/serial_render.h"
 
 using namespace TESSERA;

@@ -143,3 +143,9 @@ TEST(PublicApi, RenderImageCancelsFromAnotherThreadAndWhenProgressThrows) {
     RenderManager::setSpeculativeCachingEnable(true);
     RenderManager::setGlobalTileSize(256, 256);
 }
+
+TEST(PublicApi, TheLibraryReportsTheVersionItWasBuiltAs) {
+    // The headers and the loaded library are of one build here.
+    EXPECT_STREQ(version(), TESSERA_VERSION);
+    EXPECT_EQ(std::string(version()).rfind(std::to_string(TESSERA_VERSION_MAJOR) + ".", 0), 0u);
+}
