@@ -31,6 +31,8 @@ test: test-release test-asan test-tsan test-fuzz
 # of the public headers (build/docs/api/html).
 docs: build
 	build/release/tools/tessera/tessera ops --markdown > docs/operators.md
+	rm -rf docs/operators && build/release/tools/tessera/tessera ops --pictures docs/operators
+	mkdir -p build/docs && cd build/docs && ../release/tools/tessera/tessera demo -q && cp out/demo.png ../../docs/demo.png
 	cmake --build build/release --target tessera_man
 	mkdir -p build/docs && doxygen docs/Doxyfile
 

@@ -2,10 +2,19 @@
 // means and which values it takes, and a value outside them is refused
 // with the node, the parameter and the value named, whether the node comes
 // from a graph file or is built from C++ (as the Python module builds it).
+// The reference shows a picture of each operation's example, which must be
+// what the current declaration renders.
 #include <gtest/gtest.h>
 
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <cstdlib>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "generatortasks.h"
 #include "graphfile.h"
@@ -101,4 +110,33 @@ TEST(Declarations, ValuesOutsideTheRangeAreRefusedNamingNodeParameterAndValue) {
         }
     }
     EXPECT_GT(refusals, 300);
+}
+
+TEST(Declarations, EveryOperationHasItsPictureAsItsExampleRendersNow) {
+    namespace fs = std::filesystem;
+    const fs::path docs = fs::path(TESSERA_DOCS) / "operators";
+    const fs::path fresh =
+        fs::temp_directory_path() / ("tessera_pictures_test_" + std::to_string(getpid()));
+    ASSERT_EQ(
+        std::system((std::string(TESSERA_CLI_PATH) + " ops --pictures " + fresh.string()).c_str()),
+        0);
+    std::set<std::string> pictured;
+    for (const fs::directory_entry& e : fs::directory_iterator(docs))
+        pictured.insert(e.path().filename());
+    for (const OperationDescription& op : listOperations()) {
+        const std::string name = op.name + ".png";
+        EXPECT_EQ(pictured.erase(name), 1u)
+            << "docs/operators/" << name << " is missing (make docs)";
+        OIIO::ImageBuf kept((docs / name).string()), now((fresh / name).string());
+        if (!kept.read(0, 0, true, OIIO::TypeDesc::FLOAT)) continue;
+        ASSERT_TRUE(now.read(0, 0, true, OIIO::TypeDesc::FLOAT)) << now.geterror();
+        // A code value of rounding apart at most: vector widths differ
+        // between machines, and with them the last bit of some functions.
+        const auto comparison = OIIO::ImageBufAlgo::compare(kept, now, 1.01f / 255, 1.01f / 255);
+        EXPECT_EQ(comparison.nfail, 0u)
+            << "docs/operators/" << name << " is not what " << op.name
+            << " renders now (make docs); max difference " << comparison.maxerror;
+    }
+    EXPECT_TRUE(pictured.empty()) << "a picture of no operation: " << *pictured.begin();
+    fs::remove_all(fresh);
 }

@@ -3,6 +3,7 @@
 //   tessera render GRAPH.json [--frames LIST] [--set NODE.PARAM=VALUE]... [options]
 //   tessera demo [options]          the built-in demo graph, to out/
 //   tessera ops [NAME] [--markdown] the operations a graph may use
+//   tessera ops --pictures DIR      a picture of each, for the reference
 //
 // Exit status: 0 success, 1 a render or file failure, 2 a usage or graph
 // file error, 128 + the signal when interrupted.
@@ -20,6 +21,7 @@
 #include <thread>
 
 #include "demo_graph.h"
+#include "operator_pictures.h"
 #include "tessera.h"
 
 using namespace TESSERA;
@@ -245,7 +247,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     RenderSettings settings;
-    std::string graphPath, opName;
+    std::string graphPath, opName, picturesDir;
     bool markdown = false;
 
     CLI::App* renderCommand = app.add_subcommand("render", "render a graph file's outputs");
@@ -272,6 +274,10 @@ int main(int argc, char** argv) {
         app.add_subcommand("ops", "list the operations a graph may use, or describe one");
     opsCommand->add_option("NAME", opName, "one operation, in full");
     opsCommand->add_flag("--markdown", markdown, "the whole operator reference, in Markdown");
+    opsCommand
+        ->add_option("--pictures", picturesDir,
+                     "write DIR/NAME.png for every operation: its example on a standard plate")
+        ->type_name("DIR");
 
     // An unknown command is named (the parser would only say that one is
     // required).
@@ -296,6 +302,10 @@ int main(int argc, char** argv) {
     watchInterrupts();
     try {
         if (opsCommand->parsed()) {
+            if (!picturesDir.empty()) {
+                writeOperatorPictures(picturesDir);
+                return 0;
+            }
             try {
                 std::cout << (markdown         ? operatorReference()
                               : opName.empty() ? describeOperations()
