@@ -100,6 +100,7 @@ struct TESSERA_API OperationDescription {
     std::vector<std::string> inputs;
     std::vector<bool> optionalInputs;  // one flag per input
     std::vector<OperationParameter> parameters;
+    std::vector<std::string> aliases;  // older names, still accepted
 };
 TESSERA_API std::vector<OperationDescription> listOperations();
 // Every operation: its name, summary, inputs and parameters.

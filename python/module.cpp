@@ -393,7 +393,8 @@ PYBIND11_MODULE(_tessera, m) {
         .def_readonly("reference", &OperationDescription::reference)
         .def_readonly("inputs", &OperationDescription::inputs)
         .def_readonly("optional_inputs", &OperationDescription::optionalInputs)
-        .def_readonly("parameters", &OperationDescription::parameters);
+        .def_readonly("parameters", &OperationDescription::parameters)
+        .def_readonly("aliases", &OperationDescription::aliases);
     m.def("list_operations", &listOperations, "Every operation a graph may use.");
     m.def("_create", &createOperation, py::arg("operation"), py::arg("node"), py::arg("params"),
           py::arg("inputs"), py::arg("base_directory") = ".");

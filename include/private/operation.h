@@ -180,12 +180,15 @@ struct Operation {
     // matches (Markdown).
     std::string reference = {};
     std::string family = {};  // filled in by the registry
+    // Older names graph files and scripts may still use.
+    std::vector<std::string> aliases = {};
 };
 
 using OperationList = std::vector<Operation>;
 
 // Every operator, by family, in the order the reference lists them.
 const OperationList& operations();
+// By its name or one of its older names.
 const Operation* findOperation(const std::string& name);
 
 // Each family's declarations, next to its factories.

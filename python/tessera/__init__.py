@@ -118,4 +118,7 @@ def _operation_function(op):
 
 for _op in list_operations():
     globals()[_op.name] = _operation_function(_op)
+    for _alias in _op.aliases:  # older names stay for scripts that use them
+        globals()[_alias] = globals()[_op.name]
 del _op
+globals().pop("_alias", None)

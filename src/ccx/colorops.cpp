@@ -559,13 +559,6 @@ void declareColorOperations(OperationList& ops) {
              p.weights = a.color3("weights");
              return createHueShiftTask(a.node(), a.time(), p, a.input("input"));
          }});
-    ops.push_back({"multinverse",
-                   "unpremultiply (the older name)",
-                   {},
-                   {"input"},
-                   [](const OperationArgs& a) {
-                       return createMultInverseTask(a.node(), a.time(), a.input("input"));
-                   }});
     ops.push_back({"unpremultiply",
                    "colour divided by alpha where alpha is not 0",
                    {},
@@ -575,6 +568,7 @@ void declareColorOperations(OperationList& ops) {
                    },
                    "RGB / A where A ≠ 0; pixels of alpha 0 keep their colour exactly. As "
                    "`oiiotool --unpremult`."});
+    ops.back().aliases = {"multinverse"};
     ops.push_back({"premultiply",
                    "colour multiplied by alpha",
                    {},

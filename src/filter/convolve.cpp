@@ -148,7 +148,7 @@ void declareConvolveOperations(OperationList& ops) {
              return createImageConvolveTask(a.node(), a.time(), a.flag("normalize"), p,
                                             a.input("input"), a.input("kernel"));
          }});
-    ops.push_back({"energyNormalize",
+    ops.push_back({"energynormalize",
                    "a kernel divided by its sum over an area (its data when empty)",
                    {Param{"area", ParamType::Rect, json::array({0, 0, 0, 0}),
                           "the area summed (empty: the kernel's data)"}
@@ -158,6 +158,7 @@ void declareConvolveOperations(OperationList& ops) {
                        return createEnergyNormalizationTask(a.node(), a.time(), a.rect("area"),
                                                             a.input("kernel"));
                    }});
+    ops.back().aliases = {"energyNormalize"};
 }
 
 }  // namespace Private

@@ -176,7 +176,7 @@ void declareDefocusOperations(OperationList& ops) {
                        return createDefocusTask(a.node(), a.time(), defocusParams(a),
                                                 a.input("input"), a.flag("smooth"));
                    }});
-    ops.push_back({"imageDefocus",
+    ops.push_back({"imagedefocus",
                    "defocus whose size follows a channel of the control image (0 to 1)",
                    withAperture({channelParam("channel", "a", "the control image's channel"),
                                  Param{"scale", ParamType::Number, 1,
@@ -197,8 +197,9 @@ void declareDefocusOperations(OperationList& ops) {
                        return createImageDefocusTask(a.node(), a.time(), p, a.input("input"),
                                                      a.input("control"));
                    }});
+    ops.back().aliases = {"imageDefocus"};
     ops.push_back(
-        {"imageBlur",
+        {"imageblur",
          "blur whose size follows a channel of the control image (0 to 1)",
          {required("size", ParamType::Vec2, {5, 3},
                    "the largest blur's width and height, in pixels (where the control is 1)")
@@ -222,6 +223,7 @@ void declareDefocusOperations(OperationList& ops) {
              return createImageBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
                                     a.input("control"));
          }});
+    ops.back().aliases = {"imageBlur"};
 }
 
 }  // namespace Private

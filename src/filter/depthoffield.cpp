@@ -247,7 +247,7 @@ DepthOfFieldParams dofParams(const OperationArgs& a) {
 
 void declareDepthOfFieldOperations(OperationList& ops) {
     ops.push_back(
-        {"circleOfConfusion",
+        {"circleofconfusion",
          "circles of confusion (pixels) of a depth channel, in red",
          withLens({choiceParam("output", kCocOutputs, "coc",
                                "coc: each pixel's own circle; minimal, maximal: the smallest or "
@@ -257,7 +257,8 @@ void declareDepthOfFieldOperations(OperationList& ops) {
              return createCircleOfConfusionTask(a.node(), a.time(), dofParams(a), IMGLIB::CHANNEL_R,
                                                 a.choice(kCocOutputs, "output"), a.input("depth"));
          }});
-    ops.push_back({"depthOfField",
+    ops.back().aliases = {"circleOfConfusion"};
+    ops.push_back({"depthoffield",
                    "the input blurred by the circles of confusion of its depth",
                    withLens({}),
                    {"input", "depth", {"mask", true}},
@@ -266,7 +267,8 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                                                      a.input("input"), a.input("depth"),
                                                      a.input("mask"));
                    }});
-    ops.push_back({"depthCleanup",
+    ops.back().aliases = {"depthOfField"};
+    ops.push_back({"depthcleanup",
                    "depth with holes filled and foreground widened",
                    withLens({}),
                    {"depth"},
@@ -274,6 +276,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                        return createDOFDepthCleanupTask(a.node(), a.time(), dofParams(a),
                                                         a.input("depth"));
                    }});
+    ops.back().aliases = {"depthCleanup"};
 }
 
 }  // namespace Private

@@ -88,7 +88,7 @@ namespace Private {
 
 void declareMotionBlurOperations(OperationList& ops) {
     ops.push_back(
-        {"directionalBlur",
+        {"directionalblur",
          "blur along a line at an angle (degrees)",
          {required("length", ParamType::Number, 6.5,
                    "the line's length, in pixels (1 or less: no blur)")
@@ -109,8 +109,9 @@ void declareMotionBlurOperations(OperationList& ops) {
              p.filter = a.kernel("filter");
              return createDirectionalBlur(a.node(), a.time(), p, noBloom(), a.input("input"));
          }});
+    ops.back().aliases = {"directionalBlur"};
     ops.push_back(
-        {"vectorBlur",
+        {"vectorblur",
          "motion blur along per-pixel vectors (channels u and v of the vectors input)",
          {Param{"scale", ParamType::Number, 1, "the vectors' factor (negative reverses them)"}
               .anyValue(),
@@ -132,6 +133,7 @@ void declareMotionBlurOperations(OperationList& ops) {
              return createVectorBlur(a.node(), a.time(), p, noBloom(), a.input("input"),
                                      a.input("vectors"));
          }});
+    ops.back().aliases = {"vectorBlur"};
 }
 
 }  // namespace Private

@@ -54,7 +54,7 @@ const Choices<EdgeDetectMethod> kEdgeMethods = {{"sobel", EDGE_SOBEL}, {"babu", 
 
 void declareEdgeOperations(OperationList& ops) {
     ops.push_back(
-        {"edgeDetect",
+        {"edgedetect",
          "gradient magnitude, or thin 0/1 edges with select",
          {choiceParam("method", kEdgeMethods, "sobel",
                       "sobel: 3x3 gradients; babu: the Nevatia-Babu compass masks"),
@@ -67,6 +67,7 @@ void declareEdgeOperations(OperationList& ops) {
                                       a.number("threshold")};
              return createEdgeDetectTask(a.node(), a.time(), p, a.input("input"));
          }});
+    ops.back().aliases = {"edgeDetect"};
 }
 
 }  // namespace Private

@@ -96,7 +96,7 @@ namespace Private {
 
 void declareGlintOperations(OperationList& ops) {
     ops.push_back(
-        {"glintControl",
+        {"glintcontrol",
          "the highlights a glint streaks",
          {Param{"threshold", ParamType::Number, 1, "the brightness above which a pixel streaks"}
               .anyValue(),
@@ -107,6 +107,7 @@ void declareGlintOperations(OperationList& ops) {
              return createGlintControlTask(
                  a.node(), a.time(), {a.number("threshold"), a.number("gain")}, a.input("input"));
          }});
+    ops.back().aliases = {"glintControl"};
     ops.push_back(
         {"glint",
          "star streaks of the source (the input when none), added to the input",

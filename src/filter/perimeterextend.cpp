@@ -35,7 +35,7 @@ TaskPtr createPerimeterExtendTask(const std::string& name, float time, float dis
 namespace Private {
 
 void declarePerimeterOperations(OperationList& ops) {
-    ops.push_back({"perimeterExtend",
+    ops.push_back({"perimeterextend",
                    "colour carried a distance past the matte's edge",
                    {required("distance", ParamType::Number, 6.5,
                              "how far past the matte's edge colour is carried, in pixels")
@@ -45,6 +45,7 @@ void declarePerimeterOperations(OperationList& ops) {
                        return createPerimeterExtendTask(a.node(), a.time(), a.number("distance"),
                                                         a.input("input"));
                    }});
+    ops.back().aliases = {"perimeterExtend"};
 }
 
 }  // namespace Private

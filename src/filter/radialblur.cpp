@@ -63,7 +63,7 @@ const Choices<IMGLIB::RadialBlurType> kRadialBlurTypes = {{"zoom", IMGLIB::RADIA
 
 void declareRadialBlurOperations(OperationList& ops) {
     ops.push_back(
-        {"radialBlur",
+        {"radialblur",
          "zoom or spin blur about a centre",
          {choiceParam("type", kRadialBlurTypes, "zoom",
                       "zoom: along lines through the centre; spin: along circles about it"),
@@ -85,6 +85,7 @@ void declareRadialBlurOperations(OperationList& ops) {
              return createRadialBlur(a.node(), a.time(), p, a.extend("extend"), false, UTIL::Rect(),
                                      a.input("input"));
          }});
+    ops.back().aliases = {"radialBlur"};
 }
 
 }  // namespace Private

@@ -105,7 +105,7 @@ void declareRankFilterOperations(OperationList& ops) {
                                         a.number("threshold")};
              return createMedianFilterTask(a.node(), a.time(), p, a.input("input"));
          }});
-    ops.push_back({"erodeDilate",
+    ops.push_back({"erodedilate",
                    "dilation (positive radii) or erosion (negative)",
                    {required("radius", ParamType::Vec2, {5, 3},
                              "the reach in x and y, in pixels: positive dilates, negative erodes")
@@ -115,6 +115,7 @@ void declareRankFilterOperations(OperationList& ops) {
                        const ErodeDilateParams p{a.vec2("radius").x, a.vec2("radius").y};
                        return createErodeDilateTask(a.node(), a.time(), p, a.input("input"));
                    }});
+    ops.back().aliases = {"erodeDilate"};
     ops.push_back(
         {"bilateral",
          "edge-preserving blur",

@@ -603,6 +603,7 @@ std::vector<OperationDescription> listOperations() {
         d.family = op.family;
         d.summary = op.summary;
         d.reference = op.reference;
+        d.aliases = op.aliases;
         for (const Private::Input& input : op.inputs) {
             d.inputs.push_back(input.name);
             d.optionalInputs.push_back(input.optional);
@@ -660,9 +661,12 @@ std::string describeOperations() {
 
 std::string describeOperation(const std::string& name) {
     for (const OperationDescription& op : listOperations()) {
-        if (op.name != name) continue;
+        if (op.name != name &&
+            std::find(op.aliases.begin(), op.aliases.end(), name) == op.aliases.end())
+            continue;
         std::ostringstream out;
         out << op.name << " (" << op.family << "): " << op.summary << "\n";
+        for (const std::string& alias : op.aliases) out << "also accepted as " << alias << "\n";
         if (!op.reference.empty()) out << "\n" << op.reference << "\n";
         out << "\n";
         for (size_t i = 0; i < op.inputs.size(); ++i)
@@ -693,6 +697,8 @@ std::string operatorReference() {
         out << "\n### " << op.name << "\n\n"
             << "![" << op.name << "](operators/" << op.name << ".png)\n\n"
             << op.summary << ".\n";
+        for (const std::string& alias : op.aliases)
+            out << "\nAlso accepted under its older name `" << alias << "`.\n";
         if (!op.reference.empty()) out << "\n" << op.reference << "\n";
         if (!op.inputs.empty()) {
             out << "\nInputs:";

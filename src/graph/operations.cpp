@@ -2,6 +2,7 @@
 // their build functions use to read a node.
 #include "private/operation.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "graphfile.h"
@@ -157,7 +158,9 @@ const OperationList& operations() {
 
 const Operation* findOperation(const std::string& name) {
     for (const Operation& op : operations())
-        if (op.name == name) return &op;
+        if (op.name == name ||
+            std::find(op.aliases.begin(), op.aliases.end(), name) != op.aliases.end())
+            return &op;
     return nullptr;
 }
 

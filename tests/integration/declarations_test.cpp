@@ -73,6 +73,26 @@ TEST(Declarations, EveryParameterSaysWhatItMeansAndWhatItTakes) {
     EXPECT_GT(parameters, 250);
 }
 
+TEST(Declarations, OneLowerCaseNamePerOperationWithItsOlderNamesStillAccepted) {
+    std::set<std::string> names;
+    for (const OperationDescription& op : listOperations()) {
+        for (char c : op.name)
+            EXPECT_TRUE(std::islower(static_cast<unsigned char>(c)) || std::isdigit(c)) << op.name;
+        EXPECT_TRUE(names.insert(op.name).second) << op.name << " is declared twice";
+        for (const std::string& alias : op.aliases) {
+            EXPECT_TRUE(names.insert(alias).second) << alias << " names two operations";
+            EXPECT_EQ(describeOperation(alias), describeOperation(op.name));
+        }
+    }
+    // A graph file of an older name loads as the operation it names.
+    const Graph graph = loadGraph(
+        R"({"nodes": [{"id": "c", "op": "constant", "params": {"area": [0, 0, 8, 8]}},
+                      {"id": "r", "op": "radialBlur", "params": {"centre": [4, 4]},
+                       "inputs": {"input": "c"}}],
+            "outputs": [{"node": "r"}]})");
+    EXPECT_EQ(graph.outputs.size(), 1u);
+}
+
 TEST(Declarations, ValuesOutsideTheRangeAreRefusedNamingNodeParameterAndValue) {
     const SweepFiles files;
     const TaskPtr plate =
