@@ -1,4 +1,5 @@
-// The exceptions a render reports.
+/// @file
+/// The exceptions a render reports.
 #pragma once
 
 #include <stdexcept>
@@ -8,8 +9,8 @@
 
 namespace TESSERA {
 
-// A task failed to render. Carries the task's name (its name-at-time
-// label), the message and an integer code.
+/// A task failed to render. Carries the task's name (its name-at-time
+/// label), the message and an integer code.
 class TESSERA_API RenderTaskRenderingException : public std::runtime_error {
 public:
     RenderTaskRenderingException(const std::string& taskName, const std::string& message, int code);
@@ -23,13 +24,13 @@ private:
     int m_code;
 };
 
-// An IMGLIB operator returned an error status; the message is IMGLIB's.
+/// An IMGLIB operator returned an error status; the message is IMGLIB's.
 class TESSERA_API ImageLibRenderingException : public RenderTaskRenderingException {
 public:
     using RenderTaskRenderingException::RenderTaskRenderingException;
 };
 
-// The render was cancelled.
+/// The render was cancelled.
 class TESSERA_API RenderCancelledException : public std::runtime_error {
 public:
     explicit RenderCancelledException(const std::string& message) : std::runtime_error(message) {}

@@ -1,4 +1,5 @@
-// expressions::Image: per-pixel access for the host's expression language.
+/// @file
+/// expressions::Image: per-pixel access for the host's expression language.
 #pragma once
 
 #include <cstdint>
@@ -18,27 +19,27 @@ struct TESSERA_API Color4 {
     bool operator!=(const Color4& o) const { return !(*this == o); }
 };
 
-// A copyable read/write view of one image by integer coordinates: either a
-// wrapped IMGLIB image (not owned) or a constant-colour "background image"
-// with no pixels. Bounds: x in [left, right), y in [bottom, top); y points up.
-// Errors are std::runtime_error.
+/// A copyable read/write view of one image by integer coordinates: either a
+/// wrapped IMGLIB image (not owned) or a constant-colour "background image"
+/// with no pixels. Bounds: x in [left, right), y in [bottom, top); y points up.
+/// Errors are std::runtime_error.
 class TESSERA_API Image {
 public:
-    // Empty bounds, no image: every access is out of bounds.
+    /// Empty bounds, no image: every access is out of bounds.
     Image() = default;
-    // Wraps image; its bounds are narrowed to 32 bits (truncated, not clamped).
+    /// Wraps image; its bounds are narrowed to 32 bits (truncated, not clamped).
     explicit Image(const IMGLIB::Image* image);
-    // A background image of one colour over the given bounds.
+    /// A background image of one colour over the given bounds.
     Image(int left, int bottom, int right, int top, const Color4& color);
 
-    // Inside the bounds and backed by pixels (a background image has none).
+    /// Inside the bounds and backed by pixels (a background image has none).
     bool isPixelValid(int x, int y) const;
-    // The pixel's R, G, B, A (0 for channels the image lacks), or the
-    // background colour. Outside: "Out of bounds access error, you maybe want the padding."
+    /// The pixel's R, G, B, A (0 for channels the image lacks), or the
+    /// background colour. Outside: "Out of bounds access error, you maybe want the padding."
     Color4 getPixel(int x, int y) const;
     Color4 operator()(int x, int y) const { return getPixel(x, y); }
-    // Outside: "Out of bounds access error"; on a background image:
-    // "You can't set the color on a background image".
+    /// Outside: "Out of bounds access error"; on a background image:
+    /// "You can't set the color on a background image".
     void setPixel(int x, int y, const Color4& color);
 
     int left() const { return m_left; }

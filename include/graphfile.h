@@ -1,4 +1,5 @@
-// Graph files: a render described in JSON (see docs/graph-format.md).
+/// @file
+/// Graph files: a render described in JSON (see docs/graph-format.md).
 #pragma once
 
 #include <map>
@@ -14,7 +15,7 @@
 
 namespace TESSERA {
 
-// A mistake in a graph file, naming the node and the field.
+/// A mistake in a graph file, naming the node and the field.
 class TESSERA_API GraphFileError : public std::runtime_error {
 public:
     GraphFileError(const std::string& node, const std::string& field, const std::string& message);
@@ -27,33 +28,33 @@ private:
 
 struct TESSERA_API GraphOutput {
     RenderDescription description;
-    std::vector<FileOutParams> files;  // none: not written
+    std::vector<FileOutParams> files;  ///< none: not written
 };
 
 struct TESSERA_API Graph {
     std::vector<GraphOutput> outputs;
-    std::vector<int> frames;  // the frames the file declares ("frames"); empty for a still
-    int frame = 0;            // the frame it was loaded at (its tasks' time)
-    bool animated = false;    // some value or file path changes from frame to frame
-    // Files written under one name at every frame (their paths carry no
-    // frame number): a sequence of more than one frame refuses them.
+    std::vector<int> frames;  ///< the frames the file declares ("frames"); empty for a still
+    int frame = 0;            ///< the frame it was loaded at (its tasks' time)
+    bool animated = false;    ///< some value or file path changes from frame to frame
+    /// Files written under one name at every frame (their paths carry no
+    /// frame number): a sequence of more than one frame refuses them.
     std::vector<std::string> unnumberedFiles;
 };
 
-// A value that replaces a node's parameter in the file (or adds it): the
-// value is JSON text, or a bare word taken as a string.
+/// A value that replaces a node's parameter in the file (or adds it): the
+/// value is JSON text, or a bare word taken as a string.
 struct TESSERA_API ParameterOverride {
     std::string node, parameter, value;
 };
-// Reads "NODE.PARAM=VALUE"; throws GraphFileError naming the text when it
-// does not have that form.
+/// Reads "NODE.PARAM=VALUE"; throws GraphFileError naming the text when it
+/// does not have that form.
 TESSERA_API ParameterOverride parseParameterOverride(const std::string& text);
 
-// Builds the tasks of a graph file's text at a frame, with the overrides
-// applied first (checked as the file's own values are; a node that is not
-// there is an error). Animated values and numbered paths are taken at the
-// frame; without one, at the first frame the file declares, or 0. Relative
-// file paths are taken from `baseDirectory`. Throws GraphFileError.
+/// Builds the tasks of a graph file's text at a frame, with the overrides
+/// applied first (checked as the file's own values are; a node that is not
+/// there is an error). Animated values and numbered paths are taken at the
+/// frame; without one, at the first frame the file declares, or 0. Relative
+/// file paths are taken from `baseDirectory`. Throws GraphFileError.
 TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".",
                             const std::vector<ParameterOverride>& overrides = {},
                             std::optional<int> frame = std::nullopt);
@@ -61,53 +62,54 @@ TESSERA_API Graph loadGraphFile(const std::string& path,
                                 const std::vector<ParameterOverride>& overrides = {},
                                 std::optional<int> frame = std::nullopt);
 
-// The frames a graph file declares ("frames"); empty for a still. Reads
-// only the file, not its inputs.
+/// The frames a graph file declares ("frames"); empty for a still. Reads
+/// only the file, not its inputs.
 TESSERA_API std::vector<int> graphFileFrames(const std::string& path);
 
-// Renders every output of the graph and writes those that name files (each
-// under a temporary name, renamed when complete), waiting, with the
-// options' progress and cancellation. Throws what failed, naming the file.
+/// Renders every output of the graph and writes those that name files (each
+/// under a temporary name, renamed when complete), waiting, with the
+/// options' progress and cancellation. Throws what failed, naming the file.
 TESSERA_API void writeGraphOutputs(const Graph& graph, const RenderOptions& options = {});
 
-// One node built as a graph file builds it: the operation by name, its
-// parameters as a JSON object (checked against the declaration, defaults
-// filled in), its input tasks by input name (optional ones may be left
-// out). Relative paths are taken from baseDirectory. Throws GraphFileError
-// naming the node.
+/// One node built as a graph file builds it: the operation by name, its
+/// parameters as a JSON object (checked against the declaration, defaults
+/// filled in), its input tasks by input name (optional ones may be left
+/// out). Relative paths are taken from baseDirectory. Throws GraphFileError
+/// naming the node.
 TESSERA_API TaskPtr createOperationTask(const std::string& operation, const std::string& node,
                                         const std::string& paramsJson,
                                         const std::map<std::string, TaskPtr>& inputs,
                                         const std::string& baseDirectory = ".");
 
-// What a graph file may use: every operation with its inputs and parameters.
+/// What a graph file may use: every operation with its inputs and parameters.
 struct TESSERA_API OperationParameter {
     std::string name;
-    std::string type;          // as `tessera ops` prints it ("number", "[x, y]", ...)
-    std::string defaultValue;  // JSON text; empty when the parameter is required
+    std::string type;          ///< as `tessera ops` prints it ("number", "[x, y]", ...)
+    std::string defaultValue;  ///< JSON text; empty when the parameter is required
     std::string description;
-    std::string range;                 // "0 to 32", "-2^30 to 2^30"; empty when not a number
-    double low = 0, high = 0;          // the range, for every number of the value
-    std::vector<std::string> choices;  // the names a choice parameter accepts
-    std::string example;  // JSON text: a value that works (for a required one, or one whose default
-                          // does nothing)
+    std::string range;                 ///< "0 to 32", "-2^30 to 2^30"; empty when not a number
+    double low = 0, high = 0;          ///< the range, for every number of the value
+    std::vector<std::string> choices;  ///< the names a choice parameter accepts
+    std::string
+        example;  ///< JSON text: a value that works (for a required one, or one whose default
+                  // does nothing)
 };
 struct TESSERA_API OperationDescription {
     std::string name;
-    std::string family;     // "Colour", "Geometry", ...
-    std::string summary;    // one line
-    std::string reference;  // the formula or the equivalent operation elsewhere (Markdown)
+    std::string family;     ///< "Colour", "Geometry", ...
+    std::string summary;    ///< one line
+    std::string reference;  ///< the formula or the equivalent operation elsewhere (Markdown)
     std::vector<std::string> inputs;
-    std::vector<bool> optionalInputs;  // one flag per input
+    std::vector<bool> optionalInputs;  ///< one flag per input
     std::vector<OperationParameter> parameters;
-    std::vector<std::string> aliases;  // older names, still accepted
+    std::vector<std::string> aliases;  ///< older names, still accepted
 };
 TESSERA_API std::vector<OperationDescription> listOperations();
-// Every operation: its name, summary, inputs and parameters.
+/// Every operation: its name, summary, inputs and parameters.
 TESSERA_API std::string describeOperations();
-// One operation in full; throws std::invalid_argument for an unknown name.
+/// One operation in full; throws std::invalid_argument for an unknown name.
 TESSERA_API std::string describeOperation(const std::string& name);
-// The operator reference in Markdown (docs/operators.md).
+/// The operator reference in Markdown (docs/operators.md).
 TESSERA_API std::string operatorReference();
 
 }  // namespace TESSERA

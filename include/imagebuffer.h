@@ -1,4 +1,5 @@
-// ImageBuffer: a reference-counted handle on one allocator-managed image.
+/// @file
+/// ImageBuffer: a reference-counted handle on one allocator-managed image.
 #pragma once
 
 #include <cstdint>
@@ -15,47 +16,47 @@ namespace Private {
 struct ImageBufferAccess;
 }
 
-// Copying a handle shares the image; pixels are never copied. An image gets
-// memory on its first lock; while nobody holds it locked the allocator may
-// move its pixels to a swap file, and the next lock brings them back.
+/// Copying a handle shares the image; pixels are never copied. An image gets
+/// memory on its first lock; while nobody holds it locked the allocator may
+/// move its pixels to a swap file, and the next lock brings them back.
 class TESSERA_API ImageBuffer {
 public:
     class Impl;
 
     ImageBuffer();
-    // A new image accounted by the process-wide allocator, with no memory yet.
+    /// A new image accounted by the process-wide allocator, with no memory yet.
     ImageBuffer(uint64_t channels, const UTIL::Rect& bounds, const std::string& comment);
     ImageBuffer(const ImageBuffer&);
     ImageBuffer(ImageBuffer&&) noexcept;
     ImageBuffer& operator=(const ImageBuffer&);
     ImageBuffer& operator=(ImageBuffer&&) noexcept;
-    // Releasing a handle never throws.
+    /// Releasing a handle never throws.
     ~ImageBuffer();
 
     void setNull();
     bool isNull() const { return m_impl.is_null(); }
-    // Same image.
+    /// Same image.
     bool operator==(const ImageBuffer& o) const { return m_impl == o.m_impl; }
     bool operator!=(const ImageBuffer& o) const { return m_impl != o.m_impl; }
 
     uint64_t getChannels() const;
     UTIL::Rect getBounds() const;
-    // Bytes of pixel memory the image takes (rows padded to 16 bytes); 0 when null.
+    /// Bytes of pixel memory the image takes (rows padded to 16 bytes); 0 when null.
     int64_t getSize() const;
-    // "unallocated image buffer" for a null handle.
+    /// "unallocated image buffer" for a null handle.
     std::string getComment() const;
     void setComment(const std::string& comment);
 
-    // The image record; the image must be locked (or have no pixels).
+    /// The image record; the image must be locked (or have no pixels).
     const IMGLIB::Image* getImage() const;
 
-    // Locks nest; the pixels stay in memory until the last unlock. After the
-    // allocator overran, unlock still unlocks and then throws
-    // UTIL::OutOfMemoryException, as every image operation does.
+    /// Locks nest; the pixels stay in memory until the last unlock. After the
+    /// allocator overran, unlock still unlocks and then throws
+    /// UTIL::OutOfMemoryException, as every image operation does.
     void lock();
     void unlock();
-    // unlock() for destructors: never throws; a failure other than the
-    // overrun (already reported) is written to standard error.
+    /// unlock() for destructors: never throws; a failure other than the
+    /// overrun (already reported) is written to standard error.
     void unlockNoThrow() noexcept;
 
 private:
@@ -65,7 +66,7 @@ private:
     RCX_ptr_v4::ref_ptr<Impl> m_impl;
 };
 
-// Locks a buffer for its own lifetime.
+/// Locks a buffer for its own lifetime.
 class TESSERA_API ImageBuffer_LockScoper {
 public:
     explicit ImageBuffer_LockScoper(ImageBuffer& buffer) : m_buffer(&buffer) { m_buffer->lock(); }
@@ -77,7 +78,7 @@ private:
     ImageBuffer* m_buffer;
 };
 
-// Locks any number of buffers and unlocks them all on destruction.
+/// Locks any number of buffers and unlocks them all on destruction.
 class TESSERA_API ImageBuffer_MultiLockScoper {
 public:
     ImageBuffer_MultiLockScoper() = default;
@@ -85,14 +86,14 @@ public:
     ImageBuffer_MultiLockScoper(const ImageBuffer_MultiLockScoper&) = delete;
     ImageBuffer_MultiLockScoper& operator=(const ImageBuffer_MultiLockScoper&) = delete;
 
-    // Locks a copy of buffer and returns its image; null for a null buffer.
+    /// Locks a copy of buffer and returns its image; null for a null buffer.
     const IMGLIB::Image* push(ImageBuffer& buffer);
 
 private:
     std::vector<ImageBuffer> m_buffers;
 };
 
-// An image that is locked from construction to destruction.
+/// An image that is locked from construction to destruction.
 class TESSERA_API TempImageBuffer {
 public:
     TempImageBuffer(uint64_t channels, const UTIL::Rect& bounds, const std::string& comment);

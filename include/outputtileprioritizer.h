@@ -1,5 +1,6 @@
-// OutputTilePrioritizer: the order in which a render's output tiles should
-// arrive.
+/// @file
+/// OutputTilePrioritizer: the order in which a render's output tiles should
+/// arrive.
 #pragma once
 
 #include <cstdint>
@@ -12,28 +13,28 @@
 
 namespace TESSERA {
 
-// Gives each output tile of a render an ordering value; smaller values are
-// rendered first, and every tile a tile needs inherits its most urgent value.
+/// Gives each output tile of a render an ordering value; smaller values are
+/// rendered first, and every tile a tile needs inherits its most urgent value.
 class TESSERA_API OutputTilePrioritizer : public ThreadSafeRefBase {
 public:
     ~OutputTilePrioritizer() override;
-    // One value per entry of tiles.
+    /// One value per entry of tiles.
     virtual std::vector<uint32_t> prioritize(const std::vector<OutputTileID>& tiles,
                                              const std::vector<RenderDescription>& outputs) = 0;
 };
 
 using OutputTilePrioritizerPtr = RCX_ptr_v4::ref_ptr<OutputTilePrioritizer>;
 
-// Outputs in order, each top row first, left to right: how a batch render
-// writes scanline files.
+/// Outputs in order, each top row first, left to right: how a batch render
+/// writes scanline files.
 class TESSERA_API RowMajorTilePrioritizer : public OutputTilePrioritizer {
 public:
     std::vector<uint32_t> prioritize(const std::vector<OutputTileID>& tiles,
                                      const std::vector<RenderDescription>& outputs) override;
 };
 
-// Nearest to a point first (by default the centre of each output's area):
-// what a viewer wants, the middle of the frame, or where the artist looks.
+/// Nearest to a point first (by default the centre of each output's area):
+/// what a viewer wants, the middle of the frame, or where the artist looks.
 class TESSERA_API CenterOutTilePrioritizer : public OutputTilePrioritizer {
 public:
     CenterOutTilePrioritizer() = default;

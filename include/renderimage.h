@@ -1,5 +1,6 @@
-// Blocking renders into the caller's memory, for hosts that want pixels and
-// no observer.
+/// @file
+/// Blocking renders into the caller's memory, for hosts that want pixels and
+/// no observer.
 #pragma once
 
 #include <atomic>
@@ -16,7 +17,7 @@
 
 namespace TESSERA {
 
-// How far a render is: output tiles delivered of all it has.
+/// How far a render is: output tiles delivered of all it has.
 struct RenderProgress {
     uint64_t tilesDone = 0;
     uint64_t tilesTotal = 0;
@@ -24,43 +25,43 @@ struct RenderProgress {
 };
 
 struct RenderOptions {
-    // Called on the calling thread while the render runs (whenever it
-    // wakes, at least every 25 ms) and once at the end. Throwing from it
-    // cancels the render; the exception then leaves the render call.
+    /// Called on the calling thread while the render runs (whenever it
+    /// wakes, at least every 25 ms) and once at the end. Throwing from it
+    /// cancels the render; the exception then leaves the render call.
     std::function<void(const RenderProgress&)> progress;
-    // Set from any thread (a signal handler included) to cancel the render.
+    /// Set from any thread (a signal handler included) to cancel the render.
     const std::atomic<bool>* cancel = nullptr;
-    // The render queue it runs in; one render per queue at a time. A
-    // render that finds its queue busy waits its turn (renders waiting go in
-    // the order they came; progress and cancel work while they wait).
+    /// The render queue it runs in; one render per queue at a time. A
+    /// render that finds its queue busy waits its turn (renders waiting go in
+    /// the order they came; progress and cancel work while they wait).
     RenderType type = RENDERTYPE_BATCH;
 };
 
-// Renders the outputs for the observer, as RenderManager::Render does, and
-// waits, with the options' progress and cancellation. Progress counts the
-// output tiles delivered to the observer.
+/// Renders the outputs for the observer, as RenderManager::Render does, and
+/// waits, with the options' progress and cancellation. Progress counts the
+/// output tiles delivered to the observer.
 TESSERA_API void renderOutputs(const std::vector<RenderDescription>& outputs,
                                const RenderObserverPtr& observer,
                                const RenderOptions& options = {});
 
-// Renders task over destination's bounds, with destination's channels, into
-// destination's pixels, and returns when every tile is there. Throws the
-// render's error (naming the task), or RenderCancelledException when it
-// was cancelled; destination then holds whatever tiles had arrived.
+/// Renders task over destination's bounds, with destination's channels, into
+/// destination's pixels, and returns when every tile is there. Throws the
+/// render's error (naming the task), or RenderCancelledException when it
+/// was cancelled; destination then holds whatever tiles had arrived.
 TESSERA_API void renderInto(const TaskPtr& task, const IMGLIB::Image& destination,
                             const RenderOptions& options = {});
 
-// An image a render filled: interleaved 32-bit floats, one value per
-// channel of `channels` in ascending bit order, rows without padding.
+/// An image a render filled: interleaved 32-bit floats, one value per
+/// channel of `channels` in ascending bit order, rows without padding.
 struct TESSERA_API RenderedImage {
     uint64_t channels = 0;
     UTIL::Rect rect;
     std::vector<float> pixels;
-    // The record IMGLIB's functions take; valid while pixels is unchanged.
+    /// The record IMGLIB's functions take; valid while pixels is unchanged.
     IMGLIB::Image image();
 };
 
-// renderInto an image of rect it allocates.
+/// renderInto an image of rect it allocates.
 TESSERA_API RenderedImage renderImage(const TaskPtr& task, const UTIL::Rect& rect,
                                       uint64_t channels, const RenderOptions& options = {});
 

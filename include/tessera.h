@@ -1,6 +1,7 @@
-// Tessera: a tile-based image-graph engine. This header includes every
-// public header but ociotasks.h (which brings OpenColorIO's headers), and
-// the IMGLIB operators task writers render with.
+/// @file
+/// Tessera: a tile-based image-graph engine. This header includes every
+/// public header but ociotasks.h (which brings OpenColorIO's headers), and
+/// the IMGLIB operators task writers render with.
 #pragma once
 
 #include "cacheidstream.h"

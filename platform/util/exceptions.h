@@ -1,4 +1,5 @@
-// UTIL exception classes and the always-on assertion macro.
+/// @file
+/// UTIL exception classes and the always-on assertion macro.
 #pragma once
 
 #include <stdexcept>
@@ -8,25 +9,25 @@
 
 namespace UTIL {
 
-// A recoverable error reported by the platform layer.
+/// A recoverable error reported by the platform layer.
 class TESSERA_API ErrorException : public std::runtime_error {
 public:
     explicit ErrorException(const std::string& message) : std::runtime_error(message) {}
 };
 
-// An error after which the operation cannot go on.
+/// An error after which the operation cannot go on.
 class TESSERA_API FatalErrorException : public std::runtime_error {
 public:
     explicit FatalErrorException(const std::string& message) : std::runtime_error(message) {}
 };
 
-// The image memory budget could not be met.
+/// The image memory budget could not be met.
 class TESSERA_API OutOfMemoryException : public std::runtime_error {
 public:
     explicit OutOfMemoryException(const std::string& message) : std::runtime_error(message) {}
 };
 
-// A broken invariant. what() reads "Assertion failed: EXPR (SOURCE:LINE)".
+/// A broken invariant. what() reads "Assertion failed: EXPR (SOURCE:LINE)".
 class TESSERA_API AssertException : public std::logic_error {
 public:
     AssertException(std::string expression, std::string source, int line);

@@ -1,4 +1,5 @@
-// UTIL::Rect: a half-open integer pixel rectangle.
+/// @file
+/// UTIL::Rect: a half-open integer pixel rectangle.
 #pragma once
 
 #include <cstdint>
@@ -8,19 +9,19 @@
 
 namespace UTIL {
 
-// Pixels x with xmin <= x < xmax and y with ymin <= y < ymax. A rectangle with
-// xmin >= xmax or ymin >= ymax is null (empty); all null rectangles hold the
-// same (no) pixels, so operations treat them alike whatever their coordinates.
+/// Pixels x with xmin <= x < xmax and y with ymin <= y < ymax. A rectangle with
+/// xmin >= xmax or ymin >= ymax is null (empty); all null rectangles hold the
+/// same (no) pixels, so operations treat them alike whatever their coordinates.
 class TESSERA_API Rect {
 public:
-    // The extent the whole system treats as "infinite".
+    /// The extent the whole system treats as "infinite".
     static constexpr int64_t INFINITE_EXTENT = 1000000;
 
     Rect() = default;
     Rect(int64_t xmin, int64_t ymin, int64_t xmax, int64_t ymax)
         : xmin(xmin), ymin(ymin), xmax(xmax), ymax(ymax) {}
 
-    // [-1000000, -1000000, 1000000, 1000000).
+    /// [-1000000, -1000000, 1000000, 1000000).
     static Rect infinite();
 
     bool isNull() const { return xmin >= xmax || ymin >= ymax; }
@@ -31,21 +32,21 @@ public:
     bool contains(int64_t x, int64_t y) const {
         return x >= xmin && x < xmax && y >= ymin && y < ymax;
     }
-    // Every pixel of r is in this rectangle; a null r is contained in anything.
+    /// Every pixel of r is in this rectangle; a null r is contained in anything.
     bool contains(const Rect& r) const;
     bool intersects(const Rect& r) const { return !intersection(r).isNull(); }
 
-    // The common pixels; null when there are none.
+    /// The common pixels; null when there are none.
     Rect intersection(const Rect& r) const;
-    // The smallest rectangle holding both; a null operand is ignored.
+    /// The smallest rectangle holding both; a null operand is ignored.
     Rect boundingBox(const Rect& r) const;
-    // Grown by dx on the left and right and dy at the top and bottom (negative
-    // values shrink). A null rectangle stays null.
+    /// Grown by dx on the left and right and dy at the top and bottom (negative
+    /// values shrink). A null rectangle stays null.
     Rect grown(int64_t dx, int64_t dy) const;
     Rect grown(int64_t left, int64_t bottom, int64_t right, int64_t top) const;
     Rect translated(int64_t dx, int64_t dy) const;
 
-    // Null rectangles compare equal to each other.
+    /// Null rectangles compare equal to each other.
     bool operator==(const Rect& r) const;
     bool operator!=(const Rect& r) const { return !(*this == r); }
 
@@ -55,7 +56,7 @@ public:
     int64_t ymax = 0;
 };
 
-// "[xmin, ymin, xmax, ymax)", or "[null]" for a null rectangle.
+/// "[xmin, ymin, xmax, ymax)", or "[null]" for a null rectangle.
 TESSERA_API std::ostream& operator<<(std::ostream& os, const Rect& r);
 
 }  // namespace UTIL

@@ -67,7 +67,9 @@ TEST(Declarations, EveryParameterSaysWhatItMeansAndWhatItTakes) {
                 EXPECT_TRUE(std::isfinite(p.low) && std::isfinite(p.high) && p.low <= p.high)
                     << op.name << "." << p.name << ": " << p.range;
             }
-            if (p.type == "name") EXPECT_FALSE(p.choices.empty()) << op.name << "." << p.name;
+            if (p.type == "name") {
+                EXPECT_FALSE(p.choices.empty()) << op.name << "." << p.name;
+            }
         }
     }
     EXPECT_GT(parameters, 250);
