@@ -58,6 +58,7 @@ TESSERA_API TaskPtr createExponentialTask(const std::string& name, float sampleR
                                           const Color4f& exponent, const Color4f& pivot,
                                           TaskPtr input);
 /// Log2 compression of RGB about midGrey mapping maximum to scale, or its inverse.
+///@{
 TESSERA_API TaskPtr createCompressRangeTask(const std::string& name, float sampleRate,
                                             float midGrey, float maximum, float scale, bool expand,
                                             TaskPtr input);
@@ -74,11 +75,13 @@ TESSERA_API TaskPtr createHSVConvertTask(const std::string& name, float sampleRa
                                          TaskPtr input);
 TESSERA_API TaskPtr createLabTask(const std::string& name, float sampleRate, bool toLab,
                                   TaskPtr input);
+///@}
 /// Points are (x, y) pairs; they are sorted by x.
 TESSERA_API TaskPtr createLumaCurvesTask(const std::string& name, float sampleRate,
                                          const Imath::Color3<float>& weights,
                                          const std::vector<float>& points, TaskPtr input);
 /// Returns input when all four lists are empty.
+///@{
 TESSERA_API TaskPtr createRGBACurvesTask(const std::string& name, float sampleRate,
                                          const std::vector<float>& red,
                                          const std::vector<float>& green,
@@ -88,6 +91,7 @@ TESSERA_API TaskPtr createMaxRGBToAlphaTask(const std::string& name, float sampl
                                             TaskPtr input);
 TESSERA_API TaskPtr createMinRGBToAlphaTask(const std::string& name, float sampleRate,
                                             TaskPtr input);
+///@}
 /// channel: 1 red, 2 green or 4 blue screen.
 TESSERA_API TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sampleRate,
                                                uint64_t channel, TaskPtr input);
@@ -107,13 +111,16 @@ TESSERA_API TaskPtr createLumaKeyTask(const std::string& name, float sampleRate,
 /// the key colour's (relative to the key's chroma), rising to 1 over
 /// `softness`; `spill` (0 to 1) pulls the key's strongest channel down to
 /// the larger of the other two. Colour is left alone otherwise.
+///@{
 TESSERA_API TaskPtr createChromaKeyTask(const std::string& name, float sampleRate,
                                         const Imath::Color3<float>& key, float tolerance,
                                         float softness, float spill, TaskPtr input);
 TESSERA_API TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels,
                                         float low, float high, bool alphaToo, bool clampToRange,
                                         TaskPtr input);
+///@}
 /// Cineon-style log conversion with black and white code values and density.
+///@{
 TESSERA_API TaskPtr createAnalyticalLogConvertTask(const std::string& name, float sampleRate,
                                                    const Color4f& blackCode,
                                                    const Color4f& whiteCode, const Color4f& density,
@@ -121,16 +128,19 @@ TESSERA_API TaskPtr createAnalyticalLogConvertTask(const std::string& name, floa
 TESSERA_API TaskPtr createBloomTask(const std::string& name, float sampleRate,
                                     const BloomControlSettings& settings, TaskPtr input);
 TESSERA_API TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate, TaskPtr input);
+///@}
 /// out = in M + offset (row vectors, as Imath multiplies).
 TESSERA_API TaskPtr createColorTransformTask(const std::string& name, float sampleRate,
                                              const Imath::Matrix44<float>& matrix,
                                              const Color4f& offset, TaskPtr input);
 /// A matrix already in IMGLIB's layout: 4 rows of (r, g, b, a, offset).
+///@{
 TESSERA_API TaskPtr createColorTransformTask(const std::string& name, float sampleRate,
                                              const float* matrix, TaskPtr input);
 TESSERA_API TaskPtr createGainTask(const std::string& name, float sampleRate, const Color4f& gain,
                                    TaskPtr input);
 TESSERA_API TaskPtr createHueShiftTask(const std::string& name, float sampleRate,
                                        const HueShiftParams& params, TaskPtr input);
+///@}
 
 }  // namespace TESSERA

@@ -36,8 +36,10 @@ public:
     bool isPixelValid(int x, int y) const;
     /// The pixel's R, G, B, A (0 for channels the image lacks), or the
     /// background colour. Outside: "Out of bounds access error, you maybe want the padding."
+    ///@{
     Color4 getPixel(int x, int y) const;
     Color4 operator()(int x, int y) const { return getPixel(x, y); }
+    ///@}
     /// Outside: "Out of bounds access error"; on a background image:
     /// "You can't set the color on a background image".
     void setPixel(int x, int y, const Color4& color);

@@ -103,8 +103,10 @@ struct TESSERA_API FileOutParams {
     /// EXR: a file whose header attributes (chromaticities, frame rate,
     /// owner, custom ones; not its layout) the output carries over; then
     /// `attributes`, which win.
+    ///@{
     std::string attributesFrom;
     std::vector<FileAttribute> attributes;
+    ///@}
     /// EXR: the views the file holds, the default first (its "multiView"
     /// attribute); the channels name them ("R", "right.R").
     std::vector<std::string> views;

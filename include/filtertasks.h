@@ -27,9 +27,11 @@ struct TESSERA_API BlurParams {
     /// Outside its data the input is its background colour (0), or extended
     /// by clamping (1) or mirroring (2) from the edge of extendRect (the
     /// input's data when empty), beyond it too with extendFlag.
+    ///@{
     IMGLIB::ExtendMethod extendMethod = IMGLIB::EXTEND_BACKGROUND;
     bool extendFlag = false;
     UTIL::Rect extendRect;
+    ///@}
 };
 
 struct TESSERA_API PerChannelBlurParameters {
@@ -196,10 +198,12 @@ struct TESSERA_API GlintParams {
 };
 /// Streaks of `source` (the image itself when null) added to the image when
 /// addToImage, else alone.
+///@{
 TESSERA_API TaskPtr createGlintTask(const std::string& name, float time, bool addToImage,
                                     const GlintParams& params, TaskPtr image, TaskPtr source);
 TESSERA_API TaskPtr createGlintControlTask(const std::string& name, float time,
                                            const GlintControlParams& params, TaskPtr input);
+///@}
 
 /// Depth of field from a depth image.
 struct TESSERA_API DepthOfFieldParams {

@@ -48,8 +48,10 @@ struct SequenceOptions {
     /// a frame written, any other the reason it failed.
     std::function<void(int frame, const std::string& error)> frameDone;
     /// Set from any thread to cancel the sequence.
+    ///@{
     const std::atomic<bool>* cancel = nullptr;
     RenderType type = RENDERTYPE_BATCH;
+    ///@}
     /// Before a frame is written, remove the temporary files that a process
     /// writing the same outputs left when it died (on a farm, a killed
     /// worker's). Only for renders that own their outputs.

@@ -60,12 +60,14 @@ TESSERA_API TaskPtr createPerlinNoiseTask(const std::string& name, float time, f
                                           const UTIL::Rect& area);
 /// An independent uniform value per pixel (`randval`), mapping low to high.
 /// Bilinear between four colours at the corner pixels of area.
+///@{
 TESSERA_API TaskPtr createFourCornerGradientTask(const std::string& name, float time,
                                                  const Color4f& topLeft, const Color4f& topRight,
                                                  const Color4f& bottomLeft,
                                                  const Color4f& bottomRight,
                                                  const UTIL::Rect& area);
 enum class TextAlign { Left, Centre, Right };
+///@}
 
 struct TESSERA_API TextParams {
     std::string text;  ///< UTF-8; "\n" starts a new line
@@ -82,9 +84,11 @@ TESSERA_API const char* defaultFont();
 /// The text, rasterised once when the task is made. Empty text, a size
 /// outside 1 to 4096, or a font that cannot be opened throw
 /// RenderTaskRenderingException naming the task, the parameter and the value.
+///@{
 TESSERA_API TaskPtr createTextTask(const std::string& name, float time, const TextParams& params);
 TESSERA_API TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,
                                           const Color4f& low, const Color4f& high,
                                           const UTIL::Rect& area);
+///@}
 
 }  // namespace TESSERA

@@ -55,12 +55,14 @@ TESSERA_API ParameterOverride parseParameterOverride(const std::string& text);
 /// there is an error). Animated values and numbered paths are taken at the
 /// frame; without one, at the first frame the file declares, or 0. Relative
 /// file paths are taken from `baseDirectory`. Throws GraphFileError.
+///@{
 TESSERA_API Graph loadGraph(const std::string& json, const std::string& baseDirectory = ".",
                             const std::vector<ParameterOverride>& overrides = {},
                             std::optional<int> frame = std::nullopt);
 TESSERA_API Graph loadGraphFile(const std::string& path,
                                 const std::vector<ParameterOverride>& overrides = {},
                                 std::optional<int> frame = std::nullopt);
+///@}
 
 /// The frames a graph file declares ("frames"); empty for a still. Reads
 /// only the file, not its inputs.

@@ -25,27 +25,33 @@ public:
 
     ImageBuffer();
     /// A new image accounted by the process-wide allocator, with no memory yet.
+    ///@{
     ImageBuffer(uint64_t channels, const UTIL::Rect& bounds, const std::string& comment);
     ImageBuffer(const ImageBuffer&);
     ImageBuffer(ImageBuffer&&) noexcept;
     ImageBuffer& operator=(const ImageBuffer&);
     ImageBuffer& operator=(ImageBuffer&&) noexcept;
+    ///@}
     /// Releasing a handle never throws.
     ~ImageBuffer();
 
     void setNull();
     bool isNull() const { return m_impl.is_null(); }
     /// Same image.
+    ///@{
     bool operator==(const ImageBuffer& o) const { return m_impl == o.m_impl; }
     bool operator!=(const ImageBuffer& o) const { return m_impl != o.m_impl; }
+    ///@}
 
     uint64_t getChannels() const;
     UTIL::Rect getBounds() const;
     /// Bytes of pixel memory the image takes (rows padded to 16 bytes); 0 when null.
     int64_t getSize() const;
     /// "unallocated image buffer" for a null handle.
+    ///@{
     std::string getComment() const;
     void setComment(const std::string& comment);
+    ///@}
 
     /// The image record; the image must be locked (or have no pixels).
     const IMGLIB::Image* getImage() const;
@@ -53,8 +59,10 @@ public:
     /// Locks nest; the pixels stay in memory until the last unlock. After the
     /// allocator overran, unlock still unlocks and then throws
     /// UTIL::OutOfMemoryException, as every image operation does.
+    ///@{
     void lock();
     void unlock();
+    ///@}
     /// unlock() for destructors: never throws; a failure other than the
     /// overrun (already reported) is written to standard error.
     void unlockNoThrow() noexcept;

@@ -29,8 +29,10 @@ public:
     /// Channels produced from the given input channels (default: the same).
     virtual std::size_t getOutputChannels(std::size_t channels);
     /// Channels needed to produce the given output channels (default: the same).
+    ///@{
     virtual std::size_t getRequiredInputChannels(std::size_t channels);
     virtual std::string getTypeString() = 0;
+    ///@}
     /// The operator applied to one colour, for background colours. The default
     /// reports on standard error that it is missing and returns the colour.
     virtual Imath::Color4<float> applyToColor(const Imath::Color4<float>& color);
@@ -64,6 +66,7 @@ public:
 
 protected:
     /// The operator's type string, or "ConcatenatedInPlaceOp" for several.
+    ///@{
     std::string getTypeString() override;
     void computeCacheID(CacheIDStream& stream) override;
     uint64_t computeOutputChannels() override;
@@ -74,6 +77,7 @@ protected:
                                         std::vector<UTIL::Rect>& inputRects) override;
     void renderRect(const IMGLIB::Image* output,
                     const std::vector<const IMGLIB::Image*>& inputImages) override;
+    ///@}
 
 private:
     /// The channels the chain needs of its input for those asked of it in

@@ -31,6 +31,7 @@ TESSERA_API std::vector<std::string> builtinColorSpaces();
 /// the conversion sees straight colour (divided by alpha, multiplied back
 /// after), as non-linear encodings need. Unknown names throw
 /// std::invalid_argument naming the task and the name.
+///@{
 TESSERA_API TaskPtr createColorSpaceTask(const std::string& name, float sampleRate,
                                          const std::string& from, const std::string& to,
                                          bool unpremultiply, TaskPtr input);
@@ -38,5 +39,6 @@ TESSERA_API TaskPtr createOCIOTransformTask(const std::string& name, float sampl
                                             OCIO_NAMESPACE::ConstTransformRcPtr transform,
                                             OCIO_NAMESPACE::TransformDirection direction,
                                             TaskPtr input);
+///@}
 
 }  // namespace TESSERA

@@ -48,28 +48,36 @@ public:
     static void reprioritize(const OutputTilePrioritizerPtr& prioritizer, RenderType type);
     /// Stops the renders of the type: queued tiles are dropped, running ones
     /// finish or notice (CheckAbort). With wait, returns when they ended.
+    ///@{
     static void cancel(RenderType type, bool wait);
     static void finishRender(RenderType type);
     static bool isRenderInProgress(RenderType type);
+    ///@}
     /// Jobs of the host's own run on the pool's spare thread between
     /// startAnalysis and endAnalysis (which waits for them).
+    ///@{
     static void startAnalysis(RenderType type);
     static bool submitAnalysisJob(RenderType type, const Util::RcPtr<Util::Job>& job);
     static bool isAnalysisInProgress(RenderType type);
     static void endAnalysis(RenderType type);
+    ///@}
 
     /// Waits for the viewer and batch renders first. Both sizes must be at
     /// least 1 ("xTileSize >0 && yTileSize > 0").
+    ///@{
     static void setGlobalTileSize(int64_t xTileSize, int64_t yTileSize);
     static int64_t getGlobalTileWidth();   ///< default 256
     static int64_t getGlobalTileHeight();  ///< default 256
+    ///@}
 
     /// Debug lines go to debugStream(): the render log (standard error unless
     /// setRenderLogFile named a file) while debugging is on, else nowhere.
+    ///@{
     static void setRenderDebug(bool debug);
     static bool getRenderDebug();
     static void setRenderLogFile(const std::string& path);
     static std::ostream& debugStream();
+    ///@}
     /// Writes one whole line to debugStream() under a lock, so lines written
     /// by render threads do not interleave.
     static void debugLine(const std::string& line);
@@ -77,8 +85,10 @@ public:
     /// n is raised to at least 1; the pool gets n + 1 threads (one kept for
     /// analysis jobs). More than 1024 throws UTIL::ErrorException. getRenderThreads() is 0 until
     /// set; a render started before uses one thread per hardware thread.
+    ///@{
     static void setRenderThreads(uint64_t n);
     static uint64_t getRenderThreads();
+    ///@}
 
     static void setSpeculativeCachingEnable(bool enable);  ///< on by default
     static bool getSpeculativeCachingEnable();
@@ -88,9 +98,11 @@ public:
 
     /// "statistics" with the blocks "Render Manager", "Image Memory
     /// Management" and "Speculative Cache".
+    ///@{
     static Orrery3::XmlIO::v1::ElementPtr getStatistics();
     static void resetStatistics();
     static void printImageMemoryUsage();
+    ///@}
 
     /// The calling thread's CancelChecker's answer; false when it has none.
     /// Cheap: long loops may call it every row.
@@ -103,10 +115,12 @@ public:
     static void ClearRenderTaskCache();
 
     /// Budgets in megabytes (2^20 bytes).
+    ///@{
     static void SetMaxImageMemory(uint64_t megabytes);
     static void SetMaxDiskUsage(uint64_t megabytes);
     static uint64_t GetMaxImageMemory();
     static int64_t GetMaxDiskUsage();
+    ///@}
 
     static UTIL::TaskProfiler s_renderSystemProfiler;
 };

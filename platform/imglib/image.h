@@ -23,8 +23,10 @@ constexpr uint64_t CHANNELS_RGBA = CHANNELS_RGB | CHANNEL_A;
 /// Bits 0 to 6 are the channels above; every other bit is a named channel
 /// ("diffuse.R", "forward.u", "mask") that takes its bit from the registry
 /// of channel names (channels.h) when first named.
+///@{
 constexpr int NUM_FIXED_CHANNELS = 7;
 constexpr int MAX_CHANNELS = 64;
+///@}
 
 /// How pixels outside an image's data are made up.
 enum ExtendMethod : int {

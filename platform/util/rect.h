@@ -33,8 +33,10 @@ public:
         return x >= xmin && x < xmax && y >= ymin && y < ymax;
     }
     /// Every pixel of r is in this rectangle; a null r is contained in anything.
+    ///@{
     bool contains(const Rect& r) const;
     bool intersects(const Rect& r) const { return !intersection(r).isNull(); }
+    ///@}
 
     /// The common pixels; null when there are none.
     Rect intersection(const Rect& r) const;
@@ -42,13 +44,17 @@ public:
     Rect boundingBox(const Rect& r) const;
     /// Grown by dx on the left and right and dy at the top and bottom (negative
     /// values shrink). A null rectangle stays null.
+    ///@{
     Rect grown(int64_t dx, int64_t dy) const;
     Rect grown(int64_t left, int64_t bottom, int64_t right, int64_t top) const;
     Rect translated(int64_t dx, int64_t dy) const;
+    ///@}
 
     /// Null rectangles compare equal to each other.
+    ///@{
     bool operator==(const Rect& r) const;
     bool operator!=(const Rect& r) const { return !(*this == r); }
+    ///@}
 
     int64_t xmin = 0;
     int64_t ymin = 0;

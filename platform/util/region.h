@@ -24,35 +24,49 @@ public:
     void clear() { m_rects.clear(); }
 
     /// Union with r (null rectangles are ignored).
+    ///@{
     void add(const Rect& r);
     void add(const Region& r);
+    ///@}
 
     /// Pixels of this region inside r / inside other.
+    ///@{
     Region intersection(const Rect& r) const;
     Region intersection(const Region& other) const;
+    ///@}
     /// Pixels of this region not in r / not in other.
+    ///@{
     Region subtracted(const Rect& r) const;
     Region subtracted(const Region& other) const;
+    ///@}
 
     /// The smallest rectangle holding the region (null when empty).
+    ///@{
     Rect boundingBox() const;
     bool contains(int64_t x, int64_t y) const;
+    ///@}
     /// Every pixel of r is in the region (true for a null r).
+    ///@{
     bool contains(const Rect& r) const;
     bool intersects(const Rect& r) const;
     int64_t area() const;
+    ///@}
 
     /// Every rectangle grown by dx, dy (the result is kept disjoint).
+    ///@{
     Region grown(int64_t dx, int64_t dy) const;
     Region translated(int64_t dx, int64_t dy) const;
+    ///@}
 
     /// Merges neighbours that share a full edge, until none do. The set of
     /// pixels is unchanged; the list gets shorter.
     void simplify();
 
     /// Same set of pixels.
+    ///@{
     bool operator==(const Region& other) const;
     bool operator!=(const Region& other) const { return !(*this == other); }
+    ///@}
 
 private:
     std::vector<Rect> m_rects;
