@@ -37,18 +37,14 @@ std::vector<json> outsideValues(const OperationParameter& p) {
     const bool integral = p.type == "integer" || p.type == "[xmin, ymin, xmax, ymax]";
     const double step = integral ? 1.0 : std::max(1e-3, std::abs(p.high - p.low) * 1e-3);
     std::vector<json> values;
+    // As many numbers as the parameter's own value holds (two for an empty
+    // list).
+    const json shape = json::parse(p.defaultValue.empty() ? p.example : p.defaultValue);
     for (double v : {p.low - step, p.high + step}) {
         const json scalar = integral ? json(int64_t(v)) : json(v);
-        if (!json::parse(p.defaultValue.empty() ? p.example : p.defaultValue).is_array()) {
-            values.push_back(scalar);
-            continue;
-        }
-        const size_t count = p.type == "[r, g, b, a]" || p.type == "[xmin, ymin, xmax, ymax]" ? 4
-                             : p.type == "[r, g, b]"                                          ? 3
-                             : p.type == "[x, y]"                                             ? 2
-                             : p.type == "[9 numbers]"                                        ? 9
-                                                                                              : 16;
-        values.push_back(json(std::vector<json>(count, scalar)));
+        values.push_back(shape.is_array()
+                             ? json(std::vector<json>(std::max<size_t>(shape.size(), 2), scalar))
+                             : scalar);
     }
     return values;
 }

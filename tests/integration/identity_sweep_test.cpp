@@ -135,6 +135,13 @@ std::vector<json> otherValues(const OperationParameter& p, const json& current) 
     return values;
 }
 
+// Parameter values as sweepGraph takes them: JSON text.
+std::map<std::string, std::string> asText(const std::map<std::string, json>& values) {
+    std::map<std::string, std::string> text;
+    for (const auto& [name, value] : values) text[name] = value.dump();
+    return text;
+}
+
 bool loads(const std::string& graph, const SweepFiles& files) {
     try {
         loadGraph(graph, files.dir.string());
@@ -150,11 +157,6 @@ bool loads(const std::string& graph, const SweepFiles& files) {
 // its pivot meaningless).
 std::map<std::string, json> engagedValues(const OperationDescription& op, const SweepFiles& files) {
     std::map<std::string, json> values;
-    auto asText = [](const std::map<std::string, json>& v) {
-        std::map<std::string, std::string> text;
-        for (const auto& [name, value] : v) text[name] = value.dump();
-        return text;
-    };
     for (const OperationParameter& p : op.parameters) {
         if (!p.example.empty() || p.defaultValue.empty()) {
             if (!p.example.empty()) values[p.name] = json::parse(p.example);
@@ -199,10 +201,9 @@ TEST(IdentitySweep, ChangingAnyParameterChangesTheCacheIDOrNoPixel) {
         for (const OperationDescription& op : listOperations()) {
             const std::map<std::string, json> engaged = engagedValues(op, files);
             auto graphWith = [&](const std::string& name, const json& value) {
-                std::map<std::string, std::string> text;
-                for (const auto& [n, v] : engaged) text[n] = v.dump();
-                text[name] = value.dump();
-                return sweepGraph(op, files, text);
+                std::map<std::string, json> values = engaged;
+                values[name] = value;
+                return sweepGraph(op, files, asText(values));
             };
             for (const OperationParameter& p : op.parameters) {
                 if (p.type == "path") continue;  // a file's identity is its path and date
