@@ -11,17 +11,24 @@ all: build
 deps:
 	@scripts/install-deps
 
+CONFIGURE = cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+
 build: deps
-	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	$(CONFIGURE)
 	cmake --build build/release -j$(JOBS)
 
-# Renders the built-in demo graph to out/demo.exr and out/demo.png.
-demo: build
+# Renders the built-in demo graph to out/demo.exr and out/demo.png; builds
+# only the library and the command (the tests build under `make test`).
+demo: deps
+	$(CONFIGURE)
+	cmake --build build/release -j$(JOBS) --target tessera_cli
 	build/release/tools/tessera/tessera demo --stats
 
 # Renders the example shot (examples/sequence, 48 frames) to out/shot/ on a
 # local Dask cluster of two worker processes, and prints the summary.
-farm-demo: build
+farm-demo: deps
+	$(CONFIGURE)
+	cmake --build build/release -j$(JOBS) --target tessera_python
 	build/release/tools/tessera-farm examples/sequence/shot.json --workers 2 --chunk 8
 
 test: test-release test-asan test-tsan test-fuzz
@@ -41,10 +48,10 @@ docs: build
 # writes the tables to docs/performance.md.
 bench:
 	@scripts/install-deps --bench
-	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+	$(CONFIGURE)
 	cmake --build build/release -j$(JOBS) --target tessera_bench_compare
 	build/release/bench/tessera_bench_compare --out docs/performance.md
-	cmake --build build/release -j$(JOBS) --target tessera_cli
+	cmake --build build/release -j$(JOBS) --target tessera_cli tessera_python
 	/usr/bin/python3 bench/files/filebench.py --tessera build/release/tools/tessera/tessera \
 	  --out docs/performance.md --big
 	/usr/bin/python3 bench/farm/farmbench.py --tessera build/release/tools/tessera/tessera \

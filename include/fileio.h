@@ -77,6 +77,33 @@ struct TESSERA_API FileWindows {
 };
 TESSERA_API FileWindows readFileWindows(const std::string& path);
 
+/// What a file's header says, as `tessera info` shows it.
+struct TESSERA_API FileChannelDescription {
+    std::string name;  ///< as the file names it ("diffuse.R", "right.G")
+    std::string type;  ///< "half", "float", "uint8", "uint16", "uint32", ...
+};
+struct TESSERA_API FilePartDescription {
+    std::string name;                   ///< the part's name; empty when it has none
+    std::string view;                   ///< the part's view; empty when it has none
+    std::string storage;                ///< "scanline", "tiled", "deep scanline" or "deep tiled"
+    int tileWidth = 0, tileHeight = 0;  ///< tiled files
+    int levels = 1;                     ///< mip levels
+    std::string compression;            ///< "zip", "piz", "dwaa:45", ...; empty: none said
+    UTIL::Rect dataWindow, displayWindow;
+    std::vector<FileChannelDescription> channels;
+    /// The other header attributes, each name with its value as text.
+    std::vector<std::pair<std::string, std::string>> attributes;
+};
+struct TESSERA_API FileDescription {
+    std::string format;              ///< "openexr", "tiff", "png", ...
+    std::vector<std::string> views;  ///< a multi-view file's views, the default first
+    std::vector<FilePartDescription> parts;
+};
+/// Reads the header of every part of a file (OpenImageIO's reading, with
+/// the views OpenEXR's header gives). Throws RenderTaskRenderingException
+/// naming the file when it cannot be read.
+TESSERA_API FileDescription describeFile(const std::string& path);
+
 /// A header attribute an output writes: a string, or a number (an integer
 /// when it is whole, else a float).
 struct TESSERA_API FileAttribute {

@@ -73,5 +73,9 @@ TESSERA_API std::string unnumberedFileMessage(const Graph& graph);
 TESSERA_API std::vector<FrameFailure> writeGraphFrames(
     const std::string& graphPath, const std::vector<int>& frames,
     const std::vector<ParameterOverride>& overrides = {}, const SequenceOptions& options = {});
+/// The same for a graph already read (standard input, a graph built in memory).
+TESSERA_API std::vector<FrameFailure> writeGraphFrames(
+    const GraphSource& source, const std::vector<int>& frames,
+    const std::vector<ParameterOverride>& overrides = {}, const SequenceOptions& options = {});
 
 }  // namespace TESSERA

@@ -52,7 +52,8 @@ TESSERA_API ParameterOverride parseParameterOverride(const std::string& text);
 
 /// Builds the tasks of a graph file's text at a frame, with the overrides
 /// applied first (checked as the file's own values are; a node that is not
-/// there is an error). Animated values and numbered paths are taken at the
+/// there is an error; an output is named by its "id", by default "output",
+/// "output2", ... in the file's order). Animated values and numbered paths are taken at the
 /// frame; without one, at the first frame the file declares, or 0. Relative
 /// file paths are taken from `baseDirectory`. Throws GraphFileError.
 ///@{
@@ -67,6 +68,19 @@ TESSERA_API Graph loadGraphFile(const std::string& path,
 /// The frames a graph file declares ("frames"); empty for a still. Reads
 /// only the file, not its inputs.
 TESSERA_API std::vector<int> graphFileFrames(const std::string& path);
+
+/// A graph's text and the folder its relative input paths are taken from:
+/// a graph read once (from a file, or from a pipe that cannot be read
+/// twice) and loaded at many frames.
+struct TESSERA_API GraphSource {
+    std::string text;
+    std::string baseDirectory = ".";
+};
+/// Reads a graph file; throws GraphFileError when it cannot be read.
+TESSERA_API GraphSource readGraphSource(const std::string& path);
+/// The frames a graph declares ("frames"); empty for a still. Throws
+/// GraphFileError when the text is not a graph.
+TESSERA_API std::vector<int> graphFrames(const GraphSource& source);
 
 /// Renders every output of the graph and writes those that name files (each
 /// under a temporary name, renamed when complete), waiting, with the

@@ -83,8 +83,9 @@ public:
     static void debugLine(const std::string& line);
 
     /// n is raised to at least 1; the pool gets n + 1 threads (one kept for
-    /// analysis jobs). More than 1024 throws UTIL::ErrorException. getRenderThreads() is 0 until
-    /// set; a render started before uses one thread per hardware thread.
+    /// analysis jobs). More than 1024 throws UTIL::ErrorException. Until it is called, renders
+    /// use one thread per CPU the process may use (its affinity: taskset, a batch system's
+    /// allocation), and getRenderThreads() says how many.
     ///@{
     static void setRenderThreads(uint64_t n);
     static uint64_t getRenderThreads();

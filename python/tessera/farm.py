@@ -144,8 +144,9 @@ def _arguments(argv):
     parser.add_argument("--workers", type=int, default=2, metavar="N",
                         help="worker processes of the local cluster (default 2)")
     parser.add_argument("--threads", type=int, default=0, metavar="N",
-                        help="render threads per worker (default: the local cores shared "
-                             "among the local workers; a remote worker's own cores)")
+                        help="render threads per worker (default: the CPUs this process may "
+                             "use (its affinity, SLURM_CPUS_PER_TASK) shared among the local "
+                             "workers; a remote worker's own cores)")
     parser.add_argument("--retries", type=int, default=3, metavar="N",
                         help="times a chunk runs again after its worker died or it raised "
                              "(default 3)")
@@ -182,6 +183,37 @@ def _cluster(args):
     return Client(cluster), cluster
 
 
+def _graph_problem(tessera, graph, frames, overrides):
+    """Why the graph cannot render any frame (a typo, a missing node), or None.
+
+    Found here, before a cluster starts. A frame that fails to load alone
+    (its input frame is missing) is that frame's failure, reported by its
+    worker: only when no frame loads is the graph at fault.
+    """
+    first_error = None
+    for frame in frames:
+        try:
+            loaded = tessera.load_graph(graph, set=overrides, frame=frame)
+        except tessera.Error as e:
+            first_error = first_error or str(e)
+            continue
+        return loaded.sequence_error if len(frames) > 1 else None
+    return first_error
+
+
+def usable_cpus():
+    """The CPUs this process may use: its affinity (taskset, cgroups) and,
+    under Slurm, the CPUs allocated to the task."""
+    try:
+        cpus = len(os.sched_getaffinity(0))
+    except (AttributeError, OSError):
+        cpus = os.cpu_count() or 1
+    slurm = os.environ.get("SLURM_CPUS_PER_TASK", "")
+    if slurm.isdigit() and int(slurm) > 0:
+        cpus = min(cpus, int(slurm))
+    return max(1, cpus)
+
+
 def _interrupt(signum, frame):
     raise KeyboardInterrupt
 
@@ -212,14 +244,10 @@ def _run(args):
         print(f"tessera-farm: {args.graph} declares no frames: give --frames", file=sys.stderr)
         return USAGE
 
-    if len(frames) > 1:
-        try:
-            first = tessera.load_graph(graph, set=args.overrides, frame=frames[0])
-        except tessera.Error:
-            first = None  # that frame's own failure, reported by its worker
-        if first is not None and first.sequence_error:
-            print(f"tessera-farm: {args.graph}: {first.sequence_error}", file=sys.stderr)
-            return USAGE
+    problem = _graph_problem(tessera, graph, frames, args.overrides)
+    if problem:
+        print(f"tessera-farm: {args.graph}: {problem}", file=sys.stderr)
+        return USAGE
 
     start = time.monotonic()
     run = Run(frames, args.quiet)
@@ -235,7 +263,7 @@ def _run(args):
                   file=sys.stderr, flush=True)
         threads = args.threads
         if not threads and cluster:
-            threads = max(1, (os.cpu_count() or 1) // args.workers)
+            threads = max(1, usable_cpus() // args.workers)
         run_id = uuid.uuid4().hex
         progress_name, cancel_name = _names(run_id)
         progress = Queue(progress_name, client=client)
@@ -300,15 +328,17 @@ def _run(args):
 
 
 def _reason(future):
+    """Why a chunk failed, in one line (a worker's traceback stays on the worker)."""
     try:
         exception = future.exception()
     except Exception as e:  # noqa: BLE001 - a cancelled future has none
-        return str(e) or type(e).__name__
+        exception = e
     if type(exception).__name__ == "KilledWorker":
         return "its worker died every time it ran"
     if isinstance(exception, ModuleNotFoundError):
         return f"{exception} on the worker (is Tessera installed there?)"
-    return str(exception) or type(exception).__name__
+    text = " ".join(str(exception).split())
+    return f"{type(exception).__name__}: {text}" if text else type(exception).__name__
 
 
 if __name__ == "__main__":

@@ -195,3 +195,30 @@ def test_a_sequence_into_one_file_is_refused_before_the_cluster_starts(tmp_path,
     assert farm.wait(timeout=30) == 2
     assert "'o.exr' has no frame number" in farm.errors, farm.errors
     assert not (tmp_path / "run" / "o.exr").exists()
+
+
+def test_a_graph_no_frame_can_load_is_refused_before_the_cluster_starts(shot, farms):
+    """A typo fails at once with one line, not at every frame on the workers."""
+    graph = json.loads(shot.read_text())
+    graph["nodes"][-1]["op"] = "glowx"
+    typo = shot.parent / "typo.json"
+    typo.write_text(json.dumps(graph))
+    farm = farms(typo, shot.parent / "run")
+    assert farm.wait(timeout=30) == 2
+    assert farm.errors.count("\n") == 0, farm.errors
+    assert "unknown operation 'glowx'" in farm.errors
+    assert "on 2 workers" not in "\n".join(farm.lines)  # no cluster started
+
+
+def test_threads_follow_the_cpus_the_process_may_use(monkeypatch):
+    from tessera import farm
+
+    assert farm.usable_cpus() == len(os.sched_getaffinity(0))
+    monkeypatch.setenv("SLURM_CPUS_PER_TASK", "1")
+    assert farm.usable_cpus() == 1
+    # The engine's own default, before any set_threads: the same CPUs.
+    probe = subprocess.run(
+        ["taskset", "-c", "0", "/usr/bin/python3", "-c", "import tessera; print(tessera.threads())"],
+        capture_output=True, text=True, timeout=60, check=True,
+        env=dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(tessera.__file__))))
+    assert probe.stdout.strip() == "1"

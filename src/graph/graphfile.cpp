@@ -270,19 +270,43 @@ TaskPtr buildNode(const std::string& id, const Operation& op, const json& params
     }
 }
 
+// An output's name: its "id", or "output", "output2", ... in the file's order.
+std::string outputName(const json& output, size_t index) {
+    if (output.is_object() && output.contains("id") && output["id"].is_string())
+        return output["id"].get<std::string>();
+    return index == 0 ? "output" : "output" + std::to_string(index + 1);
+}
+
+// Each override replaces a parameter of a node or a field of an output
+// (its file, rectangle, channels, ...), whichever the name refers to.
 void applyOverrides(json& doc, const std::vector<ParameterOverride>& overrides) {
     for (const ParameterOverride& o : overrides) {
-        json* target = nullptr;
-        for (json& node : doc["nodes"])
-            if (node.is_object() && node.value("id", json()) == o.node) target = &node;
-        if (!target) throw GraphFileError(o.node, o.parameter, "no such node to set");
+        json* node = nullptr;
+        json* output = nullptr;
+        for (json& n : doc["nodes"])
+            if (n.is_object() && n.value("id", json()) == o.node) node = &n;
+        if (doc.contains("outputs") && doc["outputs"].is_array())
+            for (size_t i = 0; i < doc["outputs"].size(); ++i)
+                if (outputName(doc["outputs"][i], i) == o.node) output = &doc["outputs"][i];
+        if (!node && !output)
+            throw GraphFileError(o.node, o.parameter, "no such node or output to set");
+        if (node && output)
+            throw GraphFileError(
+                o.node, o.parameter,
+                "names a node and an output; give the output an \"id\" of its own");
         json value;
         try {
             value = json::parse(o.value);
         } catch (const json::parse_error&) {
             value = o.value;  // a bare word: a string
         }
-        json& params = (*target)["params"];
+        if (output) {
+            if (!output->is_object())
+                throw GraphFileError(o.node, "", "an output must be an object");
+            (*output)[o.parameter] = std::move(value);  // its fields are checked as the file's are
+            continue;
+        }
+        json& params = (*node)["params"];
         if (params.is_null()) params = json::object();
         if (!params.is_object()) throw GraphFileError(o.node, "params", "must be an object");
         params[o.parameter] = std::move(value);
@@ -487,11 +511,13 @@ Graph loadGraph(const std::string& text, const std::string& base,
             (views.empty() && (!out.contains("node") || !out["node"].is_string())))
             throw GraphFileError("(output)", "node", "every output names a node");
         const std::string id = views.empty() ? out["node"].get<std::string>() : views[0].second;
+        if (out.contains("id") && !out["id"].is_string())
+            throw GraphFileError(id, "id", "an output's id is a string");
         for (auto it = out.begin(); it != out.end(); ++it)
-            if (it.key() != "node" && it.key() != "rect" && it.key() != "channels" &&
-                it.key() != "file" && it.key() != "dataType" && it.key() != "compression" &&
-                it.key() != "layout" && it.key() != "tileSize" && it.key() != "attributes" &&
-                it.key() != "views" && it.key() != "parts")
+            if (it.key() != "id" && it.key() != "node" && it.key() != "rect" &&
+                it.key() != "channels" && it.key() != "file" && it.key() != "dataType" &&
+                it.key() != "compression" && it.key() != "layout" && it.key() != "tileSize" &&
+                it.key() != "attributes" && it.key() != "views" && it.key() != "parts")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
         g.description.task = build(id, "(output)", views.empty() ? "node" : "views");
@@ -587,12 +613,21 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
 
 Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides,
                     std::optional<int> frame) {
-    return loadGraph(readGraphText(path), std::filesystem::path(path).parent_path().string(),
-                     overrides, frame);
+    const GraphSource source = readGraphSource(path);
+    return loadGraph(source.text, source.baseDirectory, overrides, frame);
 }
 
 std::vector<int> graphFileFrames(const std::string& path) {
-    return declaredFrames(parseDocument(readGraphText(path)));
+    return graphFrames(readGraphSource(path));
+}
+
+GraphSource readGraphSource(const std::string& path) {
+    const std::string base = std::filesystem::path(path).parent_path().string();
+    return GraphSource{readGraphText(path), base.empty() ? "." : base};
+}
+
+std::vector<int> graphFrames(const GraphSource& source) {
+    return declaredFrames(parseDocument(source.text));
 }
 
 std::vector<OperationDescription> listOperations() {

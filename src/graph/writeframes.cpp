@@ -16,7 +16,14 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
                                            const std::vector<int>& frames,
                                            const std::vector<ParameterOverride>& overrides,
                                            const SequenceOptions& options) {
-    graphFileFrames(graphPath);  // a file that is not a graph fails once, not at every frame
+    return writeGraphFrames(readGraphSource(graphPath), frames, overrides, options);
+}
+
+std::vector<FrameFailure> writeGraphFrames(const GraphSource& source,
+                                           const std::vector<int>& frames,
+                                           const std::vector<ParameterOverride>& overrides,
+                                           const SequenceOptions& options) {
+    graphFrames(source);  // a text that is not a graph fails once, not at every frame
     std::vector<FrameFailure> failures;
     for (size_t i = 0; i < frames.size(); ++i) {
         const int frame = frames[i];
@@ -39,7 +46,7 @@ std::vector<FrameFailure> writeGraphFrames(const std::string& graphPath,
         std::string error;
         bool wholeSequence = false;  // a failure that ends the sequence
         try {
-            const Graph graph = loadGraphFile(graphPath, overrides, frame);
+            const Graph graph = loadGraph(source.text, source.baseDirectory, overrides, frame);
             if (frames.size() > 1 && !graph.unnumberedFiles.empty()) {
                 wholeSequence = true;
                 throw GraphFileError("(output)", "file", unnumberedFileMessage(graph));

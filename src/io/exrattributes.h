@@ -23,6 +23,12 @@ bool isExrLayoutAttribute(const std::string& name);
 // itself. A file that cannot be read, or is not EXR, gives nothing.
 void copyExrAttributes(exr_context_t out, int part, const std::string& from);
 
+// Each part's attributes apart from its layout, in the file's order, each
+// name with its value as text ("owner: \"lighting\"", "framesPerSecond:
+// 24/1"). Empty when the file cannot be read or is not EXR.
+std::vector<std::vector<std::pair<std::string, std::string>>> exrAttributeTexts(
+    const std::string& path);
+
 // Sets the attributes: a string, an integer (a whole number) or a float.
 // Empty on success, else what was refused.
 std::string setExrAttributes(exr_context_t out, int part,

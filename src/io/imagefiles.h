@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fileio.h"
 #include "util/rect.h"
 
 namespace TESSERA {
@@ -90,6 +91,8 @@ struct ImageFormatModule {
     std::unique_ptr<ImageWriter> (*openWriter)(const ImageWriterSpec& spec, std::string& error);
     // OpenImageIO and OpenEXR start no threads of their own, process-wide.
     void (*useRenderThreads)();
+    // Every part's header; empty `error` on success.
+    FileDescription (*describe)(const std::string& path, std::string& error);
 };
 // Loads the module on first use; null and `error` set when it cannot be.
 const ImageFormatModule* imageFormatModule(std::string& error);

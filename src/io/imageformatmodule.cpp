@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <mutex>
 
+#include "exceptions.h"
+#include "io/exrattributes.h"
 #include "io/imagefiles.h"
 
 namespace TESSERA {
@@ -98,15 +100,19 @@ private:
 
 }  // namespace
 
+// A device or a pipe would be read forever (/dev/zero) or block: the
+// reason such a path is refused, else empty.
+std::string notARegularFile(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        return S_ISDIR(status.st_mode) ? "it is a folder" : "it is not a regular file";
+    return {};
+}
+
 std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subimage, int level,
                                              std::string& error) {
-    error.clear();
-    // A device or a pipe would be read forever (/dev/zero) or block.
-    struct stat status {};
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        error = S_ISDIR(status.st_mode) ? "it is a folder" : "it is not a regular file";
-        return nullptr;
-    }
+    error = notARegularFile(path);
+    if (!error.empty()) return nullptr;
     ImageFileInfo header;
     if (auto exr = openExrReader(path, subimage, level, error, &header)) return exr;
     if (!error.empty()) return nullptr;
@@ -119,4 +125,34 @@ std::unique_ptr<ImageReader> openImageReader(const std::string& path, int subima
 }
 
 }  // namespace Private
+
+FileDescription describeFile(const std::string& path) {
+    const auto fail = [&](const std::string& why) {
+        throw RenderTaskRenderingException("describeFile", "cannot read '" + path + "': " + why,
+                                           -1);
+    };
+    std::string error = Private::notARegularFile(path);
+    if (!error.empty()) fail(error);
+    // OpenEXR's core library first: it checks what the header declares
+    // before any reader trusts it, and knows the views.
+    Private::ImageFileInfo header;
+    const auto exr = Private::openExrReader(path, 0, 0, error, &header);
+    if (!error.empty()) fail(error);
+    const Private::ImageFileInfo& views = exr ? exr->info() : header;
+    const Private::ImageFormatModule* module = Private::imageFormatModule(error);
+    if (!module) fail(error);
+    FileDescription file = module->describe(path, error);
+    if (!error.empty()) fail(error);
+    file.views = views.views;
+    // An EXR's attributes under the file's own names (OpenImageIO renames
+    // some, "owner" to "Copyright", and adds its own).
+    const auto exrAttributes = Private::exrAttributeTexts(path);
+    if (exrAttributes.size() == file.parts.size())
+        for (size_t p = 0; p < file.parts.size(); ++p) file.parts[p].attributes = exrAttributes[p];
+    if (views.partViews.size() == file.parts.size())
+        for (size_t p = 0; p < file.parts.size(); ++p)
+            if (file.parts[p].view.empty()) file.parts[p].view = views.partViews[p];
+    return file;
+}
+
 }  // namespace TESSERA

@@ -1,4 +1,6 @@
 // Process-wide render settings, statistics and cancellation.
+#include <sched.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,7 +37,10 @@ TEST(RenderManager, TileSizeThreadsAndBudgets) {
     EXPECT_EQ(RenderManager::getGlobalTileHeight(), 32);
     RenderManager::setGlobalTileSize(256, 256);
 
-    EXPECT_EQ(RenderManager::getRenderThreads(), 0u);  // until set
+    // Until set, one per CPU this process may use.
+    cpu_set_t cpus;
+    ASSERT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0);
+    EXPECT_EQ(RenderManager::getRenderThreads(), uint64_t(CPU_COUNT(&cpus)));
     RenderManager::setRenderThreads(0);
     EXPECT_EQ(RenderManager::getRenderThreads(), 1u);
     EXPECT_EQ(Private::RenderController::pool().size(), 2u);  // one spare thread

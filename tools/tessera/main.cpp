@@ -1,7 +1,9 @@
 // tessera: renders graph files to image files.
 //
-//   tessera render GRAPH.json [--frames LIST] [--set NODE.PARAM=VALUE]... [options]
+//   tessera render GRAPH.json|- [--frames LIST] [--set NODE.PARAM=VALUE]... [options]
+//   tessera FILE... --VERB [KEY=VALUE]... -o FILE  a graph written as a chain (chain.h)
 //   tessera demo [options]          the built-in demo graph, to out/
+//   tessera info FILE... [--stats]  what files hold
 //   tessera ops [NAME] [--markdown] the operations a graph may use
 //   tessera ops --pictures DIR      a picture of each, for the reference
 //
@@ -17,10 +19,13 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 #include <string>
 #include <thread>
 
+#include "chain.h"
 #include "demo_graph.h"
+#include "info.h"
 #include "operator_pictures.h"
 #include "tessera.h"
 
@@ -36,6 +41,7 @@ struct RenderSettings {
     std::string debugLog;
     std::vector<std::string> overrides;
     std::string frames;
+    bool dumpGraph = false;
 };
 
 using Clock = std::chrono::steady_clock;
@@ -104,9 +110,8 @@ std::string peakMemory() {
     return std::to_string(usage.ru_maxrss / 1024) + " MB";
 }
 
-unsigned renderThreads() {
-    return RenderManager::getRenderThreads() ? RenderManager::getRenderThreads()
-                                             : std::max(1u, std::thread::hardware_concurrency());
+uint64_t renderThreads() {
+    return RenderManager::getRenderThreads();
 }
 
 int render(const Graph& graph, const RenderSettings& o) {
@@ -131,7 +136,7 @@ int render(const Graph& graph, const RenderSettings& o) {
 }
 
 // Renders each frame; a failed frame is reported and the next one rendered.
-int renderFrames(const std::string& graphPath, const std::vector<int>& frames,
+int renderFrames(const GraphSource& source, const std::vector<int>& frames,
                  const std::vector<ParameterOverride>& overrides, const RenderSettings& o) {
     // What stays the same from frame to frame is rendered once: the tile
     // cache keeps it for the next frames (what changes is never kept).
@@ -149,8 +154,7 @@ int renderFrames(const std::string& graphPath, const std::vector<int>& frames,
             std::cout << "frame " << frame << " written" << std::endl;
     };
     const auto start = Clock::now();
-    const std::vector<FrameFailure> failures =
-        writeGraphFrames(graphPath, frames, overrides, options);
+    const std::vector<FrameFailure> failures = writeGraphFrames(source, frames, overrides, options);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (!o.quiet)
         std::cout << "rendered " << frames.size() - failures.size() << " of " << frames.size()
@@ -233,7 +237,109 @@ int finish(int status) {
     return status;
 }
 
+GraphSource readStandardInput() {
+    std::ostringstream text;
+    text << std::cin.rdbuf();
+    return GraphSource{text.str(), "."};
+}
+
+// Renders the graph at its frames (or as a still); what every command that
+// renders a graph ends with.
+int renderGraph(const GraphSource& source, const RenderSettings& settings) {
+    std::vector<ParameterOverride> overrides;
+    for (const std::string& text : settings.overrides)
+        overrides.push_back(parseParameterOverride(text));
+    std::vector<int> frames;
+    if (!settings.frames.empty()) {
+        try {
+            frames = parseFrames(settings.frames);
+        } catch (const std::invalid_argument& e) {
+            std::cerr << "tessera: --frames: " << e.what() << std::endl;
+            return kUsageError;
+        }
+    }
+    apply(settings);
+    if (frames.empty()) frames = graphFrames(source);
+    if (frames.empty())
+        return render(loadGraph(source.text, source.baseDirectory, overrides), settings);
+    return renderFrames(source, frames, overrides, settings);
+}
+
+// Runs `body`, turning what it throws into a message and an exit status.
+template <typename Body>
+int reporting(const std::string& graphName, Body body) {
+    try {
+        return finish(body());
+    } catch (const RenderCancelledException&) {
+        std::cerr << "tessera: interrupted" << std::endl;
+        return finish(128 + (s_interrupt ? s_interrupt.load() : SIGINT));
+    } catch (const tessera_cli::ChainError& e) {
+        std::cerr << "tessera: " << e.what() << std::endl;
+        return finish(kUsageError);
+    } catch (const GraphFileError& e) {
+        std::cerr << "tessera: " << graphName << ": " << e.what() << std::endl;
+        return finish(kUsageError);
+    } catch (const std::exception& e) {
+        // One line, whatever the message holds (several files may have failed).
+        std::string message = e.what();
+        while (!message.empty() && message.back() == '\n') message.pop_back();
+        for (char& c : message)
+            if (c == '\n') c = ';';
+        std::cerr << "tessera: " << message << std::endl;
+        return finish(kRenderError);
+    }
+}
+
+// `tessera FILE... --VERB ... -o FILE`: the render options are taken out
+// wherever they stand, the rest is the chain in its order.
+int runChain(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    for (size_t i = 0; i < args.size(); ++i)
+        if (args[i] == "--help" || args[i] == "-h") {
+            // The help of the verb before it, else the chain's.
+            for (size_t v = i; v-- > 0;)
+                if (tessera_cli::isChainVerb(args[v])) {
+                    std::cout << tessera_cli::chainVerbHelp(args[v]);
+                    return 0;
+                }
+            std::cout << tessera_cli::chainHelp();
+            return 0;
+        }
+    RenderSettings settings;
+    CLI::App options("a chain", "tessera");
+    options.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return std::string("tessera: ") + e.what() + " (see tessera --help)\n";
+    });
+    addRenderOptions(options, settings);
+    options.add_option("--frames", settings.frames, "the frames to render")->type_name("LIST");
+    options.add_flag("--dump-graph", settings.dumpGraph, "print the graph file, do not render");
+    options.allow_extras();
+    options.set_help_flag();
+    try {
+        options.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        options.exit(e);
+        return kUsageError;
+    }
+    watchInterrupts();
+    return reporting("the chain", [&] {
+        const std::string graph = tessera_cli::chainGraph(options.remaining(), settings.frames);
+        if (settings.dumpGraph) {
+            std::cout << graph;
+            return 0;
+        }
+        return renderGraph(GraphSource{graph, "."}, settings);
+    });
+}
+
 int main(int argc, char** argv) {
+    // A first argument that is no command starts a chain.
+    static const char* const kCommands[] = {"render", "demo", "info",       "ops",
+                                            "--help", "-h",   "--help-all", "--version"};
+    if (argc > 1 && std::none_of(std::begin(kCommands), std::end(kCommands),
+                                 [&](const char* c) { return std::string(argv[1]) == c; }))
+        return runChain(argc, argv);
+
     CLI::App app("Renders Tessera graph files to image files.", "tessera");
     // Errors are one line each.
     app.failure_message([](const CLI::App*, const CLI::Error& e) {
@@ -241,9 +347,9 @@ int main(int argc, char** argv) {
     });
     app.set_version_flag("--version", "tessera " TESSERA_VERSION);
     app.set_help_all_flag("--help-all", "Print the help of every command and exit");
-    app.footer(
-        "Exit status: 0 success, 1 a render or file failure, 2 a usage or graph-file error, 130 "
-        "when interrupted.");
+    app.footer(tessera_cli::chainHelp() +
+               "\nExit status: 0 success, 1 a render or file failure, 2 a usage or graph-file "
+               "error, 130 when interrupted.");
     app.require_subcommand(1);
 
     RenderSettings settings;
@@ -251,13 +357,15 @@ int main(int argc, char** argv) {
     bool markdown = false;
 
     CLI::App* renderCommand = app.add_subcommand("render", "render a graph file's outputs");
-    renderCommand->add_option("GRAPH", graphPath, "the graph file (JSON)")
+    renderCommand
+        ->add_option("GRAPH", graphPath, "the graph file (JSON); - reads it from standard input")
         ->required()
-        ->check(CLI::ExistingFile);
+        ->check(CLI::ExistingFile | CLI::IsMember({"-"}));
     renderCommand
         ->add_option("--set", settings.overrides,
-                     "NODE.PARAM=VALUE: override a parameter of a node (VALUE is JSON, or a "
-                     "bare word for a string); repeatable")
+                     "NODE.PARAM=VALUE: override a parameter of a node, or a field of an output "
+                     "(output.file=shot.####.exr; VALUE is JSON, or a bare word for a string); "
+                     "repeatable")
         ->type_name("NODE.PARAM=VALUE")
         ->allow_extra_args(false);
     renderCommand
@@ -270,6 +378,15 @@ int main(int argc, char** argv) {
     CLI::App* demoCommand = app.add_subcommand("demo", "render the built-in demo graph to out/");
     addRenderOptions(*demoCommand, settings);
 
+    std::vector<std::string> infoFiles;
+    bool infoStatistics = false;
+    CLI::App* infoCommand = app.add_subcommand(
+        "info", "what image files hold: parts, views, channels, windows, compression, attributes");
+    infoCommand->add_option("FILE", infoFiles, "the files")->required();
+    infoCommand->add_flag("--stats", infoStatistics,
+                          "each channel's minimum, maximum, mean and NaN and infinite counts, as a "
+                          "render reads them");
+
     CLI::App* opsCommand =
         app.add_subcommand("ops", "list the operations a graph may use, or describe one");
     opsCommand->add_option("NAME", opName, "one operation, in full");
@@ -279,18 +396,6 @@ int main(int argc, char** argv) {
                      "write DIR/NAME.png for every operation: its example on a standard plate")
         ->type_name("DIR");
 
-    // An unknown command is named (the parser would only say that one is
-    // required).
-    const auto known = [&](const std::string& name) {
-        for (const CLI::App* command : app.get_subcommands([](CLI::App*) { return true; }))
-            if (command->get_name() == name) return true;
-        return false;
-    };
-    if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
-        std::cerr << "tessera: unknown command '" << argv[1]
-                  << "' (render, demo or ops; see tessera --help)" << std::endl;
-        return kUsageError;
-    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -300,54 +405,40 @@ int main(int argc, char** argv) {
     }
 
     watchInterrupts();
-    try {
-        if (opsCommand->parsed()) {
-            if (!picturesDir.empty()) {
+    if (opsCommand->parsed()) {
+        if (!picturesDir.empty())
+            return reporting("", [&] {
                 writeOperatorPictures(picturesDir);
                 return 0;
-            }
-            try {
-                std::cout << (markdown         ? operatorReference()
-                              : opName.empty() ? describeOperations()
-                                               : describeOperation(opName));
-            } catch (const std::invalid_argument& e) {
-                std::cerr << "tessera: " << e.what() << std::endl;
-                return kUsageError;
-            }
-            return 0;
+            });
+        try {
+            std::cout << (markdown         ? operatorReference()
+                          : opName.empty() ? describeOperations()
+                                           : describeOperation(opName));
+        } catch (const std::invalid_argument& e) {
+            std::cerr << "tessera: " << e.what() << std::endl;
+            return kUsageError;
         }
-        std::vector<ParameterOverride> overrides;
-        for (const std::string& text : settings.overrides)
-            overrides.push_back(parseParameterOverride(text));
-        std::vector<int> frames;
-        if (!settings.frames.empty()) {
-            try {
-                frames = parseFrames(settings.frames);
-            } catch (const std::invalid_argument& e) {
-                std::cerr << "tessera: --frames: " << e.what() << std::endl;
-                return kUsageError;
-            }
-        }
-        apply(settings);
-        if (!renderCommand->parsed())
-            return finish(render(loadGraph(kDemoGraph, ".", overrides), settings));
-        if (frames.empty()) frames = graphFileFrames(graphPath);
-        if (frames.empty()) return finish(render(loadGraphFile(graphPath, overrides), settings));
-        return finish(renderFrames(graphPath, frames, overrides, settings));
-    } catch (const RenderCancelledException&) {
-        std::cerr << "tessera: interrupted" << std::endl;
-        return finish(128 + (s_interrupt ? s_interrupt.load() : SIGINT));
-    } catch (const GraphFileError& e) {
-        std::cerr << "tessera: " << (graphPath.empty() ? "demo graph" : graphPath) << ": "
-                  << e.what() << std::endl;
-        return finish(kUsageError);
-    } catch (const std::exception& e) {
-        // One line, whatever the message holds (several files may have failed).
-        std::string message = e.what();
-        while (!message.empty() && message.back() == '\n') message.pop_back();
-        for (char& c : message)
-            if (c == '\n') c = ';';
-        std::cerr << "tessera: " << message << std::endl;
-        return finish(kRenderError);
+        return 0;
     }
+    if (infoCommand->parsed()) {
+        apply(settings);
+        int status = 0;
+        for (const std::string& file : infoFiles)
+            status = std::max(status, reporting(file, [&] {
+                                  tessera_cli::describeFile(std::cout, file, infoStatistics);
+                                  return 0;
+                              }));
+        return status;
+    }
+    if (demoCommand->parsed())
+        return reporting("demo graph", [&] {
+            return renderGraph(GraphSource{kDemoGraph, "."}, settings);
+        });
+    const std::string name = graphPath == "-" ? "standard input" : graphPath;
+    return reporting(name, [&] {
+        const GraphSource source =
+            graphPath == "-" ? readStandardInput() : readGraphSource(graphPath);
+        return renderGraph(source, settings);
+    });
 }

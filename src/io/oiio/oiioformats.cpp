@@ -321,7 +321,49 @@ void useRenderThreads() {
     OIIO::attribute("exr_threads", -1);
 }
 
-const ImageFormatModule kModule = {&openReader, &openWriter, &useRenderThreads};
+std::string storageOf(const OIIO::ImageSpec& spec) {
+    return std::string(spec.deep ? "deep " : "") + (spec.tile_width ? "tiled" : "scanline");
+}
+
+// Not among a file's attributes: what the description shows apart, and
+// OpenImageIO's own (its guesses, such as "oiio:ColorSpace").
+bool describedApart(const std::string& name) {
+    return name == "compression" || name == "name" || name == "view" || name.rfind("oiio:", 0) == 0;
+}
+
+FileDescription describe(const std::string& path, std::string& error) {
+    FileDescription file;
+    auto in = OIIO::ImageInput::open(path);
+    if (!in) {
+        error = OIIO::geterror();
+        return file;
+    }
+    file.format = in->format_name();
+    for (int subimage = 0; in->seek_subimage(subimage, 0); ++subimage) {
+        const OIIO::ImageSpec spec = in->spec();
+        FilePartDescription part;
+        part.name = spec.get_string_attribute("oiio:subimagename");
+        part.view = spec.get_string_attribute("view");
+        part.storage = storageOf(spec);
+        part.tileWidth = spec.tile_width;
+        part.tileHeight = spec.tile_height;
+        while (in->seek_subimage(subimage, part.levels)) ++part.levels;
+        part.compression = spec.get_string_attribute("compression");
+        part.dataWindow = UTIL::Rect(spec.x, spec.y, spec.x + spec.width, spec.y + spec.height);
+        part.displayWindow = UTIL::Rect(spec.full_x, spec.full_y, spec.full_x + spec.full_width,
+                                        spec.full_y + spec.full_height);
+        for (int c = 0; c < spec.nchannels; ++c)
+            part.channels.push_back({spec.channel_name(c), spec.channelformat(c).c_str()});
+        for (const OIIO::ParamValue& p : spec.extra_attribs)
+            if (!describedApart(p.name().string()))
+                part.attributes.emplace_back(p.name().string(),
+                                             OIIO::ImageSpec::metadata_val(p, true));
+        file.parts.push_back(std::move(part));
+    }
+    return file;
+}
+
+const ImageFormatModule kModule = {&openReader, &openWriter, &useRenderThreads, &describe};
 
 }  // namespace
 }  // namespace Private

@@ -1,5 +1,7 @@
 #include "rendersystem/core/rendercontroller.h"
 
+#include <sched.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -170,9 +172,7 @@ Util::ThreadPool& RenderController::pool() {
     if (Util::ThreadPool* pool = s_pool.load()) return *pool;
     std::lock_guard<std::mutex> lock(s_poolMutex);
     if (!s_pool.load()) {
-        // Before any setRenderThreads: one render thread per hardware thread.
-        const uint64_t n =
-            s_renderThreads ? s_renderThreads : std::max(1u, std::thread::hardware_concurrency());
+        const uint64_t n = s_renderThreads ? s_renderThreads : usableCpus();
         s_pool = new Util::ThreadPool(n + 1, n);
     }
     return *s_pool.load();
@@ -194,7 +194,17 @@ void RenderController::setRenderThreads(uint64_t n) {
 
 uint64_t RenderController::getRenderThreads() {
     std::lock_guard<std::mutex> lock(s_poolMutex);
-    return s_renderThreads;
+    return s_renderThreads ? s_renderThreads : usableCpus();
+}
+
+// Before any setRenderThreads, one render thread per CPU the process may
+// use: its affinity (taskset, a batch system's cgroup), not the machine's.
+uint64_t RenderController::usableCpus() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) == 0 && CPU_COUNT(&set) > 0)
+        return uint64_t(CPU_COUNT(&set));
+    return std::max(1u, std::thread::hardware_concurrency());
 }
 
 uint64_t RenderController::sleepMicroseconds() {

@@ -93,6 +93,7 @@ public:
     static constexpr uint64_t kMaxRenderThreads = 1024;
     static void setRenderThreads(uint64_t n);  // throws above kMaxRenderThreads
     static uint64_t getRenderThreads();
+    static uint64_t usableCpus();
     // From MARLIN_RENDER_CONTROLLER_SLEEP_USECS (above 0, below 1000000),
     // else 25000.
     static uint64_t sleepMicroseconds();
