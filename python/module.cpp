@@ -337,6 +337,43 @@ py::dict renderFrames(const std::string& path, const py::object& frameList,
     return result;
 }
 
+// Renders each task to its file in one render: (task, path, rect or None,
+// channels) with the files' data type and compression.
+void writeFiles(
+    const std::vector<std::tuple<TaskPtr, std::string, std::optional<RectTuple>, std::string>>&
+        outputs,
+    const std::string& dataType, const std::string& compression, const py::object& progress,
+    const py::object& cancel, const std::string& queue) {
+    Graph graph;
+    for (const auto& [task, path, rect, channels] : outputs) {
+        if (!task) throw py::value_error("write: no task given for '" + path + "'");
+        GraphOutput out;
+        out.description.task = task;
+        out.description.channels = renderMask(task, channels);
+        if (rect) {
+            out.description.rect = UTIL::Rect(std::get<0>(*rect), std::get<1>(*rect),
+                                              std::get<2>(*rect), std::get<3>(*rect));
+        } else {
+            // The format, as a graph file's output takes it, else the data.
+            py::gil_scoped_release release;
+            const UTIL::Rect& format = task->getFormat();
+            out.description.rect = format;
+        }
+        if (out.description.rect.isNull()) out.description.rect = dataWindow(task);
+        FileOutParams file;
+        file.path = path;
+        file.dataType = dataType;
+        file.compression = compression;
+        out.files.push_back(file);
+        graph.outputs.push_back(out);
+    }
+    RenderOptions options = pythonOptions(progress, cancel, queue);
+    withoutGil([&] {
+        writeGraphOutputs(graph, options);
+        return 0;
+    });
+}
+
 std::string statistics() {
     std::ostringstream xml;
     RenderManager::getStatistics()->write(xml);
@@ -359,7 +396,9 @@ PYBIND11_MODULE(_tessera, m) {
     py::register_exception<RenderCancelledException>(m, "Cancelled", error);
     py::register_exception<UTIL::OutOfMemoryException>(m, "OutOfMemory", error);
 
-    py::class_<RenderTask, TaskPtr>(m, "Task", "A node of an image graph.")
+    // dynamic_attr: the package records on each task how it was built
+    // (to_graph writes that as a graph file).
+    py::class_<RenderTask, TaskPtr>(m, "Task", py::dynamic_attr(), "A node of an image graph.")
         .def_property_readonly("name", &RenderTask::getName)
         .def_property_readonly(
             "data_window", [](const TaskPtr& t) { return toTuple(dataWindow(t)); },
@@ -458,8 +497,15 @@ PYBIND11_MODULE(_tessera, m) {
         py::arg("graph"), py::arg("progress") = py::none(), py::arg("cancel") = py::none(),
         py::arg("queue") = "batch", "Renders the graph's outputs to their files.");
 
+    m.def("_write", &writeFiles, py::arg("outputs"), py::arg("data_type"), py::arg("compression"),
+          py::arg("progress"), py::arg("cancel"), py::arg("queue"));
+
     m.def("from_array", &fromArray, py::arg("array"), py::arg("channels") = py::none(),
-          py::arg("origin") = std::make_pair(int64_t(0), int64_t(0)), py::arg("name") = "array");
+          py::arg("origin") = std::make_pair(int64_t(0), int64_t(0)), py::arg("name") = "array",
+          "A numpy array (height x width x channels) as an image, read in place: not copied,\n"
+          "and read-only while any task made from it lives. channels names its channels in\n"
+          "order ('RGBA', 'R,G,B,forward.u'; default R, G, B, A for up to four); origin is\n"
+          "the pixel (x, y) of its first element. Other dtypes and strides are converted.");
     m.def(
         "channel_names",
         [](const TaskPtr& task, const std::string& channels) {
@@ -469,13 +515,21 @@ PYBIND11_MODULE(_tessera, m) {
         "The names of the channels render(task, channels=...) gives, in the array's order.");
     m.def("render", &render, py::arg("task"), py::arg("rect") = py::none(),
           py::arg("channels") = "RGBA", py::arg("progress") = py::none(),
-          py::arg("cancel") = py::none(), py::arg("queue") = "batch");
+          py::arg("cancel") = py::none(), py::arg("queue") = "batch",
+          "Renders task over rect (x0, y0, x1, y1; default its data window) and returns the\n"
+          "pixels as float32, height x width x channels. channels: letters of R, G, B, A, Z\n"
+          "('RGBA'), or names, layers and 'all' ('R,G,B,forward.u', 'diffuse.*'; see\n"
+          "channel_names). progress(done, total) runs on this thread while it renders;\n"
+          "cancel is a threading.Event. Ctrl-C, a set cancel or a raising progress cancel it\n"
+          "(Cancelled, or the callback's error). queue: batch, viewer or background; a render\n"
+          "waits for the one before it in its queue.");
 
     // Render settings and reports. Those that wait for running renders
     // release the GIL.
     const auto release = py::call_guard<py::gil_scoped_release>();
-    m.def("set_threads", &RenderManager::setRenderThreads, py::arg("threads"), release);
-    m.def("threads", &RenderManager::getRenderThreads);
+    m.def("set_threads", &RenderManager::setRenderThreads, py::arg("threads"), release,
+          "Render threads, 1 to 1024 (default: one per CPU this process may use).");
+    m.def("threads", &RenderManager::getRenderThreads, "The render threads renders use.");
     m.def(
         "set_tile_size",
         [](int64_t width, int64_t height) {
@@ -485,16 +539,25 @@ PYBIND11_MODULE(_tessera, m) {
                                       ": tiles are at least 1 pixel a side");
             RenderManager::setGlobalTileSize(width, height);
         },
-        py::arg("width"), py::arg("height"), release);
-    m.def("tile_size", [] {
-        return std::make_pair(RenderManager::getGlobalTileWidth(),
-                              RenderManager::getGlobalTileHeight());
-    });
-    m.def("set_memory_limit", &RenderManager::SetMaxImageMemory, py::arg("megabytes"), release);
-    m.def("set_disk_limit", &RenderManager::SetMaxDiskUsage, py::arg("megabytes"), release);
-    m.def("set_caching", &RenderManager::setSpeculativeCachingEnable, py::arg("enable"), release);
-    m.def("clear_cache", &RenderManager::clearSpeculativeCache, release);
-    m.def("clear_task_cache", &RenderManager::ClearRenderTaskCache, release);
-    m.def("statistics", &statistics, release, "The render statistics, as XML text.");
-    m.def("reset_statistics", &RenderManager::resetStatistics, release);
+        py::arg("width"), py::arg("height"), release,
+        "The size of the tiles renders cut images into (default 256 x 256).");
+    m.def(
+        "tile_size",
+        [] {
+            return std::make_pair(RenderManager::getGlobalTileWidth(),
+                                  RenderManager::getGlobalTileHeight());
+        },
+        "(width, height) of the render tiles.");
+    m.def("set_memory_limit", &RenderManager::SetMaxImageMemory, py::arg("megabytes"), release,
+          "The image memory budget; beyond it tiles are swapped to disk.");
+    m.def("set_disk_limit", &RenderManager::SetMaxDiskUsage, py::arg("megabytes"), release,
+          "The swap files' budget; a render that needs more fails with OutOfMemory.");
+    m.def("set_caching", &RenderManager::setSpeculativeCachingEnable, py::arg("enable"), release,
+          "Whether finished tiles are kept for later renders (the tile cache; on by default).");
+    m.def("clear_cache", &RenderManager::clearSpeculativeCache, release, "Empties the tile cache.");
+    m.def("clear_task_cache", &RenderManager::ClearRenderTaskCache, release,
+          "Forgets the tasks kept for merging identical sub-graphs.");
+    m.def("statistics_xml", &statistics, release, "The render statistics, as XML text.");
+    m.def("reset_statistics", &RenderManager::resetStatistics, release,
+          "Starts the statistics' peaks and counts afresh.");
 }

@@ -9,15 +9,16 @@ same name, inputs and parameters (``help(tessera.blur)``)::
     soft = tessera.blur(graded, size=[9, 9])
     image = tessera.render(soft)                    # float32, height x width x channels
 
-``render`` takes ``progress(done, total)`` and ``cancel`` (a
-``threading.Event``); Ctrl-C cancels a render too. ``load_graph`` reads a
-graph file and ``write_outputs`` renders its files.
+Every operation that takes an image is also a method of ``Task``
+(``plate.blur(size=[9, 9])``), composite's operators too (``fg.over(bg)``),
+and ``a + b``, ``a - b``, ``a * b`` and ``a * 2`` build the graph's add,
+minus, multiply and gain. ``render`` takes ``progress(done, total)`` and
+``cancel`` (a ``threading.Event``); Ctrl-C cancels a render too.
+``Task.write`` and ``write`` render files; ``Task.to_graph`` and
+``save_graph`` write the graph as a graph file that ``tessera render`` and
+``tessera-farm`` render identically. ``load_graph`` reads a graph file and
+``write_outputs`` renders its files.
 """
-
-import inspect
-import itertools
-import json
-import keyword
 
 from ._tessera import (  # noqa: F401
     Cancelled,
@@ -49,76 +50,13 @@ from ._tessera import (  # noqa: F401
     set_memory_limit,
     set_threads,
     set_tile_size,
-    statistics,
+    statistics_xml,
     threads,
     tile_size,
     write_outputs,
 )
-from . import _tessera
+from ._files import statistics, write  # noqa: F401
+from ._graphs import save_graph, to_graph  # noqa: F401
+from ._operators import operation_functions
 
-_names = itertools.count(1)
-
-
-def _python_name(name, taken=()):
-    """A parameter's name in Python: a keyword, or the name of an input of
-    the same operation (shuffle's a and b), gets a trailing underscore."""
-    return name + "_" if keyword.iskeyword(name) or name in taken else name
-
-
-def _json_value(value):
-    """numpy scalars and arrays as plain JSON values."""
-    if hasattr(value, "tolist"):
-        return value.tolist()
-    raise TypeError(f"{type(value).__name__} is not a parameter value")
-
-
-def _operation_function(op):
-    inputs = [
-        inspect.Parameter(name, inspect.Parameter.POSITIONAL_OR_KEYWORD,
-                          default=None if optional else inspect.Parameter.empty)
-        for name, optional in zip(op.inputs, op.optional_inputs)
-    ]
-    taken = set(op.inputs) | {"name", "base_directory"}
-    params = {}
-    for p in op.parameters:
-        default = json.loads(p.default) if p.default else inspect.Parameter.empty
-        params[_python_name(p.name, taken)] = p.name
-        inputs.append(inspect.Parameter(_python_name(p.name, taken),
-                                        inspect.Parameter.KEYWORD_ONLY, default=default))
-    inputs.append(inspect.Parameter("name", inspect.Parameter.KEYWORD_ONLY, default=None))
-    inputs.append(inspect.Parameter("base_directory", inspect.Parameter.KEYWORD_ONLY,
-                                    default="."))
-    signature = inspect.Signature(inputs)
-
-    def build(*args, **kwargs):
-        bound = signature.bind(*args, **kwargs)
-        given = bound.arguments
-        node = given.get("name") or f"{op.name}{next(_names)}"
-        values = {params[k]: v for k, v in given.items() if k in params}
-        return _tessera._create(op.name, node, json.dumps(values, default=_json_value),
-                                {name: given.get(name) for name in op.inputs},
-                                given.get("base_directory", "."))
-
-    lines = [op.summary[:1].upper() + op.summary[1:] + ".", ""]
-    if op.inputs:
-        lines.append("Inputs: " + ", ".join(
-            f"{n} (optional)" if o else n for n, o in zip(op.inputs, op.optional_inputs)))
-    for p in op.parameters:
-        allowed = f"; {p.range}" if p.range else ""
-        allowed += f"; one of {', '.join(p.choices)}" if p.choices else ""
-        default = f", default {p.default}" if p.default else ", required"
-        lines.append(f"{_python_name(p.name, taken)} ({p.type}{default}{allowed}): "
-                     f"{p.description}")
-    lines += ["", op.reference]
-    build.__name__ = build.__qualname__ = op.name
-    build.__doc__ = "\n".join(lines)
-    build.__signature__ = signature
-    return build
-
-
-for _op in list_operations():
-    globals()[_op.name] = _operation_function(_op)
-    for _alias in _op.aliases:  # older names stay for scripts that use them
-        globals()[_alias] = globals()[_op.name]
-del _op
-globals().pop("_alias", None)
+globals().update(operation_functions())

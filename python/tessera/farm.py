@@ -21,6 +21,7 @@ import os
 import signal
 import socket
 import sys
+import tempfile
 import threading
 import time
 import uuid
@@ -222,13 +223,23 @@ def main(argv=None):
     args = _arguments(argv)
     signal.signal(signal.SIGTERM, _interrupt)
     try:
-        return _run(args)
+        return _run(args)[0]
+    except Refused as e:
+        print(f"tessera-farm: {e}", file=sys.stderr)
+        return USAGE
     except KeyboardInterrupt:  # before the chunks went out, or after they came back
         print("tessera-farm: interrupted", file=sys.stderr)
         return INTERRUPTED
 
 
+class Refused(ValueError):
+    """A farm run refused before any frame renders: the graph, the frames or
+    the options are wrong (exit status 2 from the command)."""
+
+
 def _run(args):
+    """Renders the run; returns its status and its Run (None when refused
+    before starting). Raises Refused."""
     import tessera
 
     graph = os.path.abspath(args.graph)
@@ -238,16 +249,12 @@ def _run(args):
         declared = tessera.graph_frames(graph)
         frames = tessera.parse_frames(args.frames) if args.frames else declared
     except (ValueError, tessera.Error) as e:
-        print(f"tessera-farm: {args.graph}: {e}", file=sys.stderr)
-        return USAGE
+        raise Refused(f"{args.graph}: {e}") from None
     if not frames:
-        print(f"tessera-farm: {args.graph} declares no frames: give --frames", file=sys.stderr)
-        return USAGE
-
+        raise Refused(f"{args.graph} declares no frames: give --frames")
     problem = _graph_problem(tessera, graph, frames, args.overrides)
     if problem:
-        print(f"tessera-farm: {args.graph}: {problem}", file=sys.stderr)
-        return USAGE
+        raise Refused(f"{args.graph}: {problem}")
 
     start = time.monotonic()
     run = Run(frames, args.quiet)
@@ -294,7 +301,7 @@ def _run(args):
             run.frame_reported(message)
     except OSError as e:  # no scheduler at the address, or the cluster did not start
         print(f"tessera-farm: {e}", file=sys.stderr)
-        return FAILED
+        return FAILED, run
     except KeyboardInterrupt:
         if cancel is not None:
             # Running chunks stop between tiles and the others return at
@@ -307,7 +314,7 @@ def _run(args):
                 pass
         print(f"tessera-farm: interrupted; {len(run.written)} of {run.total} frames written",
               file=sys.stderr)
-        return INTERRUPTED
+        return INTERRUPTED, run
     finally:
         if client is not None:
             client.close()
@@ -320,11 +327,46 @@ def _run(args):
           f"({len(run.written) / seconds:.2f} frames per second) on {workers} workers{again}",
           flush=True)
     if not run.failed:
-        return OK
+        return OK, run
     failed = sorted(run.failed)
     print(f"tessera-farm: {len(failed)} of {run.total} frames failed: "
           f"{', '.join(str(f) for f in failed)}", file=sys.stderr)
-    return FAILED
+    return FAILED, run
+
+
+def render(outputs, frames=None, *, scheduler=None, workers=2, chunk=8, threads=0, retries=3,
+           overrides=None, quiet=True):
+    """Renders frames on Dask, as tessera-farm does, and returns
+    {"written": [frames], "failed": {frame: message}}.
+
+    `outputs` is a graph file's path, or outputs built in Python
+    ({file: task}, numbered files such as "out.####.exr"), which are saved
+    as a graph file beside the current folder for the workers (they must see
+    it and the inputs at the same paths). `frames`: a frame list ("1-48",
+    [1, 5, 9]); the graph's own by default. Raises Refused when the graph or
+    the frames are wrong; Ctrl-C raises KeyboardInterrupt after the running
+    chunks stopped.
+    """
+    import tessera
+
+    if isinstance(frames, (list, tuple, range)):
+        frames = ",".join(str(f) for f in frames)
+    saved = None
+    if not isinstance(outputs, (str, os.PathLike)):
+        handle, saved = tempfile.mkstemp(prefix=".tessera-farm-", suffix=".json", dir=os.getcwd())
+        os.close(handle)
+        tessera.save_graph(saved, outputs)
+    args = argparse.Namespace(graph=os.fspath(saved or outputs), frames=frames, chunk=chunk,
+                              scheduler=scheduler, workers=workers, threads=threads,
+                              retries=retries, overrides=dict(overrides or {}), quiet=quiet)
+    try:
+        status, run = _run(args)
+    finally:
+        if saved:
+            os.unlink(saved)
+    if status == INTERRUPTED:
+        raise KeyboardInterrupt
+    return {"written": sorted(run.written), "failed": dict(sorted(run.failed.items()))}
 
 
 def _reason(future):

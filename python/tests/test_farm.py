@@ -222,3 +222,20 @@ def test_threads_follow_the_cpus_the_process_may_use(monkeypatch):
         capture_output=True, text=True, timeout=60, check=True,
         env=dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(tessera.__file__))))
     assert probe.stdout.strip() == "1"
+
+
+def test_a_graph_built_in_python_is_farmed_as_written_locally(shot, monkeypatch):
+    """Python-built outputs go to the workers as a graph file; the frames
+    equal what Task.write renders locally."""
+    from tessera import farm
+
+    graded = tessera.filein(path="in.0002.exr").blur(size=[5, 5]).gain(gain=[1.1, 1, 0.9, 1])
+    result = farm.render({"farmed.####.exr": graded}, frames=[1, 2, 3], workers=2, threads=1)
+    assert result == {"written": [1, 2, 3], "failed": {}}
+    graded.write("local.exr")
+    for frame in (1, 3):
+        assert open(f"farmed.{frame:04d}.exr", "rb").read() == open("local.exr", "rb").read()
+    assert not [p for p in os.listdir(".") if p.startswith(".tessera-farm-")]
+    # No frame of the graph loads (frame 0 has no input): refused at once.
+    with pytest.raises(farm.Refused, match="in.0000.exr"):
+        farm.render(str(shot), frames="0")

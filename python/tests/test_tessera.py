@@ -12,6 +12,7 @@ import numpy as np
 import pytest
 
 import tessera
+from tessera._operators import _python_name
 
 
 @pytest.fixture(autouse=True)
@@ -262,7 +263,7 @@ def test_every_numeric_parameter_refuses_values_beyond_its_declared_range():
         function = getattr(tessera, op.name)
         taken = set(op.inputs) | {"name", "base_directory"}
         inputs = {name: plate for name in op.inputs}
-        required = {tessera._python_name(p.name, taken): json.loads(p.example)
+        required = {_python_name(p.name, taken): json.loads(p.example)
                     for p in op.parameters if not p.default}
         for p in op.parameters:
             if not p.range:
@@ -273,7 +274,7 @@ def test_every_numeric_parameter_refuses_values_beyond_its_declared_range():
             given = [value] * len(shape) if isinstance(shape, list) and shape else value
             if isinstance(shape, list) and not shape:
                 given = [value, value]
-            kwargs = dict(required, **{tessera._python_name(p.name, taken): given})
+            kwargs = dict(required, **{_python_name(p.name, taken): given})
             with pytest.raises(tessera.GraphFileError,
                                match=rf"node 'probe', field '{p.name}': value .* out of range"):
                 function(**inputs, **kwargs, name="probe")
