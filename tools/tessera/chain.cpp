@@ -133,8 +133,8 @@ private:
         if (!TESSERA::hasFrameNumber(path) && !std::filesystem::is_regular_file(path, ec))
             throw ChainError(m_nodes.empty() && m_next == 1
                                  ? "'" + path +
-                                       "' is neither a command (render, demo, info, ops) nor a "
-                                       "file"
+                                       "' is neither a command (render, demo, info, mosaic, "
+                                       "ops) nor a file"
                                  : "no file '" + path + "'");
         const std::string id = newId("filein");
         m_nodes.push_back(json{{"id", id}, {"op", "filein"}, {"params", {{"path", path}}}});

@@ -4,6 +4,7 @@
 //   tessera FILE... --VERB [KEY=VALUE]... -o FILE  a graph written as a chain (chain.h)
 //   tessera demo [options]          the built-in demo graph, to out/
 //   tessera info FILE... [--stats]  what files hold
+//   tessera mosaic FILE... -o SHEET  a contact sheet
 //   tessera ops [NAME] [--markdown] the operations a graph may use
 //   tessera ops --pictures DIR      a picture of each, for the reference
 //
@@ -26,6 +27,7 @@
 #include "chain.h"
 #include "demo_graph.h"
 #include "info.h"
+#include "mosaic.h"
 #include "operator_pictures.h"
 #include "tessera.h"
 
@@ -333,13 +335,6 @@ int runChain(int argc, char** argv) {
 }
 
 int main(int argc, char** argv) {
-    // A first argument that is no command starts a chain.
-    static const char* const kCommands[] = {"render", "demo", "info",       "ops",
-                                            "--help", "-h",   "--help-all", "--version"};
-    if (argc > 1 && std::none_of(std::begin(kCommands), std::end(kCommands),
-                                 [&](const char* c) { return std::string(argv[1]) == c; }))
-        return runChain(argc, argv);
-
     CLI::App app("Renders Tessera graph files to image files.", "tessera");
     // Errors are one line each.
     app.failure_message([](const CLI::App*, const CLI::Error& e) {
@@ -387,6 +382,21 @@ int main(int argc, char** argv) {
                           "each channel's minimum, maximum, mean and NaN and infinite counts, as a "
                           "render reads them");
 
+    tessera_cli::MosaicSettings mosaic;
+    CLI::App* mosaicCommand = app.add_subcommand(
+        "mosaic", "a contact sheet: each file fitted into a cell and labelled with its name");
+    mosaicCommand->add_option("FILE", mosaic.files, "the files, in order")->required();
+    mosaicCommand->add_option("-o,--output", mosaic.output, "the sheet's file")->required();
+    mosaicCommand->add_option("--columns", mosaic.columns, "cells per row (default: a square)")
+        ->check(CLI::Range(1, 1024));
+    mosaicCommand
+        ->add_option("--cell", mosaic.cell, "each cell's width and height (default 320 180)")
+        ->expected(2)
+        ->type_name("W H");
+    mosaicCommand->add_flag("!--no-labels", mosaic.labels, "no file names under the pictures");
+    mosaicCommand->add_flag("--dump-graph", settings.dumpGraph, "print the graph, do not render");
+    addRenderOptions(*mosaicCommand, settings);
+
     CLI::App* opsCommand =
         app.add_subcommand("ops", "list the operations a graph may use, or describe one");
     opsCommand->add_option("NAME", opName, "one operation, in full");
@@ -396,6 +406,16 @@ int main(int argc, char** argv) {
                      "write DIR/NAME.png for every operation: its example on a standard plate")
         ->type_name("DIR");
 
+    // A first argument that is neither a command nor the program's own
+    // option starts a chain.
+    if (argc > 1) {
+        const std::string first = argv[1];
+        const auto commands =
+            app.get_subcommands([&](CLI::App* c) { return c->get_name() == first; });
+        if (commands.empty() && first != "--help" && first != "-h" && first != "--help-all" &&
+            first != "--version")
+            return runChain(argc, argv);
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -431,6 +451,15 @@ int main(int argc, char** argv) {
                               }));
         return status;
     }
+    if (mosaicCommand->parsed())
+        return reporting("mosaic", [&] {
+            const std::string graph = tessera_cli::mosaicGraph(mosaic);
+            if (settings.dumpGraph) {
+                std::cout << graph;
+                return 0;
+            }
+            return renderGraph(GraphSource{graph, "."}, settings);
+        });
     if (demoCommand->parsed())
         return reporting("demo graph", [&] {
             return renderGraph(GraphSource{kDemoGraph, "."}, settings);
