@@ -14,6 +14,7 @@ namespace TESSERA {
 /// usual stream insertion and the stream's default formatting.
 class TESSERA_API CacheIDStream : public std::ostringstream {
 public:
+    /// A stream holding `typeString`, the task's type.
     explicit CacheIDStream(const std::string& typeString) { *this << typeString; }
 };
 

@@ -14,7 +14,9 @@ namespace TESSERA {
 
 /// Where one output channel comes from.
 struct TESSERA_API ShuffleSource {
-    enum Kind { Input, Zero, One } kind = Input;
+    /// A channel of an input, or a constant 0 or 1.
+    enum Kind { Input, Zero, One };
+    Kind kind = Input;     ///< which of them
     int input = 0;         ///< 0 for a, 1 for b
     uint64_t channel = 0;  ///< one channel bit of that input
 };

@@ -16,14 +16,18 @@
 
 namespace TESSERA {
 
+/// One component of hue, saturation and value.
 enum HSVComponent : int { HSV_HUE = 0, HSV_SATURATION = 1, HSV_VALUE = 2 };
 
+/// A turn of hue and a change of saturation about the grey axis.
 struct TESSERA_API HueShiftParams {
     float hueShift = 0.0f;                                    ///< degrees about the grey axis
     float saturation = 1.0f;                                  ///< 0 grey, 1 unchanged
     Imath::Color3<float> weights{0.2126f, 0.7152f, 0.0722f};  ///< luma of grey
 };
 
+/// How bright values are tamed before a filter spreads them (and restored
+/// after), so highlights bloom instead of smearing.
 struct TESSERA_API BloomControlSettings {
     float threshold = 1.0f;  ///< values above it are scaled down...
     float gain = 0.5f;       ///< ...by this factor on the part above
@@ -31,6 +35,7 @@ struct TESSERA_API BloomControlSettings {
     bool luminance = true;   ///< act on luminance (hue kept) rather than per channel
 };
 
+/// An RGBA colour (premultiplied where it colours an image).
 using Color4f = Imath::Color4<float>;
 
 /// Per channel: max(c, low) when clampLow, min(c, high) when clampHigh.

@@ -45,6 +45,7 @@ TESSERA_API TaskPtr createCompositeTask(const std::string& name, float sampleRat
                                         bool extremaFlag, bool alphaFlag, bool cleanupClamp,
                                         float mix, TaskPtr a, TaskPtr b);
 
+/// How two mattes combine.
 enum class MatteOp { Max, Min, Multiply, Plus, Minus };
 
 /// b's colour with its alpha and a's combined: max(a, b), min(a, b), a b,

@@ -13,10 +13,11 @@ namespace TESSERA {
 /// label), the message and an integer code.
 class TESSERA_API RenderTaskRenderingException : public std::runtime_error {
 public:
+    /// what() reads "TASK: MESSAGE".
     RenderTaskRenderingException(const std::string& taskName, const std::string& message, int code);
-    const std::string& getTaskName() const { return m_taskName; }
-    const std::string& getMessage() const { return m_message; }
-    int getCode() const { return m_code; }
+    const std::string& getTaskName() const { return m_taskName; }  ///< the failed task's label
+    const std::string& getMessage() const { return m_message; }    ///< why, without the task
+    int getCode() const { return m_code; }                         ///< IMGLIB's status, or -1
 
 private:
     std::string m_taskName;
@@ -27,12 +28,13 @@ private:
 /// An IMGLIB operator returned an error status; the message is IMGLIB's.
 class TESSERA_API ImageLibRenderingException : public RenderTaskRenderingException {
 public:
-    using RenderTaskRenderingException::RenderTaskRenderingException;
+    using RenderTaskRenderingException::RenderTaskRenderingException;  ///< as its base
 };
 
 /// The render was cancelled.
 class TESSERA_API RenderCancelledException : public std::runtime_error {
 public:
+    /// what() is `message`.
     explicit RenderCancelledException(const std::string& message) : std::runtime_error(message) {}
 };
 

@@ -10,13 +10,21 @@
 namespace TESSERA {
 namespace expressions {
 
+/// A pixel's R, G, B and A, premultiplied.
 struct TESSERA_API Color4 {
-    float r = 0, g = 0, b = 0, a = 0;
+    float r = 0;  ///< red
+    float g = 0;  ///< green
+    float b = 0;  ///< blue
+    float a = 0;  ///< alpha
 
     Color4() = default;
+    /// The colour (r, g, b, a).
     Color4(float r, float g, float b, float a) : r(r), g(g), b(b), a(a) {}
+    /// Equal in every channel, exactly.
+    ///@{
     bool operator==(const Color4& o) const { return r == o.r && g == o.g && b == o.b && a == o.a; }
     bool operator!=(const Color4& o) const { return !(*this == o); }
+    ///@}
 };
 
 /// A copyable read/write view of one image by integer coordinates: either a
@@ -44,12 +52,15 @@ public:
     /// "You can't set the color on a background image".
     void setPixel(int x, int y, const Color4& color);
 
+    /// The bounds, and their size.
+    ///@{
     int left() const { return m_left; }
     int right() const { return m_right; }
     int bottom() const { return m_bottom; }
     int top() const { return m_top; }
     int width() const { return m_right - m_left; }
     int height() const { return m_top - m_bottom; }
+    ///@}
 
 private:
     bool inBounds(int x, int y) const {

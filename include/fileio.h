@@ -20,12 +20,14 @@
 
 namespace TESSERA {
 
+/// What a file input reads: which file, part, layer, view and mip level.
 struct TESSERA_API FileInParams {
     FileInParams() = default;
+    /// Part `subimage` of the file at `path`, its own R, G, B, A.
     explicit FileInParams(std::string path, int subimage = 0)
         : path(std::move(path)), subimage(subimage) {}
 
-    std::string path;
+    std::string path;  ///< the file (any format OpenImageIO reads; EXR read directly)
     /// Which part of a multi-part file (counted among the parts of `view`
     /// when one is chosen and the views are in parts of their own).
     int subimage = 0;
@@ -72,9 +74,10 @@ TESSERA_API void useRenderThreadsForFiles();
 
 /// The data and display windows of a file (throws like createFileInTask).
 struct TESSERA_API FileWindows {
-    UTIL::Rect dataWindow;
-    UTIL::Rect displayWindow;
+    UTIL::Rect dataWindow;     ///< where the file has pixels
+    UTIL::Rect displayWindow;  ///< the picture's frame (its format)
 };
+/// Reads them from part 0 of the file at `path`.
 TESSERA_API FileWindows readFileWindows(const std::string& path);
 
 /// What a file's header says, as `tessera info` shows it.
@@ -82,22 +85,26 @@ struct TESSERA_API FileChannelDescription {
     std::string name;  ///< as the file names it ("diffuse.R", "right.G")
     std::string type;  ///< "half", "float", "uint8", "uint16", "uint32", ...
 };
+/// One part of a file (one subimage of formats without parts).
 struct TESSERA_API FilePartDescription {
-    std::string name;                   ///< the part's name; empty when it has none
-    std::string view;                   ///< the part's view; empty when it has none
-    std::string storage;                ///< "scanline", "tiled", "deep scanline" or "deep tiled"
-    int tileWidth = 0, tileHeight = 0;  ///< tiled files
-    int levels = 1;                     ///< mip levels
-    std::string compression;            ///< "zip", "piz", "dwaa:45", ...; empty: none said
-    UTIL::Rect dataWindow, displayWindow;
-    std::vector<FileChannelDescription> channels;
+    std::string name;          ///< the part's name; empty when it has none
+    std::string view;          ///< the part's view; empty when it has none
+    std::string storage;       ///< "scanline", "tiled", "deep scanline" or "deep tiled"
+    int tileWidth = 0;         ///< tiled files: a tile's width
+    int tileHeight = 0;        ///< and its height
+    int levels = 1;            ///< mip levels
+    std::string compression;   ///< "zip", "piz", "dwaa:45", ...; empty: none said
+    UTIL::Rect dataWindow;     ///< where the part has pixels
+    UTIL::Rect displayWindow;  ///< the picture's frame
+    std::vector<FileChannelDescription> channels;  ///< in the order the reader gives them
     /// The other header attributes, each name with its value as text.
     std::vector<std::pair<std::string, std::string>> attributes;
 };
+/// A whole file, as describeFile reads it.
 struct TESSERA_API FileDescription {
-    std::string format;              ///< "openexr", "tiff", "png", ...
-    std::vector<std::string> views;  ///< a multi-view file's views, the default first
-    std::vector<FilePartDescription> parts;
+    std::string format;                      ///< "openexr", "tiff", "png", ...
+    std::vector<std::string> views;          ///< a multi-view file's views, the default first
+    std::vector<FilePartDescription> parts;  ///< every part, in the file's order
 };
 /// Reads the header of every part of a file (OpenImageIO's reading, with
 /// the views OpenEXR's header gives). Throws RenderTaskRenderingException
@@ -107,14 +114,16 @@ TESSERA_API FileDescription describeFile(const std::string& path);
 /// A header attribute an output writes: a string, or a number (an integer
 /// when it is whole, else a float).
 struct TESSERA_API FileAttribute {
-    std::string name;
-    std::string text;
-    double number = 0;
-    bool isNumber = false;
+    std::string name;       ///< the attribute's name in the header
+    std::string text;       ///< its value, when a string
+    double number = 0;      ///< its value, when a number
+    bool isNumber = false;  ///< which of the two it is
 };
 
+/// A file an output is written to, and how.
 struct TESSERA_API FileOutParams {
     FileOutParams() = default;
+    /// A file at `path`, of `dataType` (empty: the format's usual), compressed so.
     FileOutParams(std::string path, std::string dataType = std::string(),
                   std::string compression = "zip")
         : path(std::move(path)),
@@ -124,8 +133,8 @@ struct TESSERA_API FileOutParams {
     std::string path;                 ///< the format follows the extension
     std::string dataType;             ///< "half", "float", "uint8" or "uint16"; empty: the
                                       /// format's usual (EXR half, TIFF uint16, else uint8)
-    std::string compression = "zip";  // EXR and TIFF compression
-    std::string layout = "tiled";     // EXR: "tiled" or "scanline"
+    std::string compression = "zip";  ///< EXR and TIFF compression ("zip", "piz", "zip:4", ...)
+    std::string layout = "tiled";     ///< EXR: "tiled" or "scanline"
     int tileSize = 0;                 ///< EXR tiles: 0 for the render's; never above the image
     /// EXR: a file whose header attributes (chromaticities, frame rate,
     /// owner, custom ones; not its layout) the output carries over; then
@@ -164,6 +173,7 @@ public:
     void tileDone(const ImageBuffer& image, const OutputTileID& id) override;
     void outputFinished(size_t outputIndex) override;
     void renderFinished(RenderStatus status, const std::string& message) override;
+    /// Every file's failure so far, one per line; empty when none failed.
     std::string getErrors() const;
 
 private:

@@ -19,11 +19,12 @@
 
 namespace TESSERA {
 
+/// A separable blur's size and filters, and what it reads beyond the input.
 struct TESSERA_API BlurParams {
     float sizeX = 0.0f;  ///< filter width in pixels along x (1 or less: none)
-    float sizeY = 0.0f;
-    IMGLIB::FilterType filterX = IMGLIB::KERNEL_GAUSSIAN;
-    IMGLIB::FilterType filterY = IMGLIB::KERNEL_GAUSSIAN;
+    float sizeY = 0.0f;  ///< filter height in pixels along y (1 or less: none)
+    IMGLIB::FilterType filterX = IMGLIB::KERNEL_GAUSSIAN;  ///< the filter's shape along x
+    IMGLIB::FilterType filterY = IMGLIB::KERNEL_GAUSSIAN;  ///< the filter's shape along y
     /// Outside its data the input is its background colour (0), or extended
     /// by clamping (1) or mirroring (2) from the edge of extendRect (the
     /// input's data when empty), beyond it too with extendFlag.
@@ -34,9 +35,10 @@ struct TESSERA_API BlurParams {
     ///@}
 };
 
+/// A blur whose size may differ from channel to channel.
 struct TESSERA_API PerChannelBlurParameters {
     float channelScale[4] = {1.0f, 1.0f, 1.0f, 1.0f};  ///< size multiplier for R, G, B, A
-    BlurParams blur;
+    BlurParams blur;  ///< the size at a scale of 1, the filters and the extension
 };
 
 /// A separable blur: NAME.horzBlur along x, then NAME.vertBlur along y (the
@@ -58,13 +60,14 @@ TESSERA_API BloomControlSettings noBloom();
 /// A blur whose size follows a control image: `size` scaled by the control's
 /// channel times controlScale, clamped to [0, 1] (see IMGLIB::ImageBlur).
 struct TESSERA_API ImageBlurParams {
-    float sizeX = 10.0f;
-    float sizeY = 10.0f;
-    IMGLIB::FilterType filter = IMGLIB::KERNEL_GAUSSIAN;
-    uint64_t controlChannel = IMGLIB::CHANNEL_A;
-    float controlScale = 1.0f;
+    float sizeX = 10.0f;                                  ///< the widest blur, in pixels
+    float sizeY = 10.0f;                                  ///< the tallest blur, in pixels
+    IMGLIB::FilterType filter = IMGLIB::KERNEL_GAUSSIAN;  ///< the filter's shape
+    uint64_t controlChannel = IMGLIB::CHANNEL_A;          ///< the control's channel read
+    float controlScale = 1.0f;                            ///< the control value's factor
     int64_t layers = 8;  ///< fixed-size blurs blended between (1 to 256)
 };
+/// The image blurred as much as the control image says, pixel by pixel.
 TESSERA_API TaskPtr createImageBlur(const std::string& name, float time,
                                     const ImageBlurParams& params,
                                     const BloomControlSettings& bloom, TaskPtr image,
@@ -72,10 +75,10 @@ TESSERA_API TaskPtr createImageBlur(const std::string& name, float time,
 
 /// Defocus by a lens aperture `size` pixels across (IMGLIB::Defocus).
 struct TESSERA_API DefocusParams {
-    float size = 10.0f;
-    float aspect = 1.0f;
-    int64_t blades = 0;  ///< fewer than 3: a disc
-    float rotation = 0.0f;
+    float size = 10.0f;     ///< the aperture's width, in pixels
+    float aspect = 1.0f;    ///< its height over its width
+    int64_t blades = 0;     ///< fewer than 3: a disc
+    float rotation = 0.0f;  ///< the polygon's turn, in degrees
 };
 /// smoothEdges weighs pixels by the part of them inside the aperture.
 TESSERA_API TaskPtr createDefocusTask(const std::string& name, float time,
@@ -84,12 +87,13 @@ TESSERA_API TaskPtr createDefocusTask(const std::string& name, float time,
 /// Defocus whose diameter follows a control image: size x clamp(control x
 /// controlScale, 0, 1).
 struct TESSERA_API ImageDefocusParams {
-    DefocusParams defocus;
-    bool smoothEdges = true;
-    uint64_t controlChannel = IMGLIB::CHANNEL_A;
-    float controlScale = 1.0f;
-    int64_t layers = 8;
+    DefocusParams defocus;    ///< the largest aperture
+    bool smoothEdges = true;  ///< weigh pixels by the part of them inside the aperture
+    uint64_t controlChannel = IMGLIB::CHANNEL_A;  ///< the control's channel read
+    float controlScale = 1.0f;                    ///< the control value's factor
+    int64_t layers = 8;                           ///< fixed-size defocuses blended between
 };
+/// The image defocused as much as the control image says, pixel by pixel.
 TESSERA_API TaskPtr createImageDefocusTask(const std::string& name, float time,
                                            const ImageDefocusParams& params, TaskPtr image,
                                            TaskPtr control);
@@ -98,10 +102,10 @@ TESSERA_API TaskPtr createImageDefocusTask(const std::string& name, float time,
 /// bounds when empty), the pixel at the centre (kernelRect's middle, rounded
 /// down, unless `centred` is off) over the output pixel.
 struct TESSERA_API ImageConvolveParams {
-    UTIL::Rect kernelRect;
-    bool centred = true;
-    int64_t centreX = 0;
-    int64_t centreY = 0;
+    UTIL::Rect kernelRect;  ///< the kernel's pixels (its data's bounds when empty)
+    bool centred = true;    ///< the kernel's middle over the output pixel (else centreX, centreY)
+    int64_t centreX = 0;    ///< the kernel pixel over the output pixel, when not centred
+    int64_t centreY = 0;    ///< (its y)
 };
 /// normalize divides each channel by the sum of its kernel weights.
 TESSERA_API TaskPtr createImageConvolveTask(const std::string& name, float time, bool normalize,
@@ -112,6 +116,8 @@ TESSERA_API TaskPtr createImageConvolveTask(const std::string& name, float time,
 TESSERA_API TaskPtr createEnergyNormalizationTask(const std::string& name, float time,
                                                   const UTIL::Rect& rect, TaskPtr kernel);
 
+/// A blur along rays from a centre, or around it (IMGLIB::RadialBlur); what it
+/// reads beyond the input as BlurParams says.
 TESSERA_API TaskPtr createRadialBlur(const std::string& name, float time,
                                      const IMGLIB::RadialBlurParams& params,
                                      IMGLIB::ExtendMethod extendMethod, bool extendFlag,
@@ -119,13 +125,14 @@ TESSERA_API TaskPtr createRadialBlur(const std::string& name, float time,
 
 /// A blur along a line (IMGLIB::LineBlur).
 struct TESSERA_API DirectionalBlurParams {
-    float length = 10.0f;
-    float angle = 0.0f;   ///< degrees counter-clockwise from +x
-    float offset = 0.0f;  ///< -1 behind, 0 centred, 1 ahead
-    float density = 1.0f;
-    IMGLIB::FilterType filter = IMGLIB::KERNEL_BOX;
-    bool bilinear = true;
+    float length = 10.0f;                            ///< the line's length, in pixels
+    float angle = 0.0f;                              ///< degrees counter-clockwise from +x
+    float offset = 0.0f;                             ///< -1 behind, 0 centred, 1 ahead
+    float density = 1.0f;                            ///< samples per pixel of length
+    IMGLIB::FilterType filter = IMGLIB::KERNEL_BOX;  ///< the weights along the line
+    bool bilinear = true;  ///< samples between pixels interpolated (else the nearest)
 };
+/// The input blurred along a line.
 TESSERA_API TaskPtr createDirectionalBlur(const std::string& name, float time,
                                           const DirectionalBlurParams& params,
                                           const BloomControlSettings& bloom, TaskPtr input);
@@ -133,46 +140,55 @@ TESSERA_API TaskPtr createDirectionalBlur(const std::string& name, float time,
 /// Motion blur along per-pixel vectors (IMGLIB::VectorBlur, or
 /// IMGLIB::VectorSplat when splat is set).
 struct TESSERA_API VectorBlurParams {
-    IMGLIB::VectorBlurSettings vectors;
-    bool splat = false;
+    IMGLIB::VectorBlurSettings vectors;  ///< how the vectors are read and sampled
+    bool splat = false;                  ///< scatter each pixel along its vector (else gather)
 };
+/// The image blurred along the vectors image's per-pixel vectors.
 TESSERA_API TaskPtr createVectorBlur(const std::string& name, float time,
                                      const VectorBlurParams& params,
                                      const BloomControlSettings& bloom, TaskPtr image,
                                      TaskPtr vectors);
 
+/// A median window and what it replaces.
 struct TESSERA_API MedianFilterParams {
-    float sizeX = 3.0f;  ///< window widths
-    float sizeY = 3.0f;
-    bool circular = false;
+    float sizeX = 3.0f;      ///< the window's width, in pixels
+    float sizeY = 3.0f;      ///< its height
+    bool circular = false;   ///< an elliptical window (else a rectangle)
     float threshold = 0.0f;  ///< > 0: replace only outliers
 };
+/// Each pixel the median of its window, channel by channel.
 TESSERA_API TaskPtr createMedianFilterTask(const std::string& name, float time,
                                            const MedianFilterParams& params, TaskPtr input);
 
 /// Radii in pixels: positive dilates, negative erodes.
 struct TESSERA_API ErodeDilateParams {
-    float radiusX = 1.0f;
-    float radiusY = 1.0f;
+    float radiusX = 1.0f;  ///< along x
+    float radiusY = 1.0f;  ///< along y
 };
+/// Each pixel the maximum (dilate) or minimum (erode) of an ellipse around it.
 TESSERA_API TaskPtr createErodeDilateTask(const std::string& name, float time,
                                           const ErodeDilateParams& params, TaskPtr input);
 
+/// An edge-preserving smoothing's reach and falloffs.
 struct TESSERA_API BilateralFilterParams {
-    uint32_t radiusX = 5;
-    uint32_t radiusY = 5;
-    float sigmaSpatial = 3.0f;
-    float sigmaRange = 0.1f;
+    uint32_t radiusX = 5;       ///< the window's half width, in pixels
+    uint32_t radiusY = 5;       ///< its half height
+    float sigmaSpatial = 3.0f;  ///< the Gaussian falloff with distance, in pixels
+    float sigmaRange = 0.1f;    ///< the Gaussian falloff with difference of value
 };
+/// Each pixel a mean of its neighbours weighted by distance and by likeness.
 TESSERA_API TaskPtr createBilateralFilterTask(const std::string& name, float time,
                                               const BilateralFilterParams& params, TaskPtr input);
 
+/// How gradients are measured: Sobel's 3x3 operator, or Babu's oriented masks.
 enum EdgeDetectMethod : int32_t { EDGE_SOBEL = 0, EDGE_BABU = 1 };
+/// An edge detector's method and what it gives.
 struct TESSERA_API EdgeDetectParams {
-    EdgeDetectMethod method = EDGE_SOBEL;
-    bool select = false;     ///< thin 0/1 edges instead of the gradient magnitude
-    float threshold = 0.1f;  ///< the weakest edge selected
+    EdgeDetectMethod method = EDGE_SOBEL;  ///< the gradient operator
+    bool select = false;                   ///< thin 0/1 edges instead of the gradient magnitude
+    float threshold = 0.1f;                ///< the weakest edge selected
 };
+/// The input's edges, channel by channel.
 TESSERA_API TaskPtr createEdgeDetectTask(const std::string& name, float time,
                                          const EdgeDetectParams& params, TaskPtr input);
 
@@ -188,13 +204,14 @@ TESSERA_API TaskPtr createPerimeterExtendTask(const std::string& name, float tim
 
 /// Highlights a glint streaks (IMGLIB::GlintControl).
 struct TESSERA_API GlintControlParams {
-    float threshold = 1.0f;
-    float gain = 1.0f;
+    float threshold = 1.0f;  ///< the brightness above which a pixel streaks
+    float gain = 1.0f;       ///< the factor of what exceeds it
 };
+/// A glint's star of streaks.
 struct TESSERA_API GlintParams {
-    int64_t rays = 4;
-    float length = 50.0f;
-    float rotation = 45.0f;
+    int64_t rays = 4;        ///< streaks around each highlight
+    float length = 50.0f;    ///< each streak's length, in pixels
+    float rotation = 45.0f;  ///< the first streak's angle, in degrees
 };
 /// Streaks of `source` (the image itself when null) added to the image when
 /// addToImage, else alone.
@@ -207,13 +224,14 @@ TESSERA_API TaskPtr createGlintControlTask(const std::string& name, float time,
 
 /// Depth of field from a depth image.
 struct TESSERA_API DepthOfFieldParams {
-    IMGLIB::LensParams lens;
-    uint64_t depthChannel = IMGLIB::CHANNEL_Z;
+    IMGLIB::LensParams lens;                    ///< focal length, f-stop and focus distance
+    uint64_t depthChannel = IMGLIB::CHANNEL_Z;  ///< the depth image's channel read
     bool physical = false;           ///< scatter (IMGLIB::PhysicalDepthOfField) rather than gather
     IMGLIB::ApertureShape aperture;  ///< of the gathering depth of field
     int64_t layers = 8;              ///< of the gathering depth of field
     float cleanupRadius = 2.0f;      ///< of the depth clean-up
 };
+/// What a circle-of-confusion task gives for each pixel.
 enum CircleOfConfusionOutputType : int32_t {
     COC_OUTPUT_COC = 0,      ///< each pixel's own circle
     COC_OUTPUT_MINIMAL = 1,  ///< the smallest within the largest circle's radius

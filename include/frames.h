@@ -28,18 +28,21 @@ TESSERA_API std::string framePath(const std::string& path, int frame);
 /// Whether a path carries a frame number in one of those forms.
 TESSERA_API bool hasFrameNumber(const std::string& path);
 
+/// A frame that was not written, and why.
 struct FrameFailure {
-    int frame;
-    std::string message;
+    int frame;            ///< the frame
+    std::string message;  ///< the reason, naming the frame
 };
 
 /// Where a sequence is: the frame being rendered (index of count) and its tiles.
 struct SequenceProgress {
-    int frame = 0;
-    size_t index = 0, count = 0;
-    RenderProgress tiles;
+    int frame = 0;         ///< the frame rendering
+    size_t index = 0;      ///< its place in the sequence, from 0
+    size_t count = 0;      ///< the frames of the sequence
+    RenderProgress tiles;  ///< the frame's tiles
 };
 
+/// How a sequence reports, and is stopped.
 struct SequenceOptions {
     /// Called on the calling thread while a frame renders; throwing from it
     /// cancels the sequence, and the exception leaves the call.

@@ -69,14 +69,15 @@ TESSERA_API TaskPtr createFourCornerGradientTask(const std::string& name, float 
 enum class TextAlign { Left, Centre, Right };
 ///@}
 
+/// Lines of text: what, in which font, how large, where.
 struct TESSERA_API TextParams {
-    std::string text;  ///< UTF-8; "\n" starts a new line
-    std::string font;  ///< a font file; empty: defaultFont()
-    float size = 48;   ///< pixels per em
-    Color4f color{1, 1, 1, 1};
-    Imath::V2f position{10, 50};  ///< the first baseline's left end, centre or right end
-    TextAlign align = TextAlign::Left;
-    float lineSpacing = 1;  ///< baseline distance in the font's line heights
+    std::string text;                   ///< UTF-8; "\n" starts a new line
+    std::string font;                   ///< a font file; empty: defaultFont()
+    float size = 48;                    ///< pixels per em
+    Color4f color{1, 1, 1, 1};          ///< the glyphs' colour, times their coverage
+    Imath::V2f position{10, 50};        ///< the first baseline's left end, centre or right end
+    TextAlign align = TextAlign::Left;  ///< each line about position.x
+    float lineSpacing = 1;              ///< baseline distance in the font's line heights
 };
 
 /// The font text uses when none is given (DejaVu Sans).

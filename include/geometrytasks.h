@@ -30,6 +30,7 @@ TESSERA_API TaskPtr createDataWindowTask(const std::string& name, float time,
 TESSERA_API TaskPtr createRepositionTask(const std::string& name, float time, int64_t dx,
                                          int64_t dy, TaskPtr input);
 
+/// An exact re-arrangement of pixels.
 enum class Orientation {
     Flip,       ///< top to bottom
     Flop,       ///< left to right

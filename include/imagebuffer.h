@@ -35,16 +35,16 @@ public:
     /// Releasing a handle never throws.
     ~ImageBuffer();
 
-    void setNull();
-    bool isNull() const { return m_impl.is_null(); }
+    void setNull();                                   ///< lets go of the image
+    bool isNull() const { return m_impl.is_null(); }  ///< no image
     /// Same image.
     ///@{
     bool operator==(const ImageBuffer& o) const { return m_impl == o.m_impl; }
     bool operator!=(const ImageBuffer& o) const { return m_impl != o.m_impl; }
     ///@}
 
-    uint64_t getChannels() const;
-    UTIL::Rect getBounds() const;
+    uint64_t getChannels() const;  ///< the channel bits it holds
+    UTIL::Rect getBounds() const;  ///< the pixels it covers
     /// Bytes of pixel memory the image takes (rows padded to 16 bytes); 0 when null.
     int64_t getSize() const;
     /// "unallocated image buffer" for a null handle.
@@ -77,6 +77,7 @@ private:
 /// Locks a buffer for its own lifetime.
 class TESSERA_API ImageBuffer_LockScoper {
 public:
+    /// Locks `buffer` until this is destroyed.
     explicit ImageBuffer_LockScoper(ImageBuffer& buffer) : m_buffer(&buffer) { m_buffer->lock(); }
     ~ImageBuffer_LockScoper();
     ImageBuffer_LockScoper(const ImageBuffer_LockScoper&) = delete;
@@ -104,13 +105,14 @@ private:
 /// An image that is locked from construction to destruction.
 class TESSERA_API TempImageBuffer {
 public:
+    /// A new image of `channels` over `bounds`, locked; `comment` names it in reports.
     TempImageBuffer(uint64_t channels, const UTIL::Rect& bounds, const std::string& comment);
     ~TempImageBuffer();
     TempImageBuffer(const TempImageBuffer&) = delete;
     TempImageBuffer& operator=(const TempImageBuffer&) = delete;
 
-    ImageBuffer& imageBuffer() { return m_buffer; }
-    const IMGLIB::Image* getImage() const { return m_buffer.getImage(); }
+    ImageBuffer& imageBuffer() { return m_buffer; }                        ///< the buffer, to share
+    const IMGLIB::Image* getImage() const { return m_buffer.getImage(); }  ///< its pixels
 
 private:
     ImageBuffer m_buffer;

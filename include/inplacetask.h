@@ -41,6 +41,7 @@ public:
     virtual const IMGLIB::PointOp* getPointOp() const { return nullptr; }
 };
 
+/// Operators are shared by reference count.
 using InPlaceOpPtr = RCX_ptr_v4::ref_ptr<InPlaceOp>;
 
 /// A task of one input whose operators run one after the other on one

@@ -23,6 +23,7 @@ public:
                                              const std::vector<RenderDescription>& outputs) = 0;
 };
 
+/// Prioritizers are shared by reference count.
 using OutputTilePrioritizerPtr = RCX_ptr_v4::ref_ptr<OutputTilePrioritizer>;
 
 /// Outputs in order, each top row first, left to right: how a batch render
@@ -38,6 +39,7 @@ public:
 class TESSERA_API CenterOutTilePrioritizer : public OutputTilePrioritizer {
 public:
     CenterOutTilePrioritizer() = default;
+    /// Nearest to the pixel (x, y) first, in every output.
     CenterOutTilePrioritizer(double x, double y) : m_hasCenter(true), m_x(x), m_y(y) {}
     std::vector<uint32_t> prioritize(const std::vector<OutputTileID>& tiles,
                                      const std::vector<RenderDescription>& outputs) override;

@@ -17,18 +17,19 @@ enum RenderType : int {
     RENDERTYPE_BATCH = 1,       ///< final frames written to disk
     RENDERTYPE_BACKGROUND = 2,  ///< thumbnails, proxies, caches warmed ahead
 };
-constexpr int RENDERTYPE_COUNT = 3;
+constexpr int RENDERTYPE_COUNT = 3;  ///< how many queues there are
 
 /// One output of a render: the area and channels wanted of a task. Its
 /// position in the render's list is the output index OutputTileID reports.
 struct TESSERA_API RenderDescription {
     RenderDescription() = default;
+    /// `channels` of `task` over `rect`.
     RenderDescription(TaskPtr task, const UTIL::Rect& rect, uint64_t channels)
         : task(std::move(task)), rect(rect), channels(channels) {}
 
-    TaskPtr task;
-    UTIL::Rect rect;
-    uint64_t channels = 0;
+    TaskPtr task;           ///< what to render
+    UTIL::Rect rect;        ///< the area wanted
+    uint64_t channels = 0;  ///< the channel bits wanted
 };
 
 }  // namespace TESSERA

@@ -19,11 +19,13 @@ namespace TESSERA {
 
 /// How far a render is: output tiles delivered of all it has.
 struct RenderProgress {
-    uint64_t tilesDone = 0;
-    uint64_t tilesTotal = 0;
+    uint64_t tilesDone = 0;   ///< output tiles delivered
+    uint64_t tilesTotal = 0;  ///< output tiles in all
+    /// Done over total: 0 to 1 (1 for a render of no tiles).
     double fraction() const { return tilesTotal ? double(tilesDone) / double(tilesTotal) : 1.0; }
 };
 
+/// How a blocking render reports, is cancelled, and queues.
 struct RenderOptions {
     /// Called on the calling thread while the render runs (whenever it
     /// wakes, at least every 25 ms) and once at the end. Throwing from it
@@ -54,9 +56,9 @@ TESSERA_API void renderInto(const TaskPtr& task, const IMGLIB::Image& destinatio
 /// An image a render filled: interleaved 32-bit floats, one value per
 /// channel of `channels` in ascending bit order, rows without padding.
 struct TESSERA_API RenderedImage {
-    uint64_t channels = 0;
-    UTIL::Rect rect;
-    std::vector<float> pixels;
+    uint64_t channels = 0;      ///< the channel bits, in the pixels' order
+    UTIL::Rect rect;            ///< the area rendered
+    std::vector<float> pixels;  ///< rows from rect.ymin, rect.width() pixels each
     /// The record IMGLIB's functions take; valid while pixels is unchanged.
     IMGLIB::Image image();
 };

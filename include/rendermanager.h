@@ -92,8 +92,8 @@ public:
     ///@}
 
     static void setSpeculativeCachingEnable(bool enable);  ///< on by default
-    static bool getSpeculativeCachingEnable();
-    static void clearSpeculativeCache();
+    static bool getSpeculativeCachingEnable();             ///< whether finished tiles are kept
+    static void clearSpeculativeCache();  ///< drops every kept tile (and its swap file)
     /// "ramCache" with one "cacheRecord" per cached tile image.
     static Orrery3::XmlIO::v1::ElementPtr GetSpeculativeCacheContents();
 
@@ -123,6 +123,7 @@ public:
     static int64_t GetMaxDiskUsage();
     ///@}
 
+    /// Time spent in the render system's own stages, for the render log.
     static UTIL::TaskProfiler s_renderSystemProfiler;
 };
 

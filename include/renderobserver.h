@@ -15,9 +15,10 @@ namespace TESSERA {
 /// Which tile of which output a finished tile is.
 struct TESSERA_API OutputTileID {
     size_t outputIndex = 0;  ///< index of the RenderDescription in the render
-    TileID tileID;
+    TileID tileID;           ///< the tile, in the output's task's grid
 };
 
+/// How a render ended: every output tile delivered, a failure, or cancelled.
 enum class RenderStatus { Success, Error, Cancelled };
 
 /// Called from the render threads: implementations must be thread-safe and
@@ -37,6 +38,7 @@ public:
     virtual void renderFinished(RenderStatus status, const std::string& message);
 };
 
+/// Observers are shared by reference count.
 using RenderObserverPtr = RCX_ptr_v4::ref_ptr<RenderObserver>;
 
 }  // namespace TESSERA

@@ -20,26 +20,30 @@ namespace TESSERA {
 /// share one grid.
 class TESSERA_API TileID {
 public:
-    static constexpr int INFINITE_SIZE = -1;
+    static constexpr int INFINITE_SIZE = -1;  ///< a tile size with no end
 
     TileID() = default;
+    /// The tile in column xIndex and row yIndex of a grid of tiles this size.
     TileID(int16_t xIndex, int16_t yIndex, int32_t tileWidth, int32_t tileHeight)
         : m_xIndex(xIndex), m_yIndex(yIndex), m_tileWidth(tileWidth), m_tileHeight(tileHeight) {}
 
-    int16_t xIndex() const { return m_xIndex; }
-    int16_t yIndex() const { return m_yIndex; }
-    int32_t getTileWidth() const { return m_tileWidth; }
-    int32_t getTileHeight() const { return m_tileHeight; }
+    int16_t xIndex() const { return m_xIndex; }             ///< its column
+    int16_t yIndex() const { return m_yIndex; }             ///< its row
+    int32_t getTileWidth() const { return m_tileWidth; }    ///< the grid's tile width
+    int32_t getTileHeight() const { return m_tileHeight; }  ///< the grid's tile height
 
     /// The pixels the tile covers. A row tile (infinite width) is a strip
     /// across the "infinite" extent; a tile with infinite height is the whole
     /// infinite square.
     UTIL::Rect rect() const;
 
+    /// The same place in the grid.
+    ///@{
     bool operator==(const TileID& o) const {
         return m_xIndex == o.m_xIndex && m_yIndex == o.m_yIndex;
     }
     bool operator!=(const TileID& o) const { return !(*this == o); }
+    ///@}
     /// Row-major: top row first, left to right within a row.
     bool operator<(const TileID& o) const {
         return m_yIndex != o.m_yIndex ? m_yIndex < o.m_yIndex : m_xIndex < o.m_xIndex;

@@ -16,6 +16,7 @@
 
 namespace TESSERA {
 
+/// How a matrix transform filters.
 struct TESSERA_API HomTransformParams {
     IMGLIB::KernelType primaryKernel = IMGLIB::KERNEL_CATMULL_ROM;    ///< reconstructs
     IMGLIB::KernelType secondaryKernel = IMGLIB::KERNEL_CATMULL_ROM;  ///< where it minifies
@@ -42,10 +43,12 @@ TESSERA_API TaskPtr createHomTransformTask(const std::string& name, float time,
 /// a reduction is free of aliasing). The output's box is the input's box
 /// mapped; pixels the filter reads beyond the input's box are `extend`ed.
 struct TESSERA_API ResizeParams {
-    float scaleX = 1, scaleY = 1;
-    float translateX = 0, translateY = 0;
-    IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;
-    IMGLIB::ExtendMethod extend = IMGLIB::EXTEND_CLAMP;
+    float scaleX = 1;      ///< the factor of width
+    float scaleY = 1;      ///< the factor of height
+    float translateX = 0;  ///< the move right after scaling, in pixels
+    float translateY = 0;  ///< the move down after scaling
+    IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;  ///< the reconstruction filter
+    IMGLIB::ExtendMethod extend = IMGLIB::EXTEND_CLAMP;   ///< what it reads beyond the box
     /// When not empty, the output's box exactly (a resize to a size in whole
     /// pixels), in place of the input's box mapped and rounded outwards.
     UTIL::Rect box;
@@ -63,11 +66,16 @@ TESSERA_API TaskPtr createResizeTask(const std::string& name, float time,
 /// whole input. Give the plate's format when chaining: an overscanned
 /// result has a larger box than the plate.
 struct TESSERA_API LensDistortionParams {
-    float k1 = 0, k2 = 0, k3 = 0, p1 = 0, p2 = 0;
-    Imath::V2f centre{0, 0};
-    UTIL::Rect format;
-    bool undistort = false;
+    float k1 = 0;             ///< radial, r^2
+    float k2 = 0;             ///< radial, r^4
+    float k3 = 0;             ///< radial, r^6
+    float p1 = 0;             ///< tangential
+    float p2 = 0;             ///< tangential
+    Imath::V2f centre{0, 0};  ///< the distortion's centre off the format's, in pixels
+    UTIL::Rect format;        ///< the frame the units follow (null: the input's box)
+    bool undistort = false;   ///< remove the distortion instead of applying it
 };
+/// The input distorted (or undistorted) as the parameters say.
 TESSERA_API TaskPtr createLensDistortionTask(const std::string& name, float time,
                                              const LensDistortionParams& params, TaskPtr input);
 

@@ -18,8 +18,8 @@ enum Channel : uint64_t {
     CHANNEL_V = 1u << 6,  ///< motion vector, y
 };
 
-constexpr uint64_t CHANNELS_RGB = CHANNEL_R | CHANNEL_G | CHANNEL_B;
-constexpr uint64_t CHANNELS_RGBA = CHANNELS_RGB | CHANNEL_A;
+constexpr uint64_t CHANNELS_RGB = CHANNEL_R | CHANNEL_G | CHANNEL_B;  ///< colour
+constexpr uint64_t CHANNELS_RGBA = CHANNELS_RGB | CHANNEL_A;          ///< colour and alpha
 /// Bits 0 to 6 are the channels above; every other bit is a named channel
 /// ("diffuse.R", "forward.u", "mask") that takes its bit from the registry
 /// of channel names (channels.h) when first named.
@@ -39,16 +39,16 @@ enum ExtendMethod : int {
 /// pixelPtr + (y - y1) * rowBytes + (x - x1) * pixelBytes. The record does not
 /// own its pixels.
 struct Image {
-    uint64_t channels = 0;
-    int64_t x1 = 0;
-    int64_t y1 = 0;
-    int64_t x2 = 0;
-    int64_t y2 = 0;
-    int64_t rowBytes = 0;
-    void* pixelPtr = nullptr;
+    uint64_t channels = 0;     ///< channel bits; a pixel holds one float per bit, in bit order
+    int64_t x1 = 0;            ///< first column
+    int64_t y1 = 0;            ///< first row
+    int64_t x2 = 0;            ///< past the last column
+    int64_t y2 = 0;            ///< past the last row
+    int64_t rowBytes = 0;      ///< from one row to the next
+    void* pixelPtr = nullptr;  ///< pixel (x1, y1)
 
-    int64_t width() const { return x2 > x1 ? x2 - x1 : 0; }
-    int64_t height() const { return y2 > y1 ? y2 - y1 : 0; }
+    int64_t width() const { return x2 > x1 ? x2 - x1 : 0; }   ///< columns
+    int64_t height() const { return y2 > y1 ? y2 - y1 : 0; }  ///< rows
     /// First pixel of row y.
     float* row(int64_t y) const {
         return reinterpret_cast<float*>(static_cast<unsigned char*>(pixelPtr) +

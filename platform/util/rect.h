@@ -18,17 +18,19 @@ public:
     static constexpr int64_t INFINITE_EXTENT = 1000000;
 
     Rect() = default;
+    /// The pixels xmin <= x < xmax, ymin <= y < ymax.
     Rect(int64_t xmin, int64_t ymin, int64_t xmax, int64_t ymax)
         : xmin(xmin), ymin(ymin), xmax(xmax), ymax(ymax) {}
 
     /// [-1000000, -1000000, 1000000, 1000000).
     static Rect infinite();
 
-    bool isNull() const { return xmin >= xmax || ymin >= ymax; }
-    int64_t width() const { return isNull() ? 0 : xmax - xmin; }
-    int64_t height() const { return isNull() ? 0 : ymax - ymin; }
-    int64_t area() const { return width() * height(); }
+    bool isNull() const { return xmin >= xmax || ymin >= ymax; }   ///< holds no pixel
+    int64_t width() const { return isNull() ? 0 : xmax - xmin; }   ///< columns (0 when null)
+    int64_t height() const { return isNull() ? 0 : ymax - ymin; }  ///< rows (0 when null)
+    int64_t area() const { return width() * height(); }            ///< pixels
 
+    /// Pixel (x, y) is inside.
     bool contains(int64_t x, int64_t y) const {
         return x >= xmin && x < xmax && y >= ymin && y < ymax;
     }
@@ -56,10 +58,10 @@ public:
     bool operator!=(const Rect& r) const { return !(*this == r); }
     ///@}
 
-    int64_t xmin = 0;
-    int64_t ymin = 0;
-    int64_t xmax = 0;
-    int64_t ymax = 0;
+    int64_t xmin = 0;  ///< first column
+    int64_t ymin = 0;  ///< first row
+    int64_t xmax = 0;  ///< past the last column
+    int64_t ymax = 0;  ///< past the last row
 };
 
 /// "[xmin, ymin, xmax, ymax)", or "[null]" for a null rectangle.

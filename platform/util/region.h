@@ -16,12 +16,12 @@ namespace UTIL {
 class TESSERA_API Region {
 public:
     Region() = default;
-    explicit Region(const Rect& r) { add(r); }
+    explicit Region(const Rect& r) { add(r); }  ///< the rectangle alone
 
-    const std::vector<Rect>& rects() const { return m_rects; }
-    size_t size() const { return m_rects.size(); }
-    bool isEmpty() const { return m_rects.empty(); }
-    void clear() { m_rects.clear(); }
+    const std::vector<Rect>& rects() const { return m_rects; }  ///< disjoint, in no order
+    size_t size() const { return m_rects.size(); }              ///< how many rectangles
+    bool isEmpty() const { return m_rects.empty(); }            ///< holds no pixel
+    void clear() { m_rects.clear(); }                           ///< holds nothing
 
     /// Union with r (null rectangles are ignored).
     ///@{
