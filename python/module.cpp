@@ -272,11 +272,11 @@ TaskPtr fromArray(const py::array& input, std::optional<std::string> channels,
 TaskPtr createOperation(const std::string& operation, const std::string& node,
                         const std::string& paramsJson,
                         const std::map<std::string, std::optional<TaskPtr>>& inputs,
-                        const std::string& baseDirectory) {
+                        const std::string& baseDirectory, int frame) {
     std::map<std::string, TaskPtr> tasks;
     for (const auto& [name, task] : inputs)
         if (task && *task) tasks[name] = *task;
-    return createOperationTask(operation, node, paramsJson, tasks, baseDirectory);
+    return createOperationTask(operation, node, paramsJson, tasks, baseDirectory, frame);
 }
 
 std::vector<ParameterOverride> overridesOf(const std::map<std::string, std::string>& set) {
@@ -436,7 +436,7 @@ PYBIND11_MODULE(_tessera, m) {
         .def_readonly("aliases", &OperationDescription::aliases);
     m.def("list_operations", &listOperations, "Every operation a graph may use.");
     m.def("_create", &createOperation, py::arg("operation"), py::arg("node"), py::arg("params"),
-          py::arg("inputs"), py::arg("base_directory") = ".");
+          py::arg("inputs"), py::arg("base_directory") = ".", py::arg("frame") = 0);
 
     py::class_<FileOutParams>(m, "OutputFile")
         .def_readonly("path", &FileOutParams::path)

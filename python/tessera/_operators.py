@@ -65,7 +65,7 @@ def _operation_function(op):
                           default=None if optional else inspect.Parameter.empty)
         for name, optional in zip(op.inputs, op.optional_inputs)
     ]
-    taken = set(op.inputs) | {"name", "base_directory"}
+    taken = set(op.inputs) | {"name", "base_directory", "frame"}
     params = {}
     for p in op.parameters:
         default = json.loads(p.default) if p.default else inspect.Parameter.empty
@@ -75,6 +75,9 @@ def _operation_function(op):
     inputs.append(inspect.Parameter("name", inspect.Parameter.KEYWORD_ONLY, default=None))
     inputs.append(inspect.Parameter("base_directory", inspect.Parameter.KEYWORD_ONLY,
                                     default="."))
+    # Numbered paths (in.####.exr) and animated values are taken at this
+    # frame; to_graph writes them as given, for every frame.
+    inputs.append(inspect.Parameter("frame", inspect.Parameter.KEYWORD_ONLY, default=0))
     signature = inspect.Signature(inputs)
 
     def build(*args, **kwargs):
@@ -95,7 +98,8 @@ def _operation_function(op):
                   for k, v in given.items() if k in params}
         base = given.get("base_directory", ".")
         task = _tessera._create(op.name, node, json.dumps(values),
-                                {n: tasks.get(n) for n in op.inputs}, base)
+                                {n: tasks.get(n) for n in op.inputs}, base,
+                                given.get("frame", 0))
         task._node = Node(op.name, node, values, tasks, base)
         return task
 

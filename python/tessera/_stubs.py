@@ -92,7 +92,7 @@ def _doc(text, indent):
 
 
 def _operator(op, method):
-    taken = set(op.inputs) | {"name", "base_directory"}
+    taken = set(op.inputs) | {"name", "base_directory", "frame"}
     arguments = ["self"] if method else []
     inputs = op.inputs[1:] if method else op.inputs
     optional = op.optional_inputs[1:] if method else op.optional_inputs
@@ -102,7 +102,7 @@ def _operator(op, method):
     for p in op.parameters:
         default = " = ..." if p.default else ""
         arguments.append(f"{_python_name(p.name, taken)}: {_parameter_type(p)}{default}")
-    arguments += ["name: Optional[str] = ...", "base_directory: str = ..."]
+    arguments += ["name: Optional[str] = ...", "base_directory: str = ...", "frame: int = ..."]
     indent = "    " if method else ""
     return (f"{indent}def {_python_name(op.name) if method else op.name}("
             + ", ".join(arguments) + ") -> Task:\n"

@@ -229,12 +229,17 @@ def test_a_graph_built_in_python_is_farmed_as_written_locally(shot, monkeypatch)
     equal what Task.write renders locally."""
     from tessera import farm
 
-    graded = tessera.filein(path="in.0002.exr").blur(size=[5, 5]).gain(gain=[1.1, 1, 0.9, 1])
-    result = farm.render({"farmed.####.exr": graded}, frames=[1, 2, 3], workers=2, threads=1)
+    def graded(frame):
+        plate = tessera.filein(path="in.####.exr", frame=frame)
+        return plate.blur(size=[5, 5]).gain(gain=[1.1, 1, 0.9, 1])
+
+    result = farm.render({"farmed.####.exr": graded(1)}, frames=[1, 2, 3], workers=2, threads=1)
     assert result == {"written": [1, 2, 3], "failed": {}}
-    graded.write("local.exr")
     for frame in (1, 3):
-        assert open(f"farmed.{frame:04d}.exr", "rb").read() == open("local.exr", "rb").read()
+        graded(frame).write(f"local.{frame}.exr")
+        assert open(f"farmed.{frame:04d}.exr", "rb").read() == \
+            open(f"local.{frame}.exr", "rb").read()
+    assert open("farmed.0001.exr", "rb").read() != open("farmed.0003.exr", "rb").read()
     assert not [p for p in os.listdir(".") if p.startswith(".tessera-farm-")]
     # No frame of the graph loads (frame 0 has no input): refused at once.
     with pytest.raises(farm.Refused, match="in.0000.exr"):

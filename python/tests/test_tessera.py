@@ -261,7 +261,7 @@ def test_every_numeric_parameter_refuses_values_beyond_its_declared_range():
     refused = 0
     for op in tessera.list_operations():
         function = getattr(tessera, op.name)
-        taken = set(op.inputs) | {"name", "base_directory"}
+        taken = set(op.inputs) | {"name", "base_directory", "frame"}
         inputs = {name: plate for name in op.inputs}
         required = {_python_name(p.name, taken): json.loads(p.example)
                     for p in op.parameters if not p.default}

@@ -588,7 +588,7 @@ Graph loadGraph(const std::string& text, const std::string& base,
 TaskPtr createOperationTask(const std::string& operation, const std::string& node,
                             const std::string& paramsJson,
                             const std::map<std::string, TaskPtr>& inputs,
-                            const std::string& baseDirectory) {
+                            const std::string& baseDirectory, int frame) {
     const Operation& op = findOperationFor(node, json(operation));
     json given;
     try {
@@ -597,7 +597,7 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
         throw GraphFileError(node, "params", std::string("not valid JSON: ") + e.what());
     }
     bool varies = false;
-    const json params = checkedParams(node, op, given, 0, varies);
+    const json params = checkedParams(node, op, given, frame, varies);
     for (const auto& entry : inputs)
         if (std::none_of(op.inputs.begin(), op.inputs.end(),
                          [&](const Private::Input& in) { return in.name == entry.first; }))
@@ -608,7 +608,7 @@ TaskPtr createOperationTask(const std::string& operation, const std::string& nod
         tasks[in.name] = given == inputs.end() ? TaskPtr() : given->second;
         if (!tasks[in.name] && !in.optional) throw GraphFileError(node, in.name, "input required");
     }
-    return buildNode(node, op, params, tasks, baseDirectory, 0);
+    return buildNode(node, op, params, tasks, baseDirectory, frame);
 }
 
 Graph loadGraphFile(const std::string& path, const std::vector<ParameterOverride>& overrides,
