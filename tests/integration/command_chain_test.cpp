@@ -1,10 +1,6 @@
 // The tessera command's chains (`tessera a.exr --resize ... -o b.exr`),
 // graphs on standard input and output overrides, against OpenImageIO
 // doing the same jobs.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <OpenImageIO/imagebufalgo.h>
 
 #include <filesystem>
@@ -12,22 +8,22 @@
 #include <regex>
 #include <sstream>
 
+#include "support/command_test.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr int kWidth = 64, kHeight = 48;
 
-class CommandChainTest : public ::testing::Test {
+class CommandChainTest : public TESSERA::testing::CommandTest {
 protected:
     void SetUp() override {
+        CommandTest::SetUp();
         OIIO::attribute("threads", 1);
-        dir = fs::temp_directory_path() / ("tessera_chain_" + std::to_string(::getpid()));
-        fs::create_directories(dir);
         plate = writePlate("plate.exr", 0.3f);
         backdrop = writePlate("backdrop.exr", 0.8f);
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     // A float RGBA plate with texture in every channel and alpha from 0.25 to 1.
     std::string writePlate(const std::string& name, float phase) {
@@ -39,29 +35,15 @@ protected:
                                     a * float((x + y) % 9) / 9, a};
                 buf.setpixel(x, y, v);
             }
-        const std::string path = (dir / name).string();
-        EXPECT_TRUE(buf.write(path)) << buf.geterror();
-        return path;
-    }
-
-    // Runs the command in the scratch folder; stdout and stderr go to files.
-    int tessera(const std::string& args) {
-        const std::string command =
-            "cd " + dir.string() + " && " + TESSERA_CLI_PATH + " " + args + " > out.txt 2> err.txt";
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string text(const std::string& name) {
-        std::ifstream in(dir / name);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_TRUE(buf.write(path(name))) << buf.geterror();
+        return path(name);
     }
     OIIO::ImageBuf read(const std::string& name) {
-        OIIO::ImageBuf image((dir / name).string());
+        OIIO::ImageBuf image(path(name));
         EXPECT_TRUE(image.read(0, 0, true, OIIO::TypeDesc::FLOAT)) << image.geterror();
         return image;
     }
 
-    fs::path dir;
     std::string plate, backdrop;
 };
 

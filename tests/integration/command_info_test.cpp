@@ -1,9 +1,5 @@
 // `tessera info`: production-shaped EXRs written with OpenEXR, described
 // as OpenImageIO reads their headers, with statistics against closed forms.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <Imath/half.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
@@ -24,7 +20,7 @@
 #include <limits>
 #include <sstream>
 
-namespace fs = std::filesystem;
+#include "support/command_test.h"
 
 namespace {
 
@@ -58,28 +54,7 @@ std::vector<half> halves(const std::vector<float>& values) {
     return std::vector<half>(values.begin(), values.end());
 }
 
-class CommandInfoTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        dir = fs::temp_directory_path() / ("tessera_info_" + std::to_string(::getpid()));
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    int tessera(const std::string& args) {
-        const std::string command =
-            "cd " + dir.string() + " && " + TESSERA_CLI_PATH + " " + args + " > out.txt 2> err.txt";
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string text(const std::string& name) {
-        std::ifstream in(dir / name);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    }
-    std::string path(const std::string& name) { return (dir / name).string(); }
-
-    fs::path dir;
-};
+using CommandInfoTest = TESSERA::testing::CommandTest;
 
 // The lines info prints for a part, as OpenImageIO reads its header.
 std::string expectedPart(OIIO::ImageInput& in, int part) {

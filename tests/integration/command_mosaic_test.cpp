@@ -1,44 +1,22 @@
 // `tessera mosaic`: each file fitted into its cell, aspect kept, centred,
 // labelled; checked at known pixels of the sheet.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <OpenImageIO/imagebuf.h>
 
 #include <array>
 #include <filesystem>
 #include <fstream>
 
-namespace fs = std::filesystem;
+#include "support/command_test.h"
 
 namespace {
 
-class CommandMosaicTest : public ::testing::Test {
+class CommandMosaicTest : public TESSERA::testing::CommandTest {
 protected:
-    void SetUp() override {
-        dir = fs::temp_directory_path() / ("tessera_mosaic_" + std::to_string(::getpid()));
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    int tessera(const std::string& args) {
-        const std::string command =
-            "cd " + dir.string() + " && " + TESSERA_CLI_PATH + " " + args + " > out.txt 2> err.txt";
-        const int status = std::system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string text(const std::string& name) {
-        std::ifstream in(dir / name);
-        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    }
     std::array<float, 4> pixel(const OIIO::ImageBuf& image, int x, int y) {
         std::array<float, 4> p{};
         image.getpixel(x, y, p.data());
         return p;
     }
-
-    fs::path dir;
 };
 
 TEST_F(CommandMosaicTest, EachFileFillsItsCellAtItsAspect) {
