@@ -228,10 +228,12 @@ TEST_F(FileOutputTest, FilesReadDirectlyKeepHalfBlocksAndEveryPixel) {
     const int64_t peakFileIn = Private::ImageAllocator::instance().getPeakFileInMemUsage();
     RenderManager::setSpeculativeCachingEnable(true);
     ASSERT_EQ(errors, "");
-    // Three rows of 64 x 64 blocks as halves (1 MB a row) and a few more;
-    // as floats, or the file kept whole, it would be 6 MB and more.
+    // Three rows of 64 x 64 blocks as halves (1 MB a row) and a few more,
+    // as many as the threads' timing keeps in flight (4.3 MB seen on a
+    // loaded machine); as floats, or the file kept whole, it would be 6 MB
+    // and more.
     EXPECT_GT(peakFileIn, 0);
-    EXPECT_LE(peakFileIn, int64_t(4) << 20);
+    EXPECT_LT(peakFileIn, int64_t(5) << 20);
     const std::vector<float> got = readFile(output, area);
     for (size_t p = 0; p < expected.size(); ++p)
         for (int ch = 0; ch < 4; ++ch) ASSERT_EQ(got[p * 4 + ch], expected[p][ch]) << p;
