@@ -203,21 +203,26 @@ bool isChainVerb(const std::string& argument) {
     return findVerb(argument).has_value();
 }
 
-std::string chainGraph(const std::vector<std::string>& arguments, const std::string& frames) {
-    json graph = ChainBuilder(arguments).build();
-    // One node or output per line, as graph files are written by hand.
+std::string graphText(const std::string& nodes, const std::string& outputs,
+                      const std::string& frames) {
     std::ostringstream text;
     text << "{\n";
     if (!frames.empty()) text << "  \"frames\": " << json(frames).dump() << ",\n";
-    for (const char* list : {"nodes", "outputs"}) {
-        text << "  \"" << list << "\": [\n";
-        const json& items = graph[list];
+    const std::pair<const char*, std::string> lists[] = {{"nodes", nodes}, {"outputs", outputs}};
+    for (const auto& [name, list] : lists) {
+        const json items = json::parse(list);
+        text << "  \"" << name << "\": [\n";
         for (size_t i = 0; i < items.size(); ++i)
             text << "    " << items[i].dump() << (i + 1 < items.size() ? ",\n" : "\n");
-        text << "  ]" << (std::string(list) == "nodes" ? ",\n" : "\n");
+        text << "  ]" << (std::string(name) == "nodes" ? ",\n" : "\n");
     }
     text << "}\n";
     return text.str();
+}
+
+std::string chainGraph(const std::vector<std::string>& arguments, const std::string& frames) {
+    const json graph = ChainBuilder(arguments).build();
+    return graphText(graph["nodes"].dump(), graph["outputs"].dump(), frames);
 }
 
 std::string chainVerbHelp(const std::string& verb) {

@@ -32,6 +32,11 @@ std::string chainGraph(const std::vector<std::string>& arguments, const std::str
 // Whether an argument starts a verb the chain knows ("--blur", "--over").
 bool isChainVerb(const std::string& argument);
 
+// A graph file's text as people write them: one node or output per line.
+// `nodes` and `outputs` are JSON arrays (text); `frames` may be empty.
+std::string graphText(const std::string& nodes, const std::string& outputs,
+                      const std::string& frames);
+
 // The help of one verb, from its operation's declaration.
 std::string chainVerbHelp(const std::string& verb);
 

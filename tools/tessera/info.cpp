@@ -48,7 +48,7 @@ struct ChannelStatistics {
 class StatisticsObserver final : public RenderObserver {
 public:
     StatisticsObserver(const UTIL::Rect& rect, uint64_t channels)
-        : m_rect(rect), m_channels(channels), m_total(size_t(IMGLIB::GetChannelCount(channels))) {}
+        : m_rect(rect), m_total(size_t(IMGLIB::GetChannelCount(channels))) {}
 
     void tileDone(const ImageBuffer& image, const OutputTileID&) override {
         ImageBuffer tile = image;
@@ -73,7 +73,6 @@ public:
 
 private:
     const UTIL::Rect m_rect;
-    const uint64_t m_channels;
     std::mutex m_mutex;
     std::vector<ChannelStatistics> m_total;
 };

@@ -112,10 +112,6 @@ std::string peakMemory() {
     return std::to_string(usage.ru_maxrss / 1024) + " MB";
 }
 
-uint64_t renderThreads() {
-    return RenderManager::getRenderThreads();
-}
-
 int render(const Graph& graph, const RenderSettings& o) {
     RenderOptions options;
     ProgressReport report(o.quiet);
@@ -128,8 +124,9 @@ int render(const Graph& graph, const RenderSettings& o) {
     writeGraphOutputs(graph, options);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (!o.quiet) {
-        std::cout << "rendered " << tiles << " tiles in " << seconds << " s on " << renderThreads()
-                  << " threads; peak resident memory " << peakMemory() << "\n";
+        std::cout << "rendered " << tiles << " tiles in " << seconds << " s on "
+                  << RenderManager::getRenderThreads() << " threads; peak resident memory "
+                  << peakMemory() << "\n";
         for (const GraphOutput& out : graph.outputs)
             for (const FileOutParams& file : out.files) std::cout << "wrote " << file.path << "\n";
     }
@@ -161,7 +158,7 @@ int renderFrames(const GraphSource& source, const std::vector<int>& frames,
     if (!o.quiet)
         std::cout << "rendered " << frames.size() - failures.size() << " of " << frames.size()
                   << " frames in " << seconds << " s (" << double(frames.size()) / seconds
-                  << " frames per second) on " << renderThreads()
+                  << " frames per second) on " << RenderManager::getRenderThreads()
                   << " threads; peak resident memory " << peakMemory() << "\n";
     if (o.stats) RenderManager::getStatistics()->write(std::cout);
     if (failures.empty()) return 0;
@@ -231,6 +228,11 @@ void watchInterrupts() {
         std::fprintf(stderr, "tessera: interrupted; the render did not stop, exiting\n");
         std::_Exit(128 + signal);
     }).detach();
+}
+
+// Usage errors are one line each.
+std::string oneLineError(const CLI::App*, const CLI::Error& e) {
+    return std::string("tessera: ") + e.what() + " (see tessera --help)\n";
 }
 
 // Images the tile cache kept may lie in swap files: they go with the cache.
@@ -309,9 +311,7 @@ int runChain(int argc, char** argv) {
         }
     RenderSettings settings;
     CLI::App options("a chain", "tessera");
-    options.failure_message([](const CLI::App*, const CLI::Error& e) {
-        return std::string("tessera: ") + e.what() + " (see tessera --help)\n";
-    });
+    options.failure_message(oneLineError);
     addRenderOptions(options, settings);
     options.add_option("--frames", settings.frames, "the frames to render")->type_name("LIST");
     options.add_flag("--dump-graph", settings.dumpGraph, "print the graph file, do not render");
@@ -337,9 +337,7 @@ int runChain(int argc, char** argv) {
 int main(int argc, char** argv) {
     CLI::App app("Renders Tessera graph files to image files.", "tessera");
     // Errors are one line each.
-    app.failure_message([](const CLI::App*, const CLI::Error& e) {
-        return std::string("tessera: ") + e.what() + " (see tessera --help)\n";
-    });
+    app.failure_message(oneLineError);
     app.set_version_flag("--version", "tessera " TESSERA_VERSION);
     app.set_help_all_flag("--help-all", "Print the help of every command and exit");
     app.footer(tessera_cli::chainHelp() +

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "chain.h"
 #include "tessera.h"
@@ -99,13 +98,8 @@ std::string mosaicGraph(const MosaicSettings& s) {
                          {"inputs", {{"a", "name" + n}, {"b", below}}}});
         below = "labelled" + n;
     }
-    std::ostringstream text;
-    text << "{\n  \"nodes\": [\n";
-    for (size_t i = 0; i < nodes.size(); ++i)
-        text << "    " << nodes[i].dump() << (i + 1 < nodes.size() ? ",\n" : "\n");
-    const json output = {{"node", below}, {"rect", sheet}, {"file", s.output}};
-    text << "  ],\n  \"outputs\": [\n    " << output.dump() << "\n  ]\n}\n";
-    return text.str();
+    const json outputs = json::array({{{"node", below}, {"rect", sheet}, {"file", s.output}}});
+    return graphText(nodes.dump(), outputs.dump(), "");
 }
 
 }  // namespace tessera_cli
