@@ -204,4 +204,26 @@ TEST_F(CommandInfoTest, FilesThatCannotBeReadAreNamed) {
     EXPECT_NE(err.find("'nothere.exr'"), std::string::npos) << err;
 }
 
+// A file is read only by the reader its name asks for: other readers,
+// handed bytes that are not theirs, may trust them and abort the process.
+TEST_F(CommandInfoTest, AFileIsReadOnlyAsTheFormatItsNameSays) {
+    const float pixels[4 * 4 * 3] = {};
+    for (const char* name : {"picture.PNG", "picture.dpx"}) {
+        auto out = OIIO::ImageOutput::create("png");
+        ASSERT_TRUE(out->open(path(name), OIIO::ImageSpec(4, 4, 3, OIIO::TypeDesc::UINT8)));
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, pixels));
+        out->close();
+    }
+    EXPECT_EQ(tessera("info picture.PNG"), 0) << text("err.txt");
+    EXPECT_NE(text("out.txt").find("picture.PNG: png, 1 part"), std::string::npos);
+    EXPECT_EQ(tessera("info picture.dpx"), 1);
+    const std::string err = text("err.txt");
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    EXPECT_NE(err.find("cannot read 'picture.dpx': it is not a readable dpx file"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(tessera("picture.dpx -o copy.exr"), 0);
+    EXPECT_NE(text("err.txt").find("it is not a readable dpx file"), std::string::npos);
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 #include <OpenImageIO/imageio.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -40,6 +41,36 @@ void flattenDeepPixel(const OIIO::DeepData& deep, int64_t pixel, int channels, f
         through *= 1.0f - (a >= 0 ? std::clamp(deep.deep_value(pixel, a, i), 0.0f, 1.0f) : 1.0f);
     }
     if (z >= 0 && n > 0) out[z] = deep.deep_value(pixel, z, order.front());
+}
+
+// Opens a file with the reader its extension names, and only that one.
+// Left to itself, OpenImageIO hands bytes its first reader refuses to every
+// other reader it has, and some of those trust what they read and abort the
+// process (RLA on bytes that are no RLA); a file that is not what its name
+// says is refused with the named reader's reason instead.
+std::unique_ptr<OIIO::ImageInput> openNamedFormat(const std::string& path, std::string& error) {
+    std::string extension = std::filesystem::path(path).extension().string();
+    if (!extension.empty()) extension.erase(0, 1);
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return char(std::tolower(c)); });
+    if (extension.empty()) {
+        error = "its name has no extension saying which image format it holds";
+        return nullptr;
+    }
+    auto in = OIIO::ImageInput::create(extension);
+    if (!in) {
+        (void)OIIO::geterror();
+        error = "no image format reads files ending in '." + extension + "'";
+        return nullptr;
+    }
+    OIIO::ImageSpec spec;
+    if (!in->open(path, spec)) {
+        const std::string reason = in->geterror();
+        error = "it is not a readable " + std::string(in->format_name()) + " file" +
+                (reason.empty() ? "" : " (" + reason + ")");
+        return nullptr;
+    }
+    return in;
 }
 
 class OiioReader final : public ImageReader {
@@ -140,11 +171,8 @@ std::unique_ptr<ImageReader> openReader(const std::string& path, int subimage, i
     if (level == 0)
         if (auto lumaChroma = openLumaChromaReader(path, subimage, error)) return lumaChroma;
     if (!error.empty()) return nullptr;
-    auto in = OIIO::ImageInput::open(path);
-    if (!in) {
-        error = OIIO::geterror();
-        return nullptr;
-    }
+    auto in = openNamedFormat(path, error);
+    if (!in) return nullptr;
     if (subimage != 0 && !in->seek_subimage(subimage, 0)) {
         error = "no subimage " + std::to_string(subimage);
         return nullptr;
@@ -208,7 +236,7 @@ OIIO::TypeDesc typeOf(const ImageWriterSpec& spec) {
 // the file lays them out), then the output's own.
 void carryAttributes(const ImageWriterSpec& s, OIIO::ImageSpec& spec) {
     if (!s.attributesFrom.empty())
-        if (auto in = OIIO::ImageInput::open(s.attributesFrom)) {
+        if (std::string ignored; auto in = openNamedFormat(s.attributesFrom, ignored)) {
             for (const OIIO::ParamValue& p : in->spec().extra_attribs) {
                 const std::string name = p.name().string();
                 if (name.rfind("oiio:", 0) == 0 || name.rfind("openexr:", 0) == 0 ||
@@ -333,11 +361,8 @@ bool describedApart(const std::string& name) {
 
 FileDescription describe(const std::string& path, std::string& error) {
     FileDescription file;
-    auto in = OIIO::ImageInput::open(path);
-    if (!in) {
-        error = OIIO::geterror();
-        return file;
-    }
+    auto in = openNamedFormat(path, error);
+    if (!in) return file;
     file.format = in->format_name();
     for (int subimage = 0; in->seek_subimage(subimage, 0); ++subimage) {
         const OIIO::ImageSpec spec = in->spec();
