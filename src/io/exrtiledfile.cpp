@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -20,6 +21,7 @@
 #include "io/blockgatherer.h"
 #include "io/exrattributes.h"
 #include "io/exrparts.h"
+#include "io/exrzip.h"
 #include "io/outputfile.h"
 #include "io/writequeue.h"
 #include "util/exceptions.h"
@@ -86,7 +88,8 @@ private:
         init.user_data = this;
         init.write_fn = &ExrTiledFile::writeBytes;
         init.error_handler_fn = &ExrTiledFile::report;
-        if (zipLevel >= 0) init.zip_level = zipLevel;
+        m_compression = compression;
+        init.zip_level = zipLevel;
         check(exr_start_write(&m_context, m_commit.temporary().c_str(), EXR_WRITE_FILE_DIRECTLY,
                               &init));
         {
@@ -193,6 +196,8 @@ private:
         std::vector<uint8_t> bytes;
         if (result == EXR_ERR_SUCCESS)
             result = exr_encoding_choose_default_routines(context, part, &pipeline);
+        if (m_compression == EXR_COMPRESSION_ZIP || m_compression == EXR_COMPRESSION_ZIPS)
+            pipeline.compress_fn = &deflateExrChunk;
         if (result == EXR_ERR_SUCCESS) {
             // The bytes are kept, to go into the file in its order.
             pipeline.write_fn = &ExrTiledFile::keepBytes;
@@ -354,6 +359,7 @@ private:
     // render.
     WriteQueue m_writes{size_t(16) << 20};
     exr_context_t m_context = nullptr;
+    exr_compression_t m_compression = EXR_COMPRESSION_NONE;
     std::vector<exr_context_t> m_encoders;  // for the parts after the first
     // Tiles encoded ahead of the next one in the file's order. Taken before
     // the library's own lock and m_mutex.
@@ -384,9 +390,17 @@ std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
                                              const OutputLayout& layout) {
     // "zip" or "zip:LEVEL", as OpenImageIO spells it.
     const std::string name = params.compression.substr(0, params.compression.find(':'));
-    int level = -1;
-    if (name.size() < params.compression.size())
-        level = std::atoi(params.compression.c_str() + name.size() + 1);
+    int level = kDefaultZipLevel;
+    if ((name == "zip" || name == "zips") && name.size() < params.compression.size()) {
+        const std::string text = params.compression.substr(name.size() + 1);
+        char* end = nullptr;
+        const long given = std::strtol(text.c_str(), &end, 10);
+        if (text.empty() || *end != '\0' || given < 1 || given > 9)
+            throw UTIL::ErrorException("cannot write '" + params.path + "': compression '" +
+                                       params.compression +
+                                       "' has a zip level that is not a whole number from 1 to 9");
+        level = int(given);
+    }
     for (const Compression& c : kCompressions)
         if (name == c.name) {
             // This version of the core library has no DWA compressor, and
