@@ -517,7 +517,8 @@ Graph loadGraph(const std::string& text, const std::string& base,
             if (it.key() != "id" && it.key() != "node" && it.key() != "rect" &&
                 it.key() != "channels" && it.key() != "file" && it.key() != "dataType" &&
                 it.key() != "compression" && it.key() != "layout" && it.key() != "tileSize" &&
-                it.key() != "attributes" && it.key() != "views" && it.key() != "parts")
+                it.key() != "zipLevel" && it.key() != "attributes" && it.key() != "views" &&
+                it.key() != "parts")
                 throw GraphFileError(id, it.key(), "unknown field of an output");
         GraphOutput g;
         g.description.task = build(id, "(output)", views.empty() ? "node" : "views");
@@ -559,6 +560,16 @@ Graph loadGraph(const std::string& text, const std::string& base,
                 if (!hasFrameNumber(path)) graph.unnumberedFiles.push_back(path);
                 file.dataType = out.value("dataType", std::string());
                 file.compression = out.value("compression", std::string("zip"));
+                if (out.contains("zipLevel")) {
+                    checkValue(id, Param{"zipLevel", ParamType::Int, 4}.range(1, 9),
+                               out["zipLevel"]);
+                    if (file.compression != "zip" && file.compression != "zips")
+                        throw GraphFileError(id, "zipLevel",
+                                             "a zip level goes with compression zip or zips, "
+                                             "not '" +
+                                                 file.compression + "'");
+                    file.compression += ":" + std::to_string(out["zipLevel"].get<int>());
+                }
                 if (firstFile.count(id)) file.attributesFrom = firstFile[id];
                 if (out.contains("attributes"))
                     file.attributes = parseAttributes(id, out["attributes"]);

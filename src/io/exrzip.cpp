@@ -2,6 +2,7 @@
 
 #include <libdeflate.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -31,6 +32,19 @@ struct DeflateScratch {
 };
 thread_local DeflateScratch t_scratch;
 
+struct InflateScratch {
+    struct FreeDecompressor {
+        void operator()(libdeflate_decompressor* d) const { libdeflate_free_decompressor(d); }
+    };
+    std::unique_ptr<libdeflate_decompressor, FreeDecompressor> decompressor{
+        libdeflate_alloc_decompressor()};
+    std::vector<uint8_t> predicted;
+};
+thread_local InflateScratch t_inflate;
+
+// The library's own decompressor, for the chunks this one leaves to it.
+std::atomic<exr_result_t (*)(exr_decode_pipeline_t*)> s_libraryDecompress{nullptr};
+
 // The bytes as the format compresses them: the even bytes, then the odd
 // ones (a half's low and high bytes apart), each byte then replaced by its
 // difference from the one before it, offset by 128.
@@ -51,7 +65,55 @@ void predict(const uint8_t* raw, size_t size, uint8_t* out) {
     }
 }
 
+// predict undone: the running sum of the differences, then the even and
+// odd bytes put back side by side.
+void unpredict(uint8_t* predicted, size_t size, uint8_t* raw) {
+    for (size_t j = 1; j < size; ++j) predicted[j] = uint8_t(predicted[j - 1] + predicted[j] - 128);
+    const uint8_t* low = predicted;
+    const uint8_t* high = predicted + (size + 1) / 2;
+    size_t i = 0;
+    for (; i + 1 < size; i += 2) {
+        raw[i] = *low++;
+        raw[i + 1] = *high++;
+    }
+    if (i < size) raw[i] = *low;
+}
+
+// A zip or zips chunk decompressed into the pipeline's unpacked buffer;
+// chunks stored as they are, and whatever this does not expect (deep
+// sample tables, a buffer the library has not yet set up), go to the
+// library's own routine.
+exr_result_t inflateExrChunk(exr_decode_pipeline_t* pipeline) {
+    const uint64_t packed = pipeline->chunk.packed_size, size = pipeline->chunk.unpacked_size;
+    if (packed == size || pipeline->sample_count_table || pipeline->packed_sample_count_table ||
+        !pipeline->unpacked_buffer || pipeline->unpacked_alloc_size < size ||
+        !pipeline->packed_buffer || !t_inflate.decompressor)
+        return s_libraryDecompress.load()(pipeline);
+    InflateScratch& s = t_inflate;
+    s.predicted.resize(size);
+    size_t produced = 0;
+    if (libdeflate_zlib_decompress(s.decompressor.get(), pipeline->packed_buffer, packed,
+                                   s.predicted.data(), size, &produced) != LIBDEFLATE_SUCCESS ||
+        produced != size)
+        return EXR_ERR_CORRUPT_CHUNK;
+    unpredict(s.predicted.data(), size, static_cast<uint8_t*>(pipeline->unpacked_buffer));
+    return EXR_ERR_SUCCESS;
+}
+
 }  // namespace
+
+void inflateZipChunks(exr_decode_pipeline_t& pipeline) {
+    exr_compression_t compression = EXR_COMPRESSION_NONE;
+    if (!pipeline.decompress_fn ||
+        exr_get_compression(pipeline.context, pipeline.part_index, &compression) !=
+            EXR_ERR_SUCCESS ||
+        (compression != EXR_COMPRESSION_ZIP && compression != EXR_COMPRESSION_ZIPS))
+        return;
+    if (pipeline.decompress_fn != &inflateExrChunk) {
+        s_libraryDecompress.store(pipeline.decompress_fn);
+        pipeline.decompress_fn = &inflateExrChunk;
+    }
+}
 
 exr_result_t deflateExrChunk(exr_encode_pipeline_t* pipeline) {
     int level = kDefaultZipLevel;

@@ -2,7 +2,8 @@
 // OpenEXR's core library calls: the same chunk format (bytes split into
 // even and odd halves, a difference predictor, a zlib stream), compressed
 // four times as fast as zlib at the same level for a file within a percent
-// of its size. OpenEXR's own later releases made the same move.
+// of its size, and decompressed twice as fast. OpenEXR's own later
+// releases made the same move.
 #pragma once
 
 #include <OpenEXR/openexr.h>
@@ -19,6 +20,10 @@ constexpr int kDefaultZipLevel = 4;
 /// (with compressed_alloc_size 0, so the pipeline does not free it), valid
 /// until the thread's next chunk.
 exr_result_t deflateExrChunk(exr_encode_pipeline_t* pipeline);
+
+/// Has zip and zips chunks of `pipeline` decompressed by inflateExrChunk;
+/// call after exr_decoding_choose_default_routines.
+void inflateZipChunks(exr_decode_pipeline_t& pipeline);
 
 }  // namespace Private
 }  // namespace TESSERA

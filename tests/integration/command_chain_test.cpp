@@ -57,6 +57,7 @@ TEST_F(CommandChainTest, EverydayJobsMatchOpenImageIO) {
     };
     const Job jobs[] = {
         {"plate.exr -o job.exr dataType=float", src, 0},
+        {"plate.exr -o job.exr dataType=float zipLevel=9", src, 0},
         {"plate.exr --resize size=20,13 filter=lanczos3 -o job.exr dataType=float",
          OIIO::ImageBufAlgo::resize(src, "lanczos3", 0.0f, OIIO::ROI(0, 20, 0, 13)), 2e-5f},
         {"plate.exr --crop rect=5,3,30,40 -o job.exr dataType=float",
@@ -158,6 +159,9 @@ TEST_F(CommandChainTest, MistakesAreOneLineNamingTheArgument) {
         {"plate.exr -o x.exr bogus=1", "an output has no field 'bogus'"},
         {"-o x.exr", "-o: no image to write yet"},
         {"plate.exr -o x.exr --threads 0", "--threads"},
+        {"plate.exr -o x.exr zipLevel=12", "field 'zipLevel': value 12"},
+        {"plate.exr -o x.exr compression=piz zipLevel=3",
+         "a zip level goes with compression zip or zips, not 'piz'"},
     };
     for (const auto& [args, named] : cases) {
         EXPECT_EQ(tessera(args), 2) << args;

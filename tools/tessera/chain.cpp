@@ -80,8 +80,8 @@ json parseValue(const std::string& text, bool isText) {
     return text;
 }
 
-const char* const kOutputFields[] = {"rect",     "channels",   "dataType", "compression", "layout",
-                                     "tileSize", "attributes", "parts",    "id"};
+const char* const kOutputFields[] = {"rect",   "channels", "dataType",   "compression", "zipLevel",
+                                     "layout", "tileSize", "attributes", "parts",       "id"};
 bool isTextField(const std::string& field) {
     return field == "channels" || field == "dataType" || field == "compression" ||
            field == "layout" || field == "id";
