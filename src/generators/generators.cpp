@@ -3,6 +3,7 @@
 
 #include "expressionmath/noise.h"
 #include "generatortasks.h"
+#include "imglib/channels.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops_scalar.h"
 #include "private/checkrange.h"
@@ -137,12 +138,28 @@ protected:
     void makeInputFormatRequests() override {}
     void computeRequiredInputRectangles(const UTIL::Rect&, std::vector<UTIL::Rect>&) override {}
     void renderRect(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>&) override {
-        for (int64_t y = out->y1; y < out->y2; ++y)
-            for (int64_t x = out->x1; x < out->x2; ++x) {
-                const Color4f c = evaluate(m_kind, m_params, x, y);
-                const float rgba[4] = {c.r, c.g, c.b, c.a};
-                IMGLIB::SetPixel(out, x, y, rgba);
+        if (m_kind == Kind::Constant) {
+            const Color4f& c = m_params.a;
+            const float rgba[4] = {c.r, c.g, c.b, c.a};
+            IMGLIB::Fill(out, rgba);
+            return;
+        }
+        // Where R, G, B and A lie in a pixel (-1: not asked for), found once
+        // for the tile rather than for every pixel.
+        const uint64_t rgba[4] = {IMGLIB::CHANNEL_R, IMGLIB::CHANNEL_G, IMGLIB::CHANNEL_B,
+                                  IMGLIB::CHANNEL_A};
+        int at[4];
+        for (int c = 0; c < 4; ++c) at[c] = IMGLIB::GetChannelIndex(out->channels, rgba[c]);
+        const int64_t floats = IMGLIB::GetPixelBytes(out->channels) / int64_t(sizeof(float));
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            float* pixel = out->row(y);
+            for (int64_t x = out->x1; x < out->x2; ++x, pixel += floats) {
+                const Color4f v = evaluate(m_kind, m_params, x, y);
+                const float value[4] = {v.r, v.g, v.b, v.a};
+                for (int c = 0; c < 4; ++c)
+                    if (at[c] >= 0) pixel[at[c]] = value[c];
             }
+        }
     }
 
 private:

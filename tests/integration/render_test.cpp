@@ -237,6 +237,35 @@ TEST_F(RenderTest, ARenderStreamsItsTilesThroughMemory) {
     EXPECT_LT(observer->peak, int64_t(1) << 20);
 }
 
+// A wide graph (a balanced tree of 255 sums over 256 sources) renders one
+// sub-tree after another, each consumer as soon as its inputs are done:
+// the tiles alive at once follow the tree's depth (8), not its width.
+TEST_F(RenderTest, AWideGraphRendersInTheMemoryOfItsDepth) {
+    RenderManager::setGlobalTileSize(64, 64);
+    RenderManager::setRenderThreads(1);
+    RenderManager::setSpeculativeCachingEnable(false);  // it would keep them for re-use
+    const Rect area(0, 0, 256, 256);                    // 16 tiles of 64 KiB per task
+    std::vector<TaskPtr> level;
+    for (int i = 0; i < 256; ++i)  // each source its own (no two merge)
+        level.push_back(make<PatternTask>("p" + std::to_string(i), Rect(-i, 0, 256, 256)));
+    for (int n = 0; level.size() > 1; ++n) {
+        std::vector<TaskPtr> next;
+        for (size_t i = 0; i < level.size(); i += 2)
+            next.push_back(make<GainTask>("sum" + std::to_string(n) + "_" + std::to_string(i),
+                                          std::vector<TaskPtr>{level[i], level[i + 1]}, 0.5f));
+        level = next;
+    }
+    Private::ImageAllocator::instance().resetStatistics();
+    auto observer = make<RecordingObserver>();
+    RenderManager::Render({RenderDescription(level[0], area, IMGLIB::CHANNELS_RGBA)}, observer,
+                          nullptr, true, RENDERTYPE_BATCH);
+    RenderManager::setSpeculativeCachingEnable(true);
+    EXPECT_EQ(observer->status, RenderStatus::Success);
+    // A few tiles per level of the tree (25 tiles, 1.6 MiB, seen); the sources'
+    // tiles of one output tile alone would be 16 MiB.
+    EXPECT_LT(Private::ImageAllocator::instance().getPeakMemUsage(), int64_t(2) << 20);
+}
+
 TEST_F(RenderTest, FailuresEndTheRenderCleanlyAndReachTheCaller) {
     RenderManager::setGlobalTileSize(16, 16);
     auto bad = make<Throwing>("bad", Rect(0, 0, 64, 64));

@@ -311,3 +311,27 @@ TEST(ImageAllocator, FreedBlocksKeptForReuseCountAgainstTheBudget) {
     EXPECT_EQ(local.allocator->getPooledBytes(), 0);
     EXPECT_EQ(local.allocator->getDiskUsage(), 0);
 }
+
+// Full, the pool lets the blocks freed longest ago go (a size no longer
+// made would hold its place for good), and a block serves images of nearly
+// its size (an edge tile a pixel narrower).
+TEST(ImageAllocator, ThePoolKeepsTheBlocksFreedLastForImagesOfNearlyTheirSize) {
+    LocalAllocator local;
+    local.allocator->setMaxMemory(8 * kTileBytes);  // a pool of two tiles
+    auto made = [&](const UTIL::Rect& rect) {
+        ImageBuffer image = local.make(IMGLIB::CHANNELS_RGBA, rect);
+        ImageBuffer_LockScoper lock(image);
+        return image;
+    };
+    const UTIL::Rect half(0, 0, 64, 32), narrower(0, 0, 63, 64);
+    made(kTile);
+    {
+        // Three halves freed after the tile: its block, the oldest, goes.
+        const ImageBuffer a = made(half), b = made(half), c = made(half);
+    }
+    EXPECT_EQ(local.allocator->getPooledBytes(), 3 * kTileBytes / 2);
+    made(kTile);  // a new block, freed: the oldest half goes
+    EXPECT_EQ(local.allocator->getPooledBytes(), 2 * kTileBytes);
+    const ImageBuffer edge = made(narrower);  // takes the tile's block
+    EXPECT_EQ(local.allocator->getPooledBytes(), kTileBytes);
+}

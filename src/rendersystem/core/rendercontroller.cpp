@@ -2,6 +2,7 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -58,11 +59,17 @@ public:
         : m_render(std::move(render)), m_tile(std::move(tile)) {}
 
     // Viewer tiles first, then batch, then background; within a render, the
-    // prioritizer's order.
+    // prioritizer's order of final tiles; among the tiles a final tile
+    // needs, the graph's depth-first order. A consumer then renders as soon
+    // as its inputs are done, before the next sub-graph starts, and their
+    // tiles are freed: memory follows the graph's depth, not its width.
     uint64_t getPriority() const override {
         std::lock_guard<std::mutex> lock(m_render->mutex);
-        return (uint64_t(m_render->type) << 32) | m_tile->getPriority(m_render->ordering);
+        const uint64_t node = std::min<uint64_t>(m_tile->getTask()->m_depthFirstOrder, kNodeMask);
+        return (uint64_t(m_render->type) << 58) |
+               (uint64_t(m_tile->getPriority(m_render->ordering)) << 24) | node;
     }
+    static constexpr uint64_t kNodeMask = (uint64_t(1) << 24) - 1;
 
     void run() override {
         ActiveRender& render = *m_render;

@@ -108,6 +108,9 @@ public:
     FullFrame& fullFrame() { return m_fullFrame; }
 
     std::vector<RenderNode*> m_inputs;  // the nodes of the task's inputs, slot by slot
+    // The node's place in a depth-first walk from the outputs (inputs
+    // before their consumer, one input's sub-graph after another).
+    uint32_t m_depthFirstOrder = 0;
     RenderStage m_stage = RENDERSTAGE_ComputeOutputDescription;
     uint64_t m_outputTaskCount = 0;  // consumers in this render, per input slot
     uint64_t m_consumersDoneCount = 0;

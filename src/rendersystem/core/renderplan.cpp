@@ -174,6 +174,7 @@ RenderNode& RenderPlan::nodeFor(const TaskPtr& task) {
         pending.pop_back();
         m_nodes.push_back(std::make_unique<RenderNode>(current, *this));
         RenderNode* node = m_nodes.back().get();
+        node->m_depthFirstOrder = uint32_t(m_nodes.size() - 1);
         for (const TaskPtr& input : imp.m_inputTasks)
             node->m_inputs.push_back(findNode(input->imp()));
         m_nodeOf[&imp] = node;
@@ -229,6 +230,9 @@ void RenderPlan::describeAndReshape(std::vector<RenderOutput>& outputs) {
 }
 
 void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
+    // Nodes are made inputs first, from the outputs: their order is a
+    // depth-first one.
+    for (const RenderOutput& output : outputs) nodeFor(output.task);
     for (const TaskPtr& task : m_tasks) nodeFor(task);
     for (const auto& node : m_nodes)
         for (RenderNode* input : node->m_inputs) ++input->m_outputTaskCount;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <iosfwd>
 #include <list>
 #include <map>
@@ -26,14 +27,18 @@ class SpeculativeCache;
 // freed takes a block whose pages are already mapped (and warm in cache)
 // instead of faulting fresh zeroed pages in, which costs more than most
 // operators. Holds at most a quarter of the memory budget, 256 MiB at most;
-// counted against the budget with the images, and emptied first when a
-// reservation would exceed it. m_mutex is a leaf.
+// when full, the blocks freed longest ago make room (sizes a render no
+// longer makes would otherwise fill it for good, and every tile after
+// them fault its pages in afresh). Counted against the budget with the
+// images, and emptied first when a reservation would exceed it. m_mutex is
+// a leaf.
 class BlockPool {
 public:
     ~BlockPool() { clear(); }
     // A block of exactly `bytes`, or null.
     void* take(size_t bytes);
-    // Keeps the block if there is room (returns false: the caller frees it).
+    // Keeps the block, freeing older ones to make room (returns false when
+    // it alone is larger than the pool: the caller frees it).
     bool give(void* block, size_t bytes, int64_t maxMemory);
     // Counts pixels made, and now and then hands free memory back.
     void churn(size_t bytes);
@@ -41,8 +46,14 @@ public:
     size_t bytesHeld() const;
 
 private:
+    struct Held {
+        void* block;
+        size_t bytes;
+    };
+    using Age = std::list<Held>;  // oldest first
     mutable std::mutex m_mutex;
-    std::map<size_t, std::vector<void*>> m_free;
+    Age m_age;
+    std::map<size_t, std::deque<Age::iterator>> m_free;  // per size, oldest first
     size_t m_bytes = 0;
     std::atomic<size_t> m_churnSinceTrim{0};
 };
