@@ -54,6 +54,8 @@ bench:
 	cmake --build build/release -j$(JOBS) --target tessera_cli tessera_python
 	/usr/bin/python3 bench/files/filebench.py --tessera build/release/tools/tessera/tessera \
 	  --out docs/performance.md --big
+	/usr/bin/python3 bench/graphs/graphbench.py --tessera build/release/tools/tessera/tessera \
+	  --out docs/performance.md
 	/usr/bin/python3 bench/farm/farmbench.py --tessera build/release/tools/tessera/tessera \
 	  --farm build/release/tools/tessera-farm --out docs/performance.md
 
