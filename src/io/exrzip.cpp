@@ -7,6 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include "io/zippredictor.h"
+
 namespace TESSERA {
 namespace Private {
 
@@ -45,40 +47,6 @@ thread_local InflateScratch t_inflate;
 // The library's own decompressor, for the chunks this one leaves to it.
 std::atomic<exr_result_t (*)(exr_decode_pipeline_t*)> s_libraryDecompress{nullptr};
 
-// The bytes as the format compresses them: the even bytes, then the odd
-// ones (a half's low and high bytes apart), each byte then replaced by its
-// difference from the one before it, offset by 128.
-void predict(const uint8_t* raw, size_t size, uint8_t* out) {
-    uint8_t* low = out;
-    uint8_t* high = out + (size + 1) / 2;
-    size_t i = 0;
-    for (; i + 1 < size; i += 2) {
-        *low++ = raw[i];
-        *high++ = raw[i + 1];
-    }
-    if (i < size) *low = raw[i];
-    uint8_t previous = out[0];
-    for (size_t j = 1; j < size; ++j) {
-        const uint8_t current = out[j];
-        out[j] = uint8_t(current - previous + 128);
-        previous = current;
-    }
-}
-
-// predict undone: the running sum of the differences, then the even and
-// odd bytes put back side by side.
-void unpredict(uint8_t* predicted, size_t size, uint8_t* raw) {
-    for (size_t j = 1; j < size; ++j) predicted[j] = uint8_t(predicted[j - 1] + predicted[j] - 128);
-    const uint8_t* low = predicted;
-    const uint8_t* high = predicted + (size + 1) / 2;
-    size_t i = 0;
-    for (; i + 1 < size; i += 2) {
-        raw[i] = *low++;
-        raw[i + 1] = *high++;
-    }
-    if (i < size) raw[i] = *low;
-}
-
 // A zip or zips chunk decompressed into the pipeline's unpacked buffer;
 // chunks stored as they are, and whatever this does not expect (deep
 // sample tables, a buffer the library has not yet set up), go to the
@@ -96,7 +64,7 @@ exr_result_t inflateExrChunk(exr_decode_pipeline_t* pipeline) {
                                    s.predicted.data(), size, &produced) != LIBDEFLATE_SUCCESS ||
         produced != size)
         return EXR_ERR_CORRUPT_CHUNK;
-    unpredict(s.predicted.data(), size, static_cast<uint8_t*>(pipeline->unpacked_buffer));
+    unpredictZipBytes(s.predicted.data(), size, static_cast<uint8_t*>(pipeline->unpacked_buffer));
     return EXR_ERR_SUCCESS;
 }
 
@@ -126,7 +94,7 @@ exr_result_t deflateExrChunk(exr_encode_pipeline_t* pipeline) {
     if (!compressor) return EXR_ERR_OUT_OF_MEMORY;
     const size_t size = size_t(pipeline->packed_bytes);
     s.predicted.resize(size);
-    predict(static_cast<const uint8_t*>(pipeline->packed_buffer), size, s.predicted.data());
+    predictZipBytes(static_cast<const uint8_t*>(pipeline->packed_buffer), size, s.predicted.data());
     s.compressed.resize(libdeflate_zlib_compress_bound(compressor, size));
     size_t written = libdeflate_zlib_compress(compressor, s.predicted.data(), size,
                                               s.compressed.data(), s.compressed.size());
