@@ -20,6 +20,7 @@
 
 #include "io/blockgatherer.h"
 #include "io/exrattributes.h"
+#include "io/exrcompression.h"
 #include "io/exrparts.h"
 #include "io/exrzip.h"
 #include "io/outputfile.h"
@@ -388,19 +389,9 @@ std::map<exr_const_context_t, ExrTiledFile*> ExrTiledFile::s_files;
 
 std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
                                              const OutputLayout& layout) {
-    // "zip" or "zip:LEVEL", as OpenImageIO spells it.
-    const std::string name = params.compression.substr(0, params.compression.find(':'));
-    int level = kDefaultZipLevel;
-    if ((name == "zip" || name == "zips") && name.size() < params.compression.size()) {
-        const std::string text = params.compression.substr(name.size() + 1);
-        char* end = nullptr;
-        const long given = std::strtol(text.c_str(), &end, 10);
-        if (text.empty() || *end != '\0' || given < 1 || given > 9)
-            throw UTIL::ErrorException("cannot write '" + params.path + "': compression '" +
-                                       params.compression +
-                                       "' has a zip level that is not a whole number from 1 to 9");
-        level = int(given);
-    }
+    const ExrCompression given = parseExrCompression(params.path, params.compression);
+    const std::string& name = given.name;
+    const int level = given.zipLevel;
     for (const Compression& c : kCompressions)
         if (name == c.name) {
             // This version of the core library has no DWA compressor, and

@@ -1,5 +1,6 @@
 // Reading and writing image files below the tasks: EXR through OpenEXR's
-// core library in this library; every other format (and deep EXR) through
+// core library in this library (scanline EXRs are written with its C++
+// library, which compresses DWA); every other format (and deep EXR) through
 // OpenImageIO in a module loaded the first time such a file is opened, so
 // that programs working in EXR never load OpenImageIO and the hundreds of
 // libraries it brings (a fifth of a second and over 100 MB at start-up).
@@ -83,6 +84,10 @@ public:
                                   int64_t pixelBytes, int64_t lineBytes) = 0;
     virtual std::string close() = 0;
 };
+
+// EXR in scanlines (any compression, DWA and B44 of floats included)
+// through OpenEXR's C++ library; null and `error` set when it cannot.
+std::unique_ptr<ImageWriter> openExrScanlineWriter(const ImageWriterSpec& spec, std::string& error);
 
 // The OpenImageIO module's entry points.
 struct ImageFormatModule {

@@ -1,6 +1,7 @@
 #include "io/outputfile.h"
 
 #include "io/exrattributes.h"
+#include "io/exrcompression.h"
 
 #include <unistd.h>
 
@@ -84,6 +85,9 @@ std::unique_ptr<OutputFile> openOutputFile(const FileOutParams& params,
     if (params.tileSize < 0 || params.tileSize > 65536)
         throw UTIL::ErrorException("cannot write '" + params.path + "': tile size " +
                                    std::to_string(params.tileSize) + " is not from 1 to 65536");
+    // A zip or DWA level out of range is refused whichever writer takes it.
+    if (std::filesystem::path(params.path).extension() == ".exr")
+        parseExrCompression(params.path, params.compression);
     if (std::filesystem::path(params.path).extension() == ".exr" && params.layout == "tiled") {
         OutputLayout tiled = layout;
         if (params.tileSize > 0) tiled.tileWidth = tiled.tileHeight = params.tileSize;

@@ -2,6 +2,7 @@
 // in bands of rows as the render finishes them: a band waits only for the
 // bands above it, and one thread at a time writes while the others go on
 // rendering.
+#include <filesystem>
 #include <map>
 #include <mutex>
 
@@ -28,8 +29,9 @@ public:
               layout.rect.width(), layout.tileHeight, false),
           m_next(m_gatherer.firstRow()) {
         std::string error;
-        const ImageFormatModule* module = imageFormatModule(error);
-        if (module) {
+        const bool exr = std::filesystem::path(params.path).extension() == ".exr";
+        const ImageFormatModule* module = exr ? nullptr : imageFormatModule(error);
+        if (exr || module) {
             ImageWriterSpec spec;
             spec.path = m_commit.temporary();
             spec.formatOf = params.path;
@@ -45,7 +47,7 @@ public:
                     spec.numberAttributes.emplace_back(a.name, a.number);
                 else
                     spec.textAttributes.emplace_back(a.name, a.text);
-            m_out = module->openWriter(spec, error);
+            m_out = exr ? openExrScanlineWriter(spec, error) : module->openWriter(spec, error);
         }
         if (!m_out) {
             m_commit.fail(error);

@@ -146,6 +146,29 @@ TEST_F(CommandChainTest, ASequenceOnStandardInputGoesWhereTheOverrideSays) {
         << text("err.txt");
 }
 
+// EXR in scanlines, DWA and B44 of floats included, is written without the
+// format module (and the hundreds of libraries OpenImageIO brings), and
+// reads back in OpenImageIO as the plate (within DWA's loss).
+TEST_F(CommandChainTest, ScanlineExrsAreWrittenWithoutTheFormatModule) {
+    const std::pair<std::string, float> outputs[] = {
+        {"dwa.exr compression=dwaa:45", 0.02f},
+        {"lines.exr layout=scanline dataType=float", 0},
+        {"b44.exr compression=b44 dataType=float", 0}};
+    for (const auto& [output, tolerance] : outputs) {
+        const std::string command = "cd " + dir.string() + " && LD_DEBUG=files " +
+                                    TESSERA_CLI_PATH + " plate.exr -o " + output +
+                                    " > out.txt 2> err.txt";
+        ASSERT_EQ(std::system(command.c_str()), 0) << output;
+        EXPECT_EQ(text("err.txt").find("libtessera_oiio"), std::string::npos) << output;
+        const std::string file = output.substr(0, output.find(' '));
+        OIIO::ImageBuf written = read(file);
+        EXPECT_EQ(written.spec().tile_width, 0) << file;
+        const auto result =
+            OIIO::ImageBufAlgo::compare(written, OIIO::ImageBuf(plate), tolerance, tolerance);
+        EXPECT_EQ(result.nfail, 0u) << file << ": largest difference " << result.maxerror;
+    }
+}
+
 // Mistakes in a chain: status 2 and one line naming the argument.
 TEST_F(CommandChainTest, MistakesAreOneLineNamingTheArgument) {
     const std::pair<std::string, std::string> cases[] = {
