@@ -7,14 +7,13 @@ docs/performance.md (replacing the one it wrote before)."""
 import argparse
 import json
 import os
-import re
 import shutil
 import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from processes import measure, run_once  # noqa: E402
 from report import replace_section  # noqa: E402
 
 W, H = 3840, 2160
@@ -72,29 +71,6 @@ def workloads():
          [{"id": "over", "op": "composite", "params": {}, "inputs": {"a": "a", "b": "b"}}], "over",
          ["--over"], [["composite2", "over"]], 2),
     ]
-
-
-def run_once(command):
-    """Wall seconds (timed here: /usr/bin/time gives hundredths), CPU seconds
-    and peak KB of one run."""
-    start = time.perf_counter()
-    out = subprocess.run(["/usr/bin/time", "-f", "TIME %U %S %M"] + command,
-                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    wall = time.perf_counter() - start
-    if out.returncode != 0:
-        sys.exit(f"failed: {' '.join(command)}\n{out.stderr}")
-    user, system, kb = re.findall(r"TIME (\S+) (\S+) (\S+)", out.stderr)[-1]
-    return wall, float(user) + float(system), int(kb)
-
-
-def measure(command, runs):
-    """The run of median wall time. Runs under a second are made at least
-    seven times: the machine's noise is a larger part of them."""
-    results = [run_once(command)]
-    while len(results) < runs or (len(results) < 7 and results[0][0] < 1.0):
-        results.append(run_once(command))
-    results.sort()
-    return results[len(results) // 2]
 
 
 def measure_chain(commands, runs):

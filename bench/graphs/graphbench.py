@@ -2,19 +2,17 @@
 """Cost per node as graphs grow: chains of gains and balanced trees of over
 composites over 512x512 constants, from 10 to 10,000 nodes, rendered by the
 tessera command (graph file to EXR) on 1 and 2 threads. Wall time, peak
-resident memory and microseconds per node from /usr/bin/time; writes a
+resident memory and milliseconds per node; writes a
 Markdown section into docs/performance.md (replacing the one it wrote
 before)."""
 import argparse
 import json
 import os
-import re
-import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+from processes import measure  # noqa: E402
 from report import replace_section  # noqa: E402
 
 SECTION = "## Graph size"
@@ -56,21 +54,6 @@ def over_tree(n):
     return nodes, level[0]
 
 
-def run(command):
-    """Wall seconds and peak KB of the run of median wall time of three."""
-    results = []
-    for _ in range(3):
-        start = time.perf_counter()
-        out = subprocess.run(["/usr/bin/time", "-f", "PEAK %M"] + command,
-                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        wall = time.perf_counter() - start
-        if out.returncode != 0:
-            sys.exit(f"failed: {' '.join(command)}\n{out.stderr}")
-        results.append((wall, int(re.findall(r"PEAK (\d+)", out.stderr)[-1])))
-    results.sort()
-    return results[1]
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--tessera", required=True)
@@ -88,14 +71,15 @@ def main():
                                "outputs": [{"node": last, "file": os.path.join(work, "o.exr")}]},
                               f)
                 for threads in (1, 2):
-                    wall, kb = run([tessera, "render", graph, "--quiet",
-                                    "--threads", str(threads)])
+                    wall, _, kb = measure([tessera, "render", graph, "--quiet",
+                                           "--threads", str(threads)], 3)
                     rows.append((name, n, threads, wall, kb))
                     print(f"{name} {n} nodes, {threads} threads: {wall:.2f} s, {kb // 1024} MB",
                           flush=True)
     lines = [SECTION, "",
              f"Graph files of chains and balanced trees at {SIDE}x{SIDE}, rendered to an EXR "
-             "by `tessera render` (parsing, set-up and rendering; median of three runs). "
+             "by `tessera render` (parsing, set-up and rendering; the median run of three, of seven "
+             "under a second). "
              "Cost per node should stay flat as graphs grow, and memory follow the graph's "
              "depth, not its width.", "",
              "| graph | nodes | threads | wall (s) | per node (ms) | peak memory (MB) |",
