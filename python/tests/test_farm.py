@@ -20,9 +20,9 @@ pytestmark = pytest.mark.skipif(
     reason="the farm runs in the release build (worker processes cannot preload a sanitizer)")
 
 FRAMES = 24
-# Frames slow enough (a tenth of a second or so) that a test acts while a
-# chunk is half done.
-SLOW = ["--set", "glow.radius=[25, 25]"]
+# Frames slow enough (a quarter of a second, five times their time without
+# it) that a test acts while a chunk is half done, even on a loaded machine.
+SLOW = ["--set", "glow.radius=[100, 100]"]
 
 
 @pytest.fixture
