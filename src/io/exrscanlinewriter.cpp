@@ -72,10 +72,8 @@ void carryAttributes(Imf::Header& header, const std::string& from) {
 // A number is an integer when it is whole, else a float; one the source
 // had with another type keeps that type.
 void setNumber(Imf::Header& header, const std::string& name, double value) {
-    const Imf::Attribute* had = header.find(name.c_str()) != header.end()
-                                    ? &header.find(name.c_str()).attribute()
-                                    : nullptr;
-    const std::string type = had ? had->typeName() : "";
+    const auto had = header.find(name.c_str());
+    const std::string type = had != header.end() ? had.attribute().typeName() : "";
     if (type == "double")
         header.insert(name, Imf::DoubleAttribute(value));
     else if (type != "float" && value == std::floor(value) &&

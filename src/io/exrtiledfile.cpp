@@ -390,10 +390,8 @@ std::map<exr_const_context_t, ExrTiledFile*> ExrTiledFile::s_files;
 std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
                                              const OutputLayout& layout) {
     const ExrCompression given = parseExrCompression(params.path, params.compression);
-    const std::string& name = given.name;
-    const int level = given.zipLevel;
     for (const Compression& c : kCompressions)
-        if (name == c.name) {
+        if (given.name == c.name) {
             // This version of the core library has no DWA compressor, and
             // scrambles float channels in B44 blocks: OpenEXR's C++
             // library (through the scanline writer) does both right.
@@ -408,7 +406,7 @@ std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
                                            (params.dataType.empty() ? "half" : params.dataType) +
                                            " channels");
             if (scanlineOnly) return nullptr;
-            return std::make_unique<ExrTiledFile>(params, layout, c.type, level);
+            return std::make_unique<ExrTiledFile>(params, layout, c.type, given.zipLevel);
         }
     std::string names;
     for (const Compression& c : kCompressions)
