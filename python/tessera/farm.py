@@ -184,6 +184,22 @@ def _cluster(args):
     return Client(cluster), cluster
 
 
+def _close_local(cluster):
+    """Closes a local cluster and returns once every process it started has
+    ended, so that nothing of the run outlives the command (a worker still
+    exiting under load, multiprocessing's resource tracker)."""
+    import psutil
+    from multiprocessing import resource_tracker
+
+    started = psutil.Process().children(recursive=True)
+    cluster.close()
+    resource_tracker._resource_tracker._stop()  # it waits for our end of its pipe
+    _, alive = psutil.wait_procs(started, timeout=10)
+    for process in alive:
+        process.kill()
+    psutil.wait_procs(alive, timeout=10)
+
+
 def _graph_problem(tessera, graph, frames, overrides):
     """Why the graph cannot render any frame (a typo, a missing node), or None.
 
@@ -319,7 +335,7 @@ def _run(args):
         if client is not None:
             client.close()
         if cluster is not None:
-            cluster.close()
+            _close_local(cluster)
 
     seconds = time.monotonic() - start
     again = f"; {run.again} rendered again after a lost worker" if run.again else ""

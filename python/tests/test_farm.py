@@ -183,7 +183,7 @@ def test_ctrl_c_cancels_the_frames_not_rendered(shot, farms):
     assert leftovers(out / "out") == []
     alive = [p for p in workers if os.path.exists(f"/proc/{p}")
              and open(f"/proc/{p}/stat").read().split()[2] != "Z"]
-    assert alive == []
+    assert alive == [], [open(f"/proc/{p}/cmdline").read() for p in alive]
 
 
 def test_a_sequence_into_one_file_is_refused_before_the_cluster_starts(tmp_path, farms):
