@@ -31,6 +31,22 @@ public:
     using RenderTaskRenderingException::RenderTaskRenderingException;  ///< as its base
 };
 
+/// A factory was given a value its operator does not take (outside the
+/// parameter's range or choices, or not a number). Thrown when the task is
+/// made; what() reads "TASK: parameter 'NAME': WHY", WHY naming the value.
+class TESSERA_API InvalidParameterException : public RenderTaskRenderingException {
+public:
+    /// `why` names the value and what the parameter takes.
+    InvalidParameterException(const std::string& taskName, const std::string& parameter,
+                              const std::string& why);
+    const std::string& getParameter() const { return m_parameter; }  ///< the parameter's name
+    const std::string& getReason() const { return m_reason; }        ///< `why`, as given
+
+private:
+    std::string m_parameter;
+    std::string m_reason;
+};
+
 /// The render was cancelled.
 class TESSERA_API RenderCancelledException : public std::runtime_error {
 public:

@@ -82,9 +82,9 @@ struct TESSERA_API TextParams {
 
 /// The font text uses when none is given (DejaVu Sans).
 TESSERA_API const char* defaultFont();
-/// The text, rasterised once when the task is made. Empty text, a size
-/// outside 1 to 4096, or a font that cannot be opened throw
-/// RenderTaskRenderingException naming the task, the parameter and the value.
+/// The text, rasterised once when the task is made. Empty text or a size
+/// outside 1 to 4096 throw InvalidParameterException, a font that cannot be
+/// opened RenderTaskRenderingException, naming the task and what is wrong.
 ///@{
 TESSERA_API TaskPtr createTextTask(const std::string& name, float time, const TextParams& params);
 TESSERA_API TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,

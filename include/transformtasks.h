@@ -30,8 +30,9 @@ struct TESSERA_API HomTransformParams {
 /// same task if they are all equal, else a motion blur averaging, for each
 /// output pixel, one matrix from each stratum of motionSamplesPerStratum
 /// consecutive matrices. A singular matrix throws "Cannot invert singular
-/// matrix." (motion blur takes identity for it); an empty list or a zero
-/// motionSamplesPerStratum throws std::invalid_argument naming the task.
+/// matrix." (motion blur takes identity for it); an empty list, a
+/// motionSamplesPerStratum below 1 or a number beyond ±2^30 throws
+/// InvalidParameterException naming the task, the parameter and the value.
 TESSERA_API TaskPtr createHomTransformTask(const std::string& name, float time,
                                            const HomTransformParams& params,
                                            const std::vector<Imath::Matrix33<float>>& matrices,
@@ -55,7 +56,7 @@ struct TESSERA_API ResizeParams {
 };
 
 /// Scales of 0, below 1/1024 or above 1024, or not finite, throw
-/// RenderTaskRenderingException naming the task, the parameter and the value.
+/// InvalidParameterException naming the task, the parameter and the value.
 TESSERA_API TaskPtr createResizeTask(const std::string& name, float time,
                                      const ResizeParams& params, TaskPtr input);
 

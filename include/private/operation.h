@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "exceptions.h"
 #include "imglib/image.h"
 #include "imglib/kernels.h"
 #include "rendertask.h"
@@ -110,6 +111,28 @@ Param areaParam();
 Param kernelParam(std::string name, std::string fallback, std::string doc = {});
 Param extendParam(std::string name, std::string fallback, std::string doc = {});
 Param channelParam(std::string name, std::string fallback, std::string doc = {});
+
+// A number as messages and the reference print it (±2^30 by name).
+std::string formatNumber(double v);
+// Why `value` is not a value of `param` (its type, range or choices), naming
+// the value; empty when it is one.
+std::string invalidValue(const Param& param, const json& value);
+// Checks the values a factory was given against operator `operation`'s
+// declaration, by parameter name (each as the parameter's JSON type: see
+// the conversions below). Throws InvalidParameterException naming the task,
+// the parameter and the value. Graph files and Python pass the same check
+// before they reach the factory.
+void checkParameters(const std::string& operation, const std::string& task,
+                     std::initializer_list<std::pair<const char*, json>> values);
+
+// An enumerator as its declared name; a value the table lacks stays a
+// number, which the check refuses.
+template <class T>
+json choiceValue(const Choices<T>& table, T value) {
+    for (const auto& entry : table)
+        if (entry.second == value) return entry.first;
+    return static_cast<int64_t>(value);
+}
 
 struct Input {
     Input(const char* n) : name(n) {}  // NOLINT: a required input, by its name
@@ -220,3 +243,32 @@ void declareWarpOperations(OperationList& ops);
 
 }  // namespace Private
 }  // namespace TESSERA
+
+// The engine's value types as the JSON of their parameter types, so that a
+// factory checks them as a graph file gives them.
+namespace nlohmann {
+template <>
+struct adl_serializer<Imath::Color4<float>> {
+    static void to_json(json& j, const Imath::Color4<float>& c) { j = {c.r, c.g, c.b, c.a}; }
+};
+template <>
+struct adl_serializer<Imath::Color3<float>> {
+    static void to_json(json& j, const Imath::Color3<float>& c) { j = {c.x, c.y, c.z}; }
+};
+template <>
+struct adl_serializer<Imath::V2f> {
+    static void to_json(json& j, const Imath::V2f& v) { j = {v.x, v.y}; }
+};
+template <>
+struct adl_serializer<Imath::Matrix33<float>> {
+    static void to_json(json& j, const Imath::Matrix33<float>& m) {
+        j = json::array();
+        for (int r = 0; r < 3; ++r)
+            for (int c = 0; c < 3; ++c) j.push_back(m[r][c]);
+    }
+};
+template <>
+struct adl_serializer<UTIL::Rect> {
+    static void to_json(json& j, const UTIL::Rect& r) { j = {r.xmin, r.ymin, r.xmax, r.ymax}; }
+};
+}  // namespace nlohmann

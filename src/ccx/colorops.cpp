@@ -8,7 +8,6 @@
 #include "colortasks.h"
 #include "imglib/channels.h"
 #include "inplacetask.h"
-#include "private/checkrange.h"
 #include "private/operation.h"
 
 namespace TESSERA {
@@ -126,6 +125,7 @@ TableOp::CacheWriter params(Args... args) {
 
 TaskPtr createClampTask(const std::string& name, float sampleRate, const Color4f& low,
                         const Color4f& high, bool clampLow, bool clampHigh, TaskPtr input) {
+    Private::checkParameters("clamp", name, {{"low", low}, {"high", high}});
     if (!clampLow && !clampHigh) return input;
     float lo[4], hi[4];
     toArray(low, lo);
@@ -142,6 +142,9 @@ TaskPtr createClampTask(const std::string& name, float sampleRate, const Color4f
 TaskPtr createThresholdTask(const std::string& name, float sampleRate, const Color4f& threshold,
                             bool replaceBelow, const Color4f& belowColor, bool replaceAbove,
                             const Color4f& aboveColor, TaskPtr input) {
+    Private::checkParameters(
+        "threshold", name,
+        {{"threshold", threshold}, {"belowColor", belowColor}, {"aboveColor", aboveColor}});
     float t[4], below[4], above[4];
     toArray(threshold, t);
     toArray(belowColor, below);
@@ -163,6 +166,7 @@ TaskPtr createCleanupClampTask(const std::string& name, float sampleRate, bool c
 
 TaskPtr createContrastTask(const std::string& name, float sampleRate, const Color4f& contrast,
                            const Color4f& pivot, TaskPtr input) {
+    Private::checkParameters("contrast", name, {{"contrast", contrast}, {"pivot", pivot}});
     if (allOnes(contrast)) return input;
     float k[4], p[4];
     toArray(contrast, k);
@@ -171,8 +175,10 @@ TaskPtr createContrastTask(const std::string& name, float sampleRate, const Colo
                 params(contrast, pivot));
 }
 
-TaskPtr createExponentialTask(const std::string& name, float sampleRate, const Color4f& exponent,
-                              const Color4f& pivot, TaskPtr input) {
+namespace {
+
+TaskPtr exponential(const std::string& name, float sampleRate, const Color4f& exponent,
+                    const Color4f& pivot, TaskPtr input) {
     if (allOnes(exponent)) return input;
     float e[4], p[4];
     toArray(exponent, e);
@@ -181,16 +187,27 @@ TaskPtr createExponentialTask(const std::string& name, float sampleRate, const C
                 params(exponent, pivot));
 }
 
+}  // namespace
+
+TaskPtr createExponentialTask(const std::string& name, float sampleRate, const Color4f& exponent,
+                              const Color4f& pivot, TaskPtr input) {
+    Private::checkParameters("exponential", name, {{"exponent", exponent}, {"pivot", pivot}});
+    return exponential(name, sampleRate, exponent, pivot, std::move(input));
+}
+
 TaskPtr createGammaTask(const std::string& name, float sampleRate, const Color4f& gamma,
                         const Color4f& pivot, TaskPtr input) {
+    Private::checkParameters("gamma", name, {{"gamma", gamma}, {"pivot", pivot}});
     if (allOnes(gamma)) return input;
     // No guard against 0: the exponent is then infinite, as the division gives.
     const Color4f exponent(1.0f / gamma.r, 1.0f / gamma.g, 1.0f / gamma.b, 1.0f / gamma.a);
-    return createExponentialTask(name, sampleRate, exponent, pivot, std::move(input));
+    return exponential(name, sampleRate, exponent, pivot, std::move(input));
 }
 
 TaskPtr createCompressRangeTask(const std::string& name, float sampleRate, float midGrey,
                                 float maximum, float scale, bool expand, TaskPtr input) {
+    Private::checkParameters("compressrange", name,
+                             {{"midGrey", midGrey}, {"maximum", maximum}, {"scale", scale}});
     return make(name, sampleRate, input, expand ? "ExpandRange" : "CompressRange",
                 IMGLIB::MakeCompressRange(midGrey, maximum, scale, expand),
                 params(midGrey, maximum, scale), ChannelRule::Same, ChannelRule::RGBIfAny);
@@ -210,6 +227,7 @@ TaskPtr createStandardExpandRangeTask(const std::string& name, float sampleRate,
 
 TaskPtr createNContrastBoostTask(const std::string& name, float sampleRate, float amount,
                                  bool alphaToo, TaskPtr input) {
+    Private::checkParameters("ncontrastboost", name, {{"amount", amount}});
     TableOpPtr op(new TableOp("NContrastBoost", IMGLIB::MakeNContrastBoost(amount, alphaToo),
                               params(amount, alphaToo)));
     // The background colour reports alpha 1 when alpha is not boosted.
@@ -229,6 +247,7 @@ TaskPtr createFringeTask(const std::string& name, float sampleRate, TaskPtr inpu
 
 TaskPtr createHSVComponentToAlphaTask(const std::string& name, float sampleRate,
                                       HSVComponent component, TaskPtr input) {
+    Private::checkParameters("hsvcomponenttoalpha", name, {{"component", int(component)}});
     return make(name, sampleRate, input, "HSVComponentToAlpha", IMGLIB::MakeHSVToAlpha(component),
                 params(static_cast<int>(component)), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
 }
@@ -246,6 +265,7 @@ TaskPtr createLabTask(const std::string& name, float sampleRate, bool toLab, Tas
 TaskPtr createLumaCurvesTask(const std::string& name, float sampleRate,
                              const Imath::Color3<float>& weights, const std::vector<float>& points,
                              TaskPtr input) {
+    Private::checkParameters("lumacurves", name, {{"weights", weights}, {"points", points}});
     TableOpPtr op(new TableOp(
         "LumaCurves", IMGLIB::MakeLumaCurve(weights, nullptr, 0),
         [weights, points](CacheIDStream& s) {
@@ -261,6 +281,8 @@ TaskPtr createRGBACurvesTask(const std::string& name, float sampleRate,
                              const std::vector<float>& red, const std::vector<float>& green,
                              const std::vector<float>& blue, const std::vector<float>& alpha,
                              TaskPtr input) {
+    Private::checkParameters("rgbacurves", name,
+                             {{"red", red}, {"green", green}, {"blue", blue}, {"alpha", alpha}});
     if (red.empty() && green.empty() && blue.empty() && alpha.empty()) return input;
     const std::vector<std::vector<float>> curves{red, green, blue, alpha};
     const float* none[4] = {};
@@ -292,6 +314,7 @@ TaskPtr createMinRGBToAlphaTask(const std::string& name, float sampleRate, TaskP
 
 TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sampleRate, uint64_t channel,
                                    TaskPtr input) {
+    Private::checkParameters("screenrgbtoalpha", name, {{"channel", channel}});
     return make(name, sampleRate, input, "ScreenRGBToAlpha", IMGLIB::MakeScreenRGBToAlpha(channel),
                 params(channel), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
 }
@@ -309,6 +332,7 @@ TaskPtr createPremultiplyTask(const std::string& name, float sampleRate, TaskPtr
 
 TaskPtr createLuminanceTask(const std::string& name, float sampleRate,
                             const Imath::Color3<float>& weights, TaskPtr input) {
+    Private::checkParameters("luminance", name, {{"weights", weights}});
     return make(name, sampleRate, input, "Luminance", IMGLIB::MakeLuminance(weights),
                 params(weights), ChannelRule::RGBIfAny, ChannelRule::RGBIfAny);
 }
@@ -316,6 +340,7 @@ TaskPtr createLuminanceTask(const std::string& name, float sampleRate,
 TaskPtr createLumaKeyTask(const std::string& name, float sampleRate,
                           const Imath::Color3<float>& weights, float low, float high, bool invert,
                           TaskPtr input) {
+    Private::checkParameters("lumakey", name, {{"weights", weights}, {"low", low}, {"high", high}});
     return make(name, sampleRate, input, "LumaKey", IMGLIB::MakeLumaKey(weights, low, high, invert),
                 params(weights, low, high, invert), ChannelRule::PlusAlpha, ChannelRule::PlusRGB);
 }
@@ -323,9 +348,9 @@ TaskPtr createLumaKeyTask(const std::string& name, float sampleRate,
 TaskPtr createChromaKeyTask(const std::string& name, float sampleRate,
                             const Imath::Color3<float>& key, float tolerance, float softness,
                             float spill, TaskPtr input) {
-    Private::checkReal(name, "tolerance", tolerance, 0, 1e6);
-    Private::checkReal(name, "softness", softness, 0, 1e6);
-    Private::checkReal(name, "spill", spill, 0, 1);
+    Private::checkParameters(
+        "chromakey", name,
+        {{"key", key}, {"tolerance", tolerance}, {"softness", softness}, {"spill", spill}});
     return make(name, sampleRate, input, "ChromaKey",
                 IMGLIB::MakeChromaKey(key, tolerance, softness, spill),
                 params(key, tolerance, softness, spill), ChannelRule::PlusAlpha,
@@ -334,6 +359,7 @@ TaskPtr createChromaKeyTask(const std::string& name, float sampleRate,
 
 TaskPtr createPosterizeTask(const std::string& name, float sampleRate, float levels, float low,
                             float high, bool alphaToo, bool clampToRange, TaskPtr input) {
+    Private::checkParameters("posterize", name, {{"levels", levels}, {"low", low}, {"high", high}});
     return make(name, sampleRate, input, "Posterize",
                 IMGLIB::MakePosterize(levels, low, high, alphaToo, clampToRange),
                 params(levels, low, high, alphaToo, clampToRange));
@@ -343,6 +369,9 @@ TaskPtr createAnalyticalLogConvertTask(const std::string& name, float sampleRate
                                        const Color4f& blackCode, const Color4f& whiteCode,
                                        const Color4f& density, bool toLog, bool alphaToo,
                                        TaskPtr input) {
+    Private::checkParameters(
+        "logconvert", name,
+        {{"blackCode", blackCode}, {"whiteCode", whiteCode}, {"density", density}});
     float b[4], w[4], d[4];
     toArray(blackCode, b);
     toArray(whiteCode, w);
@@ -354,6 +383,8 @@ TaskPtr createAnalyticalLogConvertTask(const std::string& name, float sampleRate
 
 TaskPtr createBloomTask(const std::string& name, float sampleRate,
                         const BloomControlSettings& settings, TaskPtr input) {
+    Private::checkParameters("bloom", name,
+                             {{"threshold", settings.threshold}, {"gain", settings.gain}});
     return make(name, sampleRate, input, "Bloom",
                 IMGLIB::MakeBloomControl(settings.threshold, settings.gain, settings.isolate,
                                          settings.luminance),
@@ -365,8 +396,10 @@ TaskPtr createInPlaceCopyTask(const std::string& name, float sampleRate, TaskPtr
     return make(name, sampleRate, input, "Copy", IMGLIB::PointOp{}, params());
 }
 
-TaskPtr createColorTransformTask(const std::string& name, float sampleRate, const float* matrix,
-                                 TaskPtr input) {
+namespace {
+
+// `matrix` in IMGLIB's layout: 4 rows of 4, then the offset.
+TaskPtr colorMatrix(const std::string& name, float sampleRate, const float* matrix, TaskPtr input) {
     std::vector<float> values(matrix, matrix + 20);
     return make(name, sampleRate, input, "ColorTransform", IMGLIB::MakeColorMatrix(matrix),
                 [values](CacheIDStream& s) {
@@ -374,28 +407,51 @@ TaskPtr createColorTransformTask(const std::string& name, float sampleRate, cons
                 });
 }
 
+TaskPtr colorMatrix(const std::string& name, float sampleRate, const Imath::Matrix44<float>& matrix,
+                    const Color4f& offset, TaskPtr input) {
+    float layout[20];
+    IMGLIB::ConvertMtx_imathToImglib(layout, matrix, offset);
+    return colorMatrix(name, sampleRate, layout, std::move(input));
+}
+
+}  // namespace
+
+TaskPtr createColorTransformTask(const std::string& name, float sampleRate, const float* matrix,
+                                 TaskPtr input) {
+    // The offset's numbers take what the matrix's take.
+    Private::checkParameters("colortransform", name,
+                             {{"matrix", std::vector<float>(matrix, matrix + 20)}});
+    return colorMatrix(name, sampleRate, matrix, std::move(input));
+}
+
 TaskPtr createColorTransformTask(const std::string& name, float sampleRate,
                                  const Imath::Matrix44<float>& matrix, const Color4f& offset,
                                  TaskPtr input) {
-    float layout[20];
-    IMGLIB::ConvertMtx_imathToImglib(layout, matrix, offset);
-    return createColorTransformTask(name, sampleRate, layout, std::move(input));
+    Private::checkParameters(
+        "colortransform", name,
+        {{"matrix", std::vector<float>(matrix.getValue(), matrix.getValue() + 16)},
+         {"offset", offset}});
+    return colorMatrix(name, sampleRate, matrix, offset, std::move(input));
 }
 
 TaskPtr createGainTask(const std::string& name, float sampleRate, const Color4f& gain,
                        TaskPtr input) {
+    Private::checkParameters("gain", name, {{"gain", gain}});
     Imath::Matrix44<float> m(gain.r, 0, 0, 0, 0, gain.g, 0, 0, 0, 0, gain.b, 0, 0, 0, 0, gain.a);
-    return createColorTransformTask(name, sampleRate, m, Color4f(0, 0, 0, 0), std::move(input));
+    return colorMatrix(name, sampleRate, m, Color4f(0, 0, 0, 0), std::move(input));
 }
 
 TaskPtr createHueShiftTask(const std::string& name, float sampleRate, const HueShiftParams& params,
                            TaskPtr input) {
+    Private::checkParameters("hueshift", name,
+                             {{"hueShift", params.hueShift},
+                              {"saturation", params.saturation},
+                              {"weights", params.weights}});
     Imath::Matrix44<float> hue, saturation;
     IMGLIB::BuildMatrix_HueShift(&hue, params.hueShift);
     IMGLIB::BuildMatrix_Saturation(&saturation, params.saturation, params.weights);
     // Row vectors: the hue turns first, then the saturation applies.
-    return createColorTransformTask(name, sampleRate, hue * saturation, Color4f(0, 0, 0, 0),
-                                    std::move(input));
+    return colorMatrix(name, sampleRate, hue * saturation, Color4f(0, 0, 0, 0), std::move(input));
 }
 
 namespace Private {

@@ -8,7 +8,6 @@
 #include "imglib/channels.h"
 #include "imglib/compositeops.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
 
@@ -111,6 +110,34 @@ constexpr Operator kOperators[20] = {
 
 }  // namespace
 
+namespace Private {
+const Choices<CompositeOp> kCompositeOperators = {{"add", COMPOSITE_ADD},
+                                                  {"atop", COMPOSITE_ATOP},
+                                                  {"average", COMPOSITE_AVERAGE},
+                                                  {"difference", COMPOSITE_DIFFERENCE},
+                                                  {"divide", COMPOSITE_DIVIDE},
+                                                  {"exclusion", COMPOSITE_EXCLUSION},
+                                                  {"from", COMPOSITE_FROM},
+                                                  {"geometric", COMPOSITE_GEOMETRIC},
+                                                  {"hypotenuse", COMPOSITE_HYPOTENUSE},
+                                                  {"max", COMPOSITE_MAX},
+                                                  {"min", COMPOSITE_MIN},
+                                                  {"multiply", COMPOSITE_MULTIPLY},
+                                                  {"in", COMPOSITE_IN},
+                                                  {"out", COMPOSITE_OUT},
+                                                  {"over", COMPOSITE_OVER},
+                                                  {"overplain", COMPOSITE_OVER_PLAIN},
+                                                  {"under", COMPOSITE_UNDER},
+                                                  {"screen", COMPOSITE_SCREEN},
+                                                  {"minus", COMPOSITE_MINUS}};
+
+const Choices<MatteOp> kMatteOps = {{"max", MatteOp::Max},
+                                    {"min", MatteOp::Min},
+                                    {"multiply", MatteOp::Multiply},
+                                    {"plus", MatteOp::Plus},
+                                    {"minus", MatteOp::Minus}};
+}  // namespace Private
+
 TaskPtr createCompositeTask(const std::string& name, float sampleRate, CompositeOp value,
                             bool extremaFlag, bool alphaFlag, bool cleanupClamp, float mix,
                             TaskPtr a, TaskPtr b) {
@@ -134,6 +161,8 @@ TaskPtr createCompositeTask(const std::string& name, float sampleRate, Composite
 
 TaskPtr createMatteCombineTask(const std::string& name, float sampleRate, MatteOp matte, bool clamp,
                                TaskPtr a, TaskPtr b) {
+    Private::checkParameters("mattecombine", name,
+                             {{"operation", Private::choiceValue(Private::kMatteOps, matte)}});
     static const std::array<std::pair<const char*, IMGLIB::BinaryOpKind>, 5> kinds = {{
         {"MatteMax", IMGLIB::BINARYOP_MATTE_MAX},
         {"MatteMin", IMGLIB::BINARYOP_MATTE_MIN},
@@ -151,8 +180,11 @@ TaskPtr createMatteCombineTask(const std::string& name, float sampleRate, MatteO
 
 TaskPtr createDifferenceKeyTask(const std::string& name, float sampleRate, float low, float high,
                                 TaskPtr a, TaskPtr b) {
-    Private::checkReal(name, "low", low, 0, 1e30);
-    Private::checkReal(name, "high", high, low, 1e30);
+    Private::checkParameters("differencekey", name, {{"low", low}, {"high", high}});
+    if (high < low)
+        throw InvalidParameterException(name, "high",
+                                        "value " + Private::formatNumber(high) + " is below low (" +
+                                            Private::formatNumber(low) + ")");
     IMGLIB::BinaryOp op;
     op.kind = IMGLIB::BINARYOP_DIFFERENCE_KEY;
     op.low = low;
@@ -163,6 +195,7 @@ TaskPtr createDifferenceKeyTask(const std::string& name, float sampleRate, float
 
 TaskPtr createMixTask(const std::string& name, float sampleRate, float amount, TaskPtr first,
                       TaskPtr second) {
+    Private::checkParameters("mix", name, {{"amount", amount}});
     IMGLIB::BinaryOp op;
     op.kind = IMGLIB::BINARYOP_MIX;
     op.mix = amount;
@@ -172,30 +205,13 @@ TaskPtr createMixTask(const std::string& name, float sampleRate, float amount, T
 
 namespace Private {
 
-const Choices<CompositeOp> kCompositeOperators = {{"add", COMPOSITE_ADD},
-                                                  {"atop", COMPOSITE_ATOP},
-                                                  {"average", COMPOSITE_AVERAGE},
-                                                  {"difference", COMPOSITE_DIFFERENCE},
-                                                  {"divide", COMPOSITE_DIVIDE},
-                                                  {"exclusion", COMPOSITE_EXCLUSION},
-                                                  {"from", COMPOSITE_FROM},
-                                                  {"geometric", COMPOSITE_GEOMETRIC},
-                                                  {"hypotenuse", COMPOSITE_HYPOTENUSE},
-                                                  {"max", COMPOSITE_MAX},
-                                                  {"min", COMPOSITE_MIN},
-                                                  {"multiply", COMPOSITE_MULTIPLY},
-                                                  {"in", COMPOSITE_IN},
-                                                  {"out", COMPOSITE_OUT},
-                                                  {"over", COMPOSITE_OVER},
-                                                  {"under", COMPOSITE_UNDER},
-                                                  {"screen", COMPOSITE_SCREEN},
-                                                  {"minus", COMPOSITE_MINUS}};
-
 void declareCompositeOperations(OperationList& ops) {
     ops.push_back({"composite",
                    "a over b, and the other operators",
                    {choiceParam("operator", kCompositeOperators, "over",
-                                "how a and b combine (over: a + b (1 − a's alpha))"),
+                                "how a and b combine (over: a + b (1 − a's alpha); overplain: over "
+                                "with the alphas as "
+                                "they are, whatever alphaFlag)"),
                     Param{"alphaFlag", ParamType::Bool, false,
                           "Porter-Duff operators and screen take alphas clamped to [0, 1]"},
                     Param{"extremaFlag", ParamType::Bool, false,
@@ -223,12 +239,6 @@ void declareCompositeOperations(OperationList& ops) {
                                             a.input("first"), a.input("second"));
                    }});
 }
-
-const Choices<MatteOp> kMatteOps = {{"max", MatteOp::Max},
-                                    {"min", MatteOp::Min},
-                                    {"multiply", MatteOp::Multiply},
-                                    {"plus", MatteOp::Plus},
-                                    {"minus", MatteOp::Minus}};
 
 void declareMatteOperations(OperationList& ops) {
     ops.push_back({"mattecombine",

@@ -9,7 +9,6 @@
 #include "compositetasks.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/operation.h"
 
 namespace TESSERA {
@@ -138,7 +137,7 @@ void ZMergeTask::renderRect(const IMGLIB::Image* out,
 
 TaskPtr createZMergeTask(const std::string& name, float time, float softness, TaskPtr a,
                          TaskPtr b) {
-    Private::checkReal(name, "softness", softness, 0, 1e30);
+    Private::checkParameters("zmerge", name, {{"softness", softness}});
     for (const auto& [label, input] : {std::make_pair("a", a), std::make_pair("b", b)}) {
         if (!input) throw std::invalid_argument(name + ": input " + label + " is required");
         uint64_t channels = 0;
@@ -162,7 +161,8 @@ void declareDepthMergeOperations(OperationList& ops) {
               .atLeast(0)},
          {"a", "b"},
          [](const OperationArgs& a) {
-             return createZMergeTask(a.node(), a.time(), a.number("softness"), a.input("a"), a.input("b"));
+             return createZMergeTask(a.node(), a.time(), a.number("softness"), a.input("a"),
+                                     a.input("b"));
          },
          "Smaller Z is nearer; a pixel of alpha 0 has no depth. With w = 1 where Z<sub>a</sub> "
          "≤ Z<sub>b</sub> (or clamp(½ + (Z<sub>b</sub> − Z<sub>a</sub>) / softness, 0, 1)), the "

@@ -147,6 +147,15 @@ TaskPtr createBlur(const std::string& name, float time, const PerChannelBlurPara
 
 TaskPtr createBlurTask(const std::string& name, float time, const PerChannelBlurParameters& params,
                        TaskPtr input) {
+    const BlurParams& b = params.blur;
+    const float* scale = params.channelScale;
+    Private::checkParameters(
+        "blur", name,
+        {{"size", {b.sizeX, b.sizeY}},
+         {"filter", Private::choiceValue(Private::kernelChoices(), b.filterX)},
+         {"filter", Private::choiceValue(Private::kernelChoices(), b.filterY)},
+         {"extend", Private::choiceValue(Private::extendChoices(), b.extendMethod)},
+         {"channelScale", {scale[0], scale[1], scale[2], scale[3]}}});
     return createBlur(name, time, params, std::move(input));
 }
 

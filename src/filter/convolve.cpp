@@ -120,6 +120,7 @@ TaskPtr createImageConvolveTask(const std::string& name, float time, bool normal
                                 const ImageConvolveParams& params, TaskPtr image, TaskPtr kernel) {
     if (!image) throw UTIL::ErrorException("ImageConvolve requires an input.");
     if (!kernel) throw UTIL::ErrorException("ImageConvolve requires an kernel input.");
+    Private::checkParameters("convolve", name, {{"kernelArea", params.kernelRect}});
     return TaskPtr(new Private::ImageConvolveTask(name, time, normalize, params, std::move(image),
                                                   std::move(kernel)));
 }

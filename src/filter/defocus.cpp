@@ -10,21 +10,10 @@
 
 namespace TESSERA {
 namespace Private {
-namespace {
-
-const DefocusParams& checked(const std::string& name, const DefocusParams& p) {
-    checkBlades(name, p.blades);
-    return p;
-}
-
-}  // namespace
-
 class Defocus : public NeighbourhoodTask {
 public:
     Defocus(const std::string& name, float time, const DefocusParams& p, bool smooth, TaskPtr input)
-        : NeighbourhoodTask(name, time, "Defocus", std::move(input)),
-          m_p(checked(name, p)),
-          m_smooth(smooth) {
+        : NeighbourhoodTask(name, time, "Defocus", std::move(input)), m_p(p), m_smooth(smooth) {
         int64_t padX, padY;
         IMGLIB::GetDefocusPadding(p.size, p.aspect, p.blades, p.rotation, smooth, padX, padY);
         setPadding(padX, padY);
@@ -50,7 +39,6 @@ public:
     ImageDefocusTask(const std::string& name, float time, const ImageDefocusParams& p,
                      TaskPtr image, TaskPtr control)
         : NeighbourhoodTask(name, time, "ImageDefocus", std::move(image)), m_p(p) {
-        checked(name, p.defocus);
         int64_t padX, padY;
         const DefocusParams& d = p.defocus;
         IMGLIB::GetDefocusPadding(d.size, d.aspect, d.blades, d.rotation, p.smoothEdges, padX,
@@ -102,36 +90,50 @@ private:
 
 // A control image is read at one channel; a layer count the operator would
 // refuse is refused when the graph is built.
-void checkControl(const std::string& name, const std::string& type, uint64_t channel,
-                  int64_t layers, const TaskPtr& image, const TaskPtr& control) {
+void checkControl(const std::string& type, const TaskPtr& image, const TaskPtr& control) {
     if (!image) throw UTIL::ErrorException(type + " requires an input.");
     if (!control) throw UTIL::ErrorException(type + " requires a control input.");
-    if (channel == 0 || (channel & (channel - 1)))
-        throw UTIL::ErrorException(name + ": the control channel must be one channel, not " +
-                                   std::to_string(channel));
-    if (layers < 1 || layers > 256)
-        throw UTIL::ErrorException(name + ": layers must be 1 to 256, not " +
-                                   std::to_string(layers));
 }
 
 }  // namespace Private
 
 TaskPtr createDefocusTask(const std::string& name, float time, const DefocusParams& params,
                           TaskPtr input, bool smoothEdges) {
+    Private::checkParameters("defocus", name,
+                             {{"size", params.size},
+                              {"aspect", params.aspect},
+                              {"blades", params.blades},
+                              {"rotation", params.rotation}});
     return TaskPtr(new Private::Defocus(name, time, params, smoothEdges, std::move(input)));
 }
 
 TaskPtr createImageDefocusTask(const std::string& name, float time,
                                const ImageDefocusParams& params, TaskPtr image, TaskPtr control) {
-    Private::checkControl(name, "ImageDefocus", params.controlChannel, params.layers, image,
-                          control);
+    const DefocusParams& d = params.defocus;
+    Private::checkParameters(
+        "imagedefocus", name,
+        {{"size", d.size},
+         {"aspect", d.aspect},
+         {"blades", d.blades},
+         {"rotation", d.rotation},
+         {"channel", Private::choiceValue(Private::channelChoices(), params.controlChannel)},
+         {"scale", params.controlScale},
+         {"layers", params.layers}});
+    Private::checkControl("ImageDefocus", image, control);
     return TaskPtr(
         new Private::ImageDefocusTask(name, time, params, std::move(image), std::move(control)));
 }
 
 TaskPtr createImageBlur(const std::string& name, float time, const ImageBlurParams& params,
                         const BloomControlSettings& bloom, TaskPtr image, TaskPtr control) {
-    Private::checkControl(name, "ImageBlur", params.controlChannel, params.layers, image, control);
+    Private::checkParameters(
+        "imageblur", name,
+        {{"size", {params.sizeX, params.sizeY}},
+         {"filter", Private::choiceValue(Private::kernelChoices(), params.filter)},
+         {"channel", Private::choiceValue(Private::channelChoices(), params.controlChannel)},
+         {"scale", params.controlScale},
+         {"layers", params.layers}});
+    Private::checkControl("ImageBlur", image, control);
     return TaskPtr(new Private::ImageBlur(name, time, params,
                                           Private::withBloom(name, time, bloom, std::move(image)),
                                           std::move(control)));

@@ -85,7 +85,6 @@ public:
         : NeighbourhoodTask(name, time, "DepthOfField", std::move(image)), m_p(p) {
         int64_t padX, padY;
         const IMGLIB::ApertureShape& a = p.aperture;
-        checkBlades(name, a.blades);
         if (p.physical) {
             padX = padY = IMGLIB::GetPhysicalDepthOfFieldPadding(p.lens.maxCoc);
         } else {
@@ -139,18 +138,30 @@ private:
     float m_radius;
 };
 
+// The parameters the depth operators share, as their declarations take them.
+void checkLensParameters(const std::string& name, const DepthOfFieldParams& p) {
+    checkParameters("depthoffield", name,
+                    {{"focalLength", p.lens.focalLength},
+                     {"fStop", p.lens.fStop},
+                     {"focusDistance", p.lens.focusDistance},
+                     {"unitsPerMetre", p.lens.unitsPerMetre},
+                     {"filmBackWidth", p.lens.filmBackWidth},
+                     {"imageWidth", p.lens.imageWidth},
+                     {"maxCoc", p.lens.maxCoc},
+                     {"depthChannel", choiceValue(channelChoices(), p.depthChannel)},
+                     {"blades", p.aperture.blades},
+                     {"layers", p.layers},
+                     {"cleanupRadius", p.cleanupRadius}});
+}
+
+// Each value in range, and a lens that can focus where it is asked to.
 void checkLens(const std::string& name, const DepthOfFieldParams& p) {
+    checkLensParameters(name, p);
     if (IMGLIB::CircleOfConfusion(p.lens, 1.0f) < 0.0f)
-        throw UTIL::ErrorException(
-            name + ": the lens cannot focus at " + std::to_string(p.lens.focusDistance) +
-            " (focal length, f-stop, film back and units must be positive and the focus beyond "
-            "the focal length)");
-    if (p.depthChannel == 0 || (p.depthChannel & (p.depthChannel - 1)))
-        throw UTIL::ErrorException(name + ": the depth channel must be one channel, not " +
-                                   std::to_string(p.depthChannel));
-    if (!p.physical && (p.layers < 1 || p.layers > 256))
-        throw UTIL::ErrorException(name + ": layers must be 1 to 256, not " +
-                                   std::to_string(p.layers));
+        throw InvalidParameterException(name, "focusDistance",
+                                        "the lens cannot focus at " +
+                                            formatNumber(p.lens.focusDistance) +
+                                            " (it must be beyond the focal length)");
 }
 
 }  // namespace Private
@@ -171,6 +182,7 @@ TaskPtr createDepthOfFieldTask(const std::string& name, float time,
                                TaskPtr image, TaskPtr depth, TaskPtr mask) {
     if (!image) throw UTIL::ErrorException("DepthOfField requires an input.");
     if (!depth) throw UTIL::ErrorException("DepthOfField requires a depth input.");
+    Private::checkLens(name, params);
     TaskPtr coc = createCircleOfConfusionTask(name + ".CircleOfConfusion", time, params,
                                               IMGLIB::CHANNEL_R, COC_OUTPUT_COC, std::move(depth));
     coc->setCaching(false);
@@ -182,6 +194,7 @@ TaskPtr createDepthOfFieldTask(const std::string& name, float time,
 TaskPtr createDOFDepthCleanupTask(const std::string& name, float time,
                                   const DepthOfFieldParams& params, TaskPtr depth) {
     if (!depth) throw UTIL::ErrorException("DOFDepthCleanup requires a depth input.");
+    Private::checkLensParameters(name, params);
     return TaskPtr(new Private::DOFDepthCleanup(name, time, params, std::move(depth)));
 }
 

@@ -63,6 +63,12 @@ private:
 TaskPtr createDirectionalBlur(const std::string& name, float time,
                               const DirectionalBlurParams& params,
                               const BloomControlSettings& bloom, TaskPtr input) {
+    Private::checkParameters(
+        "directionalblur", name,
+        {{"length", params.length},
+         {"angle", params.angle},
+         {"offset", params.offset},
+         {"filter", Private::choiceValue(Private::kernelChoices(), params.filter)}});
     return TaskPtr(new Private::DirectionalBlur(
         name, time, params, Private::withBloom(name, time, bloom, std::move(input))));
 }
@@ -76,9 +82,9 @@ TaskPtr createVectorBlur(const std::string& name, float time, const VectorBlurPa
         if (channel == 0 || (channel & (channel - 1)))
             throw UTIL::ErrorException(name + ": a motion channel must be one channel, not " +
                                        std::to_string(channel));
-    if (v.samples < 2 || v.samples > 1024)
-        throw UTIL::ErrorException(name + ": samples must be 2 to 1024, not " +
-                                   std::to_string(v.samples));
+    Private::checkParameters(
+        "vectorblur", name,
+        {{"scale", v.scale}, {"maxLength", v.maxLength}, {"samples", v.samples}});
     return TaskPtr(new Private::VectorBlur(name, time, params,
                                            Private::withBloom(name, time, bloom, std::move(image)),
                                            std::move(vectors)));

@@ -40,17 +40,20 @@ private:
 
 }  // namespace Private
 
+namespace Private {
+const Choices<EdgeDetectMethod> kEdgeMethods = {{"sobel", EDGE_SOBEL}, {"babu", EDGE_BABU}};
+}  // namespace Private
+
 TaskPtr createEdgeDetectTask(const std::string& name, float time, const EdgeDetectParams& params,
                              TaskPtr input) {
-    if (params.method != EDGE_SOBEL && params.method != EDGE_BABU)
-        throw UTIL::ErrorException(name + ": unknown edge detection method " +
-                                   std::to_string(int(params.method)));
+    Private::checkParameters(
+        "edgedetect", name,
+        {{"method", Private::choiceValue(Private::kEdgeMethods, params.method)},
+         {"threshold", params.threshold}});
     return TaskPtr(new Private::SobelEdgeDetectTask(name, time, params, std::move(input)));
 }
 
 namespace Private {
-
-const Choices<EdgeDetectMethod> kEdgeMethods = {{"sobel", EDGE_SOBEL}, {"babu", EDGE_BABU}};
 
 void declareEdgeOperations(OperationList& ops) {
     ops.push_back(

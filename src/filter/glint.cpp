@@ -79,9 +79,9 @@ private:
 TaskPtr createGlintTask(const std::string& name, float time, bool addToImage,
                         const GlintParams& params, TaskPtr image, TaskPtr source) {
     if (!image) throw UTIL::ErrorException("Glint requires an input.");
-    if (params.rays < 1 || params.rays > 64)
-        throw UTIL::ErrorException(name + ": rays must be 1 to 64, not " +
-                                   std::to_string(params.rays));
+    Private::checkParameters(
+        "glint", name,
+        {{"rays", params.rays}, {"length", params.length}, {"rotation", params.rotation}});
     TaskPtr streaked = source ? source : image;
     return TaskPtr(
         new Private::Glint(name, time, addToImage, params, std::move(image), std::move(streaked)));

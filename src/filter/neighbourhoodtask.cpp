@@ -7,7 +7,6 @@
 #include "filtertasks.h"
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/imglibcall.h"
 
 namespace TESSERA {
@@ -125,10 +124,6 @@ void NeighbourhoodTask::renderRect(const IMGLIB::Image* out,
 
 void NeighbourhoodTask::check(int status) {
     checkImglib(status, getNameAtTime());
-}
-
-void checkBlades(const std::string& task, int64_t blades) {
-    checkRange(task, "blades", blades, 0, 64);
 }
 
 TaskPtr withBloom(const std::string& name, float time, const BloomControlSettings& bloom,

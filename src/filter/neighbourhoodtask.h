@@ -83,11 +83,6 @@ private:
     uint64_t m_imageChannels = 0;
 };
 
-// Refuses an aperture of more than 64 blades (RenderTaskRenderingException
-// naming the task): past that a polygon is a disc to any eye, and a count in
-// the millions builds a polygon no render could wait for.
-void checkBlades(const std::string& task, int64_t blades);
-
 // The bloom applied before a filter: none when the settings leave every
 // value as it is.
 TaskPtr withBloom(const std::string& name, float time, const BloomControlSettings& bloom,

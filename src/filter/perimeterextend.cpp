@@ -29,6 +29,7 @@ private:
 
 TaskPtr createPerimeterExtendTask(const std::string& name, float time, float distance,
                                   TaskPtr input) {
+    Private::checkParameters("perimeterextend", name, {{"distance", distance}});
     return TaskPtr(new Private::PerimeterExtend(name, time, distance, std::move(input)));
 }
 

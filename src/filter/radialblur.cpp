@@ -47,9 +47,21 @@ private:
 
 }  // namespace Private
 
+namespace Private {
+const Choices<IMGLIB::RadialBlurType> kRadialBlurTypes = {{"zoom", IMGLIB::RADIAL_ZOOM},
+                                                          {"spin", IMGLIB::RADIAL_SPIN}};
+}  // namespace Private
+
 TaskPtr createRadialBlur(const std::string& name, float time,
                          const IMGLIB::RadialBlurParams& params, IMGLIB::ExtendMethod extendMethod,
                          bool extendFlag, const UTIL::Rect& extendRect, TaskPtr input) {
+    Private::checkParameters(
+        "radialblur", name,
+        {{"type", Private::choiceValue(Private::kRadialBlurTypes, params.type)},
+         {"centre", {params.centreX, params.centreY}},
+         {"amount", params.amount},
+         {"samples", params.samples},
+         {"extend", Private::choiceValue(Private::extendChoices(), extendMethod)}});
     if (IMGLIB::ValidateRadialBlurParams(params) != IMGLIB::ERROR_NONE)
         throw UTIL::ErrorException(name + ": " + IMGLIB::GetErrorMessage());
     return TaskPtr(new Private::RadialBlur(name, time, params, extendMethod, extendFlag, extendRect,
@@ -57,9 +69,6 @@ TaskPtr createRadialBlur(const std::string& name, float time,
 }
 
 namespace Private {
-
-const Choices<IMGLIB::RadialBlurType> kRadialBlurTypes = {{"zoom", IMGLIB::RADIAL_ZOOM},
-                                                          {"spin", IMGLIB::RADIAL_SPIN}};
 
 void declareRadialBlurOperations(OperationList& ops) {
     ops.push_back(

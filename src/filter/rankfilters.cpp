@@ -72,16 +72,23 @@ private:
 
 TaskPtr createMedianFilterTask(const std::string& name, float time,
                                const MedianFilterParams& params, TaskPtr input) {
+    Private::checkParameters(
+        "median", name, {{"size", {params.sizeX, params.sizeY}}, {"threshold", params.threshold}});
     return TaskPtr(new Private::MedianFilterTask(name, time, params, std::move(input)));
 }
 
 TaskPtr createErodeDilateTask(const std::string& name, float time, const ErodeDilateParams& params,
                               TaskPtr input) {
+    Private::checkParameters("erodedilate", name, {{"radius", {params.radiusX, params.radiusY}}});
     return TaskPtr(new Private::ErodeDilate(name, time, params, std::move(input)));
 }
 
 TaskPtr createBilateralFilterTask(const std::string& name, float time,
                                   const BilateralFilterParams& params, TaskPtr input) {
+    Private::checkParameters("bilateral", name,
+                             {{"radius", {params.radiusX, params.radiusY}},
+                              {"sigmaSpatial", params.sigmaSpatial},
+                              {"sigmaRange", params.sigmaRange}});
     return TaskPtr(new Private::BilateralFilterTask(name, time, params, std::move(input)));
 }
 

@@ -39,6 +39,7 @@ TaskPtr createUnSharpTask(const std::string& name, float time, Imath::Color4<flo
                           Imath::Color4<float> threshold, TaskPtr image, TaskPtr blurred) {
     if (!image) throw UTIL::ErrorException("UnSharp requires an input.");
     if (!blurred) throw UTIL::ErrorException("UnSharp requires a blurred input.");
+    Private::checkParameters("unsharp", name, {{"amount", amount}, {"threshold", threshold}});
     return TaskPtr(
         new Private::UnSharp(name, time, amount, threshold, std::move(image), std::move(blurred)));
 }

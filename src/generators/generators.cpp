@@ -6,7 +6,6 @@
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
 #include "imglib/pointops_scalar.h"
-#include "private/checkrange.h"
 #include "private/operation.h"
 
 namespace TESSERA {
@@ -177,6 +176,7 @@ TaskPtr make(const std::string& name, float time, Kind kind, const Params& p,
 
 TaskPtr createConstantTask(const std::string& name, float time, const Color4f& color,
                            const UTIL::Rect& area) {
+    Private::checkParameters("constant", name, {{"color", color}, {"area", area}});
     Params p;
     p.a = color;
     return make(name, time, Kind::Constant, p, area);
@@ -184,7 +184,9 @@ TaskPtr createConstantTask(const std::string& name, float time, const Color4f& c
 
 TaskPtr createCheckerboardTask(const std::string& name, float time, const Color4f& first,
                                const Color4f& second, float size, const UTIL::Rect& area) {
-    if (!(size > 0)) throw std::invalid_argument(name + ": checkerboard size must be above 0");
+    Private::checkParameters(
+        "checkerboard", name,
+        {{"first", first}, {"second", second}, {"size", size}, {"area", area}});
     Params p;
     p.a = first;
     p.b = second;
@@ -193,6 +195,7 @@ TaskPtr createCheckerboardTask(const std::string& name, float time, const Color4
 }
 
 TaskPtr createColorBarsTask(const std::string& name, float time, const UTIL::Rect& area) {
+    Private::checkParameters("colorbars", name, {{"area", area}});
     Params p;
     p.p = Imath::V2f(float(area.xmin), 0);
     p.q = Imath::V2f(float(area.xmax), 0);
@@ -202,6 +205,12 @@ TaskPtr createColorBarsTask(const std::string& name, float time, const UTIL::Rec
 TaskPtr createLinearRampTask(const std::string& name, float time, const Imath::V2f& start,
                              const Color4f& startColor, const Imath::V2f& end,
                              const Color4f& endColor, const UTIL::Rect& area) {
+    Private::checkParameters("linearramp", name,
+                             {{"start", start},
+                              {"startColor", startColor},
+                              {"end", end},
+                              {"endColor", endColor},
+                              {"area", area}});
     Params p;
     p.p = start;
     p.q = end;
@@ -213,6 +222,12 @@ TaskPtr createLinearRampTask(const std::string& name, float time, const Imath::V
 TaskPtr createRadialRampTask(const std::string& name, float time, const Imath::V2f& centre,
                              float radius, const Color4f& inner, const Color4f& outer,
                              const UTIL::Rect& area) {
+    Private::checkParameters("radialramp", name,
+                             {{"centre", centre},
+                              {"radius", radius},
+                              {"inner", inner},
+                              {"outer", outer},
+                              {"area", area}});
     Params p;
     p.p = centre;
     p.size = radius;
@@ -224,7 +239,12 @@ TaskPtr createRadialRampTask(const std::string& name, float time, const Imath::V
 TaskPtr createLatticeTask(const std::string& name, float time, const Color4f& lineColor,
                           const Color4f& fillColor, float spacing, float lineWidth,
                           const UTIL::Rect& area) {
-    if (!(spacing > 0)) throw std::invalid_argument(name + ": lattice spacing must be above 0");
+    Private::checkParameters("lattice", name,
+                             {{"lineColor", lineColor},
+                              {"fillColor", fillColor},
+                              {"spacing", spacing},
+                              {"lineWidth", lineWidth},
+                              {"area", area}});
     Params p;
     p.a = lineColor;
     p.b = fillColor;
@@ -235,6 +255,8 @@ TaskPtr createLatticeTask(const std::string& name, float time, const Color4f& li
 
 TaskPtr createHueWheelTask(const std::string& name, float time, const Imath::V2f& centre,
                            float radius, const UTIL::Rect& area) {
+    Private::checkParameters("huewheel", name,
+                             {{"centre", centre}, {"radius", radius}, {"area", area}});
     Params p;
     p.p = centre;
     p.size = radius;
@@ -244,14 +266,14 @@ TaskPtr createHueWheelTask(const std::string& name, float time, const Imath::V2f
 TaskPtr createPerlinNoiseTask(const std::string& name, float time, float scale, int octaves,
                               float gain, uint32_t seed, const Color4f& low, const Color4f& high,
                               const UTIL::Rect& area) {
-    // Past 32 octaves a layer is finer than float coordinates can tell.
-    constexpr int kMaxOctaves = 32;
-    if (octaves < 1 || octaves > kMaxOctaves)
-        throw RenderTaskRenderingException(name,
-                                           "octaves " + std::to_string(octaves) +
-                                               " is out of range (1 to " +
-                                               std::to_string(kMaxOctaves) + ")",
-                                           -1);
+    // The seed is not checked: every uint32_t is a seed.
+    Private::checkParameters("perlinnoise", name,
+                             {{"scale", scale},
+                              {"octaves", octaves},
+                              {"gain", gain},
+                              {"low", low},
+                              {"high", high},
+                              {"area", area}});
     Params p;
     p.size = scale;
     p.octaves = octaves;
@@ -264,6 +286,7 @@ TaskPtr createPerlinNoiseTask(const std::string& name, float time, float scale, 
 
 TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed,
                               const Color4f& low, const Color4f& high, const UTIL::Rect& area) {
+    Private::checkParameters("randomnoise", name, {{"low", low}, {"high", high}, {"area", area}});
     Params p;
     p.seed = seed;
     p.a = low;
@@ -274,7 +297,14 @@ TaskPtr createRandomNoiseTask(const std::string& name, float time, uint32_t seed
 TaskPtr createFourCornerGradientTask(const std::string& name, float time, const Color4f& topLeft,
                                      const Color4f& topRight, const Color4f& bottomLeft,
                                      const Color4f& bottomRight, const UTIL::Rect& area) {
-    if (area.isNull()) throw std::invalid_argument(name + ": the gradient's area is empty");
+    Private::checkParameters("fourcorner", name,
+                             {{"topLeft", topLeft},
+                              {"topRight", topRight},
+                              {"bottomLeft", bottomLeft},
+                              {"bottomRight", bottomRight},
+                              {"area", area}});
+    if (area.isNull())
+        throw InvalidParameterException(name, "area", "the gradient's area is empty");
     Params p;
     p.a = topLeft, p.b = topRight, p.c = bottomLeft, p.d = bottomRight;
     // The corner pixels' centres carry the corner colours exactly.

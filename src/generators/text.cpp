@@ -13,7 +13,6 @@
 
 #include "generatortasks.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/operation.h"
 
 namespace TESSERA {
@@ -164,23 +163,25 @@ const char* defaultFont() {
     return "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf";
 }
 
+namespace Private {
+const Choices<TextAlign> kAlignments = {
+    {"left", TextAlign::Left}, {"centre", TextAlign::Centre}, {"right", TextAlign::Right}};
+}  // namespace Private
+
 TaskPtr createTextTask(const std::string& name, float time, const TextParams& params) {
-    if (params.text.empty()) throw RenderTaskRenderingException(name, "text is empty", -1);
-    Private::checkReal(name, "size", params.size, 1, 4096);
-    Private::checkReal(name, "lineSpacing", params.lineSpacing, 0, 100);
-    // Pixel coordinates beyond these are not a place on any image.
-    constexpr double kFar = double(int64_t(1) << 30);
-    Private::checkReal(name, "position", params.position.x, -kFar, kFar);
-    Private::checkReal(name, "position", params.position.y, -kFar, kFar);
+    if (params.text.empty()) throw InvalidParameterException(name, "text", "the text is empty");
+    Private::checkParameters("text", name,
+                             {{"size", params.size},
+                              {"color", params.color},
+                              {"position", params.position},
+                              {"align", Private::choiceValue(Private::kAlignments, params.align)},
+                              {"lineSpacing", params.lineSpacing}});
     TextParams p = params;
     if (p.font.empty()) p.font = defaultFont();
     return TaskPtr(new TextTask(name, time, p));
 }
 
 namespace Private {
-
-const Choices<TextAlign> kAlignments = {
-    {"left", TextAlign::Left}, {"centre", TextAlign::Centre}, {"right", TextAlign::Right}};
 
 void declareTextOperations(OperationList& ops) {
     ops.push_back(

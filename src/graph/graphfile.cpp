@@ -34,92 +34,10 @@ using Private::Operation;
 using Private::Param;
 using Private::ParamType;
 
-std::string formatNumber(double v) {
-    if (std::fabs(v) == Private::kMaxMagnitude) return v < 0 ? "-2^30" : "2^30";
-    std::ostringstream out;
-    out << v;
-    return out.str();
-}
-
-using Private::kMaxMagnitude;
-
 // Checks a value against its parameter's type, range and choices.
-
 void checkValue(const std::string& node, const Param& p, const json& v) {
-    auto numbers = [&](size_t n) {
-        if (!v.is_array() || (n && v.size() != n)) return false;
-        for (const json& e : v)
-            if (!e.is_number()) return false;
-        return true;
-    };
-    bool ok = true;
-    switch (p.type) {
-        case ParamType::Number:
-            ok = v.is_number();
-            break;
-        case ParamType::Int:
-            ok = v.is_number_integer();
-            break;
-        case ParamType::Bool:
-            ok = v.is_boolean();
-            break;
-        case ParamType::Color4:
-        case ParamType::Rect:
-            ok = numbers(4);
-            break;
-        case ParamType::Color3:
-            ok = numbers(3);
-            break;
-        case ParamType::Vec2:
-            ok = numbers(2);
-            break;
-        case ParamType::Matrix33:
-            ok = numbers(9);
-            break;
-        case ParamType::Floats:
-            ok = numbers(0);
-            break;
-        case ParamType::String:
-        case ParamType::Path:
-        case ParamType::Choice:
-            ok = v.is_string();
-            break;
-    }
-    if (!ok)
-        throw GraphFileError(node, p.name,
-                             "expected " + Private::typeName(p.type) + ", got " + v.dump());
-    if (p.type == ParamType::Int && (v.get<double>() < INT32_MIN || v.get<double>() > INT32_MAX))
-        throw GraphFileError(node, p.name, "value " + v.dump() + " is out of range");
-    const auto inRange = [&](const json& e) {
-        const double x = e.get<double>();
-        return x >= p.low && x <= p.high;
-    };
-    if (v.is_number() ? !inRange(v) : v.is_array() && !std::all_of(v.begin(), v.end(), inRange))
-        throw GraphFileError(node, p.name,
-                             "value " + v.dump() + " is out of range (" + formatNumber(p.low) +
-                                 " to " + formatNumber(p.high) + ")");
-    // No parameter means anything beyond ±2^30 (pixels, factors, colours):
-    // such values are refused here, before they become inf or a wrapped
-    // coordinate. Rectangles are whole pixels.
-    const auto representable = [&](const json& e) {
-        const double x = e.get<double>();
-        return std::fabs(x) <= kMaxMagnitude && (p.type != ParamType::Rect || x == std::floor(x));
-    };
-    if (v.is_number() ? !representable(v)
-                      : v.is_array() && !std::all_of(v.begin(), v.end(), representable))
-        throw GraphFileError(
-            node, p.name,
-            "value " + v.dump() +
-                (p.type == ParamType::Rect
-                     ? " is out of range (a rectangle of whole pixels within ±2^30)"
-                     : " is out of range (beyond ±2^30)"));
-    if (p.type == ParamType::Choice &&
-        std::find(p.choices.begin(), p.choices.end(), v.get<std::string>()) == p.choices.end()) {
-        std::string names;
-        for (const std::string& c : p.choices) names += (names.empty() ? "" : ", ") + c;
-        throw GraphFileError(
-            node, p.name, "unknown value '" + v.get<std::string>() + "' (one of: " + names + ")");
-    }
+    const std::string why = Private::invalidValue(p, v);
+    if (!why.empty()) throw GraphFileError(node, p.name, why);
 }
 
 // An output's channels (parseChannelList), which the node must have.
@@ -265,6 +183,8 @@ TaskPtr buildNode(const std::string& id, const Operation& op, const json& params
         return op.build(Private::OperationArgs(id, params, inputs, base, float(frame)));
     } catch (const GraphFileError&) {
         throw;
+    } catch (const InvalidParameterException& e) {
+        throw GraphFileError(id, e.getParameter(), e.getReason());
     } catch (const std::exception& e) {
         throw GraphFileError(id, "", e.what());
     }
@@ -663,8 +583,8 @@ std::vector<OperationDescription> listOperations() {
             q.low = p.low;
             q.high = p.high;
             if (std::isfinite(p.low) || std::isfinite(p.high))
-                q.range = (std::isfinite(p.low) ? formatNumber(p.low) : "-inf") + " to " +
-                          (std::isfinite(p.high) ? formatNumber(p.high) : "inf");
+                q.range = (std::isfinite(p.low) ? Private::formatNumber(p.low) : "-inf") + " to " +
+                          (std::isfinite(p.high) ? Private::formatNumber(p.high) : "inf");
             q.choices = p.choices;
             q.example = p.example.is_null() ? std::string() : p.example.dump();
             d.parameters.push_back(std::move(q));

@@ -498,6 +498,8 @@ void useRenderThreadsForFiles() {
 }
 
 TaskPtr createFileInTask(const std::string& name, float time, const FileInParams& params) {
+    Private::checkParameters("filein", name,
+                             {{"subimage", params.subimage}, {"level", params.level}});
     TaskPtr task(new FileInTask(name, time, params));
     FileRegistry::instance().add(params.path, task->getCacheID());
     return task;

@@ -11,7 +11,6 @@
 #include "imglib/channels.h"
 #include "imglib/extend.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
 #include "private/pixelview.h"
@@ -359,20 +358,26 @@ TaskPtr make(const std::string& name, float time, const Settings& s, TaskPtr inp
     return TaskPtr(new GeometryTask(name, time, s, std::move(input)));
 }
 
-void checkRect(const std::string& name, const Rect& rect) {
+// Crop and data window keep a rectangle of pixels: an empty one is refused.
+void checkRect(const char* operation, const std::string& name, const Rect& rect) {
+    Private::checkParameters(operation, name, {{"rect", rect}});
     if (rect.isNull())
-        throw RenderTaskRenderingException(
-            name,
-            "rect [" + std::to_string(rect.xmin) + ", " + std::to_string(rect.ymin) + ", " +
-                std::to_string(rect.xmax) + ", " + std::to_string(rect.ymax) + "] is empty",
-            -1);
+        throw InvalidParameterException(name, "rect",
+                                        "value " + nlohmann::json(rect).dump() + " is empty");
 }
 
 }  // namespace
 
+namespace Private {
+const Choices<Orientation> kOrientations = {
+    {"flip", Orientation::Flip},           {"flop", Orientation::Flop},
+    {"transpose", Orientation::Transpose}, {"rotate90", Orientation::Rotate90},
+    {"rotate180", Orientation::Rotate180}, {"rotate270", Orientation::Rotate270}};
+}  // namespace Private
+
 TaskPtr createCropTask(const std::string& name, float time, const UTIL::Rect& rect,
                        bool blackOutside, TaskPtr input) {
-    checkRect(name, rect);
+    checkRect("crop", name, rect);
     Settings s;
     s.kind = Kind::Crop;
     s.rect = rect;
@@ -382,7 +387,7 @@ TaskPtr createCropTask(const std::string& name, float time, const UTIL::Rect& re
 
 TaskPtr createDataWindowTask(const std::string& name, float time, const UTIL::Rect& rect,
                              bool shrink, TaskPtr input) {
-    checkRect(name, rect);
+    checkRect("datawindow", name, rect);
     Settings s;
     s.kind = Kind::DataWindow;
     s.rect = rect;
@@ -392,9 +397,7 @@ TaskPtr createDataWindowTask(const std::string& name, float time, const UTIL::Re
 
 TaskPtr createRepositionTask(const std::string& name, float time, int64_t dx, int64_t dy,
                              TaskPtr input) {
-    constexpr int64_t kLimit = UTIL::Rect::INFINITE_EXTENT;
-    Private::checkRange(name, "dx", dx, -kLimit, kLimit);
-    Private::checkRange(name, "dy", dy, -kLimit, kLimit);
+    Private::checkParameters("reposition", name, {{"offset", {dx, dy}}});
     if (dx == 0 && dy == 0) return input;
     Settings s;
     s.kind = Kind::Reposition;
@@ -405,7 +408,9 @@ TaskPtr createRepositionTask(const std::string& name, float time, int64_t dx, in
 
 TaskPtr createOrientTask(const std::string& name, float time, Orientation orientation,
                          TaskPtr input) {
-    Private::checkRange(name, "orientation", int64_t(orientation), 0, 5);
+    Private::checkParameters(
+        "orient", name,
+        {{"orientation", Private::choiceValue(Private::kOrientations, orientation)}});
     Settings s;
     s.kind = Kind::Orient;
     s.orientation = orientation;
@@ -415,12 +420,13 @@ TaskPtr createOrientTask(const std::string& name, float time, Orientation orient
 TaskPtr createBorderTask(const std::string& name, float time, int64_t left, int64_t top,
                          int64_t right, int64_t bottom, IMGLIB::ExtendMethod method,
                          const Imath::Color4<float>& color, TaskPtr input) {
-    constexpr int64_t kLimit = UTIL::Rect::INFINITE_EXTENT;
-    Private::checkRange(name, "left", left, 0, kLimit);
-    Private::checkRange(name, "top", top, 0, kLimit);
-    Private::checkRange(name, "right", right, 0, kLimit);
-    Private::checkRange(name, "bottom", bottom, 0, kLimit);
-    Private::checkRange(name, "extend", int64_t(method), 0, 2);
+    Private::checkParameters("border", name,
+                             {{"left", left},
+                              {"top", top},
+                              {"right", right},
+                              {"bottom", bottom},
+                              {"extend", Private::choiceValue(Private::extendChoices(), method)},
+                              {"color", color}});
     Settings s;
     s.kind = Kind::Border;
     s.margins[0] = left, s.margins[1] = top, s.margins[2] = right, s.margins[3] = bottom;
@@ -430,11 +436,6 @@ TaskPtr createBorderTask(const std::string& name, float time, int64_t left, int6
 }
 
 namespace Private {
-
-const Choices<Orientation> kOrientations = {
-    {"flip", Orientation::Flip},           {"flop", Orientation::Flop},
-    {"transpose", Orientation::Transpose}, {"rotate90", Orientation::Rotate90},
-    {"rotate180", Orientation::Rotate180}, {"rotate270", Orientation::Rotate270}};
 
 void declareGeometryOperations(OperationList& ops) {
     const double limit = double(UTIL::Rect::INFINITE_EXTENT);

@@ -35,11 +35,18 @@ TaskPtr createHomTransformTask(const std::string& name, float time,
                                const HomTransformParams& params,
                                const std::vector<Imath::Matrix33<float>>& matrices, TaskPtr input) {
     if (matrices.empty())
-        throw std::invalid_argument(name + ": createHomTransformTask needs at least one matrix");
+        throw InvalidParameterException(name, "matrices", "needs at least one matrix");
+    std::vector<float> numbers;
+    for (const Imath::Matrix33<float>& m : matrices)
+        numbers.insert(numbers.end(), m.getValue(), m.getValue() + 9);
+    Private::checkParameters(
+        "motionblur", name,
+        {{"matrices", numbers}, {"samplesPerStratum", params.motionSamplesPerStratum}});
+    Private::checkParameters(
+        "transform", name,
+        {{"filter", Private::choiceValue(Private::kernelChoices(), params.primaryKernel)},
+         {"minifyFilter", Private::choiceValue(Private::kernelChoices(), params.secondaryKernel)}});
     const bool motion = matrices.size() > 1 && !allEqual(matrices);
-    if (motion && params.motionSamplesPerStratum < 1)
-        throw std::invalid_argument(name + ": motionSamplesPerStratum must be at least 1, not " +
-                                    std::to_string(params.motionSamplesPerStratum));
 
     if (input && params.filterInCompressedRange)
         input = takeCaching(createStandardCompressRangeTask(input->getName() + ".compressRange",

@@ -9,7 +9,6 @@
 
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
 #include "transformtasks.h"
@@ -208,21 +207,16 @@ void ResizeTask::renderRect(const IMGLIB::Image* out,
     }
 }
 
-void checkScale(const std::string& name, const char* parameter, float scale) {
-    Private::checkReal(name, parameter, scale, 1.0 / 1024, 1024);
-}
-
 }  // namespace
 
 TaskPtr createResizeTask(const std::string& name, float time, const ResizeParams& params,
                          TaskPtr input) {
-    checkScale(name, "scaleX", params.scaleX);
-    checkScale(name, "scaleY", params.scaleY);
-    const double limit = UTIL::Rect::INFINITE_EXTENT;
-    Private::checkReal(name, "translateX", params.translateX, -limit, limit);
-    Private::checkReal(name, "translateY", params.translateY, -limit, limit);
-    Private::checkRange(name, "filter", params.filter, 0, IMGLIB::KERNEL_COUNT - 1);
-    Private::checkRange(name, "extend", params.extend, 0, 2);
+    Private::checkParameters(
+        "scale", name,
+        {{"scale", {params.scaleX, params.scaleY}},
+         {"translate", {params.translateX, params.translateY}},
+         {"filter", Private::choiceValue(Private::kernelChoices(), params.filter)},
+         {"extend", Private::choiceValue(Private::extendChoices(), params.extend)}});
     if (!input) throw RenderTaskRenderingException(name, "Resize requires an input", -1);
     return TaskPtr(new ResizeTask(name, time, params, std::move(input)));
 }
@@ -290,7 +284,7 @@ void declareResizeOperations(OperationList& ops) {
               1.0 / 1024, 1024),
           Param{"translate", ParamType::Vec2, json{0, 0},
                 "the move after scaling, in pixels (right and down)"}
-              .anyValue(),
+              .range(-double(UTIL::Rect::INFINITE_EXTENT), double(UTIL::Rect::INFINITE_EXTENT)),
           kernelParam("filter", "lanczos3", "the reconstruction filter"),
           extendParam("extend", "clamp", "what the filter reads beyond the edge")},
          {"input"},

@@ -6,7 +6,6 @@
 
 #include "imglib/channels.h"
 #include "imglib/pixels.h"
-#include "private/checkrange.h"
 #include "private/operation.h"
 #include "transformtasks.h"
 
@@ -275,10 +274,14 @@ private:
 
 TaskPtr createLensDistortionTask(const std::string& name, float time,
                                  const LensDistortionParams& params, TaskPtr input) {
-    for (const auto& [label, v] : {std::make_pair("k1", params.k1), std::make_pair("k2", params.k2),
-                                   std::make_pair("k3", params.k3), std::make_pair("p1", params.p1),
-                                   std::make_pair("p2", params.p2)})
-        Private::checkReal(name, label, v, -10, 10);
+    Private::checkParameters("lensdistort", name,
+                             {{"k1", params.k1},
+                              {"k2", params.k2},
+                              {"k3", params.k3},
+                              {"p1", params.p1},
+                              {"p2", params.p2},
+                              {"centre", params.centre},
+                              {"format", params.format}});
     if (!input) throw RenderTaskRenderingException(name, "lens distortion needs an input", -1);
     return TaskPtr(new LensDistortionTask(name, time, params, std::move(input)));
 }
@@ -286,6 +289,9 @@ TaskPtr createLensDistortionTask(const std::string& name, float time,
 TaskPtr createSTMapTask(const std::string& name, float time, uint64_t sChannel, uint64_t tChannel,
                         TaskPtr input, TaskPtr map) {
     if (!input || !map) throw RenderTaskRenderingException(name, "an ST map needs two inputs", -1);
+    Private::checkParameters("stmap", name,
+                             {{"s", Private::choiceValue(Private::channelChoices(), sChannel)},
+                              {"t", Private::choiceValue(Private::channelChoices(), tChannel)}});
     uint64_t channels = 0;
     map->getOutputDescription(&channels, nullptr);
     for (const auto& [label, ch] : {std::make_pair("s", sChannel), std::make_pair("t", tChannel)})

@@ -99,7 +99,7 @@ TEST_F(ProductTest, GeneratorsAtKnownPoints) {
     EXPECT_EQ(region, UTIL::Region(Rect(3, 4, 5, 6)));
     EXPECT_EQ(createConstantTask("x", 0, red, area)->getCacheID(),
               createConstantTask("y", 0, red, area)->getCacheID());
-    EXPECT_THROW(createCheckerboardTask("bad", 0, red, blue, 0, area), std::invalid_argument);
+    EXPECT_THROW(createCheckerboardTask("bad", 0, red, blue, 0, area), InvalidParameterException);
 }
 
 TEST_F(ProductTest, FilesRoundTripWithinTheirPrecision) {

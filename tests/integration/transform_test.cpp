@@ -201,10 +201,11 @@ TEST_F(TransformTest, FactoryRules) {
         EXPECT_STREQ(e.what(), "Cannot invert singular matrix.");
     }
     EXPECT_THROW(createHomTransformTask("empty", 0, HomTransformParams(), {}, field),
-                 std::invalid_argument);
+                 InvalidParameterException);
     HomTransformParams zero;
     zero.motionSamplesPerStratum = 0;
-    EXPECT_THROW(createHomTransformTask("zero", 0, zero, {m, other}, field), std::invalid_argument);
+    EXPECT_THROW(createHomTransformTask("zero", 0, zero, {m, other}, field),
+                 InvalidParameterException);
     try {
         createHomTransformTask("null", 0, HomTransformParams(), {m}, TaskPtr());
         FAIL();
