@@ -127,6 +127,7 @@ struct TESSERA_API OperationDescription {
     std::vector<bool> optionalInputs;            ///< one flag per input
     std::vector<OperationParameter> parameters;  ///< in the declaration's order
     std::vector<std::string> aliases;            ///< older names, still accepted
+    std::vector<std::string> rules;  ///< conditions beyond the ranges ("high is at least low")
 };
 /// Every operation, grouped by family.
 TESSERA_API std::vector<OperationDescription> listOperations();

@@ -205,6 +205,9 @@ struct Operation {
     std::string family = {};  // filled in by the registry
     // Older names graph files and scripts may still use.
     std::vector<std::string> aliases = {};
+    // What the ranges cannot say: conditions on one value beyond its range
+    // or between values, each refused by the factory naming its parameter.
+    std::vector<std::string> rules = {};
 };
 
 using OperationList = std::vector<Operation>;

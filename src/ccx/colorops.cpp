@@ -486,6 +486,7 @@ void declareColorOperations(OperationList& ops) {
                                         m[10], m[11], m[12], m[13], m[14], m[15]),
                  a.color("offset"), a.input("input"));
          }});
+    ops.back().rules = {"matrix has 16 numbers"};
     ops.push_back(
         {"clamp",
          "clamp to [low, high]",

@@ -266,6 +266,7 @@ void declareMatteOperations(OperationList& ops) {
          },
          "D = max over R, G, B of |a − b|; A = clamp((D − low) / (high − low), 0, 1) (a step at "
          "`low` when high = low); RGB from a."});
+    ops.back().rules = {"high is at least low"};
 }
 
 }  // namespace Private

@@ -271,6 +271,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                                                 a.choice(kCocOutputs, "output"), a.input("depth"));
          }});
     ops.back().aliases = {"circleOfConfusion"};
+    ops.back().rules = {"focusDistance lies beyond the focal length (the lens can focus there)"};
     ops.push_back({"depthoffield",
                    "the input blurred by the circles of confusion of its depth",
                    withLens({}),
@@ -281,6 +282,7 @@ void declareDepthOfFieldOperations(OperationList& ops) {
                                                      a.input("mask"));
                    }});
     ops.back().aliases = {"depthOfField"};
+    ops.back().rules = {"focusDistance lies beyond the focal length (the lens can focus there)"};
     ops.push_back({"depthcleanup",
                    "depth with holes filled and foreground widened",
                    withLens({}),

@@ -465,6 +465,7 @@ void declareGeneratorOperations(OperationList& ops) {
          },
          "Bilinear between the corner pixels' centres: with u, v from 0 to 1 across "
          "the area, (TL (1 − u) + TR u)(1 − v) + (BL (1 − u) + BR u) v."});
+    ops.back().rules = {"area is not empty"};
 }
 
 }  // namespace Private

@@ -212,6 +212,7 @@ void declareTextOperations(OperationList& ops) {
          "HarfBuzz shapes each line and FreeType renders its glyphs with 8-bit anti-aliasing; "
          "the result is the colour times the coverage (premultiplied). Baselines are a line "
          "height apart, as the font defines it. Compare `oiiotool --text`."});
+    ops.back().rules = {"text is not empty"};
 }
 
 }  // namespace Private

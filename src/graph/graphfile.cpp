@@ -570,6 +570,7 @@ std::vector<OperationDescription> listOperations() {
         d.summary = op.summary;
         d.reference = op.reference;
         d.aliases = op.aliases;
+        d.rules = op.rules;
         for (const Private::Input& input : op.inputs) {
             d.inputs.push_back(input.name);
             d.optionalInputs.push_back(input.optional);
@@ -641,6 +642,7 @@ std::string describeOperation(const std::string& name) {
             describeParameter(out, p);
             out << "\n";
         }
+        for (const std::string& rule : op.rules) out << "and: " << rule << "\n";
         return out.str();
     }
     throw std::invalid_argument("unknown operation '" + name + "' (tessera ops lists them)");
@@ -683,6 +685,11 @@ std::string operatorReference() {
                     << (p.defaultValue.empty() ? "required" : "`" + p.defaultValue + "`") << " | "
                     << allowed << " | " << p.description << " |\n";
             }
+        }
+        if (!op.rules.empty()) {
+            out << "\nAlso required:";
+            for (size_t i = 0; i < op.rules.size(); ++i) out << (i ? "; " : " ") << op.rules[i];
+            out << ".\n";
         }
     }
     return out.str();

@@ -451,6 +451,7 @@ void declareGeometryOperations(OperationList& ops) {
                    },
                    "As `oiiotool --crop`: the data window becomes the rectangle's part of the "
                    "input's; the pixels inside are the input's."});
+    ops.back().rules = {"rect is not empty"};
     ops.push_back({"datawindow",
                    "set or shrink the defined region",
                    {required("rect", ParamType::Rect, {4, 2, 60, 40}, "the new region").anyValue(),
@@ -463,6 +464,7 @@ void declareGeometryOperations(OperationList& ops) {
                    },
                    "Pixels inside the region are the input's (its background colour where it has "
                    "no data); outside, the input's background colour."});
+    ops.back().rules = {"rect is not empty"};
     ops.push_back({"reposition",
                    "the input moved by whole pixels",
                    {Param{"offset", ParamType::Vec2, json{0, 0}, "pixels right and down"}
@@ -477,6 +479,7 @@ void declareGeometryOperations(OperationList& ops) {
                                                    o[1].get<int64_t>(), a.input("input"));
                    },
                    "out(x, y) = in(x − dx, y − dy); exact."});
+    ops.back().rules = {"offset is whole pixels"};
     ops.push_back(
         {"orient",
          "flip, flop, transpose or rotate by quarter turns",

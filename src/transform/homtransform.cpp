@@ -126,6 +126,7 @@ void declareTransformOperations(OperationList& ops) {
              p.motionSamplesPerStratum = a.integer("samplesPerStratum");
              return createHomTransformTask(a.node(), a.time(), p, matrices, a.input("input"));
          }});
+    ops.back().rules = {"matrices holds 9 numbers per matrix, at least one matrix"};
     ops.push_back(
         {"rotate",
          "rotate and scale about a centre, then move",

@@ -211,6 +211,9 @@ TEST(Declarations, TypedFactoriesRefuseWhatTheDeclarationRefuses) {
             EXPECT_NE(e.getReason().find(c.value), std::string::npos) << e.what();
         }
     }
+    // Conditions beyond the ranges are part of the declaration, and so of the reference.
+    EXPECT_NE(describeOperation("differencekey").find("and: high is at least low"),
+              std::string::npos);
     // A graph file's node names the same parameter.
     try {
         loadGraph(R"({"nodes": [{"id": "c", "op": "constant", "params": {"area": [0, 0, 8, 8]}},
