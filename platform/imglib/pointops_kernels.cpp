@@ -470,6 +470,17 @@ void RunPointOps(const Image* out, const Image* in, const PointOp* ops, size_t c
                 hn::StoreInterleaved3(v[0], v[1], v[2], d, dst + 3 * x);
             }
         }
+        if (rgba && x < width) {
+            // The row's last few pixels, through a vector's worth of room.
+            const size_t bytes = (width - x) * 4 * sizeof(float);
+            HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
+            std::memcpy(room, src + 4 * x, bytes);
+            hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+            for (size_t k = 0; k < count; ++k) applyOp(d, ops[k], v);
+            hn::StoreInterleaved4(v[0], v[1], v[2], v[3], d, room);
+            std::memcpy(dst + 4 * x, room, bytes);
+            x = width;
+        }
         for (; x < width; x += N) {
             const size_t n = std::min(N, width - x);
             gather(d, src + x * inLayout.stride, inLayout, n, v);
@@ -487,9 +498,24 @@ void RunPointOps(const Image* out, const Image* in, const PointOp* ops, size_t c
 HWY_INLINE void loadInput(D d, const Image* image, const float bg[4], int64_t x, int64_t y,
                           size_t n, V (&v)[4]) {
     const size_t N = hn::Lanes(d);
-    if (image && image->channels == CHANNELS_RGBA && n == N && y >= image->y1 && y < image->y2 &&
+    if (image && image->channels == CHANNELS_RGBA && y >= image->y1 && y < image->y2 &&
         x >= image->x1 && x + static_cast<int64_t>(n) <= image->x2) {
-        hn::LoadInterleaved4(d, GetPixelAddress(image, x, y, 16), v[0], v[1], v[2], v[3]);
+        const float* pixels = GetPixelAddress(image, x, y, 16);
+        if (n == N) {
+            hn::LoadInterleaved4(d, pixels, v[0], v[1], v[2], v[3]);
+            return;
+        }
+        // A row's last few pixels, through a vector's worth of room.
+        HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
+        std::memcpy(room, pixels, n * 4 * sizeof(float));
+        hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+        return;
+    }
+    // No pixel of the image here: its background colour, as the lanes
+    // past n are never stored.
+    if (!image || y < image->y1 || y >= image->y2 || x >= image->x2 ||
+        x + static_cast<int64_t>(n) <= image->x1) {
+        for (int c = 0; c < 4; ++c) v[c] = hn::Set(d, bg[c]);
         return;
     }
     Planes p;
@@ -649,10 +675,15 @@ void RunBinaryOp(const Image* out, const Image* in0, const Image* in1, const Bin
             loadInput(d, in1, bg1, x, y, n, b);
             applyBinary(d, *op, a, b, o);
             float* px = dst + (x - out->x1) * layout.stride;
-            if (rgba && n == N)
+            if (rgba && n == N) {
                 hn::StoreInterleaved4(o[0], o[1], o[2], o[3], d, px);
-            else
+            } else if (rgba) {
+                HWY_ALIGN float room[4 * hn::MaxLanes(d)];
+                hn::StoreInterleaved4(o[0], o[1], o[2], o[3], d, room);
+                std::memcpy(px, room, n * 4 * sizeof(float));
+            } else {
                 scatter(d, px, layout, n, o);
+            }
         }
     }
 }
