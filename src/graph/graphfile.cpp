@@ -233,24 +233,44 @@ void applyOverrides(json& doc, const std::vector<ParameterOverride>& overrides) 
     }
 }
 
+// Whether arrays and objects nest deeper than `limit` anywhere in the text
+// (brackets inside strings do not count). Found before parsing, so that the
+// parser runs without a per-value callback, which costs as much again.
+bool nestsDeeperThan(const std::string& text, int limit) {
+    int depth = 0;
+    bool inString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > limit) return true;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return false;
+}
+
 // The file's JSON, its fields checked.
 json parseDocument(const std::string& text) {
     // Values nest a few levels at most; a file nesting thousands is refused
-    // while it is read (nothing else here walks values recursively).
+    // before it is read (nothing else here walks values recursively).
     constexpr int kMaxDepth = 64;
-    bool tooDeep = false;
+    if (nestsDeeperThan(text, kMaxDepth))
+        throw GraphFileError("(file)", "",
+                             "values nest more than " + std::to_string(kMaxDepth) + " levels deep");
     json doc;
     try {
-        doc = json::parse(text, [&](int depth, json::parse_event_t, json&) {
-            tooDeep |= depth > kMaxDepth;
-            return !tooDeep;
-        });
+        doc = json::parse(text);
     } catch (const json::parse_error& e) {
         throw GraphFileError("(file)", "", std::string("not valid JSON: ") + e.what());
     }
-    if (tooDeep)
-        throw GraphFileError("(file)", "",
-                             "values nest more than " + std::to_string(kMaxDepth) + " levels deep");
     if (!doc.is_object()) throw GraphFileError("(file)", "", "the graph must be an object");
     for (auto it = doc.begin(); it != doc.end(); ++it)
         if (it.key() != "nodes" && it.key() != "outputs" && it.key() != "frames")
