@@ -30,31 +30,19 @@ namespace Private {
 
 namespace {
 
-struct Compression {
-    const char* name;
-    Imf::Compression type;
-};
-const Compression kCompressions[] = {
-    {"none", Imf::NO_COMPRESSION},   {"rle", Imf::RLE_COMPRESSION},
-    {"zips", Imf::ZIPS_COMPRESSION}, {"zip", Imf::ZIP_COMPRESSION},
-    {"piz", Imf::PIZ_COMPRESSION},   {"pxr24", Imf::PXR24_COMPRESSION},
-    {"b44", Imf::B44_COMPRESSION},   {"b44a", Imf::B44A_COMPRESSION},
-    {"dwaa", Imf::DWAA_COMPRESSION}, {"dwab", Imf::DWAB_COMPRESSION},
-};
+static_assert(int(Imf::ZIP_COMPRESSION) == int(EXR_COMPRESSION_ZIP) &&
+                  int(Imf::DWAB_COMPRESSION) == int(EXR_COMPRESSION_DWAB) &&
+                  int(Imf::NO_COMPRESSION) == int(EXR_COMPRESSION_NONE),
+              "OpenEXR's two libraries number compressions alike");
 
 Imath::Box2i box(const UTIL::Rect& r) {
     return Imath::Box2i({int(r.xmin), int(r.ymin)}, {int(r.xmax - 1), int(r.ymax - 1)});
 }
 
-std::string setCompression(Imf::Header& header, const ExrCompression& given) {
-    for (const Compression& c : kCompressions)
-        if (given.name == c.name) {
-            header.compression() = c.type;
-            header.zipCompressionLevel() = given.zipLevel;
-            header.dwaCompressionLevel() = given.dwaLevel;
-            return std::string();
-        }
-    return "unknown compression '" + given.name + "'";
+void setCompression(Imf::Header& header, const ExrCompression& given) {
+    header.compression() = static_cast<Imf::Compression>(given.type);
+    header.zipCompressionLevel() = given.zipLevel;
+    header.dwaCompressionLevel() = given.dwaLevel;
 }
 
 // The source's attributes that say what the pictures are, not how the file
@@ -92,9 +80,7 @@ public:
         const UTIL::Rect display =
             m_spec.displayWindow.isNull() ? m_spec.rect : m_spec.displayWindow;
         Imf::Header header(box(display), box(m_spec.rect));
-        const std::string refused =
-            setCompression(header, parseExrCompression(m_spec.formatOf, m_spec.compression));
-        if (!refused.empty()) return refused;
+        setCompression(header, parseExrCompression(m_spec.formatOf, m_spec.compression));
         for (const std::string& name : m_spec.channelNames)
             header.channels().insert(name, Imf::Channel(m_type));
         carryAttributes(header, m_spec.attributesFrom);

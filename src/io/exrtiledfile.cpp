@@ -32,18 +32,6 @@ namespace Private {
 
 namespace {
 
-struct Compression {
-    const char* name;
-    exr_compression_t type;
-};
-const Compression kCompressions[] = {
-    {"none", EXR_COMPRESSION_NONE}, {"rle", EXR_COMPRESSION_RLE},
-    {"zips", EXR_COMPRESSION_ZIPS}, {"zip", EXR_COMPRESSION_ZIP},
-    {"piz", EXR_COMPRESSION_PIZ},   {"pxr24", EXR_COMPRESSION_PXR24},
-    {"b44", EXR_COMPRESSION_B44},   {"b44a", EXR_COMPRESSION_B44A},
-    {"dwaa", EXR_COMPRESSION_DWAA}, {"dwab", EXR_COMPRESSION_DWAB},
-};
-
 class ExrTiledFile final : public OutputFile {
 public:
     ExrTiledFile(const FileOutParams& params, const OutputLayout& layout,
@@ -389,30 +377,20 @@ std::map<exr_const_context_t, ExrTiledFile*> ExrTiledFile::s_files;
 
 std::unique_ptr<OutputFile> openExrTiledFile(const FileOutParams& params,
                                              const OutputLayout& layout) {
-    const ExrCompression given = parseExrCompression(params.path, params.compression);
-    for (const Compression& c : kCompressions)
-        if (given.name == c.name) {
-            // This version of the core library has no DWA compressor, and
-            // scrambles float channels in B44 blocks: OpenEXR's C++
-            // library (through the scanline writer) does both right.
-            const bool scanlineOnly =
-                c.type == EXR_COMPRESSION_DWAA || c.type == EXR_COMPRESSION_DWAB ||
-                ((c.type == EXR_COMPRESSION_B44 || c.type == EXR_COMPRESSION_B44A) &&
-                 params.dataType == "float");
-            if (scanlineOnly && params.parts)
-                throw UTIL::ErrorException("cannot write '" + params.path +
-                                           "': one part per layer cannot be written with " +
-                                           params.compression + " compression of " +
-                                           (params.dataType.empty() ? "half" : params.dataType) +
-                                           " channels");
-            if (scanlineOnly) return nullptr;
-            return std::make_unique<ExrTiledFile>(params, layout, c.type, given.zipLevel);
-        }
-    std::string names;
-    for (const Compression& c : kCompressions)
-        names += names.empty() ? c.name : std::string(", ") + c.name;
-    throw UTIL::ErrorException("cannot write '" + params.path + "': unknown compression '" +
-                               params.compression + "' (" + names + ")");
+    const ExrCompression c = parseExrCompression(params.path, params.compression);
+    // This version of the core library has no DWA compressor, and
+    // scrambles float channels in B44 blocks: OpenEXR's C++ library
+    // (through the scanline writer) does both right.
+    const bool scanlineOnly = c.type == EXR_COMPRESSION_DWAA || c.type == EXR_COMPRESSION_DWAB ||
+                              ((c.type == EXR_COMPRESSION_B44 || c.type == EXR_COMPRESSION_B44A) &&
+                               params.dataType == "float");
+    if (scanlineOnly && params.parts)
+        throw UTIL::ErrorException(
+            "cannot write '" + params.path + "': one part per layer cannot be written with " +
+            params.compression + " compression of " +
+            (params.dataType.empty() ? "half" : params.dataType) + " channels");
+    if (scanlineOnly) return nullptr;
+    return std::make_unique<ExrTiledFile>(params, layout, c.type, c.zipLevel);
 }
 
 }  // namespace Private
