@@ -111,13 +111,14 @@ void checkParameters(const std::string& operation, const std::string& task,
                      std::initializer_list<std::pair<const char*, json>> values) {
     const Operation* op = findOperation(operation);
     if (!op) throw std::logic_error("no operator '" + operation + "' to check " + task + " by");
-    for (const auto& [name, value] : values) {
+    for (const auto& given : values) {
+        const std::string name = given.first;
         const auto p = std::find_if(op->params.begin(), op->params.end(),
                                     [&](const Param& q) { return q.name == name; });
         if (p == op->params.end())
             throw std::logic_error("operator '" + operation + "' declares no parameter '" + name +
                                    "'");
-        const std::string why = invalidValue(*p, value);
+        const std::string why = invalidValue(*p, given.second);
         if (!why.empty()) throw InvalidParameterException(task, name, why);
     }
 }
