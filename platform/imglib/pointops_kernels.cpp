@@ -470,22 +470,24 @@ void RunPointOps(const Image* out, const Image* in, const PointOp* ops, size_t c
                 hn::StoreInterleaved3(v[0], v[1], v[2], d, dst + 3 * x);
             }
         }
-        if (rgba && x < width) {
-            // The row's last few pixels, through a vector's worth of room.
-            const size_t bytes = (width - x) * 4 * sizeof(float);
-            HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
-            std::memcpy(room, src + 4 * x, bytes);
-            hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
-            for (size_t k = 0; k < count; ++k) applyOp(d, ops[k], v);
-            hn::StoreInterleaved4(v[0], v[1], v[2], v[3], d, room);
-            std::memcpy(dst + 4 * x, room, bytes);
-            x = width;
-        }
         for (; x < width; x += N) {
             const size_t n = std::min(N, width - x);
-            gather(d, src + x * inLayout.stride, inLayout, n, v);
+            // An RGBA row's last few pixels go through a vector's worth of
+            // room rather than lane by lane.
+            HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
+            if (rgba) {
+                std::memcpy(room, src + 4 * x, n * 4 * sizeof(float));
+                hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+            } else {
+                gather(d, src + x * inLayout.stride, inLayout, n, v);
+            }
             for (size_t k = 0; k < count; ++k) applyOp(d, ops[k], v);
-            scatter(d, dst + x * outLayout.stride, outLayout, n, v);
+            if (rgba) {
+                hn::StoreInterleaved4(v[0], v[1], v[2], v[3], d, room);
+                std::memcpy(dst + 4 * x, room, n * 4 * sizeof(float));
+            } else {
+                scatter(d, dst + x * outLayout.stride, outLayout, n, v);
+            }
         }
     }
     copyExtraChannels(out, in);
