@@ -412,6 +412,20 @@ HWY_INLINE void scatter(D d, float* row, const Layout& layout, size_t count, con
             if (layout.slot[c] >= 0) row[i * layout.stride + layout.slot[c]] = p.c[c][i];
 }
 
+// The first `count` (fewer than Lanes) RGBA pixels of a row, through a
+// vector's worth of room rather than lane by lane; lanes past them are 0.
+HWY_INLINE void loadTail4(D d, const float* row, size_t count, V (&v)[4]) {
+    HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
+    std::memcpy(room, row, count * 4 * sizeof(float));
+    hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+}
+
+HWY_INLINE void storeTail4(D d, const V (&v)[4], size_t count, float* row) {
+    HWY_ALIGN float room[4 * hn::MaxLanes(d)];
+    hn::StoreInterleaved4(v[0], v[1], v[2], v[3], d, room);
+    std::memcpy(row, room, count * 4 * sizeof(float));
+}
+
 // Channels beyond RGBA: copied from in where it has them, else 0.
 void copyExtraChannels(const Image* out, const Image* in) {
     const uint64_t extra = out->channels & ~CHANNELS_RGBA;
@@ -472,19 +486,14 @@ void RunPointOps(const Image* out, const Image* in, const PointOp* ops, size_t c
         }
         for (; x < width; x += N) {
             const size_t n = std::min(N, width - x);
-            // An RGBA row's last few pixels go through a vector's worth of
-            // room rather than lane by lane.
-            HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
             if (rgba) {
-                std::memcpy(room, src + 4 * x, n * 4 * sizeof(float));
-                hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+                loadTail4(d, src + 4 * x, n, v);
             } else {
                 gather(d, src + x * inLayout.stride, inLayout, n, v);
             }
             for (size_t k = 0; k < count; ++k) applyOp(d, ops[k], v);
             if (rgba) {
-                hn::StoreInterleaved4(v[0], v[1], v[2], v[3], d, room);
-                std::memcpy(dst + 4 * x, room, n * 4 * sizeof(float));
+                storeTail4(d, v, n, dst + 4 * x);
             } else {
                 scatter(d, dst + x * outLayout.stride, outLayout, n, v);
             }
@@ -507,10 +516,7 @@ HWY_INLINE void loadInput(D d, const Image* image, const float bg[4], int64_t x,
             hn::LoadInterleaved4(d, pixels, v[0], v[1], v[2], v[3]);
             return;
         }
-        // A row's last few pixels, through a vector's worth of room.
-        HWY_ALIGN float room[4 * hn::MaxLanes(d)] = {};
-        std::memcpy(room, pixels, n * 4 * sizeof(float));
-        hn::LoadInterleaved4(d, room, v[0], v[1], v[2], v[3]);
+        loadTail4(d, pixels, n, v);
         return;
     }
     // No pixel of the image here: its background colour, as the lanes
@@ -680,9 +686,7 @@ void RunBinaryOp(const Image* out, const Image* in0, const Image* in1, const Bin
             if (rgba && n == N) {
                 hn::StoreInterleaved4(o[0], o[1], o[2], o[3], d, px);
             } else if (rgba) {
-                HWY_ALIGN float room[4 * hn::MaxLanes(d)];
-                hn::StoreInterleaved4(o[0], o[1], o[2], o[3], d, room);
-                std::memcpy(px, room, n * 4 * sizeof(float));
+                storeTail4(d, o, n, px);
             } else {
                 scatter(d, px, layout, n, o);
             }

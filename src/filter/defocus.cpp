@@ -88,8 +88,7 @@ private:
     ImageBlurParams m_p;
 };
 
-// A control image is read at one channel; a layer count the operator would
-// refuse is refused when the graph is built.
+// Both images are required (the values are checked through the declaration).
 void checkControl(const std::string& type, const TaskPtr& image, const TaskPtr& control) {
     if (!image) throw UTIL::ErrorException(type + " requires an input.");
     if (!control) throw UTIL::ErrorException(type + " requires a control input.");
