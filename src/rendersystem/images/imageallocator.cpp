@@ -29,6 +29,22 @@ namespace {
 
 using Impl = ImageBuffer::Impl;
 
+// Under a sanitizer the sanitizer's allocator owns the heap: the C
+// library's arenas hold nothing to hand back, and walking them (they were
+// never set up) crashes.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kCLibraryOwnsTheHeap = false;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+constexpr bool kCLibraryOwnsTheHeap = false;
+#else
+constexpr bool kCLibraryOwnsTheHeap = true;
+#endif
+#else
+constexpr bool kCLibraryOwnsTheHeap = true;
+#endif
+
 using IMGLIB::kPixelAlignment;
 
 std::string defaultTempDirectory() {
@@ -112,7 +128,7 @@ void BlockPool::churn(size_t bytes) {
     constexpr size_t kTrimEvery = size_t(64) << 20;
     if (m_churnSinceTrim.fetch_add(bytes) + bytes < kTrimEvery) return;
     m_churnSinceTrim = 0;  // two threads may both trim: harmless
-    malloc_trim(0);
+    if (kCLibraryOwnsTheHeap) malloc_trim(0);
 }
 
 void BlockPool::clear() {
