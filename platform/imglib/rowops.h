@@ -28,4 +28,13 @@ void RowHalfToFloat(float* dst, const uint16_t* src, size_t count);
 // dst[i n + k] = planes[k][i].
 void RowInterleave(float* dst, const float* const* planes, size_t n, size_t count);
 
+// dst[i] = the sum over t < taps of w[t] rows[t][i], summed in that order.
+void RowWeightedSum(float* dst, const float* const* rows, const float* w, size_t taps,
+                    size_t count);
+// Pixels of n channels filtered along a row: dst pixel i is the sum over
+// t < taps of w[i taps + t] times the pixel first[i] + t, src being the
+// pixel at `origin`.
+void RowResample(float* dst, const float* src, int64_t origin, const int64_t* first, const float* w,
+                 size_t taps, size_t count, size_t n);
+
 }  // namespace IMGLIB

@@ -147,6 +147,66 @@ void InterleaveRow(float* dst, const float* const* planes, size_t n, size_t coun
         for (size_t k = 0; k < n; ++k) dst[i * n + k] = planes[k][i];
 }
 
+void WeightedSumRow(float* dst, const float* const* rows, const float* w, size_t taps,
+                    size_t count) {
+    const hn::ScalableTag<float> d;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    for (; i + N <= count; i += N) {
+        auto acc = hn::Zero(d);
+        for (size_t t = 0; t < taps; ++t)
+            acc = hn::MulAdd(hn::Set(d, w[t]), hn::LoadU(d, rows[t] + i), acc);
+        hn::StoreU(acc, d, dst + i);
+    }
+    // The remainder through the same multiply-adds.
+    const hn::CappedTag<float, 1> one;
+    for (; i < count; ++i) {
+        auto acc = hn::Zero(one);
+        for (size_t t = 0; t < taps; ++t)
+            acc = hn::MulAdd(hn::Set(one, w[t]), hn::LoadU(one, rows[t] + i), acc);
+        hn::StoreU(acc, one, dst + i);
+    }
+}
+
+void ResampleRow(float* dst, const float* src, int64_t origin, const int64_t* first, const float* w,
+                 size_t taps, size_t count, size_t n) {
+    const hn::CappedTag<float, 4> d;
+    if (n == 4 && hn::Lanes(d) == 4) {
+        // A pixel a vector; two pixels a step, their sums independent chains.
+        const auto pixel = [&](size_t i, size_t t) {
+            return hn::LoadU(d, src + (first[i] - origin + int64_t(t)) * 4);
+        };
+        size_t i = 0;
+        for (; i + 2 <= count; i += 2) {
+            const float* w0 = w + i * taps;
+            const float* w1 = w0 + taps;
+            auto a0 = hn::Zero(d), a1 = hn::Zero(d);
+            for (size_t t = 0; t < taps; ++t) {
+                a0 = hn::MulAdd(hn::Set(d, w0[t]), pixel(i, t), a0);
+                a1 = hn::MulAdd(hn::Set(d, w1[t]), pixel(i + 1, t), a1);
+            }
+            hn::StoreU(a0, d, dst + 4 * i);
+            hn::StoreU(a1, d, dst + 4 * i + 4);
+        }
+        for (; i < count; ++i) {
+            auto a = hn::Zero(d);
+            for (size_t t = 0; t < taps; ++t)
+                a = hn::MulAdd(hn::Set(d, w[i * taps + t]), pixel(i, t), a);
+            hn::StoreU(a, d, dst + 4 * i);
+        }
+        return;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        const float* p = src + (first[i] - origin) * int64_t(n);
+        const float* wi = w + i * taps;
+        for (size_t c = 0; c < n; ++c) {
+            float acc = 0.0f;
+            for (size_t t = 0; t < taps; ++t) acc += wi[t] * p[t * n + c];
+            dst[i * n + c] = acc;
+        }
+    }
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace IMGLIB
 HWY_AFTER_NAMESPACE();
@@ -162,6 +222,8 @@ HWY_EXPORT(MulAddWidenRow);
 HWY_EXPORT(FloatToHalfRow);
 HWY_EXPORT(HalfToFloatRow);
 HWY_EXPORT(InterleaveRow);
+HWY_EXPORT(WeightedSumRow);
+HWY_EXPORT(ResampleRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
@@ -195,5 +257,13 @@ void RowInterleave(float* dst, const float* const* planes, size_t n, size_t coun
     HWY_DYNAMIC_DISPATCH(InterleaveRow)(dst, planes, n, count);
 }
 
+void RowWeightedSum(float* dst, const float* const* rows, const float* w, size_t taps,
+                    size_t count) {
+    HWY_DYNAMIC_DISPATCH(WeightedSumRow)(dst, rows, w, taps, count);
+}
+void RowResample(float* dst, const float* src, int64_t origin, const int64_t* first, const float* w,
+                 size_t taps, size_t count, size_t n) {
+    HWY_DYNAMIC_DISPATCH(ResampleRow)(dst, src, origin, first, w, taps, count, n);
+}
 }  // namespace IMGLIB
 #endif

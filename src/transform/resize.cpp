@@ -1,14 +1,11 @@
-// Separable scale and translate. Each tile filters the input rows it needs
-// horizontally into a scratch buffer, then those columns vertically: the
-// weights of a pixel depend only on its position, so the result is the
-// same for any tiling.
+// Separable scale and translate: the task maps boxes and formats, IMGLIB's
+// ResizeImage filters the pixels.
 #include <algorithm>
 #include <cmath>
-#include <type_traits>
 #include <vector>
 
-#include "imglib/channels.h"
 #include "imglib/pixels.h"
+#include "imglib/resize.h"
 #include "private/imglibcall.h"
 #include "private/operation.h"
 #include "transformtasks.h"
@@ -19,77 +16,7 @@ namespace {
 using Color4f = Imath::Color4<float>;
 using UTIL::Rect;
 
-// One axis: output coordinate c reads input pixels first .. first + taps - 1
-// with normalised weights.
-struct Axis {
-    float scale = 1, translate = 0;
-    IMGLIB::KernelType filter = IMGLIB::KERNEL_LANCZOS3;
-
-    // Nearest point-samples, whatever the scale: the one pixel under the
-    // output pixel's centre.
-    bool pointSamples() const { return filter == IMGLIB::KERNEL_NEAREST; }
-    // Pixels either side of the centre pixel the filter reaches.
-    int64_t radius() const {
-        if (pointSamples()) return 0;
-        const float width = IMGLIB::GetKernelWidth(filter) / std::min(1.0f, scale);
-        return int64_t(std::ceil(0.5f * width));
-    }
-    // The input centre of output pixel c, as a pixel and a fraction.
-    int64_t centre(int64_t c, float* fraction) const {
-        const float x = (float(c) + 0.5f - translate) / scale;
-        const float pixel = std::floor(x);
-        *fraction = x - pixel;
-        return int64_t(pixel);
-    }
-    // The input pixels outputs [lo, hi) read.
-    std::pair<int64_t, int64_t> reach(int64_t lo, int64_t hi) const {
-        float f;
-        return {centre(lo, &f) - radius(), centre(hi - 1, &f) + radius() + 1};
-    }
-    // The output pixels input pixels [lo, hi) reach.
-    std::pair<int64_t, int64_t> image(int64_t lo, int64_t hi) const {
-        return {int64_t(std::floor(double(lo) * scale + translate)),
-                int64_t(std::ceil(double(hi) * scale + translate))};
-    }
-    // Weights of outputs [lo, hi): (2 radius + 1) each, for input pixels
-    // from centre - radius.
-    void weights(int64_t lo, int64_t hi, std::vector<int64_t>& first, std::vector<float>& w) const {
-        const int64_t r = radius(), taps = 2 * r + 1;
-        const float squeeze = std::min(1.0f, scale), width = IMGLIB::GetKernelWidth(filter);
-        first.resize(size_t(hi - lo));
-        w.resize(size_t((hi - lo) * taps));
-        for (int64_t c = lo; c < hi; ++c) {
-            float fraction;
-            const int64_t centrePixel = centre(c, &fraction);
-            first[size_t(c - lo)] = centrePixel - r;
-            float* cw = &w[size_t((c - lo) * taps)];
-            if (pointSamples()) {
-                cw[0] = 1.0f;
-                continue;
-            }
-            float sum = 0;
-            for (int64_t i = 0; i < taps; ++i) {
-                const float offset = float(i - r) + 0.5f - fraction;
-                cw[i] = IMGLIB::EvalKernel(filter, offset * squeeze, width);
-                sum += cw[i];
-            }
-            if (sum != 0.0f)
-                for (int64_t i = 0; i < taps; ++i) cw[i] /= sum;
-        }
-    }
-};
-
-// One output pixel of the horizontal pass: the taps' weighted sum, channel
-// by channel (kN channels, or n when kN is 0).
-template <int kN>
-inline void filterPixel(const float* w, int64_t taps, const float* p, int n, float* out) {
-    constexpr int kMax = 64;
-    float acc[kN ? kN : kMax] = {};
-    const int channels = kN ? kN : n;
-    for (int64_t i = 0; i < taps; ++i, p += channels)
-        for (int c = 0; c < channels; ++c) acc[c] += w[i] * p[c];
-    for (int c = 0; c < channels; ++c) out[c] = acc[c];
-}
+using Axis = IMGLIB::ResizeAxis;
 
 class ResizeTask : public RenderTask {
 public:
@@ -158,53 +85,16 @@ private:
 
 void ResizeTask::renderRect(const IMGLIB::Image* out,
                             const std::vector<const IMGLIB::Image*>& inputs) {
-    const Color4f bg = getBackgroundColor();
-    const float bgPixel[4] = {bg.r, bg.g, bg.b, bg.a};
-    Private::checkImglib(IMGLIB::Fill(out, bgPixel), getNameAtTime());
     const IMGLIB::Image* in = inputs.empty() ? nullptr : inputs[0];
-    const Rect r = Rect(out->x1, out->y1, out->x2, out->y2).intersection(m_box);
+    const Rect tile(out->x1, out->y1, out->x2, out->y2);
+    const Rect r = tile.intersection(m_box);
+    if (!in || r != tile) {  // the background where no resized pixel lands
+        const Color4f bg = getBackgroundColor();
+        const float bgPixel[4] = {bg.r, bg.g, bg.b, bg.a};
+        Private::checkImglib(IMGLIB::Fill(out, bgPixel), getNameAtTime());
+    }
     if (!in || r.isNull()) return;
-    const int n = IMGLIB::GetChannelCount(out->channels);
-    if (in->channels != out->channels)
-        throw RenderTaskRenderingException(getNameAtTime(), "input channels differ", -1);
-
-    std::vector<int64_t> firstX, firstY;
-    std::vector<float> wx, wy;
-    m_x.weights(r.xmin, r.xmax, firstX, wx);
-    m_y.weights(r.ymin, r.ymax, firstY, wy);
-    const int64_t tapsX = 2 * m_x.radius() + 1, tapsY = 2 * m_y.radius() + 1;
-    const int64_t width = r.width();
-    const int64_t rowLo = firstY.front(), rowHi = firstY.back() + tapsY;
-    // Horizontal pass over every input row the tile reads.
-    std::vector<float> rows(size_t((rowHi - rowLo) * width * n));
-    for (int64_t sy = rowLo; sy < rowHi; ++sy) {
-        const float* src = IMGLIB::GetPixelAddress(in, in->x1, sy, 4 * n);
-        float* dst = &rows[size_t((sy - rowLo) * width * n)];
-        const auto row = [&](auto channels) {
-            constexpr int kN = decltype(channels)::value;
-            const int c = kN ? kN : n;
-            for (int64_t x = 0; x < width; ++x, dst += c) {
-                const float* w = &wx[size_t(x * tapsX)];
-                const float* p = src + (firstX[size_t(x)] - in->x1) * c;
-                filterPixel<kN>(w, tapsX, p, c, dst);
-            }
-        };
-        // RGBA, the usual case, with the channel loop unrolled.
-        if (n == 4)
-            row(std::integral_constant<int, 4>());
-        else
-            row(std::integral_constant<int, 0>());
-    }
-    // Vertical pass: whole rows at a time.
-    const int64_t rowFloats = width * n;
-    for (int64_t y = r.ymin; y < r.ymax; ++y) {
-        float* dst = IMGLIB::GetPixelAddress(out, r.xmin, y, 4 * n);
-        const float* w = &wy[size_t((y - r.ymin) * tapsY)];
-        const float* src = &rows[size_t((firstY[size_t(y - r.ymin)] - rowLo) * rowFloats)];
-        for (int64_t k = 0; k < rowFloats; ++k) dst[k] = 0.0f;
-        for (int64_t j = 0; j < tapsY; ++j, src += rowFloats)
-            for (int64_t k = 0; k < rowFloats; ++k) dst[k] += w[j] * src[k];
-    }
+    Private::checkImglib(IMGLIB::ResizeImage(out, in, r, m_x, m_y), getNameAtTime());
 }
 
 }  // namespace

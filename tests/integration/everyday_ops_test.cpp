@@ -433,6 +433,33 @@ TEST_F(EverydayOpsTest, ResizeMatchesOpenImageIO) {
     }
 }
 
+// Pixels without alpha take the resize's path for any channel count.
+TEST_F(EverydayOpsTest, ResizeOfThreeChannelsMatchesOpenImageIO) {
+    const int rgb[3] = {0, 1, 2};
+    const OIIO::ImageBuf src = OIIO::ImageBufAlgo::channels(OIIO::ImageBuf(platePath()), 3, rgb);
+    const std::string path = (dir() / "rgb.exr").string();
+    ASSERT_TRUE(src.write(path)) << src.geterror();
+    for (const auto& [w, h] : std::vector<std::pair<int, int>>{{20, 13}, {74, 46}, {50, 9}}) {
+        const OIIO::ImageBuf expected =
+            OIIO::ImageBufAlgo::resize(src, "lanczos3", 0.0f, OIIO::ROI(0, w, 0, h));
+        ASSERT_FALSE(expected.has_error()) << expected.geterror();
+        std::ostringstream nodes;
+        nodes << R"({"id": "rgb", "op": "filein", "params": {"path": ")" << path
+              << R"("}}, {"id": "out", "op": "resize", "params": {"size": [)" << w << ", " << h
+              << R"(]}, "inputs": {"input": "rgb"}})";
+        const std::vector<Color> got = render(nodes.str(), Rect(0, 0, w, h));
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                float want[3];
+                expected.getpixel(x, y, want, 3);
+                for (int c = 0; c < 3; ++c)
+                    ASSERT_NEAR(got[size_t(y * w + x)][c], want[c],
+                                2e-5f * std::max(1.0f, std::fabs(want[c])))
+                        << w << "x" << h << " at " << x << ", " << y << " channel " << c;
+            }
+    }
+}
+
 TEST_F(EverydayOpsTest, DepthMergeMatchesOpenImageIOAndBlendsAcrossItsSoftness) {
     // Two RGBAZ images, every pixel covered, depths crossing each other.
     const auto write = [&](const std::string& name, float phase) {
