@@ -8,6 +8,7 @@
 #include "imglib/channels.h"
 #include "imglib/error.h"
 #include "imglib/pixels.h"
+#include "imglib/resampleengine.h"
 
 namespace IMGLIB {
 
@@ -17,7 +18,6 @@ namespace {
 
 using M33 = Imath::Matrix33<float>;
 constexpr int kMaxTaps = 512;
-constexpr int kPhases = 1024;
 
 // The filter along one input axis for a footprint of `scale` input pixels per
 // output pixel.
@@ -270,114 +270,74 @@ int ProjTransformImage(const Image* out, const Image* in, const M33& m, KernelTy
     return ERROR_NONE;
 }
 
+namespace {}  // namespace
+
+PhaseTable::PhaseTable(KernelType kernel, float width) {
+    const Axis axis{kernel, width};
+    std::vector<std::vector<float>> rows;
+    for (int p = 0; p < kPhases; ++p) {
+        // A sample at c = 0.5 + p / kPhases: phase 0 is a pixel centre
+        // exactly, so whole-pixel moves stay exact.
+        float w[kMaxTaps];
+        int64_t first;
+        const float c = 0.5f + float(p) / float(kPhases);
+        const int n = axisTaps(axis, c, first, w);
+        m_first.push_back(first);
+        m_counts.push_back(n);
+        rows.emplace_back(w, w + n);
+        m_stride = std::max(m_stride, n);
+    }
+    m_weights.assign(static_cast<size_t>(kPhases * m_stride), 0.0f);
+    for (int p = 0; p < kPhases; ++p)
+        std::copy(rows[p].begin(), rows[p].end(), m_weights.begin() + p * m_stride);
+}
+
 namespace {
-
-// Weights for one axis of an affine map: the footprint is the same at every
-// pixel, so the taps depend only on the sample's phase within a pixel. One
-// contiguous table, `stride` weights a phase.
-class PhaseTable {
-public:
-    explicit PhaseTable(const Axis& axis) {
-        std::vector<std::vector<float>> rows;
-        for (int p = 0; p < kPhases; ++p) {
-            // A sample at c = 0.5 + p / kPhases: phase 0 is a pixel centre
-            // exactly, so whole-pixel moves stay exact.
-            float w[kMaxTaps];
-            int64_t first;
-            const float c = 0.5f + float(p) / float(kPhases);
-            const int n = axisTaps(axis, c, first, w);
-            m_first.push_back(first);
-            m_counts.push_back(n);
-            rows.emplace_back(w, w + n);
-            m_stride = std::max(m_stride, n);
-        }
-        m_weights.assign(static_cast<size_t>(kPhases * m_stride), 0.0f);
-        for (int p = 0; p < kPhases; ++p)
-            std::copy(rows[p].begin(), rows[p].end(), m_weights.begin() + p * m_stride);
-    }
-    // Taps for a sample at continuous coordinate c.
-    int taps(float c, int64_t& first, const float*& w) const {
-        const float shifted = c - 0.5f;
-        float base = std::floor(shifted);
-        int phase = static_cast<int>(std::nearbyint((shifted - base) * kPhases));
-        if (phase == kPhases) {  // rounds up to the next pixel centre
-            phase = 0;
-            base += 1.0f;
-        }
-        first = static_cast<int64_t>(base) + m_first[static_cast<size_t>(phase)];
-        w = m_weights.data() + phase * m_stride;
-        return m_counts[static_cast<size_t>(phase)];
-    }
-
-private:
-    std::vector<int64_t> m_first;
-    std::vector<int> m_counts;
-    std::vector<float> m_weights;
-    int m_stride = 1;
-};
-
-// Four floats as one register: RGBA pixels filtered a whole pixel at a time.
-typedef float Float4 __attribute__((vector_size(16)));
-
-inline Float4 load4(const float* p) {
-    Float4 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-// One RGBA pixel from an nx x ny block of taps; NX fixed lets the compiler
-// unroll the row (0: any count).
-template <int NX>
-inline Float4 filterRGBA(const float* rowPtr, int64_t rowFloats, int nx, const float* wx, int ny,
-                         const float* wy) {
-    Float4 total = {0, 0, 0, 0};
-    for (int j = 0; j < ny; ++j, rowPtr += rowFloats) {
-        Float4 row = {0, 0, 0, 0};
-        const int n = NX > 0 ? NX : nx;
-        for (int i = 0; i < n; ++i) row += wx[i] * load4(rowPtr + 4 * i);
-        total += wy[j] * row;
-    }
-    return total;
-}
-
-class AffineTransform;
-void affineRows(const AffineTransform& t, const Image* out, const Image* in);
 
 class AffineTransform : public UnaryOperation {
 public:
     AffineTransform(const M33& inverse, const Axis& ax, const Axis& ay,
                     const Imath::Color4<float>& bg)
-        : m_inverse(inverse), m_x(ax), m_y(ay), m_background(bg) {}
+        : m_inverse(inverse),
+          m_x(ax.kernel, ax.width),
+          m_y(ay.kernel, ay.width),
+          m_background(bg) {}
 
     int apply(const Image* out, const Image* in) const override {
         if (int err = checkImages(out, in, "AffineTransform")) return err;
-        affineRows(*this, out, in);
+        const Rows rows{*this, Source(in, m_background), ChannelMap(out->channels, in->channels)};
+        const int64_t pixelBytes = GetPixelBytes(out->channels);
+        const M33& mi = m_inverse;
+        if (out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA) {
+            AffineRow row{&m_x,     &m_y,     mi[0][0], mi[1][0],    mi[2][0],
+                          mi[0][1], mi[1][1], mi[2][1], in,          nullptr,
+                          out->x1,  out->x2,  0,        &Rows::edge, &rows};
+            for (int64_t y = out->y1; y < out->y2; ++y) {
+                row.y = y;
+                row.dst = GetPixelAddress(out, out->x1, y, pixelBytes);
+                DispatchAffineRowRGBA(row);
+            }
+            return ERROR_NONE;
+        }
+        for (int64_t y = out->y1; y < out->y2; ++y) {
+            float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
+            for (int64_t x = out->x1; x < out->x2; ++x, dst += rows.map.count)
+                rows.pixel(x, y, dst);
+        }
         return ERROR_NONE;
     }
 
-    M33 m_inverse;
-    PhaseTable m_x, m_y;
-    Imath::Color4<float> m_background;
-};
+private:
+    // Any pixel, any channels: the taps read through the source, which
+    // gives the background outside the input.
+    struct Rows {
+        const AffineTransform& t;
+        Source source;
+        ChannelMap map;
 
-// The rows of an affine transform, inlined into two builds below: the
-// baseline, and one for machines with AVX2 and FMA, chosen at run time.
-__attribute__((always_inline)) inline void affineRowsBody(const AffineTransform& t,
-                                                          const Image* out, const Image* in) {
-    const Source source(in, t.m_background);
-    const ChannelMap map(out->channels, in->channels);
-    const int64_t pixelBytes = GetPixelBytes(out->channels);
-    const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
-    const int64_t rowFloats = in->rowBytes / 4;
-    const M33& mi = t.m_inverse;
-    float acc[MAX_CHANNELS];
-    for (int64_t y = out->y1; y < out->y2; ++y) {
-        const float py = float(y) + 0.5f;
-        float* dst = GetPixelAddress(out, out->x1, y, pixelBytes);
-        for (int64_t x = out->x1; x < out->x2; ++x, dst += map.count) {
-            // Computed from the pixel's own coordinates, never accumulated
-            // along the row: a pixel gets the same value in any tile.
-            const float px = float(x) + 0.5f;
+        void pixel(int64_t x, int64_t y, float* dst) const {
+            const M33& mi = t.m_inverse;
+            const float px = float(x) + 0.5f, py = float(y) + 0.5f;
             const float u = px * mi[0][0] + py * mi[1][0] + mi[2][0];
             const float v = px * mi[0][1] + py * mi[1][1] + mi[2][1];
             int64_t x0, y0;
@@ -385,50 +345,21 @@ __attribute__((always_inline)) inline void affineRowsBody(const AffineTransform&
             const int nx = t.m_x.taps(u, x0, wx), ny = t.m_y.taps(v, y0, wy);
             if (!source.overlaps(x0, y0, nx, ny)) {
                 map.write(dst, source.background);  // wholly outside the input
-                continue;
+                return;
             }
-            if (rgba && source.contains(x0, y0, nx, ny)) {
-                const float* rowPtr = GetPixelAddress(in, x0, y0, 16);
-                Float4 total;
-                switch (nx) {
-                    case 4:
-                        total = filterRGBA<4>(rowPtr, rowFloats, nx, wx, ny, wy);
-                        break;
-                    case 5:
-                        total = filterRGBA<5>(rowPtr, rowFloats, nx, wx, ny, wy);
-                        break;
-                    case 6:
-                        total = filterRGBA<6>(rowPtr, rowFloats, nx, wx, ny, wy);
-                        break;
-                    default:
-                        total = filterRGBA<0>(rowPtr, rowFloats, nx, wx, ny, wy);
-                        break;
-                }
-                std::memcpy(dst, &total, sizeof total);
-                continue;
-            }
+            float acc[MAX_CHANNELS];
             filterAny(source, x0, nx, wx, y0, ny, wy, acc);
             map.write(dst, acc);
         }
-    }
-}
+        static void edge(const void* rows, int64_t x, int64_t y, float* dst) {
+            static_cast<const Rows*>(rows)->pixel(x, y, dst);
+        }
+    };
 
-void affineRowsBaseline(const AffineTransform& t, const Image* out, const Image* in) {
-    affineRowsBody(t, out, in);
-}
-
-__attribute__((target("avx2,fma"))) void affineRowsAvx2(const AffineTransform& t, const Image* out,
-                                                        const Image* in) {
-    affineRowsBody(t, out, in);
-}
-
-void affineRows(const AffineTransform& t, const Image* out, const Image* in) {
-    static const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-    if (avx2)
-        affineRowsAvx2(t, out, in);
-    else
-        affineRowsBaseline(t, out, in);
-}
+    M33 m_inverse;
+    PhaseTable m_x, m_y;
+    Imath::Color4<float> m_background;
+};
 
 class MotionBlurTransform : public UnaryOperation {
 public:
