@@ -259,18 +259,43 @@ int ProjTransformImage(const Image* out, const Image* in, const M33& m, KernelTy
     const Source source(in, background);
     const ChannelMap map(out->channels, in->channels);
     const int64_t pixelBytes = GetPixelBytes(out->channels);
-    float acc[MAX_CHANNELS], bg[MAX_CHANNELS];
-    std::memcpy(bg, source.background, sizeof bg);
+    const int64_t rowFloats = in->rowBytes / 4;
+    const bool rgba = out->channels == CHANNELS_RGBA && in->channels == CHANNELS_RGBA;
+    // Pixels whose taps lie inside an RGBA input are filtered a batch at a
+    // time by the vector kernel; their weights wait in `weights` until then.
+    constexpr size_t kBatch = 32;
+    std::vector<float> weights(kBatch * 2 * kMaxTaps);
+    std::vector<PixelTaps> batch;
+    batch.reserve(kBatch);
+    const auto flush = [&] {
+        DispatchFilterPixelsRGBA(batch.data(), batch.size(), rowFloats);
+        batch.clear();
+    };
     for (int64_t y = out->y1; y < out->y2; ++y)
         for (int64_t x = out->x1; x < out->x2; ++x) {
-            const bool hit = samplePoint(source, inverse, primary, secondary, float(x) + 0.5f,
-                                         float(y) + 0.5f, acc);
-            map.write(GetPixelAddress(out, x, y, pixelBytes), hit ? acc : bg);
+            float* dst = GetPixelAddress(out, x, y, pixelBytes);
+            Mapped p;
+            if (!mapPoint(inverse, float(x) + 0.5f, float(y) + 0.5f, p)) {
+                map.write(dst, source.background);  // behind the projection centre
+                continue;
+            }
+            float* wx = &weights[batch.size() * 2 * kMaxTaps];
+            float* wy = wx + kMaxTaps;
+            int64_t x0, y0;
+            const int nx = axisTaps(axisFor(primary, secondary, p.su), p.u, x0, wx);
+            const int ny = axisTaps(axisFor(primary, secondary, p.sv), p.v, y0, wy);
+            if (rgba && source.contains(x0, y0, nx, ny)) {
+                batch.push_back(PixelTaps{GetPixelAddress(in, x0, y0, 16), wx, wy, nx, ny, dst});
+                if (batch.size() == kBatch) flush();
+                continue;
+            }
+            float acc[MAX_CHANNELS];
+            filterAny(source, x0, nx, wx, y0, ny, wy, acc);
+            map.write(dst, acc);
         }
+    flush();
     return ERROR_NONE;
 }
-
-namespace {}  // namespace
 
 PhaseTable::PhaseTable(KernelType kernel, float width) {
     const Axis axis{kernel, width};

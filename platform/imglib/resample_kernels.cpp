@@ -19,8 +19,18 @@ namespace hn = hwy::HWY_NAMESPACE;
 template <int NX>
 HWY_INLINE void FilterPixel(const float* rowPtr, int64_t rowFloats, int nx, const float* wx, int ny,
                             const float* wy, float* dst) {
-    const hn::CappedTag<float, 4> d4;
     const int n = NX > 0 ? NX : nx;
+#if HWY_TARGET == HWY_SCALAR  // no vector of four floats
+    float total[4] = {};
+    for (int j = 0; j < ny; ++j, rowPtr += rowFloats) {
+        float row[4] = {};
+        for (int i = 0; i < n; ++i)
+            for (int c = 0; c < 4; ++c) row[c] += wx[i] * rowPtr[4 * i + c];
+        for (int c = 0; c < 4; ++c) total[c] += wy[j] * row[c];
+    }
+    for (int c = 0; c < 4; ++c) dst[c] = total[c];
+#else
+    const hn::CappedTag<float, 4> d4;
     auto total = hn::Zero(d4);
     int j = 0;
 #if HWY_ARCH_X86 && HWY_TARGET <= HWY_AVX2
@@ -47,13 +57,29 @@ HWY_INLINE void FilterPixel(const float* rowPtr, int64_t rowFloats, int nx, cons
         total = hn::MulAdd(hn::Set(d4, wy[j]), row, total);
     }
     hn::StoreU(total, d4, dst);
+#endif
+}
+
+// The common widths (cubic filters, slightly widened) unrolled.
+HWY_INLINE void FilterAnyPixel(const float* rowPtr, int64_t rowFloats, int nx, const float* wx,
+                               int ny, const float* wy, float* dst) {
+    switch (nx) {
+        case 4:
+            FilterPixel<4>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
+            break;
+        case 5:
+            FilterPixel<5>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
+            break;
+        case 6:
+            FilterPixel<6>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
+            break;
+        default:
+            FilterPixel<0>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
+            break;
+    }
 }
 
 void AffineRowRGBA(const AffineRow& r) {
-#if HWY_TARGET == HWY_SCALAR  // no vector of four floats: every pixel the slow way
-    for (int64_t x = r.x1; x < r.x2; ++x) r.edge(r.context, x, r.y, r.dst + 4 * (x - r.x1));
-    return;
-#endif
     const Image* in = r.in;
     const int64_t rowFloats = in->rowBytes / 4;
     const float py = float(r.y) + 0.5f;
@@ -71,21 +97,14 @@ void AffineRowRGBA(const AffineRow& r) {
             r.edge(r.context, x, r.y, dst);
             continue;
         }
-        const float* rowPtr = GetPixelAddress(in, x0, y0, 16);
-        switch (nx) {
-            case 4:
-                FilterPixel<4>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
-                break;
-            case 5:
-                FilterPixel<5>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
-                break;
-            case 6:
-                FilterPixel<6>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
-                break;
-            default:
-                FilterPixel<0>(rowPtr, rowFloats, nx, wx, ny, wy, dst);
-                break;
-        }
+        FilterAnyPixel(GetPixelAddress(in, x0, y0, 16), rowFloats, nx, wx, ny, wy, dst);
+    }
+}
+
+void FilterPixelsRGBA(const PixelTaps* taps, size_t count, int64_t rowFloats) {
+    for (size_t i = 0; i < count; ++i) {
+        const PixelTaps& t = taps[i];
+        FilterAnyPixel(t.rowPtr, rowFloats, t.nx, t.wx, t.ny, t.wy, t.dst);
     }
 }
 
@@ -97,9 +116,14 @@ HWY_AFTER_NAMESPACE();
 namespace IMGLIB {
 
 HWY_EXPORT(AffineRowRGBA);
+HWY_EXPORT(FilterPixelsRGBA);
 
 void DispatchAffineRowRGBA(const AffineRow& row) {
     HWY_DYNAMIC_DISPATCH(AffineRowRGBA)(row);
+}
+
+void DispatchFilterPixelsRGBA(const PixelTaps* taps, size_t count, int64_t rowFloats) {
+    HWY_DYNAMIC_DISPATCH(FilterPixelsRGBA)(taps, count, rowFloats);
 }
 
 }  // namespace IMGLIB

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -56,5 +57,17 @@ struct AffineRow {
     const void* context;
 };
 void DispatchAffineRowRGBA(const AffineRow& row);
+
+// One RGBA pixel's taps, wholly inside the input: nx x ny pixels from
+// rowPtr with their weights.
+struct PixelTaps {
+    const float* rowPtr;
+    const float* wx;
+    const float* wy;
+    int nx, ny;
+    float* dst;
+};
+// Filters each pixel of `taps` (rows of the input rowFloats apart).
+void DispatchFilterPixelsRGBA(const PixelTaps* taps, size_t count, int64_t rowFloats);
 
 }  // namespace IMGLIB
