@@ -48,5 +48,22 @@ public:
     void tileDone(const ImageBuffer&, const OutputTileID&) override {}
 };
 
+// Engine settings for timing whole pipelines: `threads` workers, 256-pixel
+// tiles, room for every tile, and no tile of one run kept for the next.
+inline void setUpPipeline(int threads) {
+    RenderManager::setRenderThreads(uint64_t(threads));
+    RenderManager::setGlobalTileSize(256, 256);
+    RenderManager::setSpeculativeCachingEnable(false);
+    RenderManager::SetMaxImageMemory(4096);
+    RenderManager::ClearRenderTaskCache();
+}
+
+// One batch render of `graph` over `area`, RGBA, its tiles let go.
+inline void renderPipeline(const TaskPtr& graph, const UTIL::Rect& area) {
+    const RenderObserverPtr observer(new NullObserver);
+    RenderManager::Render({RenderDescription(graph, area, IMGLIB::CHANNELS_RGBA)}, observer,
+                          nullptr, true, RENDERTYPE_BATCH);
+}
+
 }  // namespace bench
 }  // namespace TESSERA

@@ -63,22 +63,13 @@ BENCHMARK(BM_GaussianTilePass)
 void BM_GaussianPipeline(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(1));
     static Frame frame;
-    RenderManager::setRenderThreads(threads);
-    RenderManager::setGlobalTileSize(256, 256);
-    RenderManager::setSpeculativeCachingEnable(false);
-    RenderManager::SetMaxImageMemory(4096);
-    RenderManager::ClearRenderTaskCache();
+    bench::setUpPipeline(threads);
     PerChannelBlurParameters params;
     params.blur.sizeX = params.blur.sizeY = float(state.range(0));
     const TaskPtr graph = createBlur("blur", 0, params, bench::memorySource("frame", frame));
-    const RenderObserverPtr observer(new bench::NullObserver);
-    for (auto _ : state)
-        RenderManager::Render(
-            {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},
-            observer, nullptr, true, RENDERTYPE_BATCH);
+    for (auto _ : state) bench::renderPipeline(graph, UTIL::Rect(0, 0, kWidth, kHeight));
     state.counters["Mpix/s/thread"] = benchmark::Counter(
         kWidth * kHeight / 1e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
-    RenderManager::setSpeculativeCachingEnable(true);
 }
 BENCHMARK(BM_GaussianPipeline)
     ->Args({40, 1})

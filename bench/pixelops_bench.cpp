@@ -105,25 +105,16 @@ void BM_TenOpChainKernel(benchmark::State& state) {
 BENCHMARK(BM_TenOpChainKernel)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // ---- Whole pipelines through RenderManager: sources, tiles, threads. ----
-void renderPipeline(benchmark::State& state, const std::function<TaskPtr()>& build) {
+void timePipeline(benchmark::State& state, const std::function<TaskPtr()>& build) {
     const int threads = static_cast<int>(state.range(0));
-    RenderManager::setRenderThreads(threads);
-    RenderManager::setGlobalTileSize(256, 256);
-    RenderManager::setSpeculativeCachingEnable(false);
-    RenderManager::SetMaxImageMemory(4096);
-    RenderManager::ClearRenderTaskCache();
+    bench::setUpPipeline(threads);
     const TaskPtr graph = build();
-    const RenderObserverPtr observer(new NullObserver);
-    for (auto _ : state)
-        RenderManager::Render(
-            {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},
-            observer, nullptr, true, RENDERTYPE_BATCH);
+    for (auto _ : state) bench::renderPipeline(graph, UTIL::Rect(0, 0, kWidth, kHeight));
     setRates(state, threads);
-    RenderManager::setSpeculativeCachingEnable(true);
 }
 
 void BM_OverPipeline(benchmark::State& state) {
-    renderPipeline(state, [] {
+    timePipeline(state, [] {
         return createCompositeTask("over", 0, COMPOSITE_OVER, false, false, false, 1.0f,
                                    bench::memorySource("a", frameA()),
                                    bench::memorySource("b", frameB()));
@@ -132,7 +123,7 @@ void BM_OverPipeline(benchmark::State& state) {
 BENCHMARK(BM_OverPipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_ColorMatrixPipeline(benchmark::State& state) {
-    renderPipeline(state, [] {
+    timePipeline(state, [] {
         return createGainTask("gain", 0, Color(1.5f, 1.5f, 1.5f, 1),
                               bench::memorySource("a", frameA()));
     });
@@ -140,7 +131,7 @@ void BM_ColorMatrixPipeline(benchmark::State& state) {
 BENCHMARK(BM_ColorMatrixPipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_TenOpChainPipeline(benchmark::State& state) {
-    renderPipeline(state, [] {
+    timePipeline(state, [] {
         TaskPtr t = bench::memorySource("a", frameA());
         const Color zero(0, 0, 0, 0), one(1, 1, 1, 1);
         Imath::Matrix44<float> identity;

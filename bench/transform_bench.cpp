@@ -46,45 +46,29 @@ BENCHMARK(BM_RotateKernel)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_RotatePipeline(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(0));
-    RenderManager::setRenderThreads(threads);
-    RenderManager::setGlobalTileSize(256, 256);
-    RenderManager::setSpeculativeCachingEnable(false);
-    RenderManager::SetMaxImageMemory(4096);
+    bench::setUpPipeline(threads);
     HomTransformParams params;
     params.useAffine = true;
     const TaskPtr graph = createHomTransformTask("rotate", 0, params, {rotation()},
                                                  bench::memorySource("frame", source()));
-    const RenderObserverPtr observer(new bench::NullObserver);
-    for (auto _ : state)
-        RenderManager::Render(
-            {RenderDescription(graph, UTIL::Rect(0, 0, kWidth, kHeight), IMGLIB::CHANNELS_RGBA)},
-            observer, nullptr, true, RENDERTYPE_BATCH);
+    for (auto _ : state) bench::renderPipeline(graph, UTIL::Rect(0, 0, kWidth, kHeight));
     state.counters["Mpix/s/thread"] = benchmark::Counter(
         kWidth * kHeight / 1e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
-    RenderManager::setSpeculativeCachingEnable(true);
 }
 BENCHMARK(BM_RotatePipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // Arguments: threads, and 0 for lanczos3 or 1 for cubic (Catmull-Rom).
 void BM_ResizePipeline(benchmark::State& state) {
     const int threads = static_cast<int>(state.range(0));
-    RenderManager::setRenderThreads(threads);
-    RenderManager::setGlobalTileSize(256, 256);
-    RenderManager::setSpeculativeCachingEnable(false);
-    RenderManager::SetMaxImageMemory(4096);
+    bench::setUpPipeline(threads);
     ResizeParams params;
     params.scaleX = params.scaleY = 0.5f;
     params.filter = state.range(1) == 0 ? IMGLIB::KERNEL_LANCZOS3 : IMGLIB::KERNEL_CATMULL_ROM;
     const TaskPtr graph =
         createResizeTask("resize", 0, params, bench::memorySource("frame", source()));
-    const RenderObserverPtr observer(new bench::NullObserver);
-    for (auto _ : state)
-        RenderManager::Render({RenderDescription(graph, UTIL::Rect(0, 0, kWidth / 2, kHeight / 2),
-                                                 IMGLIB::CHANNELS_RGBA)},
-                              observer, nullptr, true, RENDERTYPE_BATCH);
+    for (auto _ : state) bench::renderPipeline(graph, UTIL::Rect(0, 0, kWidth / 2, kHeight / 2));
     state.counters["Mpix/s/thread"] = benchmark::Counter(
         kWidth * kHeight / 4e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
-    RenderManager::setSpeculativeCachingEnable(true);
 }
 BENCHMARK(BM_ResizePipeline)
     ->Args({1, 0})
