@@ -196,13 +196,18 @@ void ResampleRow(float* dst, const float* src, int64_t origin, const int64_t* fi
         }
         return;
     }
+    // Any other channel count one float at a time, through the same
+    // multiply-adds in the same order: a channel's value does not depend on
+    // which others the image holds.
+    const hn::CappedTag<float, 1> one;
     for (size_t i = 0; i < count; ++i) {
         const float* p = src + (first[i] - origin) * int64_t(n);
         const float* wi = w + i * taps;
         for (size_t c = 0; c < n; ++c) {
-            float acc = 0.0f;
-            for (size_t t = 0; t < taps; ++t) acc += wi[t] * p[t * n + c];
-            dst[i * n + c] = acc;
+            auto acc = hn::Zero(one);
+            for (size_t t = 0; t < taps; ++t)
+                acc = hn::MulAdd(hn::Set(one, wi[t]), hn::LoadU(one, p + t * n + c), acc);
+            hn::StoreU(acc, one, dst + i * n + c);
         }
     }
 }

@@ -322,7 +322,8 @@ TaskPtr createScreenRGBToAlphaTask(const std::string& name, float sampleRate, ui
 TaskPtr createMultInverseTask(const std::string& name, float sampleRate, TaskPtr input) {
     IMGLIB::PointOp op;
     op.kind = IMGLIB::POINTOP_MULT_INVERSE;
-    return make(name, sampleRate, input, "MultInverseOp", op, params());
+    return make(name, sampleRate, input, "MultInverseOp", op, params(), ChannelRule::Same,
+                ChannelRule::PlusAlpha);
 }
 
 TaskPtr createPremultiplyTask(const std::string& name, float sampleRate, TaskPtr input) {

@@ -47,9 +47,14 @@ protected:
         return IMGLIB::ApplyBinaryOpToColor(m_op, getInputBackgroundColor(0),
                                             getInputBackgroundColor(1));
     }
+    // Colour and alpha are asked for together: most operators weigh one
+    // input's colour by the other's alpha (over, in, atop) or make alpha from
+    // colour (difference key), so a channel's value must not depend on
+    // whether the others were asked for.
     void makeInputFormatRequests() override {
-        for (size_t i = 0; i < 2; ++i)
-            addInputRequest(i, getRequiredOutputChannels() & getDefinedInputChannels(i));
+        uint64_t wanted = getRequiredOutputChannels();
+        if (wanted & IMGLIB::CHANNELS_RGBA) wanted |= IMGLIB::CHANNELS_RGBA;
+        for (size_t i = 0; i < 2; ++i) addInputRequest(i, wanted & getDefinedInputChannels(i));
     }
     void computeRequiredInputRectangles(const UTIL::Rect& outputRect,
                                         std::vector<UTIL::Rect>& inputRects) override {
