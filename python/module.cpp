@@ -16,12 +16,12 @@
 #include <optional>
 #include <sstream>
 
+#include "refholder.h"
 #include "tessera.h"
+#include "viewer.h"
 
 namespace py = pybind11;
 using namespace TESSERA;
-
-PYBIND11_DECLARE_HOLDER_TYPE(T, RCX_ptr_v4::ref_ptr<T>, true);
 
 namespace {
 
@@ -385,6 +385,7 @@ std::string statistics() {
 PYBIND11_MODULE(_tessera, m) {
     m.doc() = "Tessera's native module; use the tessera package.";
     m.attr("__version__") = TESSERA::version();
+    bindViewRender(m);
     // Files are decoded and encoded on the render's threads, as in the
     // command; the image libraries start no pools of their own.
     useRenderThreadsForFiles();
