@@ -30,6 +30,7 @@
 #include "mosaic.h"
 #include "operator_pictures.h"
 #include "tessera.h"
+#include "view.h"
 
 using namespace TESSERA;
 
@@ -404,6 +405,18 @@ int main(int argc, char** argv) {
                      "write DIR/NAME.png for every operation: its example on a standard plate")
         ->type_name("DIR");
 
+    std::string viewGraph;
+    int viewPort = 0;
+    std::optional<int> viewFrame;
+    CLI::App* viewCommand = app.add_subcommand(
+        "view", "show a graph file's output in the browser, with a panel to tune and save it");
+    viewCommand->add_option("GRAPH", viewGraph, "the graph file (JSON)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    viewCommand->add_option("--port", viewPort, "the port on 127.0.0.1 (default: any free one)")
+        ->check(CLI::Range(0, 65535));
+    viewCommand->add_option("--frame", viewFrame, "the frame shown first");
+
     // A first argument that is neither a command nor the program's own
     // option starts a chain.
     if (argc > 1) {
@@ -422,6 +435,7 @@ int main(int argc, char** argv) {
         return status == 0 ? 0 : kUsageError;
     }
 
+    if (viewCommand->parsed()) return tessera_cli::runViewer(viewGraph, viewPort, viewFrame);
     watchInterrupts();
     if (opsCommand->parsed()) {
         if (!picturesDir.empty())

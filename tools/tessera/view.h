@@ -1,0 +1,13 @@
+// tessera view: the graph's output in the browser, served by the Python
+// package's viewer.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace tessera_cli {
+
+// Replaces this process with the viewer's server; returns only on failure.
+int runViewer(const std::string& graph, int port, std::optional<int> frame);
+
+}  // namespace tessera_cli
