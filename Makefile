@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST = ctest --output-on-failure -j$(JOBS) --test-dir
 
-.PHONY: all deps build demo farm-demo docs test test-release test-asan test-tsan test-fuzz \
+.PHONY: all deps build demo farm-demo view-demo docs test test-release test-asan test-tsan test-fuzz \
 	build-fuzz fuzz bench format clean
 
 all: build
@@ -30,6 +30,12 @@ farm-demo: deps
 	$(CONFIGURE)
 	cmake --build build/release -j$(JOBS) --target tessera_python
 	build/release/tools/tessera-farm examples/sequence/shot.json --workers 2 --chunk 8
+
+# Serves the demo graph to the browser: open the URL it prints (Ctrl-C stops).
+view-demo: deps
+	$(CONFIGURE)
+	cmake --build build/release -j$(JOBS) --target tessera_cli tessera_python
+	build/release/tools/tessera/tessera view examples/demo.json
 
 test: test-release test-asan test-tsan test-fuzz
 

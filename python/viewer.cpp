@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -32,6 +33,7 @@ struct ViewEvent {
     int64_t x = 0, y = 0, width = 0, height = 0;
     std::string pixels;  // width x height RGBA floats; the status when finished
     std::string message;
+    uint64_t rendered = 0;  // when finished: the tiles of every task rendered
 };
 
 // Shared by the session and the observers of its renders, which may
@@ -119,10 +121,15 @@ public:
         }
         m_queue->push(std::move(event));
     }
+    // Tiles taken from the cache are not rendered again and not counted.
+    void internalTileDone(const std::string&, const std::string&, double) override {
+        m_rendered.fetch_add(1, std::memory_order_relaxed);
+    }
     void renderFinished(RenderStatus status, const std::string& message) override {
         ViewEvent event;
         event.render = m_render;
         event.finished = true;
+        event.rendered = m_rendered.load(std::memory_order_relaxed);
         event.pixels = statusName(status);
         event.message = message;
         m_queue->push(std::move(event));
@@ -132,6 +139,7 @@ private:
     const std::shared_ptr<EventQueue> m_queue;
     const uint64_t m_render;
     const UTIL::Rect m_rect;
+    std::atomic<uint64_t> m_rendered{0};
 };
 
 class ViewRender {
@@ -171,7 +179,8 @@ public:
         RenderManager::cancel(RENDERTYPE_VIEWER, true);
     }
     // What arrived since the last call: ("tile", render, x, y, width, height,
-    // RGBA float bytes) and ("finished", render, status, message).
+    // RGBA float bytes) and ("finished", render, status, message, tiles
+    // rendered).
     py::list take() {
         std::deque<ViewEvent> events;
         {
@@ -181,7 +190,7 @@ public:
         py::list out;
         for (ViewEvent& e : events) {
             if (e.finished)
-                out.append(py::make_tuple("finished", e.render, e.pixels, e.message));
+                out.append(py::make_tuple("finished", e.render, e.pixels, e.message, e.rendered));
             else
                 out.append(py::make_tuple("tile", e.render, e.x, e.y, e.width, e.height,
                                           py::bytes(e.pixels)));

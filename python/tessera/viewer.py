@@ -13,6 +13,7 @@ import argparse
 import asyncio
 import json
 import os
+import re
 import secrets
 import struct
 import sys
@@ -24,6 +25,13 @@ from . import _tessera
 _STATIC = os.path.join(os.path.dirname(__file__), "viewer_page")
 _HEADER = struct.Struct("<6i")
 _WATCH_SECONDS = 0.5
+_HITS = re.compile(r'<block name="Speculative Cache">.*?name="Hits" value="(\d+)"', re.S)
+
+
+def _cache_hits():
+    """Tiles served from the tile cache since the process started."""
+    found = _HITS.search(_tessera.statistics_xml())
+    return int(found.group(1)) if found else 0
 
 
 def _declarations():
@@ -133,6 +141,7 @@ class Session:
         self.socket = socket
         self.render = _tessera.ViewRender()
         self.current = 0
+        self.hits = 0
         self.level = 0
         self.area = None
         self.loop = asyncio.get_running_loop()
@@ -156,6 +165,7 @@ class Session:
         rect = (area[0] // scale, area[1] // scale, -(-area[2] // scale), -(-area[3] // scale))
         if rect[2] <= rect[0] or rect[3] <= rect[1]:
             return
+        self.hits = _cache_hits()
         self.current = self.render.start(task, rect, focus[0] / scale, focus[1] / scale)
         # Ahead of its tiles: the page draws them in this render's place.
         self.sent.append(self.socket.send_str(json.dumps(
@@ -176,10 +186,11 @@ class Session:
                 header = _HEADER.pack(render, x, y, w, h, self.level)
                 self.sent.append(self.socket.send_bytes(header + pixels))
             else:
-                _, render, status, message = event
+                _, render, status, message, rendered = event
                 self.sent.append(self.socket.send_str(json.dumps(
                     {"type": "finished", "render": render, "status": status,
-                     "message": message})))
+                     "message": message, "rendered": rendered,
+                     "cached": _cache_hits() - self.hits})))
         self._flush()
 
     def _flush(self):

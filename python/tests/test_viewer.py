@@ -103,7 +103,8 @@ class Page:
             assert event["type"] != "error", event
 
     async def view(self, area, level=0, focus=None):
-        """Asks for area and gathers the render: (picture, tiles in order)."""
+        """Asks for area and gathers the render: (picture, tiles in order);
+        `finished` keeps the render's end."""
         focus = focus or [(area[0] + area[2]) / 2, (area[1] + area[3]) / 2]
         self.requests += 1
         await self.send(type="view", area=area, level=level, focus=focus, request=self.requests)
@@ -121,6 +122,7 @@ class Page:
                 tiles.append(event["rect"])
             elif event["type"] == "finished" and event["render"] == started["render"]:
                 assert event["status"] == "success", event
+                self.finished = event
                 return picture, tiles
             assert event["type"] != "error", event
 
@@ -192,16 +194,22 @@ def test_an_edit_renders_again_and_saving_writes_it(viewer, tmp_path):
 
     async def conversation(page):
         before, _ = await page.view(area)
+        first = page.finished
         await page.send(type="set", node="grade", param="gain", value=[0.25, 0.25, 0.25, 1])
         assert (await page.text("graph"))["edited"]
         after, _ = await page.view(area)
+        edited = page.finished
         await page.send(type="set", node="grade", param="gain", value=[1e39, 0, 0, 1])
         refused = await page.text("error")
         await page.send(type="save")
         saved = await page.text("graph")
-        return before, after, refused, saved
+        return before, after, refused, saved, first, edited
 
-    before, after, refused, saved = v.talk(conversation)
+    before, after, refused, saved, first, edited = v.talk(conversation)
+    # Only the edited node and what reads it are rendered again: the
+    # checkerboard's tiles come from the cache.
+    assert first["cached"] == 0 and edited["cached"] > 0, (first, edited)
+    assert edited["rendered"] < first["rendered"], (first, edited)
     np.testing.assert_allclose(after[..., :3], before[..., :3] / 2, rtol=1e-6, atol=1e-7)
     assert "gain" in refused["message"]
     assert not saved["edited"]
@@ -244,3 +252,78 @@ def test_a_new_view_cancels_the_render_before_it(viewer, tmp_path):
 
     slow, small = v.talk(conversation)
     assert small.shape == (64, 64, 4) and not np.isnan(small).any()
+
+
+def browser():
+    """Headless Chromium driven by Selenium, or a skip when they are absent."""
+    webdriver = pytest.importorskip("selenium.webdriver")
+    from selenium.webdriver.chrome.service import Service
+    if not os.path.exists("/usr/bin/chromedriver"):
+        pytest.skip("chromium-driver is not installed")
+    options = webdriver.ChromeOptions()
+    options.binary_location = "/usr/bin/chromium"
+    for flag in ("--headless=new", "--no-sandbox", "--disable-gpu",
+                 "--disable-dev-shm-usage", "--window-size=1200,800",
+                 "--force-device-scale-factor=1"):
+        options.add_argument(flag)
+    # Not the sanitizer runtime a sanitized build's tests preload.
+    env = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
+    service = Service(executable_path="/usr/bin/chromedriver", env=env)
+    driver = webdriver.Chrome(service=service, options=options)
+    driver.set_page_load_timeout(30)
+    driver.set_script_timeout(30)
+    return driver
+
+
+def wait_for(driver, condition, seconds=30):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        value = driver.execute_script(condition)
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError(f"not true within {seconds} s: {condition}")
+
+
+def shown(driver, area):
+    """The canvas pixels over the image area (image pixels at zoom 1)."""
+    data = driver.execute_script("""
+        const [x0, y0, x1, y1] = arguments[0];
+        const c = document.getElementById('view');
+        const x = x0 * view.zoom + view.panX, y = y0 * view.zoom + view.panY;
+        return [view.zoom, Array.from(c.getContext('2d').getImageData(x, y, x1 - x0, y1 - y0).data)];
+    """, area)
+    zoom, pixels = data
+    assert zoom == 1
+    return np.array(pixels, np.uint8).reshape(area[3] - area[1], area[2] - area[0], 4)
+
+
+def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
+    graph = graph_file(tmp_path, gain=0.5)
+    v = viewer(graph)
+    driver = browser()
+    try:
+        driver.get(v.url)
+        wait_for(driver, "return document.body.dataset.finished === 'success'")
+        status = driver.find_element("id", "status").text
+        assert "first tile" in status and "from the cache" in status, status
+        # The page tones with exposure 0 and gamma 2.2, to 8 bits.
+        want = rendered(graph, (0, 0, 600, 300))
+        toned = np.rint(255 * np.clip(want[..., :3], 0, 1) ** (1 / 2.2))
+        got = shown(driver, [0, 0, 600, 300])
+        assert np.abs(got[..., :3].astype(int) - toned).max() <= 1
+        # A change in the panel renders again and the picture follows.
+        before = int(driver.execute_script("return document.body.dataset.render"))
+        driver.execute_script("""
+            const row = document.querySelector('[data-node=grade][data-param=gain] input');
+            row.value = '#404040';
+            row.dispatchEvent(new Event('input'));
+        """)
+        wait_for(driver, f"return Number(document.body.dataset.render) > {before} && "
+                         "document.body.dataset.finished === 'success'")
+        edited = shown(driver, [0, 0, 600, 300])
+        assert edited[..., :3].mean() < got[..., :3].mean()
+        assert "Save" in driver.find_element("id", "save").text
+        assert driver.find_element("id", "save").is_enabled()
+    finally:
+        driver.quit()

@@ -72,8 +72,9 @@ function fit() {
   const [x0, y0, x1, y1] = graph.rect;
   const w = x1 - x0, h = y1 - y0;
   view.zoom = Math.pow(2, Math.floor(Math.log2(Math.min(canvas.width / w, canvas.height / h))));
-  view.panX = (canvas.width - w * view.zoom) / 2 - x0 * view.zoom;
-  view.panY = (canvas.height - h * view.zoom) / 2 - y0 * view.zoom;
+  // Whole screen pixels: at zoom 1 an image pixel is a screen pixel.
+  view.panX = Math.round((canvas.width - w * view.zoom) / 2 - x0 * view.zoom);
+  view.panY = Math.round((canvas.height - h * view.zoom) / 2 - y0 * view.zoom);
 }
 
 // ---- Tiles ----
@@ -145,6 +146,8 @@ function renderFinished(event) {
   if (!render || event.render !== render.number) return;
   render.finished = performance.now() - render.started;
   render.status = event.status;
+  render.rendered = event.rendered;
+  render.cached = event.cached;
   render.previous = null;
   showStatus();
 }
@@ -154,7 +157,8 @@ function showStatus() {
   const parts = [`render ${render.number}: ${render.count} tiles`, `level ${render.level}`];
   if (render.firstTile !== null) parts.push(`first tile ${render.firstTile.toFixed(0)} ms`);
   if (render.finished !== undefined)
-    parts.push(`${render.status} in ${render.finished.toFixed(0)} ms`);
+    parts.push(`${render.status} in ${render.finished.toFixed(0)} ms`,
+               `${render.rendered} tiles rendered, ${render.cached} from the cache`);
   $("status").textContent = parts.join(" · ");
   document.body.dataset.render = render.number;
   document.body.dataset.finished = render.status || "";
