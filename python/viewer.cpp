@@ -121,9 +121,9 @@ public:
         }
         m_queue->push(std::move(event));
     }
-    // Tiles taken from the cache are not rendered again and not counted.
-    void internalTileDone(const std::string&, const std::string&, double) override {
-        m_rendered.fetch_add(1, std::memory_order_relaxed);
+    // Tiles taken from the cache report no time: they are not counted.
+    void internalTileDone(const std::string&, const std::string&, double seconds) override {
+        if (seconds > 0) m_rendered.fetch_add(1, std::memory_order_relaxed);
     }
     void renderFinished(RenderStatus status, const std::string& message) override {
         ViewEvent event;

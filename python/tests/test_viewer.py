@@ -209,7 +209,10 @@ def test_an_edit_renders_again_and_saving_writes_it(viewer, tmp_path):
     # Only the edited node and what reads it are rendered again: the
     # checkerboard's tiles come from the cache.
     assert first["cached"] == 0 and edited["cached"] > 0, (first, edited)
-    assert edited["rendered"] < first["rendered"], (first, edited)
+    # Three nodes with a tile each per output tile at first; at most the
+    # gain's and the blur's after (fewer when the server's own render of
+    # the edit, cancelled by the next view, left some in the cache).
+    assert edited["rendered"] <= first["rendered"] * 2 // 3, (first, edited)
     np.testing.assert_allclose(after[..., :3], before[..., :3] / 2, rtol=1e-6, atol=1e-7)
     assert "gain" in refused["message"]
     assert not saved["edited"]
