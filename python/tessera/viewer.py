@@ -63,10 +63,10 @@ class GraphView:
 
     def reload(self):
         with open(self.path) as f:
-            self.text = f.read()
-        self.document = json.loads(self.text)
+            text = f.read()
         self.mtime = os.stat(self.path).st_mtime_ns
-        self.rebuild()
+        self.rebuild()  # the engine's own message for a file it refuses
+        self.text, self.document = text, json.loads(text)
 
     def rebuild(self):
         overrides = {key: json.dumps(value) for key, value in self.edits.items()}
@@ -339,8 +339,11 @@ def main(argv=None):
     args = parser.parse_args(argv)
     try:
         app = make_app(args.graph, args.frame)
+    except (_tessera.GraphFileError, ValueError) as error:  # as `tessera render`: a usage error
+        print(f"tessera view: {args.graph}: {error}", file=sys.stderr)
+        return 2
     except Exception as error:
-        print(f"tessera view: {error}", file=sys.stderr)
+        print(f"tessera view: {args.graph}: {error}", file=sys.stderr)
         return 1
 
     async def serve():

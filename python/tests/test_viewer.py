@@ -330,3 +330,14 @@ def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
         assert driver.find_element("id", "save").is_enabled()
     finally:
         driver.quit()
+
+
+def test_a_graph_the_engine_refuses_is_one_line_naming_the_file(cli, tmp_path):
+    graph = tmp_path / "typo.json"
+    graph.write_text(json.dumps({"nodes": [{"id": "a", "op": "blurx"}],
+                                 "outputs": [{"node": "a"}]}))
+    done = subprocess.run([cli, "view", str(graph)], capture_output=True, text=True, timeout=30)
+    assert done.returncode == 2
+    assert done.stderr.strip().splitlines() == [
+        f"tessera view: {graph}: node 'a', field 'op': unknown operation 'blurx' "
+        "(tessera ops lists them)"]
