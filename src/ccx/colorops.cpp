@@ -242,7 +242,8 @@ TaskPtr createNContrastBoostTask(const std::string& name, float sampleRate, floa
 TaskPtr createFringeTask(const std::string& name, float sampleRate, TaskPtr input) {
     IMGLIB::PointOp op;
     op.kind = IMGLIB::POINTOP_FRINGE;
-    return make(name, sampleRate, input, "Fringe", op, params());
+    return make(name, sampleRate, input, "Fringe", op, params(), ChannelRule::Same,
+                ChannelRule::PlusAlpha);
 }
 
 TaskPtr createHSVComponentToAlphaTask(const std::string& name, float sampleRate,

@@ -51,8 +51,7 @@ std::vector<float> pick(const std::vector<float>& rgba, uint64_t mask) {
 // that still ask their input for the channels they give only: known faults
 // to fix. The sweep fails when one of them no longer differs, so the list
 // stays true.
-const std::set<std::string> kKnownFaults = {"fringe", "bilateral", "perimeterextend",
-                                            "glintcontrol"};
+const std::set<std::string> kKnownFaults = {"bilateral", "perimeterextend", "glintcontrol"};
 
 }  // namespace
 
