@@ -66,7 +66,7 @@ class GraphView:
             text = f.read()
         self.mtime = os.stat(self.path).st_mtime_ns
         self.rebuild()  # the engine's own message for a file it refuses
-        self.text, self.document = text, json.loads(text)
+        self.text = text
 
     def rebuild(self):
         overrides = {key: json.dumps(value) for key, value in self.edits.items()}
@@ -93,26 +93,24 @@ class GraphView:
                 self.edits[key] = before
             raise
 
-    def nodes(self):
-        """The nodes with their values, the edits applied."""
-        nodes = []
-        for node in self.document.get("nodes", []):
-            params = dict(node.get("params", {}))
-            for key, value in self.edits.items():
-                nid, _, param = key.partition(".")
-                if nid == node.get("id"):
-                    params[param] = value
-            nodes.append({"id": node.get("id"), "op": node.get("op"), "params": params})
-        return nodes
-
-    def save(self):
-        """Writes the edits into the graph file."""
+    def edited(self):
+        """The file's document with the edits applied."""
         document = json.loads(self.text)
         for node in document.get("nodes", []):
             for key, value in self.edits.items():
                 nid, _, param = key.partition(".")
                 if nid == node.get("id"):
                     node.setdefault("params", {})[param] = value
+        return document
+
+    def nodes(self):
+        """The nodes with their values, the edits applied."""
+        return [{"id": n.get("id"), "op": n.get("op"), "params": n.get("params", {})}
+                for n in self.edited().get("nodes", [])]
+
+    def save(self):
+        """Writes the edits into the graph file."""
+        document = self.edited()
         text = json.dumps(document, indent=2) + "\n"
         temporary = self.path + ".saving"
         with open(temporary, "w") as f:
