@@ -341,3 +341,30 @@ def test_a_graph_the_engine_refuses_is_one_line_naming_the_file(cli, tmp_path):
     assert done.stderr.strip().splitlines() == [
         f"tessera view: {graph}: node 'a', field 'op': unknown operation 'blurx' "
         "(tessera ops lists them)"]
+
+
+def test_a_view_render_is_cancelled_and_restarted_from_other_threads():
+    """cancel and start wait for the render they replace; from threads other
+    than the one taking the tiles they neither deadlock nor lose the end."""
+    import threading
+    slow = tessera.blur(tessera.randomnoise(area=[0, 0, 4096, 4096]), size=[300, 300])
+    view = tessera._tessera.ViewRender()
+    first = view.start(slow, (0, 0, 4096, 4096), 0.0, 0.0)
+    done = []
+    workers = [threading.Thread(target=view.cancel),
+               threading.Thread(target=lambda: done.append(
+                   view.start(slow, (0, 0, 64, 64), 0.0, 0.0)))]
+    for w in workers:
+        w.start()
+    for w in workers:
+        w.join(timeout=60)
+        assert not w.is_alive(), "a blocking call from another thread did not return"
+    ends = {}
+    deadline = time.monotonic() + 60
+    while done[0] not in ends and time.monotonic() < deadline:
+        select.select([view.fileno()], [], [], 1)
+        for event in view.take():
+            if event[0] == "finished":
+                ends[event[1]] = event[2]
+    assert ends.get(first) == "cancelled", ends
+    assert ends.get(done[0]) in ("success", "cancelled"), ends
