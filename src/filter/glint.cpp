@@ -12,7 +12,9 @@ namespace Private {
 class GlintControl : public NeighbourhoodTask {
 public:
     GlintControl(const std::string& name, float time, const GlintControlParams& p, TaskPtr input)
-        : NeighbourhoodTask(name, time, "GlintControl", std::move(input)), m_p(p) {}
+        : NeighbourhoodTask(name, time, "GlintControl", std::move(input)), m_p(p) {
+        setChannelsAlwaysRead(IMGLIB::CHANNELS_RGB);  // the luminance sets every channel's gain
+    }
 
 protected:
     void describe(CacheIDStream& s) override { s << m_p.threshold << "," << m_p.gain; }

@@ -66,7 +66,8 @@ UTIL::Region NeighbourhoodTask::computeOutputDataRegion() {
 
 void NeighbourhoodTask::makeInputFormatRequests() {
     const uint64_t channels = getRequiredOutputChannels();
-    const uint64_t imageChannels = m_imageChannels ? m_imageChannels : channels;
+    const uint64_t imageChannels =
+        m_imageChannels ? m_imageChannels : channels | (m_alwaysRead & getDefinedInputChannels(0));
     // Extension needs an edge to start from: the image's data when the
     // caller named none.
     UTIL::Rect edge = m_extendRect;
@@ -103,7 +104,7 @@ void NeighbourhoodTask::renderRect(const IMGLIB::Image* out,
         return;
     }
     if (std::find(inputs.begin(), inputs.end(), nullptr) == inputs.end()) {
-        filter(out, inputs);
+        filterAsked(out, inputs);
         return;
     }
     // Missing inputs stand in as images of their background colour.
@@ -119,7 +120,20 @@ void NeighbourhoodTask::renderRect(const IMGLIB::Image* out,
                                      rects[i], getName() + ".background" + std::to_string(i));
         images[i] = locks.push(standIn);
     }
-    filter(out, images);
+    filterAsked(out, images);
+}
+
+void NeighbourhoodTask::filterAsked(const IMGLIB::Image* out,
+                                    const std::vector<const IMGLIB::Image*>& in) {
+    if (!m_alwaysRead || in[0]->channels == out->channels) {
+        filter(out, in);
+        return;
+    }
+    ImageBuffer whole(in[0]->channels, UTIL::Rect(out->x1, out->y1, out->x2, out->y2),
+                      getName() + ".allChannelsRead");
+    ImageBuffer_LockScoper lock(whole);
+    filter(whole.getImage(), in);
+    check(IMGLIB::CopyInto(out, whole.getImage()));
 }
 
 void NeighbourhoodTask::check(int status) {

@@ -33,6 +33,12 @@ protected:
     void setExtension(IMGLIB::ExtendMethod method, bool extendFlag, const UTIL::Rect& extendRect);
     // The channels asked of the image (default 0: those asked of this task).
     void setImageChannels(uint64_t channels) { m_imageChannels = channels; }
+    // Channels the operator reads whatever is asked of it (a colour distance
+    // reads R, G and B, a matte's edge A): asked of the image too, where it
+    // defines them, so that no channel's value depends on which others were
+    // asked. The operator then gets them all; the channels asked are copied
+    // out of its result.
+    void setChannelsAlwaysRead(uint64_t channels) { m_alwaysRead = channels; }
     // A further input: `channels` of it (0: the channels asked of this task;
     // kAllDefinedChannels: every channel it defines)
     // over the output grown by (padX, padY), or over `fixedRect` whatever
@@ -68,6 +74,9 @@ protected:
 private:
     void checkReach(int64_t padX, int64_t padY) const;
     uint64_t auxiliaryChannels(size_t input);
+    // filter(), through an image of the image's channels when the operator
+    // reads more channels than were asked of it.
+    void filterAsked(const IMGLIB::Image* out, const std::vector<const IMGLIB::Image*>& in);
     struct Auxiliary {
         uint64_t channels;
         int64_t padX, padY;
@@ -81,6 +90,7 @@ private:
     std::vector<Auxiliary> m_auxiliary;  // inputs 1, 2, ...
     bool m_fillWithoutImage = true;
     uint64_t m_imageChannels = 0;
+    uint64_t m_alwaysRead = 0;
 };
 
 // The bloom applied before a filter: none when the settings leave every

@@ -13,6 +13,7 @@ public:
         : NeighbourhoodTask(name, time, "PerimeterExtend", std::move(input)), m_distance(distance) {
         const int64_t pad = IMGLIB::GetPerimeterPadding(distance);
         setPadding(pad, pad);
+        setChannelsAlwaysRead(IMGLIB::CHANNEL_A);  // the matte says which pixels are carried
     }
 
 protected:

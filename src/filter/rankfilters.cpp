@@ -53,6 +53,8 @@ public:
                         TaskPtr input)
         : NeighbourhoodTask(name, time, "BilateralFilter", std::move(input)), m_p(p) {
         setPadding(p.radiusX, p.radiusY);
+        // The colour distance weighs every channel; RGBA is filtered as one.
+        setChannelsAlwaysRead(IMGLIB::CHANNELS_RGBA);
     }
 
 protected:

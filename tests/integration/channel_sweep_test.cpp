@@ -6,11 +6,11 @@
 #include <OpenImageIO/imageio.h>
 
 #include <cstring>
-#include <set>
 #include <string>
 
 #include "graphfile.h"
 #include "imglib/channels.h"
+#include "renderimage.h"
 #include "support/serial_render.h"
 #include "support/sweep_graph.h"
 #include "support/watchdog.h"
@@ -47,11 +47,16 @@ std::vector<float> pick(const std::vector<float>& rgba, uint64_t mask) {
     return out;
 }
 
-// Neighbourhood operators whose colour reads alpha (or alpha colour) but
-// that still ask their input for the channels they give only: known faults
-// to fix. The sweep fails when one of them no longer differs, so the list
-// stays true.
-const std::set<std::string> kKnownFaults = {"bilateral", "perimeterextend", "glintcontrol"};
+// One channel of every pixel of a render of rect: the channel's values in
+// pixel order.
+std::vector<float> channelOf(const RenderedImage& image, uint64_t channel) {
+    const int slot = IMGLIB::GetChannelIndex(image.channels, channel);
+    const int n = IMGLIB::GetChannelCount(image.channels);
+    std::vector<float> values;
+    for (size_t i = size_t(slot); i < image.pixels.size(); i += size_t(n))
+        values.push_back(image.pixels[i]);
+    return values;
+}
 
 }  // namespace
 
@@ -71,12 +76,50 @@ TEST(ChannelSweep, EachChannelIsTheSameWhateverElseIsAskedFor) {
                 if (std::memcmp(got.data(), want.data(), got.size() * sizeof(float)) != 0)
                     differs += part == IMGLIB::CHANNEL_A ? " alpha alone" : " colour alone";
             }
-            if (kKnownFaults.count(op.name))
-                EXPECT_FALSE(differs.empty()) << op.name << " is fixed: take it off the list";
-            else
-                EXPECT_TRUE(differs.empty()) << op.name << ":" << differs << " differs";
+            EXPECT_TRUE(differs.empty()) << op.name << ":" << differs << " differs";
         }
     });
     RenderManager::setGlobalTileSize(256, 256);
+    RenderManager::ClearRenderTaskCache();
+}
+
+// Operators that read colour or alpha whatever is asked of them, on an
+// image with depth beside RGBA: each of R, G, B, A and Z is the same
+// asked alone, with RGBA, or with everything.
+TEST(ChannelSweep, ChannelsBesideRGBAChangeNothingOfTheOthers) {
+    const std::string graphText = R"({
+        "nodes": [
+            {"id": "board", "op": "checkerboard",
+             "params": {"size": 5, "area": [0, 0, 64, 48], "first": [0.9, 0.2, 0.1, 1],
+                        "second": [0.1, 0.3, 0.8, 0.25]}},
+            {"id": "deep", "op": "shuffle", "params": {"z": "a.r", "a": "a.g"},
+             "inputs": {"a": "board"}},
+            {"id": "bilateral", "op": "bilateral", "params": {"radius": [3, 2], "sigmaRange": 0.3},
+             "inputs": {"input": "deep"}},
+            {"id": "perimeterextend", "op": "perimeterextend", "params": {"distance": 4},
+             "inputs": {"input": "deep"}},
+            {"id": "glintcontrol", "op": "glintcontrol", "params": {"threshold": 0.2},
+             "inputs": {"input": "deep"}}],
+        "outputs": [{"node": "bilateral"}, {"node": "perimeterextend"}, {"node": "glintcontrol"}]})";
+    const Graph graph = loadGraph(graphText, ".");
+    const UTIL::Rect rect(-4, -4, 68, 52);
+    const uint64_t everything = IMGLIB::CHANNELS_RGBA | IMGLIB::CHANNEL_Z;
+    withinSeconds(120, "renders beside depth", [&] {
+        for (const GraphOutput& output : graph.outputs) {
+            const TaskPtr& task = output.description.task;
+            const RenderedImage all = renderImage(task, rect, everything);
+            const RenderedImage rgba = renderImage(task, rect, IMGLIB::CHANNELS_RGBA);
+            for (int c = 0; c < 5; ++c) {
+                const uint64_t channel = uint64_t(1) << c;
+                const std::vector<float> want = channelOf(all, channel);
+                EXPECT_EQ(channelOf(renderImage(task, rect, channel), channel), want)
+                    << task->getName() << ": " << IMGLIB::GetChannelName(channel) << " alone";
+                if (channel & IMGLIB::CHANNELS_RGBA) {
+                    EXPECT_EQ(channelOf(rgba, channel), want)
+                        << task->getName() << ": " << IMGLIB::GetChannelName(channel) << " in RGBA";
+                }
+            }
+        }
+    });
     RenderManager::ClearRenderTaskCache();
 }
