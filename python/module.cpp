@@ -411,6 +411,14 @@ PYBIND11_MODULE(_tessera, m) {
                                    t->getOutputDescription(&channels, nullptr);
                                    return IMGLIB::GetChannelMaskName(channels);
                                })
+        .def_property_readonly(
+            "format",
+            [](const TaskPtr& t) {
+                py::gil_scoped_release release;
+                return toTuple(t->getFormat());
+            },
+            "(x0, y0, x1, y1): the frame the image is meant to fill (a file's display "
+            "window), which its data window may overrun or fall short of")
         .def_property_readonly("cache_id", &RenderTask::getCacheID,
                                py::call_guard<py::gil_scoped_release>())
         .def("__repr__", [](const TaskPtr& t) { return "<tessera.Task '" + t->getName() + "'>"; });

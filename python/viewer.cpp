@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -16,6 +17,9 @@
 #include <string>
 #include <system_error>
 #include <tuple>
+#include <vector>
+
+#include <pybind11/stl.h>
 
 #include "refholder.h"
 #include "tessera.h"
@@ -50,6 +54,9 @@ public:
         ::close(m_pipe[1]);
     }
     int fileno() const { return m_pipe[0]; }
+    // Renders that ended cancelled: counted as they end, before the call
+    // that cancelled them returns.
+    std::atomic<uint64_t> cancelled{0};
     void push(ViewEvent event) {
         {
             std::lock_guard<std::mutex> lock(m_mutex);
@@ -87,12 +94,17 @@ const char* statusName(RenderStatus status) {
     return "error";
 }
 
-// Copies each tile's part of the rendered rectangle as RGBA floats
-// (channels the task lacks are 0, alpha 1).
+// The four channels a view shows, as the page's red, green, blue and alpha
+// (a bit each; 0 where the page shows nothing there).
+using ViewSlots = std::array<uint64_t, 4>;
+
+// Copies each tile's part of the rendered rectangle as four floats a pixel,
+// one for each slot (an empty slot is 0, or 1 for alpha).
 class QueueObserver : public RenderObserver {
 public:
-    QueueObserver(std::shared_ptr<EventQueue> queue, uint64_t render, const UTIL::Rect& rect)
-        : m_queue(std::move(queue)), m_render(render), m_rect(rect) {}
+    QueueObserver(std::shared_ptr<EventQueue> queue, uint64_t render, const UTIL::Rect& rect,
+                  const ViewSlots& slots)
+        : m_queue(std::move(queue)), m_render(render), m_rect(rect), m_slots(slots) {}
 
     void tileDone(const ImageBuffer& tile, const OutputTileID&) override {
         ImageBuffer buffer = tile;
@@ -110,7 +122,7 @@ public:
         event.pixels.resize(size_t(event.width * event.height * 16));
         int slot[4];
         for (int c = 0; c < 4; ++c)
-            slot[c] = IMGLIB::GetChannelIndex(image->channels, uint64_t(1) << c);
+            slot[c] = m_slots[c] ? IMGLIB::GetChannelIndex(image->channels, m_slots[c]) : -1;
         const int64_t pixelBytes = IMGLIB::GetPixelBytes(image->channels);
         auto* out = reinterpret_cast<float*>(event.pixels.data());
         for (int64_t y = part.ymin; y < part.ymax; ++y) {
@@ -126,6 +138,8 @@ public:
         if (seconds > 0) m_rendered.fetch_add(1, std::memory_order_relaxed);
     }
     void renderFinished(RenderStatus status, const std::string& message) override {
+        if (status == RenderStatus::Cancelled)
+            m_queue->cancelled.fetch_add(1, std::memory_order_relaxed);
         ViewEvent event;
         event.render = m_render;
         event.finished = true;
@@ -139,6 +153,7 @@ private:
     const std::shared_ptr<EventQueue> m_queue;
     const uint64_t m_render;
     const UTIL::Rect m_rect;
+    const ViewSlots m_slots;
     std::atomic<uint64_t> m_rendered{0};
 };
 
@@ -148,23 +163,42 @@ public:
     ~ViewRender() { RenderManager::cancel(RENDERTYPE_VIEWER, true); }
 
     int fileno() const { return m_queue->fileno(); }
+    uint64_t cancelled() const { return m_queue->cancelled.load(std::memory_order_relaxed); }
 
     // Renders rect of task, the tiles nearest (x, y) first, cancelling the
-    // viewer render before it; returns the new render's number.
+    // viewer render before it; returns the new render's number. `shown`
+    // names the channel shown as red, green, blue and alpha ("" for none);
+    // empty: R, G, B, A.
     uint64_t start(const TaskPtr& task, const std::tuple<int64_t, int64_t, int64_t, int64_t>& r,
-                   double x, double y) {
+                   double x, double y, const std::vector<std::string>& shown) {
         if (!task) throw py::value_error("view: no task given");
         const UTIL::Rect rect(std::get<0>(r), std::get<1>(r), std::get<2>(r), std::get<3>(r));
         if (rect.isNull()) throw py::value_error("view: the rectangle is empty");
+        if (shown.size() > 4) throw py::value_error("view: at most four channels are shown");
+        ViewSlots slots{};
+        for (size_t c = 0; c < 4; ++c) {
+            if (shown.empty())
+                slots[c] = uint64_t(1) << c;
+            else if (c < shown.size() && !shown[c].empty()) {
+                slots[c] = IMGLIB::FindChannel(shown[c]);
+                if (!slots[c])
+                    throw py::value_error("view: no channel is named '" + shown[c] + "'");
+            }
+        }
         const uint64_t number = ++m_renders;
         py::gil_scoped_release release;
         RenderManager::cancel(RENDERTYPE_VIEWER, true);
+        uint64_t defined = 0;
+        task->getOutputDescription(&defined, nullptr);
         uint64_t channels = 0;
-        task->getOutputDescription(&channels, nullptr);
-        channels &= IMGLIB::CHANNELS_RGBA;
-        if (!channels) channels = IMGLIB::CHANNELS_RGBA;
+        for (uint64_t bit : slots) channels |= bit & defined;
+        // A view of channels the output lacks shows black: it still renders
+        // the rectangle so that every tile arrives.
+        if (!channels)
+            channels = defined & IMGLIB::CHANNELS_RGBA ? defined & IMGLIB::CHANNELS_RGBA
+                                                       : IMGLIB::CHANNELS_RGBA;
         RenderManager::Render({RenderDescription(task, rect, channels)},
-                              RenderObserverPtr(new QueueObserver(m_queue, number, rect)),
+                              RenderObserverPtr(new QueueObserver(m_queue, number, rect, slots)),
                               OutputTilePrioritizerPtr(new CenterOutTilePrioritizer(x, y)), false,
                               RENDERTYPE_VIEWER);
         return number;
@@ -210,8 +244,12 @@ void bindViewRender(py::module_& m) {
                            "A viewer render for an event loop: watch fileno(), then take().")
         .def(py::init<>())
         .def("fileno", &ViewRender::fileno, "Readable when events wait.")
+        .def_property_readonly("cancelled", &ViewRender::cancelled,
+                               "How many of its renders ended cancelled.")
         .def("start", &ViewRender::start, py::arg("task"), py::arg("rect"), py::arg("x"),
-             py::arg("y"), "Renders rect, nearest (x, y) first; returns the render's number.")
+             py::arg("y"), py::arg("shown") = std::vector<std::string>(),
+             "Renders rect, nearest (x, y) first, the channels named in shown (four "
+             "slots: red, green, blue, alpha; \"\" for none); returns the render's number.")
         .def("reprioritize", &ViewRender::reprioritize, py::arg("x"), py::arg("y"),
              "Nearest (x, y) first from now on.")
         .def("cancel", &ViewRender::cancel, "Stops the render, waiting for it to end.")

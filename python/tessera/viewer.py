@@ -6,7 +6,8 @@ token printed with the URL; requests from another origin or host are
 refused, and only files inside the graph's folder are served. Tiles go to
 the page over a WebSocket as they finish, as binary messages: a header of
 six little-endian 32-bit integers (render, x, y, width, height, level)
-then RGBA floats. The page tones them (exposure, gamma, channel) itself.
+then four floats a pixel: the channels the page shows as red, green, blue
+and alpha. The page tones them (exposure, gamma) itself.
 """
 
 import argparse
@@ -54,10 +55,11 @@ def _declarations():
 class GraphView:
     """The graph file, the edits not yet saved, and the output's task."""
 
-    def __init__(self, path, frame=None):
+    def __init__(self, path, frame=None, frames=None):
         self.path = os.path.abspath(path)
         self.folder = os.path.dirname(self.path)
-        self.frame = frame
+        self.frames = frames  # the frames offered; None: the file's
+        self.frame = frame if frame is not None or not frames else frames[0]
         self.edits = {}  # "node.param" -> value
         self.reload()
 
@@ -126,9 +128,21 @@ class GraphView:
             return False
 
     def state(self):
+        task = self.output.task
         return {"type": "graph", "path": self.path, "nodes": self.nodes(),
-                "rect": list(self.output.rect), "frames": list(self.graph.frames),
+                "rect": list(self.output.rect), "bounds": self.bounds(),
+                "format": list(task.format), "data_window": list(task.data_window),
+                "channels": _tessera.channel_names(task), "frames": list(self.frames or self.graph.frames),
                 "frame": self.graph.frame, "edited": bool(self.edits)}
+
+    def bounds(self):
+        """What the page may show: the output's rectangle and the data
+        around it (overscan), up to the rectangle's own size on each side."""
+        x0, y0, x1, y1 = self.output.rect
+        w, h = x1 - x0, y1 - y0
+        d = self.output.task.data_window
+        return [max(min(x0, d[0]), x0 - w), max(min(y0, d[1]), y0 - h),
+                min(max(x1, d[2]), x1 + w), min(max(y1, d[3]), y1 + h)]
 
 
 class Session:
@@ -142,6 +156,8 @@ class Session:
         self.hits = 0
         self.level = 0
         self.area = None
+        self.shown = []
+        self.inspected = None
         self.loop = asyncio.get_running_loop()
         self.loop.add_reader(self.render.fileno(), self._deliver)
         self.sent = []
@@ -150,11 +166,12 @@ class Session:
         self.loop.remove_reader(self.render.fileno())
         self.render.cancel()
 
-    def show(self, area, level, focus, request=None):
+    def show(self, area, level, focus, request=None, shown=()):
         """Renders the part of the output in `area` (full-size pixels) at
-        proxy `level`, the tiles nearest `focus` first; the page's `request`
-        (if any) comes back with the render's number."""
-        self.area, self.level = area, level
+        proxy `level`, the tiles nearest `focus` first, the channels `shown`
+        as red, green, blue and alpha (none: R, G, B, A); the page's
+        `request` (if any) comes back with the render's number."""
+        self.area, self.level, self.shown = area, level, list(shown)
         task = self.view.output.task
         scale = 1 << level
         if level > 0:
@@ -164,12 +181,39 @@ class Session:
         if rect[2] <= rect[0] or rect[3] <= rect[1]:
             return
         self.hits = _cache_hits()
-        self.current = self.render.start(task, rect, focus[0] / scale, focus[1] / scale)
+        self.current = self.render.start(task, rect, focus[0] / scale, focus[1] / scale,
+                                         self.shown)
         # Ahead of its tiles: the page draws them in this render's place.
         self.sent.append(self.socket.send_str(json.dumps(
             {"type": "render", "render": self.current, "level": level, "rect": list(rect),
-             "request": request})))
+             "request": request, "cancelled": self.render.cancelled})))
         self._flush()
+
+    def inspect(self, point):
+        """Sends every channel's value at full-size pixel `point`, rendered
+        in the background queue so that the view's render goes on. Of the
+        points asked for while one renders, only the last is rendered next."""
+        waiting = self.inspected is not None
+        self.inspected = [int(point[0]), int(point[1])]
+        if not waiting:
+            asyncio.ensure_future(self._inspect())
+
+    async def _inspect(self):
+        while self.inspected is not None:
+            x, y = self.inspected
+            task = self.view.output.task
+            names = _tessera.channel_names(task)
+            try:
+                values = await self.loop.run_in_executor(None, lambda: _tessera.render(
+                    task, (x, y, x + 1, y + 1), ",".join(names), queue="background")[0, 0])
+                message = {"type": "pixel", "point": [x, y],
+                           "channels": [[n, float(v)] for n, v in zip(names, values)]}
+            except Exception as error:
+                message = {"type": "error", "message": str(error)}
+            if self.inspected == [x, y]:
+                self.inspected = None
+            if not self.socket.closed:
+                await self.socket.send_str(json.dumps(message))
 
     def focus(self, point):
         scale = 1 << self.level
@@ -188,7 +232,7 @@ class Session:
                 self.sent.append(self.socket.send_str(json.dumps(
                     {"type": "finished", "render": render, "status": status,
                      "message": message, "rendered": rendered,
-                     "cached": _cache_hits() - self.hits})))
+                     "cached": _cache_hits() - self.hits, "cancelled": self.render.cancelled})))
         self._flush()
 
     def _flush(self):
@@ -197,9 +241,9 @@ class Session:
             asyncio.ensure_future(send)
 
 
-def make_app(graph_path, frame=None, token=None):
+def make_app(graph_path, frame=None, token=None, frames=None):
     """The viewer's web application for a graph file."""
-    view = GraphView(graph_path, frame)
+    view = GraphView(graph_path, frame, frames)
     token = token or secrets.token_urlsafe(24)
     app = web.Application(middlewares=[_guard])
     app["view"], app["token"], app["port"] = view, token, None
@@ -274,7 +318,10 @@ async def _handle(app, session, request):
     try:
         if kind == "view":
             session.show([int(v) for v in request["area"]], int(request.get("level", 0)),
-                         request.get("focus", [0, 0]), request.get("request"))
+                         request.get("focus", [0, 0]), request.get("request"),
+                         [str(c) for c in request.get("channels", [])])
+        elif kind == "inspect":
+            session.inspect(request["point"])
         elif kind == "focus":
             session.focus(request["point"])
         elif kind == "set":
@@ -299,7 +346,8 @@ async def _refresh(app, edit=False):
         await session.socket.send_str(state)
         if session.area is not None:
             session.show(session.area, session.level, [
-                (session.area[0] + session.area[2]) / 2, (session.area[1] + session.area[3]) / 2])
+                (session.area[0] + session.area[2]) / 2, (session.area[1] + session.area[3]) / 2],
+                shown=session.shown)
 
 
 async def _watch(app):
@@ -334,9 +382,15 @@ def main(argv=None):
     parser.add_argument("graph")
     parser.add_argument("--port", type=int, default=0, help="0: any free port")
     parser.add_argument("--frame", type=int, default=None, help="the frame shown first")
+    parser.add_argument("--frames", default=None, help="the frames the slider offers")
     args = parser.parse_args(argv)
     try:
-        app = make_app(args.graph, args.frame)
+        frames = _tessera.parse_frames(args.frames) if args.frames else None
+    except ValueError as error:
+        print(f"tessera view: --frames: {error}", file=sys.stderr)
+        return 2
+    try:
+        app = make_app(args.graph, args.frame, frames=frames)
     except (_tessera.GraphFileError, ValueError) as error:  # as `tessera render`: a usage error
         print(f"tessera view: {args.graph}: {error}", file=sys.stderr)
         return 2

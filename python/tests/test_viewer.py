@@ -102,12 +102,14 @@ class Page:
                 return event
             assert event["type"] != "error", event
 
-    async def view(self, area, level=0, focus=None):
-        """Asks for area and gathers the render: (picture, tiles in order);
+    async def view(self, area, level=0, focus=None, channels=()):
+        """Asks for area (the channels shown as red, green, blue and alpha;
+        none: RGBA) and gathers the render: (picture, tiles in order);
         `finished` keeps the render's end."""
         focus = focus or [(area[0] + area[2]) / 2, (area[1] + area[3]) / 2]
         self.requests += 1
-        await self.send(type="view", area=area, level=level, focus=focus, request=self.requests)
+        await self.send(type="view", area=area, level=level, focus=focus, request=self.requests,
+                        channels=list(channels))
         started = await self.text("render")
         while started["request"] != self.requests:  # a render the server began itself
             started = await self.text("render")
@@ -125,6 +127,56 @@ class Page:
                 self.finished = event
                 return picture, tiles
             assert event["type"] != "error", event
+
+
+PLATE_CHANNELS = ["R", "G", "B", "A", "diffuse.R", "diffuse.G", "diffuse.B",
+                  "forward.u", "forward.v"]
+PLATE_DATA = (-5, 3, 53, 41)     # the data window, x0, y0, x1, y1: off the frame's corner
+PLATE_DISPLAY = (0, 0, 64, 48)   # the display window
+
+
+def plate_pixels():
+    """Every channel of the plate a different closed form, at half precision."""
+    x0, y0, x1, y1 = PLATE_DATA
+    y, x = np.mgrid[y0:y1, x0:x1].astype(np.float32)
+    planes = [(c + 1) * 0.1 + x * 0.01 - y * 0.003 for c in range(len(PLATE_CHANNELS))]
+    return np.stack(planes, -1).astype(np.float16)
+
+
+def plate_graph(folder):
+    """A graph reading a multi-layer EXR plate written with OpenImageIO."""
+    oiio = pytest.importorskip("OpenImageIO")
+    plate = str(folder / "plate.exr")
+    pixels = plate_pixels()
+    spec = oiio.ImageSpec(pixels.shape[1], pixels.shape[0], len(PLATE_CHANNELS), "half")
+    spec.x, spec.y = PLATE_DATA[:2]
+    spec.full_x, spec.full_y = PLATE_DISPLAY[:2]
+    spec.full_width = PLATE_DISPLAY[2] - PLATE_DISPLAY[0]
+    spec.full_height = PLATE_DISPLAY[3] - PLATE_DISPLAY[1]
+    spec.channelnames = tuple(PLATE_CHANNELS)
+    spec.attribute("compression", "zip")
+    out = oiio.ImageOutput.create(plate)
+    assert out.open(plate, spec), out.geterror()
+    assert out.write_image(pixels), out.geterror()
+    out.close()
+    graph = folder / "plate.json"
+    graph.write_text(json.dumps({
+        "nodes": [{"id": "plate", "op": "filein", "params": {"path": "plate.exr"}}],
+        "outputs": [{"node": "plate"}]}))
+    return graph
+
+
+def plate_over(area, channels):
+    """The plate's named channels over area (x0, y0, x1, y1), 0 outside its
+    data window."""
+    x0, y0, x1, y1 = area
+    dx0, dy0, dx1, dy1 = PLATE_DATA
+    left, top = min(x0, dx0), min(y0, dy0)
+    both = np.zeros((max(y1, dy1) - top, max(x1, dx1) - left, len(channels)), np.float32)
+    pixels = plate_pixels().astype(np.float32)
+    for i, name in enumerate(channels):
+        both[dy0 - top:dy1 - top, dx0 - left:dx1 - left, i] = pixels[..., PLATE_CHANNELS.index(name)]
+    return both[y0 - top:y1 - top, x0 - left:x1 - left]
 
 
 @pytest.fixture
@@ -257,6 +309,36 @@ def test_a_new_view_cancels_the_render_before_it(viewer, tmp_path):
     assert small.shape == (64, 64, 4) and not np.isnan(small).any()
 
 
+def test_any_channel_of_any_layer_is_shown_and_inspected_by_name(viewer, tmp_path):
+    v = viewer(plate_graph(tmp_path))
+    bounds = [-5, 0, 64, 48]
+
+    async def conversation(page):
+        diffuse, _ = await page.view(bounds, channels=["diffuse.R", "diffuse.G", "diffuse.B", ""])
+        vectors, _ = await page.view(bounds, channels=["forward.v", "", "", ""])
+        await page.send(type="inspect", point=[10, 20])
+        pixel = await page.text("pixel")
+        await page.send(type="view", area=bounds, channels=["diffuse.X", "", "", ""])
+        refused = await page.text("error")
+        return page.state, diffuse, vectors, pixel, refused
+
+    state, diffuse, vectors, pixel, refused = v.talk(conversation)
+    assert sorted(state["channels"]) == sorted(PLATE_CHANNELS)
+    assert state["format"] == list(PLATE_DISPLAY) == state["rect"]
+    assert state["data_window"] == list(PLATE_DATA)
+    # The overscan left of the frame is shown too.
+    assert state["bounds"] == bounds
+    np.testing.assert_array_equal(
+        diffuse[..., :3], plate_over(bounds, ["diffuse.R", "diffuse.G", "diffuse.B"]))
+    np.testing.assert_array_equal(vectors[..., :1], plate_over(bounds, ["forward.v"]))
+    # Slots the page leaves empty: 0, alpha 1.
+    assert (diffuse[..., 3] == 1).all() and (vectors[..., 1:3] == 0).all()
+    assert pixel["point"] == [10, 20]
+    assert dict(pixel["channels"]) == {
+        name: float(plate_over((10, 20, 11, 21), [name])[0, 0, 0]) for name in PLATE_CHANNELS}
+    assert "diffuse.X" in refused["message"]
+
+
 def browser():
     """Headless Chromium driven by Selenium, or a skip when they are absent."""
     webdriver = pytest.importorskip("selenium.webdriver")
@@ -288,18 +370,35 @@ def wait_for(driver, condition, seconds=30):
     raise AssertionError(f"not true within {seconds} s: {condition}")
 
 
-def shown(driver, area):
-    """The canvas pixels over the image area (image pixels at zoom 1)."""
+def shown(driver, area, zoom=1):
+    """The canvas pixels over the image area, one per image pixel (the
+    centre of each when zoomed in; the view must be at `zoom`)."""
     data = driver.execute_script("""
         const [x0, y0, x1, y1] = arguments[0];
         const c = document.getElementById('view');
         const x = x0 * view.zoom + view.panX, y = y0 * view.zoom + view.panY;
-        return [view.zoom, Array.from(c.getContext('2d').getImageData(x, y, x1 - x0, y1 - y0).data)];
+        const w = (x1 - x0) * view.zoom, h = (y1 - y0) * view.zoom;
+        return [view.zoom, Array.from(c.getContext('2d').getImageData(x, y, w, h).data)];
     """, area)
-    zoom, pixels = data
-    assert zoom == 1
-    return np.array(pixels, np.uint8).reshape(area[3] - area[1], area[2] - area[0], 4)
+    got_zoom, pixels = data
+    assert got_zoom == zoom
+    w, h = area[2] - area[0], area[3] - area[1]
+    screen = np.array(pixels, np.uint8).reshape(round(h * zoom), round(w * zoom), 4)
+    if zoom <= 1:
+        return screen
+    step = int(zoom)
+    return screen[step // 2::step, step // 2::step]
 
+
+def toned(pixels, exposure=0.0, gamma=2.2):
+    """As the page tones floats to 8 bits."""
+    return np.rint(255 * np.clip(pixels * 2.0 ** exposure, 0, 1) ** (1 / gamma))
+
+
+def close_to(got, want):
+    """8-bit pictures equal within the rounding of the browser's canvas."""
+    assert got.shape == want.shape, (got.shape, want.shape)
+    assert np.abs(got.astype(int) - want).max() <= 1
 
 def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
     graph = graph_file(tmp_path, gain=0.5)
@@ -312,9 +411,8 @@ def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
         assert "first tile" in status and "from the cache" in status, status
         # The page tones with exposure 0 and gamma 2.2, to 8 bits.
         want = rendered(graph, (0, 0, 600, 300))
-        toned = np.rint(255 * np.clip(want[..., :3], 0, 1) ** (1 / 2.2))
         got = shown(driver, [0, 0, 600, 300])
-        assert np.abs(got[..., :3].astype(int) - toned).max() <= 1
+        close_to(got[..., :3], toned(want[..., :3]))
         # A change in the panel renders again and the picture follows.
         before = int(driver.execute_script("return document.body.dataset.render"))
         driver.execute_script("""
@@ -368,3 +466,173 @@ def test_a_view_render_is_cancelled_and_restarted_from_other_threads():
                 ends[event[1]] = event[2]
     assert ends.get(first) == "cancelled", ends
     assert ends.get(done[0]) in ("success", "cancelled"), ends
+
+
+def pointer(driver, *steps):
+    """Real pointer input at viewport points: ("move", x, y), ("down",), ("up",)."""
+    from selenium.webdriver.common.actions.action_builder import ActionBuilder
+    actions = ActionBuilder(driver)
+    for step in steps:
+        if step[0] == "move":
+            actions.pointer_action.move_to_location(int(step[1]), int(step[2]))
+        elif step[0] == "down":
+            actions.pointer_action.pointer_down()
+        else:
+            actions.pointer_action.pointer_up()
+    actions.perform()
+
+
+def finished_after(driver, render):
+    """Waits for a render after `render` to finish; returns its number."""
+    wait_for(driver, f"return Number(document.body.dataset.render) > {render} && "
+                     "document.body.dataset.finished === 'success'")
+    return int(driver.execute_script("return document.body.dataset.render"))
+
+
+def test_the_page_offers_each_layer_draws_both_windows_and_inspects_every_channel(
+        viewer, tmp_path):
+    v = viewer(plate_graph(tmp_path))
+    driver = browser()
+    try:
+        driver.get(v.url)
+        first = finished_after(driver, 0)
+        labels = driver.execute_script(
+            "return Array.from(document.getElementById('channel').options, o => o.text)")
+        assert {"RGBA: colour", "RGBA: luminance", "diffuse: colour", "diffuse: luminance",
+                "forward: forward.u, forward.v"} | set(PLATE_CHANNELS) == set(labels), labels
+        driver.execute_script("""
+            const select = document.getElementById('channel');
+            select.value = Array.from(select.options).find(o => o.text === arguments[0]).value;
+            select.dispatchEvent(new Event('change'));
+        """, "diffuse: colour")
+        finished_after(driver, first)
+        zoom = driver.execute_script("return view.zoom")
+        bounds = [-5, 0, 64, 48]
+        want = plate_over(bounds, ["diffuse.R", "diffuse.G", "diffuse.B"])
+        close_to(shown(driver, bounds, zoom)[..., :3], toned(want))
+
+        # The display window solid, the data window dashed, in their colours.
+        display, data = driver.execute_script("""
+            const c = document.getElementById('view').getContext('2d');
+            const sx = (x) => x * view.zoom + view.panX, sy = (y) => y * view.zoom + view.panY;
+            const column = (x) => Array.from(c.getImageData(sx(x) - 1, sy(10), 1, sy(40) - sy(10)).data);
+            return [column(0), column(-5)];
+        """)
+        display = np.array(display).reshape(-1, 4)[:, :3]
+        data = np.array(data).reshape(-1, 4)[:, :3]
+        assert (display == [0xe8, 0xa3, 0x3d]).all()
+        dashed = (data == [0x4f, 0xb3, 0xd9]).all(axis=1)
+        assert 0.3 < dashed.mean() < 0.9, dashed.mean()
+
+        # Every channel of the plate under the cursor, at full size.
+        x, y = driver.execute_script(
+            "return [10.5 * view.zoom + view.panX, 20.5 * view.zoom + view.panY]")
+        pointer(driver, ("move", x, y))
+        wait_for(driver, "return document.getElementById('pixel').rows.length === 9")
+        rows = driver.execute_script("""return Array.from(document.getElementById('pixel').rows,
+                                                           r => [r.cells[0].textContent, r.cells[1].textContent])""")
+        want = {name: plate_over((10, 20, 11, 21), [name])[0, 0, 0] for name in PLATE_CHANNELS}
+        assert {name: float(value) for name, value in rows} == pytest.approx(want, rel=1e-4)
+        assert driver.find_element("id", "inspector").text == "(10, 20)"
+    finally:
+        driver.quit()
+
+
+def test_panning_cancels_the_render_no_longer_seen_and_draws_only_the_new_one(viewer, tmp_path):
+    # A slow patch at the left of a wide, cheap board.
+    graph = tmp_path / "wide.json"
+    graph.write_text(json.dumps({
+        "nodes": [
+            {"id": "noise", "op": "randomnoise", "params": {"area": [0, 0, 600, 600]}},
+            {"id": "slow", "op": "bilateral", "params": {"radius": [20, 20]},
+             "inputs": {"input": "noise"}},
+            {"id": "board", "op": "checkerboard", "params": {"size": 32, "area": [0, 0, 4096, 1024]}},
+            {"id": "comp", "op": "composite", "inputs": {"a": "slow", "b": "board"}}],
+        "outputs": [{"node": "comp", "rect": [0, 0, 4096, 1024]}]}))
+    v = viewer(graph)
+    driver = browser()
+    try:
+        driver.get(v.url)
+        wait_for(driver, "return render !== null")
+        # Full size at the slow patch: the fitted view's render is cancelled.
+        driver.execute_script(
+            "view.zoom = 1; view.panX = 0; view.panY = 0; draw(); requestView();")
+        wait_for(driver, "return render.level === 0")
+        slow = driver.execute_script("return {number: render.number, cancelled: render.cancelled}")
+        pointer(driver, ("move", 820, 400), ("down",), ("move", 20, 380), ("up",))
+        finished_after(driver, slow["number"])
+        state = driver.execute_script("""return {
+            cancelled: render.cancelled, panX: view.panX, panY: view.panY,
+            rect: render.rect, previous: render.previous,
+            inside: render.tiles.every(t => t.x >= render.rect[0] && t.y >= render.rect[1] &&
+                                            t.x + t.w <= render.rect[2] && t.y + t.h <= render.rect[3])}""")
+        # The engine ended the slow render cancelled.
+        assert state["cancelled"] > slow["cancelled"], (slow, state)
+        assert state["inside"] and state["previous"] is None, state
+        assert (state["panX"], state["panY"]) == (-800, -20), state
+        assert state["rect"][0] >= 700, state  # the slow patch is out of sight
+        # What is drawn is the graph there, with nothing of the render before.
+        x0 = state["rect"][0] + 8
+        area = [x0, 100, x0 + 400, 300]
+        want = rendered(graph, tuple(area))
+        close_to(shown(driver, area)[..., :3], toned(want[..., :3]))
+    finally:
+        driver.quit()
+
+
+def test_zooming_out_shows_the_proxy(viewer, tmp_path):
+    graph = graph_file(tmp_path)
+    v = viewer(graph)
+    driver = browser()
+    try:
+        from selenium.webdriver.common.action_chains import ActionChains
+        from selenium.webdriver.common.actions.wheel_input import ScrollOrigin
+        driver.get(v.url)
+        first = finished_after(driver, 0)
+        # Zoomed about a point an even number of pixels from the corner: the
+        # image stays on whole screen pixels.
+        x, y = driver.execute_script("return [view.panX + 300, view.panY + 150]")
+        ActionChains(driver).scroll_from_origin(ScrollOrigin.from_viewport(x, y), 0, 100).perform()
+        finished_after(driver, first)
+        assert driver.execute_script("return render.level") == 1
+        task = tessera.load_graph(str(graph)).outputs[0].task
+        proxy = tessera._tessera._create("proxy", "proxy", json.dumps({"level": 1}),
+                                         {"input": task})
+        want = tessera.render(proxy, (0, 0, 300, 150), "RGBA")
+        close_to(shown(driver, [0, 0, 600, 300], zoom=0.5)[..., :3], toned(want[..., :3]))
+    finally:
+        driver.quit()
+
+
+def test_the_frame_slider_shows_each_frame(viewer, tmp_path):
+    graph = tmp_path / "shot.json"
+    graph.write_text(json.dumps({
+        "frames": "1-3",
+        "nodes": [
+            {"id": "board", "op": "checkerboard", "params": {"size": 16, "area": [0, 0, 200, 100]}},
+            {"id": "grade", "op": "gain", "inputs": {"input": "board"},
+             "params": {"gain": [{"frame": 1, "value": [0.25, 0.25, 0.25, 1]},
+                                 {"frame": 3, "value": [0.75, 0.75, 0.75, 1]}]}}],
+        "outputs": [{"node": "grade"}]}))
+    v = viewer(graph)
+    driver = browser()
+    try:
+        driver.get(v.url)
+        first = finished_after(driver, 0)
+        assert driver.find_element("id", "framenumber").text == "1"
+        shots = {}
+        for index, frame in ((2, 3), (1, 2)):
+            driver.execute_script("""
+                const slider = document.getElementById('frame');
+                slider.value = arguments[0];
+                slider.dispatchEvent(new Event('input'));
+            """, index)
+            first = finished_after(driver, first)
+            wait_for(driver, f"return document.getElementById('framenumber').textContent === '{frame}'")
+            task = tessera.load_graph(str(graph), frame=frame).outputs[0].task
+            want = tessera.render(task, (0, 0, 200, 100), "RGBA")
+            shots[frame] = shown(driver, [0, 0, 200, 100], driver.execute_script("return view.zoom"))
+            close_to(shots[frame][..., :3], toned(want[..., :3]))
+        assert shots[3][..., :3].mean() > shots[2][..., :3].mean()
+    finally:
+        driver.quit()

@@ -408,6 +408,7 @@ int main(int argc, char** argv) {
     std::string viewGraph;
     int viewPort = 0;
     std::optional<int> viewFrame;
+    std::string viewFrames;
     CLI::App* viewCommand = app.add_subcommand(
         "view", "show a graph file's output in the browser, with a panel to tune and save it");
     viewCommand->add_option("GRAPH", viewGraph, "the graph file (JSON)")
@@ -416,6 +417,8 @@ int main(int argc, char** argv) {
     viewCommand->add_option("--port", viewPort, "the port on 127.0.0.1 (default: any free one)")
         ->check(CLI::Range(0, 65535));
     viewCommand->add_option("--frame", viewFrame, "the frame shown first");
+    viewCommand->add_option("--frames", viewFrames, "the frames the slider offers (1-100, 1-99x2)")
+        ->type_name("LIST");
 
     // A first argument that is neither a command nor the program's own
     // option starts a chain.
@@ -435,7 +438,8 @@ int main(int argc, char** argv) {
         return status == 0 ? 0 : kUsageError;
     }
 
-    if (viewCommand->parsed()) return tessera_cli::runViewer(viewGraph, viewPort, viewFrame);
+    if (viewCommand->parsed())
+        return tessera_cli::runViewer(viewGraph, viewPort, viewFrame, viewFrames);
     watchInterrupts();
     if (opsCommand->parsed()) {
         if (!picturesDir.empty())

@@ -29,7 +29,8 @@ std::string packageFolder() {
 
 }  // namespace
 
-int runViewer(const std::string& graph, int port, std::optional<int> frame) {
+int runViewer(const std::string& graph, int port, std::optional<int> frame,
+              const std::string& frames) {
     const std::string code =
         "import sys\n"
         "if sys.argv[1]: sys.path.insert(0, sys.argv[1])\n"
@@ -38,6 +39,7 @@ int runViewer(const std::string& graph, int port, std::optional<int> frame) {
     std::vector<std::string> args = {
         "python3", "-c", code, packageFolder(), graph, "--port", std::to_string(port)};
     if (frame) args.insert(args.end(), {"--frame", std::to_string(*frame)});
+    if (!frames.empty()) args.insert(args.end(), {"--frames", frames});
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);

@@ -8,6 +8,8 @@
 namespace tessera_cli {
 
 // Replaces this process with the viewer's server; returns only on failure.
-int runViewer(const std::string& graph, int port, std::optional<int> frame);
+// `frames` (a frame list, as tessera render takes) limits the frame slider.
+int runViewer(const std::string& graph, int port, std::optional<int> frame,
+              const std::string& frames);
 
 }  // namespace tessera_cli

@@ -13,7 +13,8 @@ let graph = null;        // the server's last description of the graph
 let ops = {};            // operation -> declared parameters
 let render = null;       // {number, level, rect, layer, tiles, started, firstTile, count}
 let cursor = null;       // image pixel under the cursor
-const stats = { renders: 0 };
+let shown = { channels: [], mode: "rgb" };  // the channels rendered, and how they are toned
+const stats = { stale: 0 };  // tiles of renders no longer shown, dropped
 
 const socket = new WebSocket(
   `ws://${location.host}/socket?token=${encodeURIComponent(token)}`);
@@ -24,6 +25,7 @@ socket.onmessage = (message) => {
   if (event.type === "graph") graphArrived(event);
   else if (event.type === "render") renderStarted(event);
   else if (event.type === "finished") renderFinished(event);
+  else if (event.type === "pixel") pixelArrived(event);
   else if (event.type === "error") $("error").textContent = event.message;
 };
 socket.onclose = () => { $("status").textContent = "the server has stopped"; };
@@ -37,7 +39,7 @@ function level() {
 }
 
 function visibleArea() {
-  const [x0, y0, x1, y1] = graph.rect;
+  const [x0, y0, x1, y1] = graph.bounds;
   const left = Math.floor(-view.panX / view.zoom), top = Math.floor(-view.panY / view.zoom);
   const right = Math.ceil((canvas.width - view.panX) / view.zoom);
   const bottom = Math.ceil((canvas.height - view.panY) / view.zoom);
@@ -52,7 +54,7 @@ function requestView() {
     const area = visibleArea();
     if (area[2] <= area[0] || area[3] <= area[1]) return;
     const focus = cursor || [(area[0] + area[2]) / 2, (area[1] + area[3]) / 2];
-    send({ type: "view", area, level: level(), focus });
+    send({ type: "view", area, level: level(), focus, channels: shown.channels });
   }, 60);
 }
 
@@ -64,6 +66,7 @@ function renderStarted(event) {
   layer.height = event.rect[3] - event.rect[1];
   const previous = render && (render.finished !== undefined ? render : render.previous);
   render = { number: event.render, level: event.level, rect: event.rect, layer, tiles: [],
+             cancelled: event.cancelled,
              started: performance.now(), firstTile: null, count: 0, previous };
   showStatus();
 }
@@ -82,7 +85,10 @@ function fit() {
 function tileArrived(buffer) {
   const header = new Int32Array(buffer, 0, 6);
   const [number, x, y, w, h, lv] = header;
-  if (!render || number !== render.number) return;  // a render the view no longer shows
+  if (!render || number !== render.number) {  // a render the view no longer shows
+    stats.stale += 1;
+    return;
+  }
   const pixels = new Float32Array(buffer, 24, w * h * 4);
   const tile = { x, y, w, h, pixels };
   render.tiles.push(tile);
@@ -96,18 +102,14 @@ function tileArrived(buffer) {
 function tone(tile) {
   const exposure = Math.pow(2, parseFloat($("exposure").value));
   const gamma = 1 / parseFloat($("gamma").value);
-  const channel = $("channel").value;
+  const mode = shown.mode;
   const image = new ImageData(tile.w, tile.h);
   const p = tile.pixels, out = image.data;
   const to8 = (v) => 255 * Math.pow(Math.min(1, Math.max(0, v * exposure)), gamma);
   for (let i = 0; i < tile.w * tile.h; i++) {
     let r = p[4 * i], g = p[4 * i + 1], b = p[4 * i + 2];
-    const a = p[4 * i + 3];
-    if (channel === "r") g = b = r;
-    else if (channel === "g") r = b = g;
-    else if (channel === "b") r = g = b;
-    else if (channel === "a") r = g = b = a;
-    else if (channel === "luminance") r = g = b = 0.2126 * r + 0.7152 * g + 0.0722 * b;
+    if (mode === "grey") g = b = r;
+    else if (mode === "luminance") r = g = b = 0.2126 * r + 0.7152 * g + 0.0722 * b;
     out[4 * i] = to8(r);
     out[4 * i + 1] = to8(g);
     out[4 * i + 2] = to8(b);
@@ -134,12 +136,26 @@ function draw() {
     context.setTransform(scale, 0, 0, scale, view.panX, view.panY);
     context.drawImage(r.layer, r.rect[0], r.rect[1]);
   }
-  // The output's area.
+  // The display window (the frame the picture fills), and the data window
+  // where it differs: the pixels the output has outside its frame or the
+  // part of the frame it leaves empty.
   context.setTransform(1, 0, 0, 1, 0, 0);
-  const [x0, y0, x1, y1] = graph.rect;
-  context.strokeStyle = "#e8a33d";
-  context.strokeRect(x0 * view.zoom + view.panX - 0.5, y0 * view.zoom + view.panY - 0.5,
-                     (x1 - x0) * view.zoom + 1, (y1 - y0) * view.zoom + 1);
+  outline(graph.format, "#e8a33d", []);
+  if (graph.data_window.some((v, i) => v !== graph.format[i]))
+    outline(graph.data_window, "#4fb3d9", [6, 4]);
+}
+
+function outline(rect, colour, dash) {
+  // Clamped: a generator's data window may be far larger than the canvas.
+  const clamp = (v, size) => Math.max(-10, Math.min(size + 10, v));
+  const x0 = clamp(rect[0] * view.zoom + view.panX, canvas.width) - 0.5;
+  const y0 = clamp(rect[1] * view.zoom + view.panY, canvas.height) - 0.5;
+  const x1 = clamp(rect[2] * view.zoom + view.panX, canvas.width) + 0.5;
+  const y1 = clamp(rect[3] * view.zoom + view.panY, canvas.height) + 0.5;
+  context.setLineDash(dash);
+  context.strokeStyle = colour;
+  context.strokeRect(x0, y0, x1 - x0, y1 - y0);
+  context.setLineDash([]);
 }
 
 function renderFinished(event) {
@@ -148,6 +164,7 @@ function renderFinished(event) {
   render.status = event.status;
   render.rendered = event.rendered;
   render.cached = event.cached;
+  render.cancelled = event.cancelled;
   render.previous = null;
   showStatus();
 }
@@ -158,25 +175,98 @@ function showStatus() {
   if (render.firstTile !== null) parts.push(`first tile ${render.firstTile.toFixed(0)} ms`);
   if (render.finished !== undefined)
     parts.push(`${render.status} in ${render.finished.toFixed(0)} ms`,
-               `${render.rendered} tiles rendered, ${render.cached} from the cache`);
+               `${render.rendered} tiles rendered, ${render.cached} from the cache`,
+               `${render.cancelled} renders cancelled, ${stats.stale} late tiles dropped`);
   $("status").textContent = parts.join(" · ");
   document.body.dataset.render = render.number;
   document.body.dataset.finished = render.status || "";
+  document.body.dataset.cancelled = render.cancelled || 0;
+  document.body.dataset.stale = stats.stale;
 }
 
-// The value of every channel under the cursor, from the tiles received.
+// The pixel inspector: the shown channels under the cursor at once, from
+// the tiles received, then every channel of the output at full size, as
+// the server renders that pixel.
 function inspect() {
   if (!render || !cursor) return;
   const scale = 1 << render.level;
   const px = Math.floor(cursor[0] / scale), py = Math.floor(cursor[1] / scale);
+  const rows = [];
   for (const t of render.tiles) {
     if (px < t.x || py < t.y || px >= t.x + t.w || py >= t.y + t.h) continue;
     const i = 4 * ((py - t.y) * t.w + (px - t.x));
-    const v = Array.from(t.pixels.slice(i, i + 4), (x) => x.toPrecision(4));
-    $("inspector").textContent = `(${cursor[0]}, ${cursor[1]}) R ${v[0]} G ${v[1]} B ${v[2]} A ${v[3]}`;
-    return;
+    shown.channels.forEach((name, c) => { if (name) rows.push([name, t.pixels[i + c]]); });
+    break;
   }
-  $("inspector").textContent = `(${cursor[0]}, ${cursor[1]})`;
+  showPixel(cursor, rows);
+}
+
+function pixelArrived(event) {
+  if (cursor && event.point[0] === cursor[0] && event.point[1] === cursor[1])
+    showPixel(event.point, event.channels);
+}
+
+function showPixel(point, rows) {
+  $("inspector").textContent = `(${point[0]}, ${point[1]})`;
+  const table = $("pixel");
+  table.textContent = "";
+  for (const [name, value] of rows) {
+    const row = table.insertRow();
+    row.insertCell().textContent = name;
+    row.insertCell().textContent = value.toPrecision(5);
+  }
+}
+
+// ---- Channels and layers ----
+
+// The choices of what to show, from the output's channel names: each layer
+// with red, green and blue channels in colour and as luminance, a layer of
+// other channels (forward.u, forward.v) as colour, and every channel alone.
+function channelChoices(names) {
+  const layers = new Map();
+  for (const name of names) {
+    const dot = name.lastIndexOf(".");
+    const layer = dot < 0 ? "" : name.slice(0, dot);
+    if (!layers.has(layer)) layers.set(layer, []);
+    layers.get(layer).push(name);
+  }
+  const choices = [];
+  for (const [layer, members] of layers) {
+    const find = (suffix) => members.find((n) => n.slice(n.lastIndexOf(".") + 1).toUpperCase() === suffix);
+    const [r, g, b, a] = ["R", "G", "B", "A"].map(find);
+    const label = layer || "RGBA";
+    if (r && g && b) {
+      const slots = [r, g, b, a || ""];
+      choices.push({ label: `${label}: colour`, channels: slots, mode: "rgb" });
+      choices.push({ label: `${label}: luminance`, channels: slots, mode: "luminance" });
+    } else if (members.length > 1) {
+      const slots = [0, 1, 2].map((i) => members[i] || "").concat([""]);
+      choices.push({ label: `${label}: ${members.slice(0, 3).join(", ")}`, channels: slots, mode: "rgb" });
+    }
+    for (const name of members) choices.push({ label: name, channels: [name, "", "", ""], mode: "grey" });
+  }
+  return choices;
+}
+
+function buildChannelChoice() {
+  const select = $("channel");
+  const before = select.value;
+  select.textContent = "";
+  for (const choice of channelChoices(graph.channels)) {
+    const option = new Option(choice.label, JSON.stringify({ channels: choice.channels, mode: choice.mode }));
+    select.add(option);
+  }
+  if ([...select.options].some((o) => o.value === before)) select.value = before;
+  if (select.value) shown = JSON.parse(select.value);
+}
+
+function chooseChannels() {
+  const next = JSON.parse($("channel").value);
+  const same = JSON.stringify(next.channels) === JSON.stringify(shown.channels);
+  shown = next;
+  if (same) retone();
+  else requestView();
+  inspect();
 }
 
 // ---- The panel, made from the operations' declarations ----
@@ -196,6 +286,7 @@ function graphArrived(event) {
     $("framenumber").textContent = event.frame;
   }
   if (!event.edit) buildPanel();
+  buildChannelChoice();
   if (first) {
     resize();
     fit();
@@ -300,7 +391,10 @@ canvas.addEventListener("mousemove", (e) => {
   }
   // The tiles under the cursor first.
   clearTimeout(focusTimer);
-  focusTimer = setTimeout(() => send({ type: "focus", point: cursor }), 30);
+  focusTimer = setTimeout(() => {
+    send({ type: "focus", point: cursor });
+    send({ type: "inspect", point: cursor });
+  }, 30);
 });
 canvas.addEventListener("wheel", (e) => {
   e.preventDefault();
@@ -314,6 +408,7 @@ canvas.addEventListener("wheel", (e) => {
   requestView();
 }, { passive: false });
 
-for (const id of ["exposure", "gamma", "channel"]) $(id).addEventListener("input", retone);
+for (const id of ["exposure", "gamma"]) $(id).addEventListener("input", retone);
+$("channel").addEventListener("change", chooseChannels);
 $("save").onclick = () => send({ type: "save" });
 $("frame").oninput = () => send({ type: "frame", frame: graph.frames[Number($("frame").value)] });
