@@ -3,6 +3,7 @@ it (HTTP and the WebSocket), through the command itself."""
 import asyncio
 import json
 import os
+import re
 import select
 import struct
 import subprocess
@@ -339,6 +340,29 @@ def test_any_channel_of_any_layer_is_shown_and_inspected_by_name(viewer, tmp_pat
     assert "diffuse.X" in refused["message"]
 
 
+EXAMPLES = os.path.join(os.path.dirname(__file__), "..", "..", "examples")
+
+
+@pytest.mark.parametrize("example", ["demo.json", "motion.json", "slate.json",
+                                     "sequence/shot.json"])
+def test_every_example_graph_opens_and_its_view_is_its_render(viewer, example):
+    graph = os.path.realpath(os.path.join(EXAMPLES, example))
+    v = viewer(graph)
+
+    async def conversation(page):
+        x0, y0, x1, y1 = page.state["rect"]
+        cx, cy = (x0 + x1) // 2, (y0 + y1) // 2
+        area = [cx - 48, cy - 32, cx + 48, cy + 32]
+        picture, _ = await page.view(area)
+        return page.state, area, picture
+
+    state, area, picture = v.talk(conversation)
+    assert state["nodes"] and not state["edited"]
+    frame = {"frame": state["frame"]} if state["frames"] else {}
+    task = tessera.load_graph(graph, **frame).outputs[0].task
+    np.testing.assert_array_equal(picture, tessera.render(task, tuple(area), "RGBA"))
+
+
 def browser():
     """Headless Chromium driven by Selenium, or a skip when they are absent."""
     webdriver = pytest.importorskip("selenium.webdriver")
@@ -424,6 +448,10 @@ def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
                          "document.body.dataset.finished === 'success'")
         edited = shown(driver, [0, 0, 600, 300])
         assert edited[..., :3].mean() < got[..., :3].mean()
+        # The board under the gain came from the cache.
+        status = driver.find_element("id", "status").text
+        cached = int(re.search(r"(\d+) from the cache", status).group(1))
+        assert cached > 0, status
         assert "Save" in driver.find_element("id", "save").text
         assert driver.find_element("id", "save").is_enabled()
     finally:
