@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "imglib/channels.h"
 #include "imglib/error.h"
+#include "imglib/rowops.h"
 
 namespace IMGLIB {
 namespace {
@@ -89,6 +91,26 @@ int Clear(const Image* image) {
 
 namespace {
 
+// A destination larger than the caches (a host's whole frame, where tiles
+// are copied as they finish) is written past them: its lines are not read
+// in only to be overwritten, nor do they push out the tiles being made.
+constexpr int64_t kStreamedBytes = int64_t(32) << 20;
+
+// The bytes an image's rows span, [first, last).
+std::pair<uintptr_t, uintptr_t> span(const Image* image) {
+    const auto base = reinterpret_cast<uintptr_t>(image->pixelPtr);
+    const int64_t toLastRow = (image->height() - 1) * image->rowBytes;
+    const int64_t row = image->rowBytes < 0 ? -image->rowBytes : image->rowBytes;
+    return {base + uintptr_t(std::min<int64_t>(0, toLastRow)),
+            base + uintptr_t(std::max<int64_t>(0, toLastRow) + row)};
+}
+
+bool streamsInto(const Image* dst, const Image* src) {
+    const auto [d1, d2] = span(dst);
+    const auto [s1, s2] = span(src);
+    return int64_t(d2 - d1) >= kStreamedBytes && (d2 <= s1 || s2 <= d1);
+}
+
 // The overlap of dst and src copied; dst's channels that src lacks become 0
 // (zeroMissing) or keep their values.
 int copyOverlap(const Image* dst, const Image* src, bool zeroMissing, const char* op) {
@@ -102,6 +124,12 @@ int copyOverlap(const Image* dst, const Image* src, bool zeroMissing, const char
 
     if (dst->channels == src->channels) {
         const size_t bytes = static_cast<size_t>((x2 - x1) * dstPixelBytes);
+        if (streamsInto(dst, src)) {
+            for (int64_t y = y1; y < y2; ++y)
+                RowStream(GetPixelAddress(dst, x1, y, dstPixelBytes),
+                          GetPixelAddress(src, x1, y, srcPixelBytes), bytes / sizeof(float));
+            return ERROR_NONE;
+        }
         for (int64_t y = y1; y < y2; ++y)
             std::memmove(GetPixelAddress(dst, x1, y, dstPixelBytes),
                          GetPixelAddress(src, x1, y, srcPixelBytes), bytes);

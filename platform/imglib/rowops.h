@@ -36,5 +36,10 @@ void RowWeightedSum(float* dst, const float* const* rows, const float* w, size_t
 // pixel at `origin`.
 void RowResample(float* dst, const float* src, int64_t origin, const int64_t* first, const float* w,
                  size_t taps, size_t count, size_t n);
+// dst[i] = src[i], stored past the caches (the rows must not overlap): for a
+// destination too large to stay in them, whose lines would otherwise be
+// read in only to be overwritten. The stores are visible to other threads
+// when it returns.
+void RowStream(float* dst, const float* src, size_t count);
 
 }  // namespace IMGLIB

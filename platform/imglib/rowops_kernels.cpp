@@ -3,6 +3,7 @@
 #define HWY_TARGET_INCLUDE "imglib/rowops_kernels.cpp"
 #include <hwy/foreach_target.h>  // NOLINT: must come before highway.h
 
+#include <hwy/cache_control.h>
 #include <hwy/highway.h>
 
 #include <algorithm>
@@ -212,6 +213,18 @@ void ResampleRow(float* dst, const float* src, int64_t origin, const int64_t* fi
     }
 }
 
+void StreamRow(float* dst, const float* src, size_t count) {
+    const hn::ScalableTag<float> d;
+    const size_t N = hn::Lanes(d);
+    size_t i = 0;
+    // Up to the first vector-aligned float of dst, then whole vectors.
+    for (; i < count && reinterpret_cast<uintptr_t>(dst + i) % (N * sizeof(float)) != 0; ++i)
+        dst[i] = src[i];
+    for (; i + N <= count; i += N) hn::Stream(hn::LoadU(d, src + i), d, dst + i);
+    for (; i < count; ++i) dst[i] = src[i];
+    hwy::FlushStream();
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace IMGLIB
 HWY_AFTER_NAMESPACE();
@@ -229,6 +242,7 @@ HWY_EXPORT(HalfToFloatRow);
 HWY_EXPORT(InterleaveRow);
 HWY_EXPORT(WeightedSumRow);
 HWY_EXPORT(ResampleRow);
+HWY_EXPORT(StreamRow);
 
 void RowMulAdd(float* dst, const float* src, float w, size_t count) {
     HWY_DYNAMIC_DISPATCH(MulAddRow)(dst, src, w, count);
@@ -269,6 +283,10 @@ void RowWeightedSum(float* dst, const float* const* rows, const float* w, size_t
 void RowResample(float* dst, const float* src, int64_t origin, const int64_t* first, const float* w,
                  size_t taps, size_t count, size_t n) {
     HWY_DYNAMIC_DISPATCH(ResampleRow)(dst, src, origin, first, w, taps, count, n);
+}
+
+void RowStream(float* dst, const float* src, size_t count) {
+    HWY_DYNAMIC_DISPATCH(StreamRow)(dst, src, count);
 }
 }  // namespace IMGLIB
 #endif

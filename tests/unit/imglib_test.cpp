@@ -179,6 +179,25 @@ TEST(ImglibPixels, FillClearCopyAndCopyInto) {
     EXPECT_EQ(rgba(dst.image, 0, 0), (std::vector<float>{0, 0, 0, 0}));
 }
 
+// A destination larger than the caches is written with streaming stores:
+// the same floats land, at any alignment, and nothing around them changes.
+TEST(ImglibPixels, CopyIntoAFrameLargerThanTheCaches) {
+    OwnedImage frame(CHANNELS_RGB, 0, 0, 3001, 1000);  // 36 MB, rows of 12-byte pixels
+    ASSERT_GE(frame.storage.size() * 4, size_t(32) << 20);
+    OwnedImage tile(CHANNELS_RGB, 37, 11, 37 + 301, 11 + 203);
+    for (int64_t y = tile.image.y1; y < tile.image.y2; ++y)
+        for (int64_t x = tile.image.x1; x < tile.image.x2; ++x) {
+            const float v[4] = {float(x), float(y), float(x * y), 0};
+            SetPixel(&tile.image, x, y, v);
+        }
+    std::vector<float> want = frame.storage;
+    for (int64_t y = tile.image.y1; y < tile.image.y2; ++y)
+        std::memcpy(&want[size_t(y * frame.image.rowBytes / 4 + tile.image.x1 * 3)],
+                    tile.image.row(y), size_t(tile.image.width() * 12));
+    ASSERT_EQ(CopyInto(&frame.image, &tile.image), ERROR_NONE);
+    EXPECT_TRUE(frame.storage == want);
+}
+
 TEST(ImglibPixels, SubImagesShareThePixels) {
     OwnedImage img(CHANNELS_RGB, -4, -4, 4, 4);
     Image sub;
