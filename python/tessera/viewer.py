@@ -186,7 +186,8 @@ class Session:
         # Ahead of its tiles: the page draws them in this render's place.
         self.sent.append(self.socket.send_str(json.dumps(
             {"type": "render", "render": self.current, "level": level, "rect": list(rect),
-             "request": request, "cancelled": self.render.cancelled})))
+             "request": request, "cancelled": self.render.cancelled,
+             "channels": self.shown})))
         self._flush()
 
     def inspect(self, point):

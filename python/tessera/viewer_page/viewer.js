@@ -65,7 +65,9 @@ function renderStarted(event) {
   layer.width = event.rect[2] - event.rect[0];
   layer.height = event.rect[3] - event.rect[1];
   const previous = render && (render.finished !== undefined ? render : render.previous);
-  render = { number: event.render, level: event.level, rect: event.rect, layer, tiles: [],
+  // The channels its tiles hold (none named: R, G, B, A).
+  const channels = event.channels.length ? event.channels : ["R", "G", "B", "A"];
+  render = { number: event.render, level: event.level, rect: event.rect, layer, tiles: [], channels,
              cancelled: event.cancelled,
              started: performance.now(), firstTile: null, count: 0, previous };
   showStatus();
@@ -195,7 +197,7 @@ function inspect() {
   for (const t of render.tiles) {
     if (px < t.x || py < t.y || px >= t.x + t.w || py >= t.y + t.h) continue;
     const i = 4 * ((py - t.y) * t.w + (px - t.x));
-    shown.channels.forEach((name, c) => { if (name) rows.push([name, t.pixels[i + c]]); });
+    render.channels.forEach((name, c) => { if (name) rows.push([name, t.pixels[i + c]]); });
     break;
   }
   showPixel(cursor, rows);
@@ -257,7 +259,10 @@ function buildChannelChoice() {
     select.add(option);
   }
   if ([...select.options].some((o) => o.value === before)) select.value = before;
-  if (select.value) shown = JSON.parse(select.value);
+  // A graph that no longer has the channels shown (reloaded from disk)
+  // shows its first choice.
+  if (select.value && select.value !== before && before) chooseChannels();
+  else if (select.value) shown = JSON.parse(select.value);
 }
 
 function chooseChannels() {
