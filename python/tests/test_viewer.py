@@ -37,8 +37,8 @@ def graph_file(folder, gain=0.5):
 class Viewer:
     """A running `tessera view`: its URL, and requests to it."""
 
-    def __init__(self, cli, graph):
-        self.process = subprocess.Popen([cli, "view", str(graph)], stdout=subprocess.PIPE,
+    def __init__(self, cli, graph, *options):
+        self.process = subprocess.Popen([cli, "view", str(graph), *options], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE, text=True)
         ready, _, _ = select.select([self.process.stdout], [], [], 30)
         assert ready, "the viewer printed no URL within 30 s"
@@ -184,8 +184,8 @@ def plate_over(area, channels):
 def viewer(cli, tmp_path):
     started = []
 
-    def start(graph):
-        started.append(Viewer(cli, graph))
+    def start(graph, *options):
+        started.append(Viewer(cli, graph, *options))
         return started[-1]
     yield start
     for v in started:
@@ -632,8 +632,9 @@ def test_zooming_out_shows_the_proxy(viewer, tmp_path):
         driver.quit()
 
 
-def test_the_frame_slider_shows_each_frame(viewer, tmp_path):
-    graph = tmp_path / "shot.json"
+def shot_file(folder):
+    """Three frames of a board under a gain keyed from 0.25 to 0.75."""
+    graph = folder / "shot.json"
     graph.write_text(json.dumps({
         "frames": "1-3",
         "nodes": [
@@ -642,6 +643,27 @@ def test_the_frame_slider_shows_each_frame(viewer, tmp_path):
              "params": {"gain": [{"frame": 1, "value": [0.25, 0.25, 0.25, 1]},
                                  {"frame": 3, "value": [0.75, 0.75, 0.75, 1]}]}}],
         "outputs": [{"node": "grade"}]}))
+    return graph
+
+
+def test_frames_limits_the_frames_offered(viewer, cli, tmp_path):
+    graph = shot_file(tmp_path)
+    v = viewer(graph, "--frames", "2-3")
+
+    async def conversation(page):
+        return page.state
+
+    state = v.talk(conversation)
+    assert state["frames"] == [2, 3] and state["frame"] == 2
+    done = subprocess.run([cli, "view", str(graph), "--frames", "3-x"], capture_output=True,
+                          text=True, timeout=30)
+    assert done.returncode == 2
+    assert len(done.stderr.strip().splitlines()) == 1
+    assert done.stderr.startswith("tessera view: --frames: "), done.stderr
+
+
+def test_the_frame_slider_shows_each_frame(viewer, tmp_path):
+    graph = shot_file(tmp_path)
     v = viewer(graph)
     driver = browser()
     try:
