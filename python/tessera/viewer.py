@@ -61,17 +61,30 @@ class GraphView:
         self.frames = frames  # the frames offered; None: the file's
         self.frame = frame if frame is not None or not frames else frames[0]
         self.edits = {}  # "node.param" -> value
+        self.looked_at = None  # the node shown in place of the first output's; None: its own
         self.reload()
 
     def reload(self):
         with open(self.path) as f:
             text = f.read()
         self.mtime = os.stat(self.path).st_mtime_ns
-        self.rebuild()  # the engine's own message for a file it refuses
+        try:
+            self.rebuild(text)  # the engine's own message for a file it refuses
+        except Exception:
+            if self.looked_at is None:
+                raise
+            self.looked_at = None  # the node looked at may be gone: the output's own
+            self.rebuild(text)
         self.text = text
 
-    def rebuild(self):
+    def rebuild(self, text=None):
         overrides = {key: json.dumps(value) for key, value in self.edits.items()}
+        if self.looked_at is not None:
+            # The first output, pointed at the node: its file and rectangle stay.
+            outputs = json.loads(self.text if text is None else text).get("outputs", [])
+            name = outputs[0].get("id", "output") if outputs and isinstance(
+                outputs[0], dict) else "output"
+            overrides[f"{name}.node"] = json.dumps(self.looked_at)
         kwargs = {"set": overrides}
         if self.frame is not None:
             kwargs["frame"] = self.frame
@@ -79,6 +92,17 @@ class GraphView:
         if not self.graph.outputs:
             raise ValueError(f"{self.path}: the graph has no outputs to view")
         self.output = self.graph.outputs[0]
+
+    def look_at(self, node):
+        """Shows `node` (None: the first output's own node); the file is not
+        changed."""
+        before = self.looked_at
+        self.looked_at = node
+        try:
+            self.rebuild()
+        except Exception:
+            self.looked_at = before
+            raise
 
     def set(self, node, param, value):
         """Changes one parameter; the graph is rebuilt (refused values leave
@@ -132,7 +156,8 @@ class GraphView:
         return {"type": "graph", "path": self.path, "nodes": self.nodes(),
                 "rect": list(self.output.rect), "bounds": self.bounds(),
                 "format": list(task.format), "data_window": list(task.data_window),
-                "channels": _tessera.channel_names(task), "frames": list(self.frames or self.graph.frames),
+                "channels": _tessera.channel_names(task), "looked_at": self.looked_at,
+                "frames": list(self.frames or self.graph.frames),
                 "frame": self.graph.frame, "edited": bool(self.edits)}
 
     def bounds(self):
@@ -328,6 +353,9 @@ async def _handle(app, session, request):
         elif kind == "set":
             view.set(request["node"], request["param"], request["value"])
             await _refresh(app, edit=True)
+        elif kind == "look":
+            view.look_at(request.get("node"))
+            await _refresh(app)
         elif kind == "frame":
             view.frame = int(request["frame"])
             view.rebuild()

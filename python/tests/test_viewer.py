@@ -274,6 +274,37 @@ def test_an_edit_renders_again_and_saving_writes_it(viewer, tmp_path):
     np.testing.assert_array_equal(rendered(graph, tuple(area)), after)
 
 
+def test_any_node_can_be_looked_at_without_changing_the_file(viewer, tmp_path):
+    graph = graph_file(tmp_path)
+    v = viewer(graph)
+
+    async def conversation(page):
+        await page.send(type="look", node="board")
+        looked = await page.text("graph")
+        board, _ = await page.view([0, 0, 600, 300])
+        await page.send(type="look", node="nowhere")
+        refused = await page.text("error")
+        await page.send(type="set", node="grade", param="gain", value=[0.2, 0.2, 0.2, 1])
+        await page.text("graph")
+        await page.send(type="save")
+        await page.text("graph")
+        await page.send(type="look", node=None)
+        back = await page.text("graph")
+        output, _ = await page.view([0, 0, 600, 300])
+        return looked, board, refused, back, output
+
+    looked, board, refused, back, output = v.talk(conversation)
+    assert looked["looked_at"] == "board" and back["looked_at"] is None
+    board_task = tessera.load_graph(str(graph), set={"output.node": '"board"'}).outputs[0].task
+    np.testing.assert_array_equal(board, tessera.render(board_task, (0, 0, 600, 300), "RGBA"))
+    assert "nowhere" in refused["message"]
+    # Saved with the edit, and still showing the blur.
+    written = json.loads(graph.read_text())
+    assert written["outputs"] == [{"node": "soft"}]
+    assert written["nodes"][1]["params"]["gain"] == [0.2, 0.2, 0.2, 1]
+    np.testing.assert_array_equal(output, rendered(graph, (0, 0, 600, 300)))
+
+
 def test_a_graph_changed_on_disk_is_shown_as_it_now_is(viewer, tmp_path):
     graph = graph_file(tmp_path, gain=0.5)
     v = viewer(graph)
@@ -454,6 +485,17 @@ def test_the_page_draws_the_render_and_redraws_an_edit(viewer, tmp_path):
         assert cached > 0, status
         assert "Save" in driver.find_element("id", "save").text
         assert driver.find_element("id", "save").is_enabled()
+        # Any node can be looked at: the checkerboard before the gain.
+        edited_render = int(driver.execute_script("return document.body.dataset.render"))
+        driver.execute_script("""
+            const select = document.getElementById('node');
+            select.value = 'board';
+            select.dispatchEvent(new Event('change'));
+        """)
+        finished_after(driver, edited_render)
+        board = tessera.load_graph(str(graph), set={"output.node": '"board"'}).outputs[0].task
+        want = tessera.render(board, (0, 0, 600, 300), "RGBA")
+        close_to(shown(driver, [0, 0, 600, 300])[..., :3], toned(want[..., :3]))
     finally:
         driver.quit()
 

@@ -278,8 +278,10 @@ function chooseChannels() {
 
 function graphArrived(event) {
   const first = graph === null;
+  const moved = !first && JSON.stringify(graph.bounds) !== JSON.stringify(event.bounds);
   if (event.ops) ops = event.ops;
   graph = event;
+  buildNodeChoice();
   $("file").textContent = event.path;
   $("save").disabled = !event.edited;
   $("error").textContent = "";
@@ -295,8 +297,20 @@ function graphArrived(event) {
   if (first) {
     resize();
     fit();
-    requestView();
   }
+  // The server renders the view again itself, unless its area changed.
+  if (first || moved) requestView();
+}
+
+// The node shown: the first output's, or any other to look at.
+function buildNodeChoice() {
+  const select = $("node");
+  const ids = ["", ...graph.nodes.map((n) => n.id)];
+  if ([...select.options].map((o) => o.value).join("\n") !== ids.join("\n")) {
+    select.textContent = "";
+    for (const id of ids) select.add(new Option(id || "(the output)", id));
+  }
+  select.value = graph.looked_at || "";
 }
 
 function buildPanel() {
@@ -416,4 +430,5 @@ canvas.addEventListener("wheel", (e) => {
 for (const id of ["exposure", "gamma"]) $(id).addEventListener("input", retone);
 $("channel").addEventListener("change", chooseChannels);
 $("save").onclick = () => send({ type: "save" });
+$("node").onchange = () => send({ type: "look", node: $("node").value || null });
 $("frame").oninput = () => send({ type: "frame", frame: graph.frames[Number($("frame").value)] });
