@@ -70,7 +70,8 @@ test-release: build
 
 # AddressSanitizer and UndefinedBehaviorSanitizer in one build.
 test-asan: deps
-	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=address,undefined
+	cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=address,undefined \
+	  -DTESSERA_BUILD_BENCH=OFF
 	cmake --build build/asan -j$(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 $(CTEST) build/asan
 
@@ -91,7 +92,8 @@ fuzz: build-fuzz
 	scripts/fuzz run $(FUZZ_SECONDS)
 
 test-tsan: deps
-	cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=thread
+	cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTESSERA_SANITIZE=thread \
+	  -DTESSERA_BUILD_BENCH=OFF
 	cmake --build build/tsan -j$(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp $(CTEST) build/tsan
 

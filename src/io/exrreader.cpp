@@ -290,7 +290,7 @@ private:
 
     std::string decode(const exr_chunk_info_t& chunk, const PixelLayout& layout, uint8_t* first,
                        int64_t lineBytes) {
-        exr_decode_pipeline_t pipeline = EXR_DECODE_PIPELINE_INITIALIZER;
+        exr_decode_pipeline_t pipeline{};  // all zero, as the library asks
         exr_result_t r = exr_decoding_initialize(m_context, m_part, &chunk, &pipeline);
         // The pipeline's channels are the file's, in the file's order.
         for (int16_t c = 0; r == EXR_ERR_SUCCESS && c < pipeline.channel_count; ++c) {

@@ -169,7 +169,7 @@ private:
         const int part = 0;
         exr_chunk_info_t chunk;
         check(exr_write_tile_chunk_info(context, part, int(column), int(row), 0, 0, &chunk));
-        exr_encode_pipeline_t pipeline = EXR_ENCODE_PIPELINE_INITIALIZER;
+        exr_encode_pipeline_t pipeline{};  // all zero, as the library asks
         exr_result_t result = exr_encoding_initialize(context, part, &chunk, &pipeline);
         for (int16_t c = 0; result == EXR_ERR_SUCCESS && c < pipeline.channel_count; ++c) {
             exr_coding_channel_info_t& channel = pipeline.channels[c];
