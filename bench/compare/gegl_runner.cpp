@@ -2,6 +2,7 @@
 // a graph of operations per run, blitted into the output memory.
 #include <gegl.h>
 
+#include <array>
 #include <stdexcept>
 #include <string>
 
@@ -60,6 +61,15 @@ struct Steps {
                                                 -kRotateDegrees, "origin-x", cx, "origin-y", cy,
                                                 "sampler", kSamplerCubic, nullptr));
     }
+    GeglNode* perspective(GeglNode* in) const {
+        // gegl:transform reads the nine coefficients column by column.
+        const std::array<double, 9> m = perspectiveMatrix(double(width), double(height));
+        std::string matrix = "matrix(";
+        for (int i : {0, 3, 6, 1, 4, 7, 2, 5, 8})
+            matrix += std::to_string(m[size_t(i)]) + (i == 8 ? ")" : ",");
+        return then(in, gegl_node_new_child(graph, "operation", "gegl:transform", "transform",
+                                            matrix.c_str(), "sampler", kSamplerCubic, nullptr));
+    }
     // Not run (see GeglRunner::runs).
     GeglNode* resize(GeglNode* in, Filter) const { return in; }
     GeglNode* flip(GeglNode* in) const { return in; }
@@ -83,9 +93,11 @@ public:
         g_object_set(gegl_config(), "threads", threads, nullptr);
     }
     // GEGL's scalers have no lanczos or Catmull-Rom filter to compare with,
-    // and it has no exact flip or crop that keeps the frame: the geometry
+    // and it has no exact flip or crop that keeps the frame: those geometry
     // workloads are left to the others.
-    bool runs(Workload workload) const override { return workload < Workload::ResizeLanczos; }
+    bool runs(Workload workload) const override {
+        return workload < Workload::ResizeLanczos || workload == Workload::Perspective;
+    }
     void run(Workload workload, const Inputs& inputs, Picture& out) override {
         GeglNode* graph = gegl_node_new();
         GeglBuffer* bufferA = wrap(inputs.a);

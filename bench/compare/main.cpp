@@ -188,7 +188,10 @@ int main(int argc, char** argv) try {
           "1920x1080, edges clamped; Catmull-Rom for OpenImageIO and Tessera, libvips' cubic "
           "(also Catmull-Rom) through vips_resize. GEGL has neither filter and is not run.\n"
        << "8. **flip**: top to bottom. 9. **crop the centre quarter**: the pixels keep their "
-          "place (libvips moves them to the origin, which is the same copy).\n\n"
+          "place (libvips moves them to the origin, which is the same copy).\n"
+       << "10. **perspective keystone, bicubic**: a projective matrix about the centre (w "
+          "grows by 0.1 across and 0.3 down the frame), Catmull-Rom (GEGL's cubic sampler) "
+          "into the input's frame. libvips has no projective transform and is not run.\n\n"
        << "## The ceiling\n\n"
        << "Streaming read and write of one frame (133 MB each way):\n\n"
        << "| threads | GB/s |\n|---|---|\n";

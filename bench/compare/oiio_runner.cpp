@@ -94,6 +94,15 @@ public:
             IBA::warp(in, matrix, "catmull-rom", 0.0f, false, ImageBuf::WrapBlack, roi, m_threads));
     }
 
+    ImageBuf perspective(const ImageBuf& in) const {
+        const OIIO::ROI& roi = in.roi();
+        const std::array<double, 9> m = perspectiveMatrix(roi.width(), roi.height());
+        const Imath::M33f matrix{float(m[0]), float(m[3]), float(m[6]), float(m[1]), float(m[4]),
+                                 float(m[7]), float(m[2]), float(m[5]), float(m[8])};
+        return check(
+            IBA::warp(in, matrix, "catmull-rom", 0.0f, false, ImageBuf::WrapBlack, roi, m_threads));
+    }
+
 private:
     int m_threads = 1;
     ImageBuf m_result;

@@ -72,6 +72,15 @@ struct Steps {
         return createHomTransformTask("rotate", 0, params, {matrix}, std::move(input));
     }
 
+    TaskPtr perspective(TaskPtr input) const {
+        const std::array<double, 9> m = perspectiveMatrix(double(width), double(height));
+        const Imath::Matrix33<float> matrix{float(m[0]), float(m[3]), float(m[6]),
+                                            float(m[1]), float(m[4]), float(m[7]),
+                                            float(m[2]), float(m[5]), float(m[8])};
+        return createHomTransformTask("perspective", 0, HomTransformParams{}, {matrix},
+                                      std::move(input));
+    }
+
     TaskPtr resize(TaskPtr input, Filter filter) const {
         ResizeParams params;
         params.scaleX = params.scaleY = 0.5f;

@@ -126,6 +126,8 @@ struct Steps {
         });
         return scaleAlpha(result, 1.0 / 255.0);
     }
+    // Not run (see VipsRunner::runs).
+    VipsImage* perspective(VipsImage* in) { return in; }
 };
 
 class VipsRunner : public Runner {
@@ -135,6 +137,9 @@ public:
         vips_cache_set_max(0);  // each run computes, none is served from the cache
     }
     std::string name() const override { return "libvips"; }
+    // libvips has no projective transform: vips_mapim resamples through an
+    // index image the caller computes.
+    bool runs(Workload workload) const override { return workload != Workload::Perspective; }
     void setThreads(int threads) override { vips_concurrency_set(threads); }
     void run(Workload workload, const Inputs& inputs, Picture& out) override {
         Images images;

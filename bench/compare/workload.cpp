@@ -24,6 +24,8 @@ const char* workloadName(Workload workload) {
             return "flip";
         case Workload::Crop:
             return "crop the centre quarter";
+        case Workload::Perspective:
+            return "perspective keystone, bicubic";
     }
     return "";
 }
@@ -61,6 +63,14 @@ std::array<double, 6> rotationMatrix(double width, double height) {
     const double cx = width / 2, cy = height / 2;
     // About the centre: p' = R S (p - centre) + centre.
     return {c, -s, cx - c * cx + s * cy, s, c, cy - s * cx - c * cy};
+}
+
+std::array<double, 9> perspectiveMatrix(double width, double height) {
+    const double a = kTiltX / width, b = kTiltY / height;
+    const double cx = width / 2, cy = height / 2;
+    // About the centre: p' = T(centre) P T(-centre), P's last row (a, b, 1).
+    const double shift = -a * cx - b * cy;
+    return {1 + a * cx, b * cx, cx * shift, a * cy, 1 + b * cy, cy * shift, a, b, 1 + shift};
 }
 
 }  // namespace compare

@@ -18,12 +18,13 @@ enum class Workload {
     ResizeLanczos,
     ResizeCubic,
     Flip,
-    Crop
+    Crop,
+    Perspective
 };
-constexpr std::array<Workload, 9> kWorkloads = {
-    Workload::ColourChain, Workload::Blur, Workload::Rotate,
-    Workload::Over,        Workload::Comp, Workload::ResizeLanczos,
-    Workload::ResizeCubic, Workload::Flip, Workload::Crop};
+constexpr std::array<Workload, 10> kWorkloads = {
+    Workload::ColourChain, Workload::Blur,          Workload::Rotate,      Workload::Over,
+    Workload::Comp,        Workload::ResizeLanczos, Workload::ResizeCubic, Workload::Flip,
+    Workload::Crop,        Workload::Perspective};
 const char* workloadName(Workload workload);
 // Frames the workload must read and write (a frame being one input).
 double framesMoved(Workload workload);
@@ -70,6 +71,15 @@ constexpr double kRotateDegrees = 17.0, kRotateScale = 0.9;
 // x' = m[0] x + m[1] y + m[2], y' = m[3] x + m[4] y + m[5] (pixel centres at +0.5).
 std::array<double, 6> rotationMatrix(double width, double height);
 
+// A keystone: about the frame's centre, the homogeneous w grows by
+// kTiltX across the width and kTiltY down the height, so the top of the
+// frame is enlarged and the bottom shrunk, as a plate shot looking up.
+// Catmull-Rom, the output over the input's frame, transparent black outside.
+constexpr double kTiltX = 0.1, kTiltY = 0.3;
+// x' = (m[0] x + m[1] y + m[2]) / w, y' = (m[3] x + m[4] y + m[5]) / w,
+// w = m[6] x + m[7] y + m[8] (pixel centres at +0.5).
+std::array<double, 9> perspectiveMatrix(double width, double height);
+
 // The inputs; the full comp is rotate(grade(a)) over blur(grade(b)).
 struct Inputs {
     const Picture& a;  // the foreground (soft alpha)
@@ -77,7 +87,8 @@ struct Inputs {
 };
 
 // A workload built from one library's steps: `steps` has grade(image,
-// count), blur(image, sigma), rotate(image) and over(a, b).
+// count), blur(image, sigma), rotate(image), over(a, b) and one step for
+// each geometry workload.
 template <class Steps, class Image>
 Image compose(Workload workload, Steps& steps, Image a, Image b) {
     switch (workload) {
@@ -97,6 +108,8 @@ Image compose(Workload workload, Steps& steps, Image a, Image b) {
             return steps.flip(b);
         case Workload::Crop:
             return steps.crop(b);
+        case Workload::Perspective:
+            return steps.perspective(b);
         case Workload::Comp:
             break;
     }
