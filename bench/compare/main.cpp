@@ -38,7 +38,7 @@ struct Options {
     std::string out = "docs/performance.md";
     int runs = 5;
     bool memoryBoundedOnly = false;
-    int only = 0;  // one workload (1 to 5), all when 0
+    int only = 0;  // one workload (its number in kWorkloads, from 1), all when 0
 };
 
 Options parse(int argc, char** argv) {
