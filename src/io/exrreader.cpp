@@ -212,10 +212,11 @@ public:
 private:
     // The views of a multi-view part and of every part of the file.
     // What the header declares, against what the file could hold: readers
-    // (the core library's, OpenEXR's deep sample counts) trust a header and
-    // would allocate, or loop over, what it says. Every chunk has an offset
-    // of 8 bytes and a header of at least 8; no compression packs a pixel's
-    // 2 bytes (a deep pixel's 4-byte count) more than 100,000 to 1.
+    // (the core library's, OpenEXR's deep sample counts, OpenImageIO's)
+    // trust a header and would allocate, or loop over, what it says. Every
+    // chunk has an offset of 8 bytes and a header of at least 8; no
+    // compression packs a pixel's channels (a deep pixel's 4-byte count)
+    // more than 100,000 to 1.
     std::string checkDeclaredSizes(const std::string& path) const {
         struct stat status {};
         if (::stat(path.c_str(), &status) != 0) return std::strerror(errno);
@@ -234,8 +235,17 @@ private:
             exr_get_storage(m_context, p, &storage);
             const bool deep =
                 storage == EXR_STORAGE_DEEP_SCANLINE || storage == EXR_STORAGE_DEEP_TILED;
+            double channelBytes = 0;
+            const exr_attr_chlist_t* channels = nullptr;
+            if (!deep && exr_get_channels(m_context, p, &channels) == EXR_ERR_SUCCESS && channels)
+                for (int c = 0; c < channels->num_channels; ++c) {
+                    const exr_attr_chlist_entry_t& e = channels->entries[c];
+                    const double samples = std::max(1.0, double(e.x_sampling) * e.y_sampling);
+                    channelBytes += (e.pixel_type == EXR_PIXEL_HALF ? 2 : 4) / samples;
+                }
             pixelBytes += (double(data.max.x) - data.min.x + 1) *
-                          (double(data.max.y) - data.min.y + 1) * (deep ? 4 : 2);
+                          (double(data.max.y) - data.min.y + 1) *
+                          (deep ? 4 : std::max(channelBytes, 2.0));
         }
         if (chunks * 16 > bytes || pixelBytes > bytes * 1e5)
             return "its header declares more than its " + std::to_string(status.st_size) +
