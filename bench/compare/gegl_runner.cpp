@@ -62,11 +62,10 @@ struct Steps {
                                                 "sampler", kSamplerCubic, nullptr));
     }
     GeglNode* perspective(GeglNode* in) const {
-        // gegl:transform reads the nine coefficients column by column.
-        const std::array<double, 9> m = perspectiveMatrix(double(width), double(height));
         std::string matrix = "matrix(";
-        for (int i : {0, 3, 6, 1, 4, 7, 2, 5, 8})
-            matrix += std::to_string(m[size_t(i)]) + (i == 8 ? ")" : ",");
+        for (float c : perspectiveColumns(double(width), double(height)))
+            matrix += std::to_string(c) + ",";
+        matrix.back() = ')';
         return then(in, gegl_node_new_child(graph, "operation", "gegl:transform", "transform",
                                             matrix.c_str(), "sampler", kSamplerCubic, nullptr));
     }

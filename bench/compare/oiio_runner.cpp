@@ -96,9 +96,8 @@ public:
 
     ImageBuf perspective(const ImageBuf& in) const {
         const OIIO::ROI& roi = in.roi();
-        const std::array<double, 9> m = perspectiveMatrix(roi.width(), roi.height());
-        const Imath::M33f matrix{float(m[0]), float(m[3]), float(m[6]), float(m[1]), float(m[4]),
-                                 float(m[7]), float(m[2]), float(m[5]), float(m[8])};
+        const std::array<float, 9> c = perspectiveColumns(roi.width(), roi.height());
+        const Imath::M33f matrix(reinterpret_cast<const float(*)[3]>(c.data()));
         return check(
             IBA::warp(in, matrix, "catmull-rom", 0.0f, false, ImageBuf::WrapBlack, roi, m_threads));
     }

@@ -73,10 +73,8 @@ struct Steps {
     }
 
     TaskPtr perspective(TaskPtr input) const {
-        const std::array<double, 9> m = perspectiveMatrix(double(width), double(height));
-        const Imath::Matrix33<float> matrix{float(m[0]), float(m[3]), float(m[6]),
-                                            float(m[1]), float(m[4]), float(m[7]),
-                                            float(m[2]), float(m[5]), float(m[8])};
+        const std::array<float, 9> c = perspectiveColumns(double(width), double(height));
+        const Imath::Matrix33<float> matrix(reinterpret_cast<const float(*)[3]>(c.data()));
         return createHomTransformTask("perspective", 0, HomTransformParams{}, {matrix},
                                       std::move(input));
     }

@@ -73,4 +73,11 @@ std::array<double, 9> perspectiveMatrix(double width, double height) {
     return {1 + a * cx, b * cx, cx * shift, a * cy, 1 + b * cy, cy * shift, a, b, 1 + shift};
 }
 
+std::array<float, 9> perspectiveColumns(double width, double height) {
+    const std::array<double, 9> m = perspectiveMatrix(width, height);
+    std::array<float, 9> columns;
+    for (size_t i = 0; i < 9; ++i) columns[i] = float(m[(i % 3) * 3 + i / 3]);
+    return columns;
+}
+
 }  // namespace compare

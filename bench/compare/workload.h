@@ -79,6 +79,9 @@ constexpr double kTiltX = 0.1, kTiltY = 0.3;
 // x' = (m[0] x + m[1] y + m[2]) / w, y' = (m[3] x + m[4] y + m[5]) / w,
 // w = m[6] x + m[7] y + m[8] (pixel centres at +0.5).
 std::array<double, 9> perspectiveMatrix(double width, double height);
+// Its coefficients column by column: Imath's row-vector layout, and the
+// order gegl:transform reads them in.
+std::array<float, 9> perspectiveColumns(double width, double height);
 
 // The inputs; the full comp is rotate(grade(a)) over blur(grade(b)).
 struct Inputs {

@@ -210,7 +210,6 @@ public:
     }
 
 private:
-    // The views of a multi-view part and of every part of the file.
     // What the header declares, against what the file could hold: readers
     // (the core library's, OpenEXR's deep sample counts, OpenImageIO's)
     // trust a header and would allocate, or loop over, what it says. Every
@@ -253,6 +252,7 @@ private:
         return {};
     }
 
+    // The views of a multi-view part and of every part of the file.
     void readViews(int parts) {
         int32_t count = 0;
         if (exr_attr_get_string_vector(m_context, m_part, "multiView", &count, nullptr) ==
