@@ -1,5 +1,6 @@
 // A 3840x2160 RGBA float rotation by 17 degrees with scale 0.9, bicubic:
-// the affine kernel on one thread, and the whole pipeline on 1 and 2; the
+// the affine kernel on one thread, and the whole pipeline on 1 and 2; a
+// perspective keystone of the same frame, bicubic, on 1 and 2 threads; the
 // same frame resized to half, lanczos3 and cubic, on 1 and 2 threads.
 #include <benchmark/benchmark.h>
 
@@ -56,6 +57,28 @@ void BM_RotatePipeline(benchmark::State& state) {
         kWidth * kHeight / 1e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_RotatePipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// About the centre, w grows by 0.1 across the frame and 0.3 down it: the
+// far corner is reduced, the near one enlarged (as make bench's keystone).
+Imath::Matrix33<float> keystone() {
+    Imath::Matrix33<float> toCentre, tilt, back;
+    toCentre.setTranslation(Imath::V2f(-kWidth / 2.0f, -kHeight / 2.0f));
+    tilt[0][2] = 0.1f / kWidth;
+    tilt[1][2] = 0.3f / kHeight;
+    back.setTranslation(Imath::V2f(kWidth / 2.0f, kHeight / 2.0f));
+    return toCentre * tilt * back;
+}
+
+void BM_PerspectivePipeline(benchmark::State& state) {
+    const int threads = static_cast<int>(state.range(0));
+    bench::setUpPipeline(threads);
+    const TaskPtr graph = createHomTransformTask("keystone", 0, HomTransformParams(), {keystone()},
+                                                 bench::memorySource("frame", source()));
+    for (auto _ : state) bench::renderPipeline(graph, UTIL::Rect(0, 0, kWidth, kHeight));
+    state.counters["Mpix/s/thread"] = benchmark::Counter(
+        kWidth * kHeight / 1e6 * double(state.iterations()) / threads, benchmark::Counter::kIsRate);
+}
+BENCHMARK(BM_PerspectivePipeline)->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 // Arguments: threads, and 0 for lanczos3 or 1 for cubic (Catmull-Rom).
 void BM_ResizePipeline(benchmark::State& state) {

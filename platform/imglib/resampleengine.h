@@ -12,8 +12,9 @@
 
 namespace IMGLIB {
 
-// Weights for one axis of an affine map: the footprint is the same at every
-// pixel, so the taps depend only on the sample's phase within a pixel. One
+// Weights for one axis of a map whose footprint is known (the same at every
+// pixel of an affine map, one of a few rounded ones for a projective map),
+// so the taps depend only on the sample's phase within a pixel. One
 // contiguous table, `stride` weights a phase.
 class PhaseTable {
 public:
@@ -33,6 +34,10 @@ public:
         first = static_cast<int64_t>(base) + m_first[static_cast<size_t>(phase)];
         w = m_weights.data() + phase * m_stride;
         return m_counts[static_cast<size_t>(phase)];
+    }
+    size_t bytes() const {
+        return m_weights.size() * sizeof(float) + m_first.size() * sizeof(int64_t) +
+               m_counts.size() * sizeof(int);
     }
 
 private:
