@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "imglib/rowops.h"
-#include "io/exrzip.h"
+#include "io/exrdecompress.h"
 #include "io/imagefiles.h"
 
 namespace TESSERA {
@@ -314,7 +314,7 @@ private:
         }
         if (r == EXR_ERR_SUCCESS)
             r = exr_decoding_choose_default_routines(m_context, m_part, &pipeline);
-        if (r == EXR_ERR_SUCCESS) inflateZipChunks(pipeline);
+        if (r == EXR_ERR_SUCCESS) chooseDecompressor(pipeline);
         if (r == EXR_ERR_SUCCESS && interleavesFloats(pipeline, layout))
             pipeline.unpack_and_convert_fn = &interleaveFloats;
         if (r == EXR_ERR_SUCCESS) r = exr_decoding_run(m_context, m_part, &pipeline);

@@ -22,6 +22,7 @@
 #include "io/exrattributes.h"
 #include "io/exrcompression.h"
 #include "io/exrparts.h"
+#include "io/exrpiz.h"
 #include "io/exrzip.h"
 #include "io/outputfile.h"
 #include "io/writequeue.h"
@@ -187,6 +188,9 @@ private:
             result = exr_encoding_choose_default_routines(context, part, &pipeline);
         if (m_compression == EXR_COMPRESSION_ZIP || m_compression == EXR_COMPRESSION_ZIPS)
             pipeline.compress_fn = &deflateExrChunk;
+        if (m_compression == EXR_COMPRESSION_PIZ &&
+            codesPiz(pipeline.channels, pipeline.channel_count))
+            pipeline.compress_fn = &encodePizChunk;
         if (result == EXR_ERR_SUCCESS) {
             // The bytes are kept, to go into the file in its order.
             pipeline.write_fn = &ExrTiledFile::keepBytes;

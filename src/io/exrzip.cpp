@@ -2,7 +2,6 @@
 
 #include <libdeflate.h>
 
-#include <atomic>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -44,20 +43,12 @@ struct InflateScratch {
 };
 thread_local InflateScratch t_inflate;
 
-// The library's own decompressor, for the chunks this one leaves to it.
-std::atomic<exr_result_t (*)(exr_decode_pipeline_t*)> s_libraryDecompress{nullptr};
+}  // namespace
 
-// A zip or zips chunk decompressed into the pipeline's unpacked buffer;
-// chunks stored as they are, and whatever this does not expect (deep
-// sample tables, a buffer the library has not yet set up), go to the
-// library's own routine.
-exr_result_t inflateExrChunk(exr_decode_pipeline_t* pipeline) {
+exr_result_t inflateZipChunk(exr_decode_pipeline_t* pipeline) {
     const uint64_t packed = pipeline->chunk.packed_size, size = pipeline->chunk.unpacked_size;
-    if (packed == size || pipeline->sample_count_table || pipeline->packed_sample_count_table ||
-        !pipeline->unpacked_buffer || pipeline->unpacked_alloc_size < size ||
-        !pipeline->packed_buffer || !t_inflate.decompressor)
-        return s_libraryDecompress.load()(pipeline);
     InflateScratch& s = t_inflate;
+    if (!s.decompressor) return EXR_ERR_OUT_OF_MEMORY;
     s.predicted.resize(size);
     size_t produced = 0;
     if (libdeflate_zlib_decompress(s.decompressor.get(), pipeline->packed_buffer, packed,
@@ -66,21 +57,6 @@ exr_result_t inflateExrChunk(exr_decode_pipeline_t* pipeline) {
         return EXR_ERR_CORRUPT_CHUNK;
     unpredictZipBytes(s.predicted.data(), size, static_cast<uint8_t*>(pipeline->unpacked_buffer));
     return EXR_ERR_SUCCESS;
-}
-
-}  // namespace
-
-void inflateZipChunks(exr_decode_pipeline_t& pipeline) {
-    exr_compression_t compression = EXR_COMPRESSION_NONE;
-    if (!pipeline.decompress_fn ||
-        exr_get_compression(pipeline.context, pipeline.part_index, &compression) !=
-            EXR_ERR_SUCCESS ||
-        (compression != EXR_COMPRESSION_ZIP && compression != EXR_COMPRESSION_ZIPS))
-        return;
-    if (pipeline.decompress_fn != &inflateExrChunk) {
-        s_libraryDecompress.store(pipeline.decompress_fn);
-        pipeline.decompress_fn = &inflateExrChunk;
-    }
 }
 
 exr_result_t deflateExrChunk(exr_encode_pipeline_t* pipeline) {

@@ -21,9 +21,9 @@ constexpr int kDefaultZipLevel = 4;
 /// until the thread's next chunk.
 exr_result_t deflateExrChunk(exr_encode_pipeline_t* pipeline);
 
-/// Has zip and zips chunks of `pipeline` decompressed by inflateExrChunk;
-/// call after exr_decoding_choose_default_routines.
-void inflateZipChunks(exr_decode_pipeline_t& pipeline);
+/// Decompresses a zip or zips chunk into the pipeline's unpacked buffer (a
+/// decompress_fn); a damaged chunk is EXR_ERR_CORRUPT_CHUNK.
+exr_result_t inflateZipChunk(exr_decode_pipeline_t* pipeline);
 
 }  // namespace Private
 }  // namespace TESSERA
