@@ -1,5 +1,7 @@
 #include "io/exrpiz.h"
 
+#include "io/exrhuffman.h"
+
 #include <OpenEXR/ImfHuf.h>
 #include <OpenEXR/ImfWav.h>
 
@@ -174,9 +176,7 @@ exr_result_t encodePizChunk(exr_encode_pipeline_t* pipeline) {
     wavelets<true>(pipeline->channels, pipeline->channel_count, width, height, s.planes.data(),
                    largest);
 
-    // The Huffman coder writes without bounds: room for its code table
-    // and for data that does not shrink.
-    s.compressed.resize(4 + kBitmapBytes + 4 + size * 3 / 2 + 65536);
+    s.compressed.resize(4 + kBitmapBytes + 4 + huffmanCompressBound(words));
     uint8_t* out = s.compressed.data();
     writeLE16(out, uint16_t(firstByte));
     writeLE16(out + 2, uint16_t(lastByte));
@@ -186,9 +186,8 @@ exr_result_t encodePizChunk(exr_encode_pipeline_t* pipeline) {
         at += uint64_t(lastByte - firstByte + 1);
     }
     int32_t length = 0;
-    try {
-        length =
-            Imf::hufCompress(s.planes.data(), int(words), reinterpret_cast<char*>(out + at + 4));
+    try {  // nothing may be thrown through the core library
+        length = int32_t(huffmanCompress(s.planes.data(), words, out + at + 4));
     } catch (...) {
         return EXR_ERR_OUT_OF_MEMORY;
     }

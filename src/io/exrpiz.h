@@ -1,8 +1,9 @@
-// EXR's piz chunks coded with the Huffman coder and wavelet of OpenEXR's
-// C++ library (its decoder is table-driven) instead of the core library's,
-// which takes three times as long to decode the same chunks. The chunk
-// format is OpenEXR's: the bitmap of the 16-bit values used, then each
-// channel's planes of words, numbered through the bitmap, wavelet-coded and
+// EXR's piz chunks coded here rather than by OpenEXR's core library, which
+// takes three times as long to decode them: decoded with the table-driven
+// Huffman decoder and the wavelet of OpenEXR's C++ library, encoded with its
+// wavelet and this library's Huffman coder (exrhuffman.h). The chunk format
+// is OpenEXR's: the bitmap of the 16-bit values used, then each channel's
+// planes of words, numbered through the bitmap, wavelet-coded and
 // Huffman-coded.
 #pragma once
 
