@@ -175,7 +175,11 @@ bool mapPoint(const M33& mi, float x, float y, Mapped& out) {
     const float dudy = (mi[1][0] - u * mi[1][2]) * toPlane;
     const float dvdx = (mi[0][1] - v * mi[0][2]) * toPlane;
     const float dvdy = (mi[1][1] - v * mi[1][2]) * toPlane;
-    out = Mapped{u, v, std::sqrt(dudx * dudx + dudy * dudy), std::sqrt(dvdx * dvdx + dvdy * dvdy)};
+    // A filter reads at most kMaxTaps pixels a side whatever the footprint,
+    // so a larger one (near the horizon) only needs to stay a number.
+    constexpr float kWidestFootprint = 1e6f;
+    out = Mapped{u, v, std::min(std::sqrt(dudx * dudx + dudy * dudy), kWidestFootprint),
+                 std::min(std::sqrt(dvdx * dvdx + dvdy * dvdy), kWidestFootprint)};
     return true;
 }
 
