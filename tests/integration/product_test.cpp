@@ -584,6 +584,42 @@ TEST_F(ProductTest, AnInterruptedCommandRemovesItsSwapFilesAndItsOutput) {
             << entry.path();
 }
 
+// Files of every everyday format and depth give the values OpenImageIO's
+// own float read gives, bit for bit, including pictures tall enough to be
+// read in several bands.
+TEST_F(ProductTest, OtherFormatsReadAsOpenImageIOReadsThem) {
+    const int w = 1800, h = 800;  // two bands of rows of floats
+    const std::vector<std::pair<std::string, OIIO::TypeDesc>> files = {
+        {"a.png", OIIO::TypeDesc::UINT8},  {"b.png", OIIO::TypeDesc::UINT16},
+        {"c.tif", OIIO::TypeDesc::UINT16}, {"d.tif", OIIO::TypeDesc::FLOAT},
+        {"e.dpx", OIIO::TypeDesc::UINT16}, {"f.bmp", OIIO::TypeDesc::UINT8},
+        {"g.jpg", OIIO::TypeDesc::UINT8},  {"h.tga", OIIO::TypeDesc::UINT8},
+        {"i.tif", OIIO::TypeDesc::UINT8}};
+    for (const auto& [name, type] : files) {
+        const std::string path = (dir / name).string();
+        const int channels = name == "f.bmp" || name == "g.jpg" || name == "e.dpx" ? 3 : 4;
+        OIIO::ImageSpec spec(w, h, channels, type);
+        std::vector<float> written(size_t(w) * h * size_t(channels));
+        for (size_t i = 0; i < written.size(); ++i) written[i] = float((i * 7919) % 1000) / 999.0f;
+        auto out = OIIO::ImageOutput::create(path);
+        ASSERT_TRUE(out && out->open(path, spec)) << name;
+        ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, written.data())) << name;
+        out->close();
+
+        auto in = OIIO::ImageInput::open(path);
+        ASSERT_TRUE(in) << name;
+        std::vector<float> theirs(size_t(w) * h * size_t(channels));
+        ASSERT_TRUE(in->read_image(0, 0, 0, channels, OIIO::TypeDesc::FLOAT, theirs.data()));
+        const auto ours =
+            renderPixels(createFileInTask("in", 0, FileInParams{path, 0}), Rect(0, 0, w, h), 256);
+        size_t differ = 0;
+        for (size_t p = 0; p < ours.size(); ++p)
+            for (int c = 0; c < channels; ++c)
+                differ += ours[p][c] != theirs[p * size_t(channels) + size_t(c)];
+        EXPECT_EQ(differ, 0u) << name;
+    }
+}
+
 TEST_F(ProductTest, AVeryWideFileIsReadInBoundedBandsOrRefused) {
     // A million pixels wide (4 MB of uint8, tiny once compressed).
     const std::string path = (dir / "wide.png").string();

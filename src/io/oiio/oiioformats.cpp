@@ -91,49 +91,78 @@ public:
     const ImageFileInfo& info() const override { return m_info; }
 
     // Reads every channel as floats, then places them as `layout` says (it
-    // asks for halves only of EXR files, which are not read here).
+    // asks for halves only of EXR files, which are not read here). Scanline
+    // files are read 16 MB of floats at a time, into buffers of ours: a
+    // damaged header can declare rows millions of pixels wide (an 85-byte
+    // BMP made the library allocate 4.6 GB for its 256-row conversion).
     std::string read(const UTIL::Rect& area, const PixelLayout& layout, uint8_t* first,
                      int64_t lineBytes) override {
         const int n = int(m_info.channelNames.size());
-        std::vector<float> pixels(size_t(area.area()) * size_t(n));
-        const int x0 = int(area.xmin), x1 = int(area.xmax), y0 = int(area.ymin),
-                  y1 = int(area.ymax);
-        bool ok;
-        if (m_info.deep) {
-            OIIO::DeepData deep;
-            ok = m_info.tileWidth > 0
-                     ? m_in->read_native_deep_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
-                                                    deep)
-                     : m_in->read_native_deep_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, deep);
-            // Scanline reads cover whole rows: the area is all of them here.
-            if (ok)
-                for (int64_t p = 0; p < int64_t(x1 - x0) * (y1 - y0); ++p)
-                    flattenDeepPixel(deep, p, n, pixels.data() + p * n);
-        } else if (m_info.tileWidth > 0) {
-            ok = m_in->read_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
-                                  OIIO::TypeDesc::FLOAT, pixels.data());
-        } else {
-            ok = m_in->read_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT,
-                                      pixels.data());
-        }
-        if (ok) {
+        const int64_t rowFloats = area.width() * n;
+        const int64_t groupRows =
+            m_info.deep || m_info.tileWidth > 0
+                ? area.height()
+                : std::clamp<int64_t>(kGroupFloats / std::max<int64_t>(rowFloats, 1), 1,
+                                      area.height());
+        std::vector<float> pixels(size_t(groupRows * rowFloats));
+        for (int64_t y = area.ymin; y < area.ymax; y += groupRows) {
+            const UTIL::Rect group(area.xmin, y, area.xmax, std::min(y + groupRows, area.ymax));
+            if (!readFloats(group, n, pixels.data())) {
+                const std::string error = m_in->geterror();
+                return error.empty() ? "the file is damaged" : error;
+            }
             const float* src = pixels.data();
-            for (int64_t y = 0; y < area.height(); ++y) {
-                uint8_t* row = first + y * lineBytes;
+            for (int64_t row = group.ymin; row < group.ymax; ++row) {
+                uint8_t* dst = first + (row - area.ymin) * lineBytes;
                 for (int64_t x = 0; x < area.width(); ++x, src += n)
                     for (int c = 0; c < n; ++c)
                         if (layout.offset[size_t(c)] >= 0)
-                            std::memcpy(row + x * layout.pixelBytes + layout.offset[size_t(c)],
+                            std::memcpy(dst + x * layout.pixelBytes + layout.offset[size_t(c)],
                                         src + c, sizeof(float));
             }
-            return std::string();
         }
-        const std::string error = m_in->geterror();
-        return error.empty() ? "the file is damaged" : error;
+        return std::string();
     }
 
 private:
+    static constexpr int64_t kGroupFloats = int64_t(4) << 20;  // 16 MB
+
+    // `area` of every channel as floats into `pixels`, as the file is laid
+    // out: deep pixels flattened, tiles, or whole rows.
+    bool readFloats(const UTIL::Rect& area, int n, float* pixels) {
+        const int x0 = int(area.xmin), x1 = int(area.xmax), y0 = int(area.ymin),
+                  y1 = int(area.ymax);
+        if (m_info.deep) {
+            OIIO::DeepData deep;
+            const bool ok =
+                m_info.tileWidth > 0
+                    ? m_in->read_native_deep_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
+                                                   deep)
+                    : m_in->read_native_deep_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, deep);
+            // Scanline reads cover whole rows: the area is all of them here.
+            if (ok)
+                for (int64_t p = 0; p < int64_t(x1 - x0) * (y1 - y0); ++p)
+                    flattenDeepPixel(deep, p, n, pixels + p * n);
+            return ok;
+        }
+        if (m_info.tileWidth > 0)
+            return m_in->read_tiles(m_subimage, m_level, x0, x1, y0, y1, 0, 1, 0, n,
+                                    OIIO::TypeDesc::FLOAT, pixels);
+        // The library's converting read allocates 256 rows whatever is asked
+        // for: rows are read as they are stored and converted here.
+        const OIIO::ImageSpec& spec = m_in->spec();
+        if (!spec.channelformats.empty())
+            return m_in->read_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, OIIO::TypeDesc::FLOAT,
+                                        pixels);
+        const size_t values = size_t(area.area()) * size_t(n);
+        m_stored.resize(values * spec.format.size());
+        return m_in->read_native_scanlines(m_subimage, m_level, y0, y1, 0, 0, n, m_stored.data()) &&
+               OIIO::convert_pixel_values(spec.format, m_stored.data(), OIIO::TypeDesc::FLOAT,
+                                          pixels, int(values));
+    }
+
     std::unique_ptr<OIIO::ImageInput> m_in;
+    std::vector<unsigned char> m_stored;  // rows as the file stores them
     int m_subimage, m_level;
     ImageFileInfo m_info;
 };
