@@ -73,14 +73,22 @@ std::unique_ptr<OIIO::ImageInput> openNamedFormat(const std::string& path, std::
     return in;
 }
 
+// A header's windows; an edge may lie beyond 32 bits.
+UTIL::Rect dataWindowOf(const OIIO::ImageSpec& s) {
+    return UTIL::Rect(s.x, s.y, int64_t(s.x) + s.width, int64_t(s.y) + s.height);
+}
+UTIL::Rect displayWindowOf(const OIIO::ImageSpec& s) {
+    return UTIL::Rect(s.full_x, s.full_y, int64_t(s.full_x) + s.full_width,
+                      int64_t(s.full_y) + s.full_height);
+}
+
 class OiioReader final : public ImageReader {
 public:
     OiioReader(std::unique_ptr<OIIO::ImageInput> in, int subimage, int level)
         : m_in(std::move(in)), m_subimage(subimage), m_level(level) {
         const OIIO::ImageSpec& s = m_in->spec();
-        m_info.dataWindow = UTIL::Rect(s.x, s.y, s.x + s.width, s.y + s.height);
-        m_info.displayWindow =
-            UTIL::Rect(s.full_x, s.full_y, s.full_x + s.full_width, s.full_y + s.full_height);
+        m_info.dataWindow = dataWindowOf(s);
+        m_info.displayWindow = displayWindowOf(s);
         for (int c = 0; c < s.nchannels; ++c) m_info.channelNames.push_back(s.channel_name(c));
         m_info.tileWidth = s.tile_width;
         m_info.tileHeight = s.tile_height;
@@ -403,9 +411,8 @@ FileDescription describe(const std::string& path, std::string& error) {
         part.tileHeight = spec.tile_height;
         while (in->seek_subimage(subimage, part.levels)) ++part.levels;
         part.compression = spec.get_string_attribute("compression");
-        part.dataWindow = UTIL::Rect(spec.x, spec.y, spec.x + spec.width, spec.y + spec.height);
-        part.displayWindow = UTIL::Rect(spec.full_x, spec.full_y, spec.full_x + spec.full_width,
-                                        spec.full_y + spec.full_height);
+        part.dataWindow = dataWindowOf(spec);
+        part.displayWindow = displayWindowOf(spec);
         for (int c = 0; c < spec.nchannels; ++c)
             part.channels.push_back({spec.channel_name(c), spec.channelformat(c).c_str()});
         for (const OIIO::ParamValue& p : spec.extra_attribs)
