@@ -1,13 +1,13 @@
 #include "io/exrpiz.h"
 
-#include "io/exrhuffman.h"
-
 #include <OpenEXR/ImfHuf.h>
 #include <OpenEXR/ImfWav.h>
 
 #include <algorithm>
 #include <cstring>
 #include <vector>
+
+#include "io/exrhuffman.h"
 
 namespace TESSERA {
 namespace Private {
