@@ -162,6 +162,11 @@ protected:
     /// Delayed locking: renderRect receives the input buffers unlocked and
     /// locks what it reads (the ImageBuffer overload is called).
     void setRenderLocalLocking(bool localLocking);
+    /// renderRect takes an input image that covers only the input's data
+    /// within the asked rectangle (or none), the input's background colour
+    /// standing for it elsewhere: a tile of the input is then handed over as
+    /// it is instead of being copied into an image of the whole rectangle.
+    void setReadsInputDataOnly(bool dataOnly);
     /// An image of input i's background colour over rect with the given
     /// channels (unlocked): what a missing input stands for.
     ImageBuffer makeBackgroundInputImage(size_t input, uint64_t channels, const UTIL::Rect& rect,

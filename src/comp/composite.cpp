@@ -17,7 +17,8 @@ namespace Private {
 // Two inputs rendered through one IMGLIB operator. A missing input image
 // (nothing of its data, or none of its channels, in the tile) is its
 // background colour: the operator always runs, so a tile's pixels never
-// depend on where the tile grid falls.
+// depend on where the tile grid falls. So is the part of a tile outside an
+// input's data, which lets an input's tile be read where it lies.
 class BaseCompositeTask : public RenderTask {
 public:
     BaseCompositeTask(const std::string& name, float time, std::string type, IMGLIB::BinaryOp op,
@@ -25,6 +26,7 @@ public:
         : RenderTask(name, time), m_type(std::move(type)), m_op(op) {
         registerInputTask(std::move(input0));
         registerInputTask(std::move(input1));
+        setReadsInputDataOnly(true);
     }
 
 protected:

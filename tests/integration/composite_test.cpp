@@ -226,6 +226,29 @@ TEST_F(CompositeTest, EveryOperatorGivesTheSamePixelsWhateverTheTiles) {
     }
 }
 
+TEST_F(CompositeTest, InputsCoveringPartOfATileAreTheirBackgroundBeyondTheirData) {
+    // The inputs' tiles reach the composite as they lie, smaller than its
+    // tiles: every pixel is checked against over's closed form.
+    const Color tint(0.1f, 0.2f, 0.3f, 0.4f);
+    TaskPtr left(new Layer("left", 3, Rect(0, 2, 21, 17), tint));
+    TaskPtr right(new Layer("right", 7, Rect(13, 0, 37, kH)));
+    for (int tile : {64, 16, 5}) {
+        RenderManager::ClearRenderTaskCache();
+        RenderManager::setGlobalTileSize(tile, tile);
+        const std::vector<float> got = render(composite(COMPOSITE_OVER, left, right));
+        for (int y = 0; y < kH; ++y)
+            for (int x = 0; x < kW; ++x) {
+                const Color fg = x < 21 && y >= 2 && y < 17 ? Layer::at(3, x, y) : tint;
+                const Color bg = x >= 13 && x < 37 ? Layer::at(7, x, y) : Color(0, 0, 0, 0);
+                const float want[4] = {fg.r + bg.r * (1 - fg.a), fg.g + bg.g * (1 - fg.a),
+                                       fg.b + bg.b * (1 - fg.a), fg.a + bg.a * (1 - fg.a)};
+                for (int c = 0; c < 4; ++c)
+                    ASSERT_NEAR(got[(static_cast<size_t>(y) * kW + x) * 4 + c], want[c], 1e-6f)
+                        << "tile " << tile << " pixel " << x << "," << y << " channel " << c;
+            }
+    }
+}
+
 TEST_F(CompositeTest, ChannelsBeyondRGBAComeFromTheInputThatHasThem) {
     const uint64_t rgbaz = IMGLIB::CHANNELS_RGBA | IMGLIB::CHANNEL_Z;
     auto depth = [](float base) {

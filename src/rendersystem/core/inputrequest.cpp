@@ -13,7 +13,7 @@ InputRequest::InputRequest(RenderTask::Imp* input, uint64_t channels)
 std::unique_ptr<InputRequest> InputRequest::create(RenderTask::Imp* input, uint64_t channels,
                                                    IMGLIB::ExtendMethod method,
                                                    bool extendWithOverscan,
-                                                   const UTIL::Rect& displayRect) {
+                                                   const UTIL::Rect& displayRect, bool dataOnly) {
     switch (method) {
         case IMGLIB::EXTEND_CLAMP:
             return std::make_unique<ClampInputRequest>(input, channels, extendWithOverscan,
@@ -22,7 +22,7 @@ std::unique_ptr<InputRequest> InputRequest::create(RenderTask::Imp* input, uint6
             return std::make_unique<MirroredInputRequest>(input, channels, extendWithOverscan,
                                                           displayRect);
         default:
-            return std::make_unique<ColorInputRequest>(input, channels);
+            return std::make_unique<ColorInputRequest>(input, channels, dataOnly);
     }
 }
 
@@ -62,6 +62,9 @@ ImageBuffer InputRequest::assemble(const UTIL::Rect& rect,
     return image;
 }
 
+ColorInputRequest::ColorInputRequest(RenderTask::Imp* input, uint64_t channels, bool dataOnly)
+    : InputRequest(input, channels), m_dataOnly(dataOnly) {}
+
 UTIL::Rect ColorInputRequest::requiredInputRect(const UTIL::Rect& requested) const {
     return requested.intersection(dataRegion().boundingBox());
 }
@@ -70,8 +73,9 @@ ImageBuffer ColorInputRequest::buildImage(const UTIL::Rect& requested,
                                           const std::vector<ImageBuffer>& tileImages) const {
     // Nothing of the data is asked for: the consumer sees a missing input,
     // which stands for the input's background colour.
-    if (requiredInputRect(requested).isNull()) return ImageBuffer();
-    return assemble(requested, tileImages, true);
+    const UTIL::Rect required = requiredInputRect(requested);
+    if (required.isNull()) return ImageBuffer();
+    return assemble(m_dataOnly ? required : requested, tileImages, true);
 }
 
 }  // namespace Private

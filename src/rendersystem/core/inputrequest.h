@@ -37,11 +37,12 @@ public:
 
     // The request for an ExtendMethod: 1 clamps, 2 mirrors, anything else
     // fills with the background colour (the overscan flag and rectangle are
-    // then not kept).
+    // then not kept; with dataOnly, the consumer's images hold only the
+    // input's data).
     static std::unique_ptr<InputRequest> create(RenderTask::Imp* input, uint64_t channels,
                                                 IMGLIB::ExtendMethod method,
                                                 bool extendWithOverscan,
-                                                const UTIL::Rect& displayRect);
+                                                const UTIL::Rect& displayRect, bool dataOnly);
 
 protected:
     // An image of `rect`: the background colour outside the input's data,
@@ -57,14 +58,19 @@ protected:
     Imath::Color4<float> m_backgroundColor;
 };
 
-// Outside the input's data: the input's background colour.
+// Outside the input's data: the input's background colour. With dataOnly
+// the consumer reads that colour itself, and its image covers only the
+// input's data within what it asked.
 class ColorInputRequest : public InputRequest {
 public:
-    using InputRequest::InputRequest;
+    ColorInputRequest(RenderTask::Imp* input, uint64_t channels, bool dataOnly = false);
     ImageBuffer buildImage(const UTIL::Rect& requested,
                            const std::vector<ImageBuffer>& tileImages) const override;
     // requested within the bounding box of the input's data.
     UTIL::Rect requiredInputRect(const UTIL::Rect& requested) const override;
+
+private:
+    bool m_dataOnly;
 };
 
 // Outside the input's data: pixels made up from the data's edge. Without

@@ -64,7 +64,8 @@ void RenderNode::addInputRequest(size_t inputID, uint64_t channels, IMGLIB::Exte
     RenderNode& input = *m_inputs[inputID];
     channels = IMGLIB::ValidateChannelMask(channels);
     m_inputRequests[inputID] =
-        InputRequest::create(&input.m_imp, channels, method, extendWithOverscan, inputDisplayRect);
+        InputRequest::create(&input.m_imp, channels, method, extendWithOverscan, inputDisplayRect,
+                             m_imp.m_readsInputDataOnly);
     input.requireOutputChannels(channels);
 }
 

@@ -199,6 +199,10 @@ void RenderTask::setRenderLocalLocking(bool localLocking) {
     m_renderLocalLocking = localLocking;
 }
 
+void RenderTask::setReadsInputDataOnly(bool dataOnly) {
+    imp().m_readsInputDataOnly = dataOnly;
+}
+
 ImageBuffer RenderTask::makeBackgroundInputImage(size_t input, uint64_t channels,
                                                  const UTIL::Rect& rect,
                                                  const std::string& comment) {

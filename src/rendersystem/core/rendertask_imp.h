@@ -105,6 +105,7 @@ public:
     std::string m_compressedCacheID;
     std::string m_parameterCacheID;
 
+    bool m_readsInputDataOnly = false;  // see RenderTask::setReadsInputDataOnly
     bool m_caching = true;
     bool m_diskCacheEnabled = true;
     bool m_sampleRateIsSet = false;
