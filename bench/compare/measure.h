@@ -17,7 +17,7 @@ int64_t peakResidentBytes();
 void resetPeakResident();
 
 // Streaming read and write of `bytes` (out = in * k over two buffers of
-// that size) on `threads` threads: bytes moved per second, the median of
+// that size) on `threads` threads: bytes moved per second, the best of
 // `runs`.
 double streamingBandwidth(size_t bytes, int threads, int runs);
 
