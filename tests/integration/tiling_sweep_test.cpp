@@ -28,20 +28,11 @@ namespace {
 // the file is read through tiles of its own; with it off, its consumers
 // read it directly.
 std::vector<float> render(const Graph& graph, int tile, int threads, bool cache) {
-    RenderManager::setGlobalTileSize(tile, tile);
-    RenderManager::setRenderThreads(uint64_t(threads));
     RenderManager::setSpeculativeCachingEnable(cache);
-    RenderManager::clearSpeculativeCache();
-    auto observer = make<RecordingObserver>();
-    RenderManager::Render({graph.outputs[0].description}, observer, nullptr, true,
-                          RENDERTYPE_BATCH);
-    EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
     std::vector<float> pixels;
-    for (int64_t y = kSweepRender.ymin; y < kSweepRender.ymax; ++y)
-        for (int64_t x = kSweepRender.xmin; x < kSweepRender.xmax; ++x) {
-            const Imath::Color4<float> c = observer->pixel(0, x, y);
-            pixels.insert(pixels.end(), {c.r, c.g, c.b, c.a});
-        }
+    for (const Imath::Color4<float>& c :
+         renderOnThreads(graph.outputs[0].description, tile, threads))
+        pixels.insert(pixels.end(), {c.r, c.g, c.b, c.a});
     return pixels;
 }
 

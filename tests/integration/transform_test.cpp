@@ -136,26 +136,12 @@ TEST_F(TransformTest, ProjectiveTilesAndThreadsGiveTheSameBits) {
     keystone[0][2] = 0.006f;
     keystone[1][2] = 0.004f;
     TaskPtr t = createHomTransformTask("keystone", 0, HomTransformParams(), {keystone}, field);
-    const Rect rect(-10, -10, 110, 90);
-    auto render = [&](int tile, int threads) {
-        RenderManager::setGlobalTileSize(tile, tile);
-        RenderManager::setRenderThreads(uint64_t(threads));
-        RenderManager::clearSpeculativeCache();
-        auto observer = make<RecordingObserver>();
-        RenderManager::Render({RenderDescription(t, rect, IMGLIB::CHANNELS_RGBA)}, observer,
-                              nullptr, true, RENDERTYPE_BATCH);
-        EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
-        std::vector<Color> pixels;
-        for (int64_t y = rect.ymin; y < rect.ymax; ++y)
-            for (int64_t x = rect.xmin; x < rect.xmax; ++x)
-                pixels.push_back(observer->pixel(0, x, y));
-        return pixels;
-    };
+    const RenderDescription output(t, Rect(-10, -10, 110, 90), IMGLIB::CHANNELS_RGBA);
     TESSERA::testing::withinSeconds(120, "the projective tiling", [&] {
-        const std::vector<Color> whole = render(4096, 1);
+        const std::vector<Color> whole = renderOnThreads(output, 4096, 1);
         for (int tile : {16, 37, 64, 4096})
             for (int threads : {1, 2, 4})
-                EXPECT_EQ(render(tile, threads), whole) << tile << " " << threads;
+                EXPECT_EQ(renderOnThreads(output, tile, threads), whole) << tile << " " << threads;
     });
     RenderManager::setRenderThreads(2);
 }

@@ -1,5 +1,7 @@
 #include "support/serial_render.h"
 
+#include <gtest/gtest.h>
+
 #include "imglib/error.h"
 #include "imglib/pixels.h"
 #include "util/exceptions.h"
@@ -54,6 +56,21 @@ std::vector<Imath::Color4<float>> renderPixels(const TaskPtr& task, const UTIL::
     RenderManager::clearSpeculativeCache();
     auto observer = RCX_ptr_v4::ref_ptr<CollectingObserver>(new CollectingObserver);
     renderSerially({RenderOutput{task, rect, IMGLIB::CHANNELS_RGBA, 0}}, observer);
+    std::vector<Imath::Color4<float>> pixels;
+    for (int64_t y = rect.ymin; y < rect.ymax; ++y)
+        for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));
+    return pixels;
+}
+
+std::vector<Imath::Color4<float>> renderOnThreads(const RenderDescription& output, int tileSize,
+                                                  int threads) {
+    RenderManager::setGlobalTileSize(tileSize, tileSize);
+    RenderManager::setRenderThreads(uint64_t(threads));
+    RenderManager::clearSpeculativeCache();
+    auto observer = RCX_ptr_v4::ref_ptr<RecordingObserver>(new RecordingObserver);
+    RenderManager::Render({output}, observer, nullptr, true, RENDERTYPE_BATCH);
+    EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
+    const UTIL::Rect& rect = output.rect;
     std::vector<Imath::Color4<float>> pixels;
     for (int64_t y = rect.ymin; y < rect.ymax; ++y)
         for (int64_t x = rect.xmin; x < rect.xmax; ++x) pixels.push_back(observer->pixel(0, x, y));

@@ -75,6 +75,12 @@ size_t renderSerially(const std::vector<RenderOutput>& outputs,
 std::vector<Imath::Color4<float>> renderPixels(const TaskPtr& task, const UTIL::Rect& rect,
                                                int tileSize);
 
+// Renders one output through the render manager on `threads` workers with
+// square tiles of `tileSize` (the tile cache emptied first), expects it to
+// succeed and returns its pixels, row by row.
+std::vector<Imath::Color4<float>> renderOnThreads(const RenderDescription& output, int tileSize,
+                                                  int threads);
+
 // The assertion a call raises, as "EXPRESSION @ SOURCE", or "no assertion".
 std::string assertionText(const std::function<void()>& call);
 
