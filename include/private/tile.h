@@ -84,8 +84,12 @@ public:
 
     // Rendering (driven by a tile job).
     // The image a new render of this tile writes: output channels, the
-    // tile's rect.
+    // tile's rect; for a final tile inside its output's destination, a
+    // view of the destination.
     ImageBuffer createImage();
+    // The tile's image is a view of its output's destination, which the
+    // host owns: it is never kept past the render.
+    bool inDestination() const;
     void setImage(const ImageBuffer& image);
     bool hasImage() const;
     // The consumer's input images, built by each input's request from the
@@ -119,6 +123,7 @@ private:
     DynamicBitSet m_finalTilesBitSet;
     size_t m_outputIndex = 0;
     bool m_final = false;
+    bool m_inDestination = false;
 
     static std::atomic<uint64_t> s_liveTiles;
 };

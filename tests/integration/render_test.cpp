@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <random>
 #include <thread>
 
 #include "imglib/pixels.h"
 #include "private/tile.h"
+#include "renderimage.h"
 #include "rendersystem/core/rendercontroller.h"
 #include "rendersystem/images/imageallocator.h"
 #include "support/serial_render.h"
@@ -97,6 +99,64 @@ TEST_F(RenderTest, TiledThreadedRendersEqualTheOneTileOneThreadRender) {
             EXPECT_EQ(renderAll(buildGraph("t"), rect, tileSize, threads), reference)
                 << "tile " << tileSize << " threads " << threads;
         }
+}
+
+// An output given the host's memory has its tiles rendered there: the
+// observer is handed views of it, the pixels are the observer render's,
+// and no tile of it is kept once the render is over (the host may free
+// the memory). Tiles the cache already holds are copied in.
+TEST_F(RenderTest, AnOutputWithADestinationIsRenderedInItAndNotKept) {
+    const Rect rect(-8, -8, 100, 75);
+    const std::vector<Color> reference = renderAll(buildGraph("ref"), rect, 1024, 1);
+    RenderManager::setGlobalTileSize(32, 32);
+    RenderManager::setRenderThreads(2);
+    const TaskPtr graph = buildGraph("dest");
+    const std::vector<RenderDescription> outputs{
+        RenderDescription(graph, rect, IMGLIB::CHANNELS_RGBA)};
+    // Rows padded by one pixel; the pixels the host reads back, and how
+    // many of the observer's tiles were views of its memory.
+    const auto render = [&](bool cacheFirst) {
+        const int64_t stride = (rect.width() + 1) * 4;
+        std::vector<float> host(size_t(stride * rect.height()), -1.0f);
+        IMGLIB::Image destination;
+        destination.channels = IMGLIB::CHANNELS_RGBA;
+        destination.x1 = rect.xmin, destination.y1 = rect.ymin;
+        destination.x2 = rect.xmax, destination.y2 = rect.ymax;
+        destination.rowBytes = stride * int64_t(sizeof(float));
+        destination.pixelPtr = host.data();
+        if (cacheFirst) renderAll(graph, rect, 32, 2);
+        auto observer = make<RecordingObserver>();
+        Private::RenderController::get(RENDERTYPE_BATCH)
+            .render(outputs, observer, nullptr, true, false, {}, false, {destination});
+        EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
+        size_t inPlace = 0;
+        for (ImageBuffer& tile : observer->tiles[0]) {
+            ImageBuffer_LockScoper lock(tile);
+            const auto* p = static_cast<const float*>(tile.getImage()->pixelPtr);
+            if (p >= host.data() && p < host.data() + host.size()) ++inPlace;
+        }
+        std::vector<Color> pixels;
+        for (int64_t y = 0; y < rect.height(); ++y)
+            for (int64_t x = 0; x < rect.width(); ++x) {
+                const float* p = &host[size_t(y * stride + x * 4)];
+                pixels.emplace_back(p[0], p[1], p[2], p[3]);
+            }
+        EXPECT_EQ(host[size_t(stride - 1)], -1.0f);  // the padding
+        return std::make_pair(pixels, std::make_pair(inPlace, observer->tiles[0].size()));
+    };
+    // 32-pixel tiles over [-8, 100) x [-8, 75): 5 columns, 4 rows.
+    const auto first = render(false);
+    EXPECT_EQ(first.first, reference);
+    EXPECT_EQ(first.second, std::make_pair(size_t(20), size_t(20)));
+    // The first buffer is gone: a tile of it kept would be read after free.
+    const auto second = render(false);
+    EXPECT_EQ(second.first, reference);
+    EXPECT_EQ(second.second, std::make_pair(size_t(20), size_t(20)));
+    // Tiles the cache holds are its own (renderInto copies them in).
+    EXPECT_EQ(render(true).second, std::make_pair(size_t(0), size_t(20)));
+    const RenderedImage copied = renderImage(graph, rect, IMGLIB::CHANNELS_RGBA);
+    EXPECT_EQ(std::memcmp(copied.pixels.data(), reference.data(), copied.pixels.size() * 4), 0);
+    EXPECT_EQ(renderAll(graph, rect, 32, 2), reference);
 }
 
 TEST_F(RenderTest, ATileWantedByTwoConsumersRendersOnceOverTheUnion) {

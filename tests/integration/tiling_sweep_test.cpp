@@ -1,7 +1,8 @@
 // Tiling never changes a pixel: every operation a graph file may use,
 // rendered with tile sizes from 16 to the full frame on 1, 2 and 4 threads,
 // gives the same bits, whether the file source is read through tiles or
-// directly by its consumers.
+// directly by its consumers, and whether the output's tiles are handed to
+// an observer or rendered in the host's buffer.
 #include <gtest/gtest.h>
 
 #include <OpenImageIO/imageio.h>
@@ -36,6 +37,37 @@ std::vector<float> render(const Graph& graph, int tile, int threads, bool cache)
     return pixels;
 }
 
+// The same, rendered by renderInto straight into a host's buffer whose
+// rows are padded and start off the allocator's alignment, as a host's
+// frame may be laid out.
+std::vector<float> renderInPlace(const Graph& graph, int tile, int threads) {
+    const RenderDescription& output = graph.outputs[0].description;
+    EXPECT_EQ(output.channels, IMGLIB::CHANNELS_RGBA);
+    const int64_t width = output.rect.width(), height = output.rect.height();
+    const int64_t stride = width * 4 + 3;
+    std::vector<float> host(size_t(stride * height + 1), -7.0f);
+    IMGLIB::Image destination;
+    destination.channels = IMGLIB::CHANNELS_RGBA;
+    destination.x1 = output.rect.xmin, destination.y1 = output.rect.ymin;
+    destination.x2 = output.rect.xmax, destination.y2 = output.rect.ymax;
+    destination.rowBytes = stride * int64_t(sizeof(float));
+    destination.pixelPtr = host.data() + 1;
+    RenderManager::setGlobalTileSize(tile, tile);
+    RenderManager::setRenderThreads(uint64_t(threads));
+    // The cache emptied: tiles it kept would be copied in, not rendered there.
+    RenderManager::clearSpeculativeCache();
+    renderInto(output.task, destination);
+    std::vector<float> pixels;
+    bool outsideKept = host[0] == -7.0f;
+    for (int64_t y = 0; y < height; ++y) {
+        const float* row = host.data() + 1 + y * stride;
+        pixels.insert(pixels.end(), row, row + width * 4);
+        outsideKept = outsideKept && row[width * 4] == -7.0f && row[width * 4 + 2] == -7.0f;
+    }
+    EXPECT_TRUE(outsideKept) << "a pixel outside the destination's rows was written";
+    return pixels;
+}
+
 }  // namespace
 
 TEST(TilingSweep, EveryOperationGivesTheSameBitsForEveryTileSizeAndThreadCount) {
@@ -62,6 +94,12 @@ TEST(TilingSweep, EveryOperationGivesTheSameBitsForEveryTileSizeAndThreadCount) 
                               0)
                         << op.name << ": tile " << tile << ", " << threads << " threads";
                 }
+            for (int tile : {37, 4096}) {
+                const std::vector<float> got = renderInPlace(graph, tile, 2);
+                ASSERT_EQ(got.size(), reference.size());
+                ASSERT_EQ(std::memcmp(got.data(), reference.data(), got.size() * sizeof(float)), 0)
+                    << op.name << ": rendered in place, tile " << tile;
+            }
         }
     });
     RenderManager::setGlobalTileSize(256, 256);

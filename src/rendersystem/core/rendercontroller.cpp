@@ -222,7 +222,8 @@ uint64_t RenderController::sleepMicroseconds() {
 void RenderController::render(const std::vector<RenderDescription>& outputs,
                               const RenderObserverPtr& observer,
                               const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
-                              const std::function<bool()>& poll, bool waitTurn) {
+                              const std::function<bool()>& poll, bool waitTurn,
+                              const std::vector<IMGLIB::Image>& destinations) {
     if (!observer) throw UTIL::ErrorException("Render: no RenderObserver given");
     ActiveRenderPtr render(new ActiveRender);
     render->controller = this;
@@ -254,7 +255,7 @@ void RenderController::render(const std::vector<RenderDescription>& outputs,
             renderOutputs.push_back(
                 RenderOutput{outputs[i].task, outputs[i].rect, outputs[i].channels, i});
         }
-        std::unique_ptr<RenderPlan> plan = RenderPlan::setUp(renderOutputs);
+        std::unique_ptr<RenderPlan> plan = RenderPlan::setUp(renderOutputs, destinations);
         {
             std::lock_guard<std::mutex> lock(render->mutex);
             render->plan = std::move(plan);

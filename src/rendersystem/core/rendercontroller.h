@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "imglib/image.h"
 #include "outputtileprioritizer.h"
 #include "renderdescription.h"
 #include "renderobserver.h"
@@ -108,9 +109,14 @@ public:
     // the order such renders came (polling the while; cancelled, it throws
     // RenderCancelledException), instead of throwing "There is already a
     // render in progress"; from inside a render's own work it still throws.
+    // An output with a destination (its index in `destinations`, pixels
+    // given) has its tiles rendered in that memory where they lie wholly
+    // inside it (see RenderPlan::destination); the observer still gets
+    // every tile.
     void render(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
                 const OutputTilePrioritizerPtr& prioritizer, bool wait, bool analysis,
-                const std::function<bool()>& poll = {}, bool waitTurn = false);
+                const std::function<bool()>& poll = {}, bool waitTurn = false,
+                const std::vector<IMGLIB::Image>& destinations = {});
     void reprioritize(const OutputTilePrioritizerPtr& prioritizer);
     // Queued tiles are dropped, running ones finish or notice (CheckAbort).
     void cancel(bool wait);

@@ -14,8 +14,8 @@
 namespace TESSERA {
 namespace {
 
-// Copies each delivered tile into the destination; tiles cover disjoint
-// parts of it, so the copies need no lock.
+// Copies each delivered tile into the destination, unless it was rendered
+// there; tiles cover disjoint parts of it, so the copies need no lock.
 class CopyingObserver : public RenderObserver {
 public:
     CopyingObserver(const IMGLIB::Image& destination, std::string task)
@@ -24,10 +24,21 @@ public:
     void tileDone(const ImageBuffer& tile, const OutputTileID&) override {
         ImageBuffer image = tile;
         ImageBuffer_LockScoper lock(image);
-        Private::checkImglib(IMGLIB::CopyInto(&m_destination, image.getImage()), m_task);
+        const IMGLIB::Image* pixels = image.getImage();
+        if (isInDestination(*pixels)) return;
+        Private::checkImglib(IMGLIB::CopyInto(&m_destination, pixels), m_task);
     }
 
 private:
+    bool isInDestination(const IMGLIB::Image& pixels) const {
+        const IMGLIB::Image& d = m_destination;
+        return pixels.channels == d.channels && pixels.rowBytes == d.rowBytes &&
+               pixels.x1 >= d.x1 && pixels.y1 >= d.y1 && pixels.x2 <= d.x2 && pixels.y2 <= d.y2 &&
+               pixels.pixelPtr ==
+                   d.row(pixels.y1) +
+                       (pixels.x1 - d.x1) * int64_t(IMGLIB::GetChannelCount(d.channels));
+    }
+
     const IMGLIB::Image m_destination;
     const std::string m_task;
 };
@@ -55,10 +66,10 @@ private:
     std::atomic<uint64_t> m_done{0};
 };
 
-}  // namespace
-
-void renderOutputs(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
-                   const RenderOptions& options) {
+// renderOutputs, with the memory each output's tiles are rendered in
+// (none for an output past the end of destinations).
+void renderAndWait(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
+                   const RenderOptions& options, const std::vector<IMGLIB::Image>& destinations) {
     if (!observer) throw UTIL::ErrorException("renderOutputs: no RenderObserver given");
     RCX_ptr_v4::ref_ptr<CountingObserver> counting(new CountingObserver(observer));
     RenderProgress progress;
@@ -80,8 +91,15 @@ void renderOutputs(const std::vector<RenderDescription>& outputs, const RenderOb
                 report();
                 return !(options.cancel && options.cancel->load());
             },
-            true);
+            true, destinations);
     report();
+}
+
+}  // namespace
+
+void renderOutputs(const std::vector<RenderDescription>& outputs, const RenderObserverPtr& observer,
+                   const RenderOptions& options) {
+    renderAndWait(outputs, observer, options, {});
 }
 
 void renderInto(const TaskPtr& task, const IMGLIB::Image& destination,
@@ -96,8 +114,9 @@ void renderInto(const TaskPtr& task, const IMGLIB::Image& destination,
                                    std::to_string(destination.rowBytes) +
                                    " hold less than a row of the destination");
     const UTIL::Rect rect(destination.x1, destination.y1, destination.x2, destination.y2);
-    renderOutputs({RenderDescription(task, rect, destination.channels)},
-                  RenderObserverPtr(new CopyingObserver(destination, task->getName())), options);
+    renderAndWait({RenderDescription(task, rect, destination.channels)},
+                  RenderObserverPtr(new CopyingObserver(destination, task->getName())), options,
+                  {destination});
 }
 
 IMGLIB::Image RenderedImage::image() {

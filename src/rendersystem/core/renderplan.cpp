@@ -182,14 +182,15 @@ RenderNode& RenderPlan::nodeFor(const TaskPtr& task) {
     return *findNode(task->imp());
 }
 
-std::unique_ptr<RenderPlan> RenderPlan::setUp(const std::vector<RenderOutput>& requested) {
+std::unique_ptr<RenderPlan> RenderPlan::setUp(const std::vector<RenderOutput>& requested,
+                                              const std::vector<IMGLIB::Image>& destinations) {
     auto plan = std::make_unique<RenderPlan>();
     std::vector<RenderOutput> outputs = requested;
     {
         std::lock_guard<std::mutex> lock(s_setUpMutex);
         plan->describeAndReshape(outputs);
     }
-    plan->build(outputs);
+    plan->build(outputs, destinations);
     return plan;
 }
 
@@ -229,7 +230,8 @@ void RenderPlan::describeAndReshape(std::vector<RenderOutput>& outputs) {
     }
 }
 
-void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
+void RenderPlan::build(const std::vector<RenderOutput>& outputs,
+                       const std::vector<IMGLIB::Image>& destinations) {
     // Nodes are made inputs first, from the outputs: their order is a
     // depth-first one.
     for (const RenderOutput& output : outputs) nodeFor(output.task);
@@ -254,6 +256,8 @@ void RenderPlan::build(const std::vector<RenderOutput>& outputs) {
         OutputState& state = *m_outputs[output.outputIndex];
         RenderNode& node = nodeFor(output.task);
         state.taskName = node.name();
+        if (output.outputIndex < destinations.size())
+            state.destination = destinations[output.outputIndex];
         UTIL_ASSERT_TEXT(node.m_outputTaskCount == 0, "m_outputTaskCount == 0");
         node.requireOutputChannels(output.channels);
         node.checkTileGrid(output.rect, "Render: output " + std::to_string(output.outputIndex));
@@ -332,6 +336,13 @@ bool RenderPlan::outputTileDelivered(size_t outputIndex) {
 uint64_t RenderPlan::outputTileCount(size_t outputIndex) const {
     return outputIndex < m_outputs.size() && m_outputs[outputIndex] ? m_outputs[outputIndex]->tiles
                                                                     : 0;
+}
+
+const IMGLIB::Image& RenderPlan::destination(size_t outputIndex) const {
+    static const IMGLIB::Image none;
+    return outputIndex < m_outputs.size() && m_outputs[outputIndex]
+               ? m_outputs[outputIndex]->destination
+               : none;
 }
 
 std::string RenderPlan::undeliveredOutputs() const {

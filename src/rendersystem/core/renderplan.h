@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "imglib/image.h"
 #include "private/tile.h"
 #include "rendersystem/core/rendernode.h"
 #include "rendertask.h"
@@ -47,7 +48,10 @@ public:
     RenderPlan(const RenderPlan&) = delete;
     RenderPlan& operator=(const RenderPlan&) = delete;
 
-    static std::unique_ptr<RenderPlan> setUp(const std::vector<RenderOutput>& outputs);
+    // destinations[i], when given with pixels, is the host's memory output
+    // i's pixels go to: its tiles inside it are rendered there, not copied.
+    static std::unique_ptr<RenderPlan> setUp(const std::vector<RenderOutput>& outputs,
+                                             const std::vector<IMGLIB::Image>& destinations = {});
     // Cuts the links of every tile, ends every task's session and lets the
     // tasks go. Idempotent.
     void end();
@@ -71,6 +75,9 @@ public:
     // and task that did not.
     std::string undeliveredOutputs() const;
     uint64_t outputTileCount(size_t outputIndex) const;
+    // The memory an output's tiles are rendered in (no pixels when the host
+    // gave none). Set before any tile renders, constant afterwards.
+    const IMGLIB::Image& destination(size_t outputIndex) const;
 
     std::vector<TilePtr> readyTiles;  // can render now
     std::vector<TilePtr> finalTiles;  // index = the tile's final-tile bit
@@ -81,9 +88,11 @@ private:
         std::string taskName;
         uint64_t tiles = 0;
         std::atomic<uint64_t> delivered{0};
+        IMGLIB::Image destination;
     };
     void describeAndReshape(std::vector<RenderOutput>& outputs);
-    void build(const std::vector<RenderOutput>& outputs);
+    void build(const std::vector<RenderOutput>& outputs,
+               const std::vector<IMGLIB::Image>& destinations);
 
     int64_t m_id = 0;
     int m_tileWidth;

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <sstream>
 
+#include "imglib/error.h"
+#include "imglib/pixels.h"
 #include "private/pixelview.h"
 #include "rendersystem/core/inputrequest.h"
 #include "rendersystem/core/rendernode.h"
+#include "rendersystem/core/renderplan.h"
 #include "rendersystem/images/imageallocator.h"
 #include "rendersystem/images/imagebuffer_imp.h"
 #include "rendersystem/images/speculativecache.h"
@@ -189,8 +192,28 @@ ImageBuffer Tile::createImage() {
     std::ostringstream comment;
     comment << "TileImage :" << m_task->name() << "_" << m_tileID.xIndex() << "_"
             << m_tileID.yIndex();
-    m_image = ImageBuffer(m_task->requiredOutputChannels(), m_rect, comment.str());
+    const uint64_t channels = m_task->requiredOutputChannels();
+    if (m_final) {
+        // The host's memory takes the pixels where the tile lies inside it:
+        // no block to allocate and no copy to hand over.
+        const IMGLIB::Image& destination = m_task->plan().destination(m_outputIndex);
+        const UTIL::Rect bounds(destination.x1, destination.y1, destination.x2, destination.y2);
+        IMGLIB::Image view;
+        if (destination.pixelPtr && destination.channels == channels && bounds.contains(m_rect) &&
+            IMGLIB::GetSubImage(&destination, m_rect.xmin, m_rect.ymin, m_rect.xmax, m_rect.ymax,
+                                &view) == IMGLIB::ERROR_NONE) {
+            m_image = ImageBufferAccess::view(view, nullptr, comment.str());
+            m_inDestination = true;
+            return m_image;
+        }
+    }
+    m_image = ImageBuffer(channels, m_rect, comment.str());
     return m_image;
+}
+
+bool Tile::inDestination() const {
+    Lock lock(m_mutex);
+    return m_inDestination;
 }
 
 void Tile::setImage(const ImageBuffer& image) {

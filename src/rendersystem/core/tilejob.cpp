@@ -47,7 +47,7 @@ void TileJob::run() {
             }
             seconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            if (imp.m_caching) {
+            if (imp.m_caching && !tile.inDestination()) {
                 CacheDataPtr data(new CacheData);
                 data->cacheID = imp.m_compressedCacheID;
                 data->tileID = tile.getTileID();
