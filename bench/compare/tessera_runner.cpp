@@ -1,5 +1,5 @@
-// The workloads as Tessera graphs: memory sources, the factories, and an
-// observer copying each finished tile into the output.
+// The workloads as Tessera graphs: memory sources, the factories, and a
+// blocking render whose tiles are rendered in the output's pixels.
 #include "runners.h"
 
 #include "../bench_support.h"
@@ -7,7 +7,7 @@
 #include "compositetasks.h"
 #include "filtertasks.h"
 #include "geometrytasks.h"
-#include "imagebuffer.h"
+#include "renderimage.h"
 #include "rendermanager.h"
 #include "transformtasks.h"
 
@@ -16,20 +16,6 @@ namespace {
 
 using namespace TESSERA;
 using Color = Imath::Color4<float>;
-
-class CopyObserver : public RenderObserver {
-public:
-    explicit CopyObserver(Picture& out) : m_out(out) {}
-    // Tiles cover disjoint parts of the output: no lock needed.
-    void tileDone(const ImageBuffer& tile, const OutputTileID&) override {
-        ImageBuffer image = tile;
-        ImageBuffer_LockScoper lock(image);
-        IMGLIB::CopyInto(&m_out.image, image.getImage());
-    }
-
-private:
-    Picture& m_out;
-};
 
 // The workloads' steps as Tessera tasks.
 struct Steps {
@@ -102,29 +88,36 @@ struct Steps {
 
 class TesseraRunner : public Runner {
 public:
-    std::string name() const override { return "Tessera"; }
+    explicit TesseraRunner(TileShape shape) : m_shape(shape) {}
+    std::string name() const override {
+        return m_shape == TileShape::Strip ? "Tessera, strips" : "Tessera";
+    }
     void setThreads(int threads) override { RenderManager::setRenderThreads(uint64_t(threads)); }
     void run(Workload workload, const Inputs& inputs, Picture& out) override {
         // Every run renders from the sources: no tile of an earlier run is kept.
         RenderManager::setSpeculativeCachingEnable(false);
+        if (m_shape == TileShape::Strip)
+            RenderManager::setGlobalTileSize(out.width, kStripRows);
+        else
+            RenderManager::setGlobalTileSize(kSquareTile, kSquareTile);
         RenderManager::ClearRenderTaskCache();
         const TaskPtr a = bench::memorySource("a", inputs.a.image);
         const TaskPtr b = bench::memorySource("b", inputs.b.image);
         Steps steps{inputs.b.width, inputs.b.height};
         const TaskPtr graph = compose(workload, steps, a, b);
-        const RenderObserverPtr observer(new CopyObserver(out));
-        RenderManager::Render(
-            {RenderDescription(graph,
-                               UTIL::Rect(out.x0, out.y0, out.x0 + out.width, out.y0 + out.height),
-                               IMGLIB::CHANNELS_RGBA)},
-            observer, nullptr, true, RENDERTYPE_BATCH);
+        renderInto(graph, out.image);
     }
+
+private:
+    static constexpr int64_t kSquareTile = 256;  // the engine's default
+    static constexpr int64_t kStripRows = 16;    // a strip holds about a square tile's pixels
+    const TileShape m_shape;
 };
 
 }  // namespace
 
-std::unique_ptr<Runner> makeTesseraRunner() {
-    return std::make_unique<TesseraRunner>();
+std::unique_ptr<Runner> makeTesseraRunner(TileShape shape) {
+    return std::make_unique<TesseraRunner>(shape);
 }
 
 }  // namespace compare

@@ -45,6 +45,10 @@ double framesMoved(Workload workload) {
     }
 }
 
+bool memoryBound(Workload workload) {
+    return workload == Workload::Over || workload == Workload::Flip || workload == Workload::Crop;
+}
+
 Area outputArea(Workload workload, int64_t width, int64_t height) {
     switch (workload) {
         case Workload::ResizeLanczos:

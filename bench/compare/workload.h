@@ -28,6 +28,8 @@ constexpr std::array<Workload, 10> kWorkloads = {
 const char* workloadName(Workload workload);
 // Frames the workload must read and write (a frame being one input).
 double framesMoved(Workload workload);
+// Whether the workload is bound by memory traffic, not arithmetic.
+bool memoryBound(Workload workload);
 
 // The geometry workloads: resize to half size (1920x1080 from 3840x2160)
 // with lanczos3 or a cubic (Catmull-Rom), edges clamped; flip top to
