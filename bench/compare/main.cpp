@@ -163,8 +163,8 @@ int main(int argc, char** argv) try {
                     std::cerr << "  agreement: " << result.agreement.maxAbs << " max, "
                               << result.agreement.meanAbs << " mean\n";
             }
+        if (!memoryBound(workload)) continue;
         for (int threads : threadCounts) {
-            if (!memoryBound(workload)) break;
             strips->setThreads(threads);
             Result result = measure(*strips, workload, inputs, output, options.runs);
             result.agreement = compare::compare(reference, output);
@@ -248,9 +248,9 @@ int main(int argc, char** argv) try {
           "squares' by the largest difference shown):\n\n"
        << "| workload | threads | squares ms | % of ceiling | strips ms | % of ceiling | "
           "difference |\n|---|---|---|---|---|---|---|\n";
-    for (Workload workload : kWorkloads)
+    for (Workload workload : kWorkloads) {
+        if (!memoryBound(workload)) continue;
         for (int threads : threadCounts) {
-            if (!memoryBound(workload)) continue;
             const double moved = framesMoved(workload) * double(a.bytes());
             const double square = results[threads][workload][0].seconds;
             const Result& strip = stripResults[threads][workload];
@@ -261,6 +261,7 @@ int main(int argc, char** argv) try {
                << fixed(100.0 * moved / strip.seconds / bandwidth[threads], 0) << " | "
                << scientific(strip.agreement.maxAbs) << " |\n";
         }
+    }
 
     const int last = threadCounts.back();
     md << "\n## Peak memory\n\nResident memory a run adds above what was resident before it "

@@ -116,18 +116,12 @@ TEST_F(RenderTest, AnOutputWithADestinationIsRenderedInItAndNotKept) {
     // Rows padded by one pixel; the pixels the host reads back, and how
     // many of the observer's tiles were views of its memory.
     const auto render = [&](bool cacheFirst) {
-        const int64_t stride = (rect.width() + 1) * 4;
-        std::vector<float> host(size_t(stride * rect.height()), -1.0f);
-        IMGLIB::Image destination;
-        destination.channels = IMGLIB::CHANNELS_RGBA;
-        destination.x1 = rect.xmin, destination.y1 = rect.ymin;
-        destination.x2 = rect.xmax, destination.y2 = rect.ymax;
-        destination.rowBytes = stride * int64_t(sizeof(float));
-        destination.pixelPtr = host.data();
+        const HostFrame frame(rect, 4, 0, -1.0f);
+        const std::vector<float>& host = frame.buffer;
         if (cacheFirst) renderAll(graph, rect, 32, 2);
         auto observer = make<RecordingObserver>();
         Private::RenderController::get(RENDERTYPE_BATCH)
-            .render(outputs, observer, nullptr, true, false, {}, false, {destination});
+            .render(outputs, observer, nullptr, true, false, {}, false, {frame.image});
         EXPECT_EQ(observer->status, RenderStatus::Success) << observer->message;
         size_t inPlace = 0;
         for (ImageBuffer& tile : observer->tiles[0]) {
@@ -136,12 +130,12 @@ TEST_F(RenderTest, AnOutputWithADestinationIsRenderedInItAndNotKept) {
             if (p >= host.data() && p < host.data() + host.size()) ++inPlace;
         }
         std::vector<Color> pixels;
-        for (int64_t y = 0; y < rect.height(); ++y)
+        for (int64_t y = rect.ymin; y < rect.ymax; ++y)
             for (int64_t x = 0; x < rect.width(); ++x) {
-                const float* p = &host[size_t(y * stride + x * 4)];
+                const float* p = frame.row(y) + x * 4;
                 pixels.emplace_back(p[0], p[1], p[2], p[3]);
             }
-        EXPECT_EQ(host[size_t(stride - 1)], -1.0f);  // the padding
+        EXPECT_EQ(host[size_t(frame.stride - 1)], -1.0f);  // the padding
         return std::make_pair(pixels, std::make_pair(inPlace, observer->tiles[0].size()));
     };
     // 32-pixel tiles over [-8, 100) x [-8, 75): 5 columns, 4 rows.

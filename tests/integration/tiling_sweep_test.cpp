@@ -43,24 +43,17 @@ std::vector<float> render(const Graph& graph, int tile, int threads, bool cache)
 std::vector<float> renderInPlace(const Graph& graph, int tile, int threads) {
     const RenderDescription& output = graph.outputs[0].description;
     EXPECT_EQ(output.channels, IMGLIB::CHANNELS_RGBA);
-    const int64_t width = output.rect.width(), height = output.rect.height();
-    const int64_t stride = width * 4 + 3;
-    std::vector<float> host(size_t(stride * height + 1), -7.0f);
-    IMGLIB::Image destination;
-    destination.channels = IMGLIB::CHANNELS_RGBA;
-    destination.x1 = output.rect.xmin, destination.y1 = output.rect.ymin;
-    destination.x2 = output.rect.xmax, destination.y2 = output.rect.ymax;
-    destination.rowBytes = stride * int64_t(sizeof(float));
-    destination.pixelPtr = host.data() + 1;
+    const HostFrame frame(output.rect, 3, 1, -7.0f);
     RenderManager::setGlobalTileSize(tile, tile);
     RenderManager::setRenderThreads(uint64_t(threads));
     // The cache emptied: tiles it kept would be copied in, not rendered there.
     RenderManager::clearSpeculativeCache();
-    renderInto(output.task, destination);
+    renderInto(output.task, frame.image);
+    const int64_t width = output.rect.width();
     std::vector<float> pixels;
-    bool outsideKept = host[0] == -7.0f;
-    for (int64_t y = 0; y < height; ++y) {
-        const float* row = host.data() + 1 + y * stride;
+    bool outsideKept = frame.buffer[0] == -7.0f;
+    for (int64_t y = output.rect.ymin; y < output.rect.ymax; ++y) {
+        const float* row = frame.row(y);
         pixels.insert(pixels.end(), row, row + width * 4);
         outsideKept = outsideKept && row[width * 4] == -7.0f && row[width * 4 + 2] == -7.0f;
     }

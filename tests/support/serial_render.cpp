@@ -77,6 +77,17 @@ std::vector<Imath::Color4<float>> renderOnThreads(const RenderDescription& outpu
     return pixels;
 }
 
+HostFrame::HostFrame(const UTIL::Rect& rect, int64_t pad, int64_t offset, float fill)
+    : rect(rect),
+      stride(rect.width() * 4 + pad),
+      offset(offset),
+      buffer(size_t(offset + stride * rect.height()), fill) {
+    image.channels = IMGLIB::CHANNELS_RGBA;
+    image.x1 = rect.xmin, image.y1 = rect.ymin, image.x2 = rect.xmax, image.y2 = rect.ymax;
+    image.rowBytes = stride * int64_t(sizeof(float));
+    image.pixelPtr = buffer.data() + offset;
+}
+
 std::string assertionText(const std::function<void()>& call) {
     try {
         call();

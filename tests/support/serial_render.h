@@ -81,6 +81,20 @@ std::vector<Imath::Color4<float>> renderPixels(const TaskPtr& task, const UTIL::
 std::vector<Imath::Color4<float>> renderOnThreads(const RenderDescription& output, int tileSize,
                                                   int threads);
 
+// A host's RGBA frame over `rect`, its rows padded by `pad` floats and its
+// first pixel `offset` floats into the buffer, as a host's frame may be
+// laid out; every float starts as `fill`.
+struct HostFrame {
+    HostFrame(const UTIL::Rect& rect, int64_t pad, int64_t offset, float fill);
+    // Row y of the frame (from rect.ymin), its first pixel.
+    const float* row(int64_t y) const { return buffer.data() + offset + (y - rect.ymin) * stride; }
+
+    UTIL::Rect rect;
+    int64_t stride, offset;  // in floats
+    std::vector<float> buffer;
+    IMGLIB::Image image;  // the frame's record, for renderInto
+};
+
 // The assertion a call raises, as "EXPRESSION @ SOURCE", or "no assertion".
 std::string assertionText(const std::function<void()>& call);
 
